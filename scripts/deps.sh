@@ -1,0 +1,17 @@
+#!/usr/bin/env bash
+# Installs the build dependencies on a Debian machine when they are missing.
+set -euo pipefail
+need=()
+command -v cmake >/dev/null || need+=(cmake)
+command -v g++ >/dev/null || need+=(g++)
+command -v make >/dev/null || need+=(make)
+command -v pkg-config >/dev/null || need+=(pkg-config)
+for pkg in libgtest-dev libbenchmark-dev libpng-dev libjpeg-dev; do
+  dpkg -s "$pkg" >/dev/null 2>&1 || need+=("$pkg")
+done
+if [ ${#need[@]} -gt 0 ]; then
+  SUDO=""
+  [ "$(id -u)" -ne 0 ] && SUDO=sudo
+  $SUDO apt-get update -q
+  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -q "${need[@]}"
+fi

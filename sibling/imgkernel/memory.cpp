@@ -1,0 +1,119 @@
+// The family's allocator: zero-filled blocks with a header that carries the
+// calling line and file, per-thread tracking of live blocks and per-thread
+// fault injection.
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "imgkernel.h"
+
+namespace {
+
+// Blocks are 64-byte aligned so that row buffers suit any vector width.
+constexpr std::size_t kAlign = 64;
+
+struct Tracker;
+
+struct alignas(kAlign) BlockHeader {
+  std::size_t size;
+  const wchar_t *file;
+  int32_t line;
+  uint32_t magic;
+  BlockHeader *prev;  // links of the tracking thread's list
+  BlockHeader *next;
+  Tracker *tracker;   // null when allocated while tracking was off
+};
+static_assert(sizeof(BlockHeader) == kAlign);
+constexpr uint32_t kMagic = 0x494D474Bu;  // "IMGK"
+
+struct Tracker {
+  bool enabled = false;
+  BlockHeader *head = nullptr;
+  uint64_t count = 0;
+  uint64_t bytes = 0;
+  uint32_t failCountdown = 0;
+};
+
+Tracker &ThreadTracker() {
+  thread_local Tracker tracker;
+  return tracker;
+}
+
+void Unlink(BlockHeader *h) {
+  Tracker *t = h->tracker;
+  if (!t) return;
+  if (h->prev) h->prev->next = h->next;
+  else t->head = h->next;
+  if (h->next) h->next->prev = h->prev;
+  t->count--;
+  t->bytes -= h->size;
+  h->tracker = nullptr;
+}
+
+}  // namespace
+
+extern "C" {
+
+IMG_API void *AllocZeroed(size_t count, size_t size, int32_t line, const wchar_t *file) {
+  Tracker &t = ThreadTracker();
+  if (t.failCountdown > 0 && --t.failCountdown == 0) return nullptr;
+  if (size != 0 && count > (SIZE_MAX - 2 * kAlign) / size) return nullptr;
+  const std::size_t bytes = count * size;
+  const std::size_t total = sizeof(BlockHeader) + ((bytes + kAlign - 1) & ~(kAlign - 1));
+  void *raw = std::aligned_alloc(kAlign, total);
+  if (!raw) return nullptr;
+  std::memset(raw, 0, total);
+  auto *h = static_cast<BlockHeader *>(raw);
+  h->size = bytes;
+  h->file = file;
+  h->line = line;
+  h->magic = kMagic;
+  if (t.enabled) {
+    h->tracker = &t;
+    h->next = t.head;
+    if (t.head) t.head->prev = h;
+    t.head = h;
+    t.count++;
+    t.bytes += bytes;
+  }
+  return h + 1;
+}
+
+IMG_API void FreeMemory(void *memory, int32_t, const wchar_t *) {
+  if (!memory) return;
+  BlockHeader *h = static_cast<BlockHeader *>(memory) - 1;
+  if (h->magic != kMagic) std::abort();  // not ours, or freed twice
+  h->magic = 0;
+  Unlink(h);
+  std::free(h);
+}
+
+IMG_API void CopyMemory(void *destination, const void *source, size_t bytes) {
+  if (bytes) std::memmove(destination, source, bytes);
+}
+
+IMG_API void FillMemory(void *destination, int32_t value, size_t bytes) {
+  if (bytes) std::memset(destination, value, bytes);
+}
+
+IMG_API void TrackAllocations(int32_t enable) { ThreadTracker().enabled = enable != 0; }
+
+IMG_API void GetAllocationStats(uint64_t *liveCount, uint64_t *liveBytes) {
+  const Tracker &t = ThreadTracker();
+  if (liveCount) *liveCount = t.count;
+  if (liveBytes) *liveBytes = t.bytes;
+}
+
+IMG_API uint32_t GetLiveAllocations(AllocationInfo *out, uint32_t max) {
+  const Tracker &t = ThreadTracker();
+  uint32_t i = 0;
+  for (const BlockHeader *h = t.head; h && out && i < max; h = h->next, ++i)
+    out[i] = AllocationInfo{h + 1, h->size, h->line, h->file};
+  return static_cast<uint32_t>(t.count);
+}
+
+IMG_API void SetAllocationFailure(uint32_t nth) { ThreadTracker().failCountdown = nth; }
+
+IMG_API uint32_t GetAllocationFailureCountdown(void) { return ThreadTracker().failCountdown; }
+
+}  // extern "C"
