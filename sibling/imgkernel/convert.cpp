@@ -29,11 +29,14 @@ struct Wide {
 struct RowFormat {
   Kind kind = Kind::Invalid;
   int32_t bits = 0;
-  bool bgr = true;                       // colour sample order
-  const PaletteEntry *palette = nullptr; // palette kinds
-  int32_t grayLow = 0;                   // gray kinds: lowest significant bit
-  int32_t grayBits = 8;                  // gray kinds: significant bits
+  bool bgr = true;                        // colour sample order
+  const PaletteEntry *palette = nullptr;  // palette kinds
+  int32_t grayLow = 0;                    // gray kinds: lowest significant bit
+  int32_t grayBits = 8;                   // gray kinds: significant bits
 };
+
+// 12-bit gray is stored in 16-bit words.
+int32_t StorageBits(int32_t bits) { return bits == 12 ? 16 : bits; }
 
 int32_t StorageGrayBits(Kind k) { return k == Kind::Gray8 ? 8 : k == Kind::Gray12 ? 12 : 16; }
 
@@ -90,10 +93,18 @@ void PackIndicesT(const uint8_t *indices, int32_t x0, int32_t n, uint8_t *row) {
 
 void PackIndices(int32_t bits, const uint8_t *indices, int32_t x0, int32_t n, uint8_t *row) {
   switch (bits) {
-    case 1: PackIndicesT<1>(indices, x0, n, row); break;
-    case 2: PackIndicesT<2>(indices, x0, n, row); break;
-    case 4: PackIndicesT<4>(indices, x0, n, row); break;
-    default: PackIndicesT<8>(indices, x0, n, row); break;
+    case 1:
+      PackIndicesT<1>(indices, x0, n, row);
+      break;
+    case 2:
+      PackIndicesT<2>(indices, x0, n, row);
+      break;
+    case 4:
+      PackIndicesT<4>(indices, x0, n, row);
+      break;
+    default:
+      PackIndicesT<8>(indices, x0, n, row);
+      break;
   }
 }
 
@@ -104,10 +115,18 @@ void UnpackIndicesT(const uint8_t *row, int32_t n, uint8_t *indices) {
 
 void UnpackIndices(int32_t bits, const uint8_t *row, int32_t n, uint8_t *indices) {
   switch (bits) {
-    case 1: UnpackIndicesT<1>(row, n, indices); break;
-    case 2: UnpackIndicesT<2>(row, n, indices); break;
-    case 4: UnpackIndicesT<4>(row, n, indices); break;
-    default: UnpackIndicesT<8>(row, n, indices); break;
+    case 1:
+      UnpackIndicesT<1>(row, n, indices);
+      break;
+    case 2:
+      UnpackIndicesT<2>(row, n, indices);
+      break;
+    case 4:
+      UnpackIndicesT<4>(row, n, indices);
+      break;
+    default:
+      UnpackIndicesT<8>(row, n, indices);
+      break;
   }
 }
 
@@ -138,15 +157,25 @@ void DecodeRow(const RowFormat &f, const uint8_t *row, int32_t x0, int32_t n, Wi
   switch (f.kind) {
     case Kind::Palette:
       switch (f.bits) {
-        case 1: DecodePaletteT<1>(row, x0, n, f.palette, out); break;
-        case 2: DecodePaletteT<2>(row, x0, n, f.palette, out); break;
-        case 4: DecodePaletteT<4>(row, x0, n, f.palette, out); break;
-        default: DecodePaletteT<8>(row, x0, n, f.palette, out); break;
+        case 1:
+          DecodePaletteT<1>(row, x0, n, f.palette, out);
+          break;
+        case 2:
+          DecodePaletteT<2>(row, x0, n, f.palette, out);
+          break;
+        case 4:
+          DecodePaletteT<4>(row, x0, n, f.palette, out);
+          break;
+        default:
+          DecodePaletteT<8>(row, x0, n, f.palette, out);
+          break;
       }
       break;
     case Kind::Gray8:
     case Kind::Gray12:
-    case Kind::Gray16: DecodeGray(f, row, x0, n, out); break;
+    case Kind::Gray16:
+      DecodeGray(f, row, x0, n, out);
+      break;
     case Kind::Color16: {
       const uint8_t *p = row + 2 * static_cast<size_t>(x0);
       for (int32_t i = 0; i < n; ++i, p += 2) {
@@ -181,7 +210,8 @@ void DecodeRow(const RowFormat &f, const uint8_t *row, int32_t x0, int32_t n, Wi
                       step == 8 ? img::Load16(p + 6) : uint16_t{0}};
       break;
     }
-    default: break;
+    default:
+      break;
   }
 }
 
@@ -212,7 +242,8 @@ void EncodeRow(const RowFormat &f, const Wide *in, int32_t x0, int32_t n, uint8_
     }
     case Kind::Color16: {
       uint8_t *p = row + 2 * static_cast<size_t>(x0);
-      for (int32_t i = 0; i < n; ++i, p += 2) img::Store16(p, img::Pack555(in[i].b >> 8, in[i].g >> 8, in[i].r >> 8));
+      for (int32_t i = 0; i < n; ++i, p += 2)
+        img::Store16(p, img::Pack555(in[i].b >> 8, in[i].g >> 8, in[i].r >> 8));
       break;
     }
     case Kind::Color24:
@@ -244,7 +275,8 @@ void EncodeRow(const RowFormat &f, const Wide *in, int32_t x0, int32_t n, uint8_
       }
       break;
     }
-    default: break;
+    default:
+      break;
   }
 }
 
@@ -275,7 +307,8 @@ void MapDithered(const uint8_t *bgr, int32_t n, img::PaletteMatcher &matcher, co
     const int32_t b = Clamp255(bgr[0] + c[0] / 16);
     const int32_t g = Clamp255(bgr[1] + c[1] / 16);
     const int32_t r = Clamp255(bgr[2] + c[2] / 16);
-    const uint32_t index = matcher.Nearest(static_cast<uint8_t>(b), static_cast<uint8_t>(g), static_cast<uint8_t>(r));
+    const uint32_t index =
+        matcher.Nearest(static_cast<uint8_t>(b), static_cast<uint8_t>(g), static_cast<uint8_t>(r));
     indices[i] = static_cast<uint8_t>(index);
     const int32_t err[3] = {b - pal[index].Blue, g - pal[index].Green, r - pal[index].Red};
     int32_t *d = next + 3 * (i + 1);
@@ -350,8 +383,8 @@ class ColorCollector {
 struct Target {
   Kind kind = Kind::Invalid;
   int32_t bits = 0;
-  int32_t order = ORDER_BGR;  // as stored: 0, 1 or 2
-  bool grayIfAllGray = false; // 8-bit palette target that becomes gray when every pixel is
+  int32_t order = ORDER_BGR;   // as stored: 0, 1 or 2
+  bool grayIfAllGray = false;  // 8-bit palette target that becomes gray when every pixel is
 };
 
 int32_t ResolveTarget(Kind source, int32_t bits, int32_t order, bool explicitPalette, Target *t) {
@@ -360,14 +393,19 @@ int32_t ResolveTarget(Kind source, int32_t bits, int32_t order, bool explicitPal
   if (order == ORDER_GRAY) {
     t->order = ORDER_GRAY;
     t->kind = img::KindOf(bits, ORDER_GRAY);
-    return (t->kind == Kind::Gray8 || t->kind == Kind::Gray12 || t->kind == Kind::Gray16) ? RC_SUCCESS
-                                                                                          : RC_INVALID_PARAMETER;
+    return (t->kind == Kind::Gray8 || t->kind == Kind::Gray12 || t->kind == Kind::Gray16)
+               ? RC_SUCCESS
+               : RC_INVALID_PARAMETER;
   }
   const bool forced = order == ORDER_BGR_COLOR || order == ORDER_BGR_COLOR_WIDE;
   if (!forced && order != ORDER_RGB && order != ORDER_BGR) return RC_INVALID_PARAMETER;
   t->order = forced ? ORDER_BGR : order;
   switch (bits) {
-    case 1: case 2: case 4: t->kind = Kind::Palette; break;
+    case 1:
+    case 2:
+    case 4:
+      t->kind = Kind::Palette;
+      break;
     case 8:
       if (!forced && grayish) {
         t->kind = Kind::Gray8;
@@ -380,12 +418,23 @@ int32_t ResolveTarget(Kind source, int32_t bits, int32_t order, bool explicitPal
       if (forced) return RC_INVALID_PARAMETER;
       t->kind = Kind::Gray12;
       break;
-    case 16: t->kind = (!forced && grayish) ? Kind::Gray16 : Kind::Color16; break;
-    case 24: t->kind = Kind::Color24; break;
-    case 32: t->kind = Kind::Color32; break;
-    case 48: t->kind = Kind::Color48; break;
-    case 64: t->kind = Kind::Color64; break;
-    default: return RC_INVALID_PARAMETER;
+    case 16:
+      t->kind = (!forced && grayish) ? Kind::Gray16 : Kind::Color16;
+      break;
+    case 24:
+      t->kind = Kind::Color24;
+      break;
+    case 32:
+      t->kind = Kind::Color32;
+      break;
+    case 48:
+      t->kind = Kind::Color48;
+      break;
+    case 64:
+      t->kind = Kind::Color64;
+      break;
+    default:
+      return RC_INVALID_PARAMETER;
   }
   if (img::IsGrayKind(t->kind)) t->order = ORDER_GRAY;
   return RC_SUCCESS;
@@ -406,14 +455,15 @@ RowFormat SourceFormat(const BitmapRecord *b, Kind kind, PaletteEntry *rampSpace
       f.palette = rampSpace;
     }
   }
-  if (img::IsGrayKind(kind) && !SetGrayBits(&f, b->SignificantLowBit, b->SignificantHighBit)) SetGrayBits(&f, 0, -1);
+  if (img::IsGrayKind(kind) && !SetGrayBits(&f, b->SignificantLowBit, b->SignificantHighBit))
+    SetGrayBits(&f, 0, -1);
   return f;
 }
 
 int32_t Convert(BitmapRecord *src, BitmapRecord *dst, uint32_t structSize, Kind srcKind, Target t,
                 const PaletteEntry *explicitPalette, int32_t explicitCount) {
   const int32_t width = src->Width, height = src->Height;
-  const uint64_t line = img::StoredRowBytes(width, t.bits);
+  const uint64_t line = img::StoredRowBytes(width, StorageBits(t.bits));
   if (line == 0 || line > UINT32_MAX) return RC_INVALID_PARAMETER;
   const uint64_t bytes = line * static_cast<uint64_t>(height);
 
@@ -425,9 +475,18 @@ int32_t Convert(BitmapRecord *src, BitmapRecord *dst, uint32_t structSize, Kind 
   int32_t dither = 0, choice = 0;
   img::KernelSettings(&dither, &choice);
 
-  // Palette source widened to a deeper palette: indices and colours stay.
-  const bool keepIndices = t.kind == Kind::Palette && srcKind == Kind::Palette && !explicitPalette &&
-                           t.bits >= src->BitsPerPixel;
+  // Palette source to another palette depth: indices and colours stay when
+  // every index used fits the new depth (always so when it grows).
+  bool keepIndices = t.kind == Kind::Palette && srcKind == Kind::Palette && !explicitPalette;
+  if (keepIndices && t.bits < src->BitsPerPixel) {
+    IMG_BUFFER(uint8_t, used, static_cast<size_t>(width));
+    if (!used) return RC_NO_MEMORY;
+    const uint32_t limit = 1u << t.bits;
+    for (int32_t y = 0; y < height && keepIndices; ++y) {
+      UnpackIndices(src->BitsPerPixel, img::StoredRow(src, y), width, used.get());
+      for (int32_t x = 0; x < width && keepIndices; ++x) keepIndices = used[x] < limit;
+    }
+  }
   bool exact = keepIndices;
 
   // One pass over the image when the result depends on its colours.
@@ -470,7 +529,8 @@ int32_t Convert(BitmapRecord *src, BitmapRecord *dst, uint32_t structSize, Kind 
     if (!pal || !indices) return RC_NO_MEMORY;
     const int32_t capacity = 1 << t.bits;
     if (keepIndices) {
-      std::memcpy(pal.get(), in.palette, sizeof(PaletteEntry) * (1u << src->BitsPerPixel));
+      const int32_t kept = t.bits < src->BitsPerPixel ? t.bits : src->BitsPerPixel;
+      std::memcpy(pal.get(), in.palette, sizeof(PaletteEntry) * (1u << kept));
     } else if (explicitPalette) {
       paletteCount = explicitCount < capacity ? explicitCount : capacity;
       std::memcpy(pal.get(), explicitPalette, sizeof(PaletteEntry) * paletteCount);
@@ -607,15 +667,29 @@ int32_t RowSourceFormat(int32_t bits, int32_t order, const PaletteEntry *palette
   f->bits = bits;
   f->bgr = img::IsBgrOrder(order);
   switch (bits) {
-    case 1: case 2: case 4: f->kind = Kind::Palette; break;
-    case 8: f->kind = gray ? Kind::Gray8 : Kind::Palette; break;
-    case 12: f->kind = Kind::Gray12; break;
-    case 16: f->kind = gray ? Kind::Gray16 : Kind::Color16; break;
-    case 24: case 32: case 48: case 64:
+    case 1:
+    case 2:
+    case 4:
+      f->kind = Kind::Palette;
+      break;
+    case 8:
+      f->kind = gray ? Kind::Gray8 : Kind::Palette;
+      break;
+    case 12:
+      f->kind = Kind::Gray12;
+      break;
+    case 16:
+      f->kind = gray ? Kind::Gray16 : Kind::Color16;
+      break;
+    case 24:
+    case 32:
+    case 48:
+    case 64:
       if (!img::IsColorOrder(order)) return RC_INVALID_PARAMETER;
       f->kind = img::KindOf(bits, order);
       break;
-    default: return RC_INVALID_PARAMETER;
+    default:
+      return RC_INVALID_PARAMETER;
   }
   if (f->kind == Kind::Palette) {
     if (palette) {
@@ -637,15 +711,29 @@ int32_t RowTargetFormat(int32_t bits, int32_t order, const PaletteEntry *palette
   f->bits = bits;
   f->bgr = img::IsBgrOrder(order);
   switch (bits) {
-    case 1: case 2: case 4: f->kind = Kind::Palette; break;
-    case 8: f->kind = (order == ORDER_GRAY || !palette) ? Kind::Gray8 : Kind::Palette; break;
-    case 12: f->kind = Kind::Gray12; break;
-    case 16: f->kind = order == ORDER_GRAY ? Kind::Gray16 : Kind::Color16; break;
-    case 24: case 32: case 48: case 64:
+    case 1:
+    case 2:
+    case 4:
+      f->kind = Kind::Palette;
+      break;
+    case 8:
+      f->kind = (order == ORDER_GRAY || !palette) ? Kind::Gray8 : Kind::Palette;
+      break;
+    case 12:
+      f->kind = Kind::Gray12;
+      break;
+    case 16:
+      f->kind = order == ORDER_GRAY ? Kind::Gray16 : Kind::Color16;
+      break;
+    case 24:
+    case 32:
+    case 48:
+    case 64:
       if (!img::IsColorOrder(order)) return RC_INVALID_PARAMETER;
       f->kind = img::KindOf(bits, order);
       break;
-    default: return RC_INVALID_PARAMETER;
+    default:
+      return RC_INVALID_PARAMETER;
   }
   if (f->kind == Kind::Palette) {
     if (palette) {
@@ -678,20 +766,22 @@ IMG_API int32_t ConvertBitmapDepth(BitmapRecord *bitmap, int32_t bitsPerPixel) {
   const Kind kind = img::KindOf(bitmap);
   const bool grayish = kind == Kind::Gray8 || kind == Kind::Gray12 || kind == Kind::Gray16;
   int32_t order = ORDER_BGR;
-  if (bitsPerPixel == 12 || (grayish && (bitsPerPixel == 8 || bitsPerPixel == 16))) order = ORDER_GRAY;
+  if (bitsPerPixel == 12 || (grayish && (bitsPerPixel == 8 || bitsPerPixel == 16)))
+    order = ORDER_GRAY;
   else if (bitsPerPixel >= 24 && (bitmap->ColorOrder == ORDER_RGB || bitmap->ColorOrder == ORDER_BGR))
     order = bitmap->ColorOrder;
   return ConvertChecked(bitmap, bitmap, bitmap->StructSize, bitsPerPixel, order, nullptr, 0);
 }
 
 IMG_API int32_t ConvertRowBuffer(void *buffer, int32_t width, int32_t sourceBits, int32_t destinationBits,
-                                 int32_t sourceOrder, int32_t destinationOrder, const PaletteEntry *sourcePalette,
-                                 const PaletteEntry *destinationPalette, uint32_t flags, int32_t lowBit,
-                                 int32_t highBit) {
+                                 int32_t sourceOrder, int32_t destinationOrder,
+                                 const PaletteEntry *sourcePalette, const PaletteEntry *destinationPalette,
+                                 uint32_t flags, int32_t lowBit, int32_t highBit) {
   if (!buffer || width < 1) return RC_INVALID_PARAMETER;
   PaletteEntry sourceRamp[256], targetRamp[256];
   RowFormat in, out;
-  int32_t status = RowSourceFormat(sourceBits, sourceOrder, sourcePalette, flags, lowBit, highBit, sourceRamp, &in);
+  int32_t status =
+      RowSourceFormat(sourceBits, sourceOrder, sourcePalette, flags, lowBit, highBit, sourceRamp, &in);
   if (status != RC_SUCCESS) return status;
   status = RowTargetFormat(destinationBits, destinationOrder, destinationPalette, targetRamp, &out);
   if (status != RC_SUCCESS) return status;

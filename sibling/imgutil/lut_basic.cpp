@@ -35,7 +35,8 @@ IMG_API void ShiftLutForSigned(int32_t *table, uint32_t length) {
   reverse(k, length);
 }
 
-IMG_API void FillLutSegment(int32_t first, int32_t last, int32_t firstValue, int32_t lastValue, int32_t *table) {
+IMG_API void FillLutSegment(int32_t first, int32_t last, int32_t firstValue, int32_t lastValue,
+                            int32_t *table) {
   if (!table || last <= first) return;
   const int64_t span = static_cast<int64_t>(last) - first;
   const int64_t rise = static_cast<int64_t>(lastValue) - firstValue;

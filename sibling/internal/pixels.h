@@ -45,8 +45,10 @@ inline Kind KindOf(const BitmapRecord *b) { return KindOf(b->BitsPerPixel, b->Co
 inline bool IsGrayKind(Kind k) { return k == Kind::Gray8 || k == Kind::Gray12 || k == Kind::Gray16 || k == Kind::Gray32; }
 
 // Bytes of one stored row: padded to a multiple of 4; 0 on overflow.
+// 12-bit gray samples are stored in 16-bit words.
 inline uint64_t StoredRowBytes(int32_t width, int32_t bits) {
   if (width <= 0 || bits <= 0) return 0;
+  if (bits == 12) bits = 16;
   const uint64_t rowBits = static_cast<uint64_t>(width) * static_cast<uint64_t>(bits);
   return ((rowBits + 31) / 32) * 4;
 }

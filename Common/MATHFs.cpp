@@ -1,0 +1,160 @@
+// Mathematical curves on samples (square, logarithm, root, sine, cosine) and
+// the colour count.
+//
+// The curve is tabulated once over all sample values of the row converter's
+// depth and then applied row by row to every sample of the pixels in the
+// region's bounds; the converter writes back only what lies in the region.
+#include "MATHFs.h"
+
+#include <cmath>
+
+#include "family.h"
+#include "frame.h"
+#include "imgcolor.h"
+
+namespace img {
+
+static constexpr const wchar_t *kSourceFile = L"Common/MATHFs";
+
+void BuildMathFunctionLut(int32_t *table, int32_t depth, uint32_t function, uint32_t factor) {
+  const bool wide = depth == 16;
+  const uint32_t count = wide ? 65536u : 256u;
+  const double m = static_cast<double>(count);
+  const double top = m - 1.0;
+  const double f = static_cast<double>(factor);
+  double k = 0.0;
+  switch (function) {
+    case MATHFUNC_SQUARE:
+      k = wide ? f / 2560000.0 : f / 10000.0;
+      break;
+    case MATHFUNC_LOG:
+      k = wide ? f * 128.0 / 10.0 : f / 10.0;
+      break;
+    case MATHFUNC_ROOT:
+      k = wide ? f : f / 16.0;
+      break;
+    default:
+      k = wide ? f / 25600.0 : f / 100.0;
+      break;  // sine, cosine
+  }
+  for (uint32_t i = 0; i < count; ++i) {
+    const double x = static_cast<double>(i);
+    double v = 0.0;
+    switch (function) {
+      case MATHFUNC_SQUARE:
+        v = x * x * k;
+        break;
+      case MATHFUNC_LOG:
+        v = std::log(x) * k;
+        break;
+      case MATHFUNC_ROOT:
+        v = std::sqrt(x) * k;
+        break;
+      case MATHFUNC_SINE:
+        v = (std::sin(x * k * 3.1415926535 / 180.0) + 1.0) * m / 2.0;
+        break;
+      default:
+        v = (std::cos(x * k * 3.1415926535 / 180.0) + 1.0) * m / 2.0;
+        break;
+    }
+    if (v > top) v = top;
+    if (function == MATHFUNC_LOG && i == 0) {
+      // ln(0) is minus infinity, which the upper limit does not catch.
+      table[i] = 0;
+      continue;
+    }
+    const int32_t rounded = static_cast<int32_t>(std::nearbyint(v));
+    table[i] = function == MATHFUNC_SQUARE ? (rounded & 0xFFFF) : rounded;
+  }
+}
+
+namespace {
+
+// Maps the samples of columns left..right - 1 of one working row.
+template <class Sample>
+void MapRow(Sample *row, int32_t left, int32_t right, int32_t channels, const int32_t *table) {
+  Sample *p = row + static_cast<std::size_t>(left) * channels;
+  const std::size_t count = static_cast<std::size_t>(right - left) * channels;
+  for (std::size_t i = 0; i < count; ++i) p[i] = static_cast<Sample>(table[p[i]]);
+}
+
+int32_t RunMathFunction(BitmapRecord *bitmap, uint32_t function, uint32_t factor) {
+  RowConverter converter = nullptr;
+  if (const int32_t status = ::CreateRowConverter(bitmap, &converter, ROW_LAYOUT_NATIVE);
+      status != RC_SUCCESS)
+    return status;
+  struct ConverterGuard {
+    RowConverter c;
+    ~ConverterGuard() { ::FreeRowConverter(c); }
+  } guard{converter};
+  const int32_t depth = ::RowBitsPerChannel(converter);
+  const int32_t channels = ::RowChannelCount(converter);
+  const int32_t started = ::BitmapHasRegion(bitmap) ? ::BeginRegionProgress(converter, 1, 100)
+                                                    : ::BeginWholeBitmapProgress(converter, 1, 100);
+  if (started != RC_SUCCESS) return started;
+  Rect bounds{0, 0, 0, 0};
+  ::GetRegionBounds(bitmap, nullptr, &bounds);
+  KernelBuffer<uint8_t> buffer;
+  buffer.adopt(static_cast<uint8_t *>(::AllocRowBuffer(converter)), __LINE__, kSourceFile);
+  if (!buffer) return RC_NO_MEMORY;
+  const uint32_t count = depth == 16 ? 65536u : 256u;
+  IMG_BUFFER(int32_t, table, count);
+  if (!table) return RC_NO_MEMORY;
+  BuildMathFunctionLut(table.get(), depth, function, factor);
+  // Index by the stored pattern; a signed 16-bit sample read as signed plus
+  // 65536 when negative is that same pattern.
+  if (bitmap->Flags & BITMAP_SIGNED) ::ShiftLutForSigned(table.get(), count);
+
+  const int32_t left = bounds.Left < 0 ? 0 : bounds.Left;
+  const int32_t right = bounds.Right > bitmap->Width ? bitmap->Width : bounds.Right;
+  for (int32_t row = bounds.Top; row < bounds.Bottom; ++row) {
+    if (const int32_t status = ::ReadRow(converter, buffer.get(), row, nullptr, nullptr);
+        status != RC_SUCCESS)
+      return status;
+    if (left < right) {
+      if (depth == 16)
+        MapRow(reinterpret_cast<uint16_t *>(buffer.get()), left, right, channels, table.get());
+      else
+        MapRow(buffer.get(), left, right, channels, table.get());
+    }
+    if (const int32_t status = ::WriteRow(converter, buffer.get(), row, nullptr, nullptr);
+        status != RC_SUCCESS)
+      return status;
+  }
+  table.reset();
+  buffer.reset();
+  ::UpdateBitmapInfo(bitmap);
+  return RC_SUCCESS;
+}
+
+}  // namespace
+
+}  // namespace img
+
+extern "C" {
+
+IMG_API int32_t Q_MathFunctionBitmap(BitmapRecord *bitmap, uint32_t function, uint32_t factor,
+                                     uint32_t flags) {
+  img::EntryChecks checks;
+  checks.nullBitmap = false;
+  if (const int32_t status = img::CheckEntry(checks, flags, bitmap)) return status;
+  if (!bitmap) return RC_NO_BITMAP;
+  if (function > MATHFUNC_COSINE) return RC_INVALID_PARAMETER;
+  if (factor == 0) return RC_INVALID_PARAMETER;
+  return img::RunMathFunction(bitmap, function, factor);
+}
+
+IMG_API int32_t Q_GetBitmapColorCount(BitmapRecord *bitmap, uint32_t *count, uint32_t flags) {
+  // Flags word and record size only: every kind is counted, 32-bit gray too.
+  if (flags != 0) return RC_INVALID_PARAMETER;
+  if (bitmap) {
+    const uint32_t size = bitmap->StructSize;
+    if (!img::ValidRecordSize(size)) return RC_INVALID_STRUCT_SIZE;
+    *static_cast<volatile uint32_t *>(&bitmap->StructSize) = size;
+  }
+  // CountBitmapColors is the first to read a null bitmap.
+  if (!bitmap) return RC_NO_BITMAP;
+  return ::CountBitmapColors(bitmap, count, 0);
+}
+
+}  // extern "C"

@@ -1,0 +1,70 @@
+// The hue, saturation, hue-band and tint exports on 3840x2160 bitmaps of
+// random pixels (the worst case: no two neighbours alike), next to memcpy of
+// the same pixel buffer.
+#include <benchmark/benchmark.h>
+
+#include <cstring>
+#include <functional>
+#include <random>
+#include <vector>
+
+#include "imgcolor.h"
+
+namespace {
+
+constexpr int32_t kWidth = 3840;
+constexpr int32_t kHeight = 2160;
+
+struct Fixture {
+  BitmapRecord bitmap{};
+  explicit Fixture(int32_t bits) {
+    AllocateBitmap(&bitmap, BITMAP_RECORD_SIZE, MEMORY_CONVENTIONAL, kWidth, kHeight, bits, ORDER_BGR, nullptr,
+                   ORIENT_TOP_FIRST, nullptr, 0);
+    std::mt19937 rng(1);
+    for (uint64_t i = 0; i < bitmap.DataSize; ++i) bitmap.Pixels[i] = static_cast<uint8_t>(rng());
+  }
+  ~Fixture() { FreeBitmap(&bitmap); }
+};
+
+void Memcpy(benchmark::State &state, int32_t bits) {
+  Fixture f(bits);
+  std::vector<uint8_t> copy(f.bitmap.DataSize);
+  for (auto _ : state) {
+    std::memcpy(copy.data(), f.bitmap.Pixels, f.bitmap.DataSize);
+    benchmark::DoNotOptimize(copy.data());
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(f.bitmap.DataSize));
+}
+
+void Run(benchmark::State &state, int32_t bits, const std::function<int32_t(BitmapRecord *)> &call) {
+  Fixture f(bits);
+  for (auto _ : state) {
+    if (call(&f.bitmap) != RC_SUCCESS) state.SkipWithError("export failed");
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(f.bitmap.DataSize));
+}
+
+const HueSatIntRange kBand{32, 1500, 300, 100, 330, 30, 350, 10};
+
+int32_t Hue(BitmapRecord *b) { return Q_ChangeBitmapHue(b, 30, 0); }
+int32_t Saturation(BitmapRecord *b) { return Q_ChangeBitmapSaturation(b, 300, 0); }
+int32_t Remap(BitmapRecord *b) { return Q_RemapBitmapHue(b, nullptr, nullptr, nullptr, nullptr, 65536, 0); }
+int32_t HueSatInt(BitmapRecord *b) { return Q_ChangeHueSatIntBitmap(b, 3000, 200, 100, &kBand, 1, 0); }
+int32_t Tint(BitmapRecord *b) { return Q_AdjustBitmapTint(b, 500, 300, 0); }
+
+}  // namespace
+
+BENCHMARK_CAPTURE(Memcpy, bits24, 24)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Run, hue_bits24, 24, Hue)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Run, saturation_bits24, 24, Saturation)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Run, remap_bits24, 24, Remap)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Run, hue_sat_int_bits24, 24, HueSatInt)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Run, tint_bits24, 24, Tint)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Memcpy, bits48, 48)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Run, hue_bits48, 48, Hue)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Run, saturation_bits48, 48, Saturation)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Run, remap_bits48, 48, Remap)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Run, hue_sat_int_bits48, 48, HueSatInt)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Run, tint_bits48, 48, Tint)->Unit(benchmark::kMillisecond);

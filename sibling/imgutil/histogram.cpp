@@ -1,0 +1,285 @@
+// Histograms of bitmaps and the extreme searches over 256-bin and two-level
+// 65536-bin histograms.
+#include <cstring>
+
+#include "family.h"
+#include "lut_simd.h"
+#include "pixels.h"
+
+namespace {
+
+static constexpr const wchar_t *kSourceFile = L"imgutil/histogram";
+
+using img::Kind;
+
+int32_t CheckBitmap(const BitmapRecord *b) {
+  if (!b) return RC_NO_BITMAP;
+  if (!img::ValidRecordSize(b->StructSize)) return RC_INVALID_STRUCT_SIZE;
+  if (!(b->Flags & BITMAP_ALLOCATED) || !b->Pixels) return RC_NO_BITMAP;
+  const Kind kind = img::KindOf(b);
+  if (kind == Kind::Gray32) return RC_GRAY32_NOT_SUPPORTED;
+  if (kind == Kind::Invalid) return RC_UNSUPPORTED_BITMAP;
+  return RC_SUCCESS;
+}
+
+// Significant bits of a gray sample, at most the storage width.
+int32_t GrayBits(const BitmapRecord *b, Kind kind) {
+  const int32_t storage = kind == Kind::Gray8 ? 8 : kind == Kind::Gray12 ? 12 : 16;
+  const int32_t bits = img::GraySampleBits(b);
+  return bits < storage ? bits : storage;
+}
+
+// Calls color(blue, green, red) for every colour pixel inside the region
+// (8-bit samples; 16-bit for 48/64; palette pixels give their palette
+// colour) or gray(v) with the stored value of every gray pixel, row by row
+// with progress start..end.
+template <class ColorFn, class GrayFn>
+int32_t VisitPixels(const BitmapRecord *b, Kind kind, int32_t start, int32_t end, ColorFn &&color,
+                    GrayFn &&gray) {
+  PaletteEntry pal[256] = {};
+  if (kind == Kind::Palette) {
+    const int32_t count = b->ColorsUsed;
+    if (count <= 0 || count > 256 || ::GetPalette(b, 0, count, pal) == 0) return RC_NO_BITMAP;
+  }
+  img::RegionRows rows(b, __LINE__, kSourceFile);
+  if (rows.status() != RC_SUCCESS) return rows.status();
+  const bool rgb = b->ColorOrder == ORDER_RGB;
+  const int32_t bo = rgb ? 2 : 0, ro = rgb ? 0 : 2;  // blue and red sample offsets
+  const int32_t bits = b->BitsPerPixel;
+  return rows.run(start, end, [&](uint8_t *row, const RowRun *runs, int32_t n) {
+    for (int32_t r = 0; r < n; ++r) {
+      const int32_t x0 = runs[r].Start, x1 = runs[r].End;
+      switch (kind) {
+        case Kind::Palette:
+          for (int32_t x = x0; x < x1; ++x) {
+            const PaletteEntry &e = pal[img::GetIndex(row, x, bits)];
+            color(e.Blue, e.Green, e.Red);
+          }
+          break;
+        case Kind::Gray8:
+          for (int32_t x = x0; x < x1; ++x) gray(row[x]);
+          break;
+        case Kind::Gray12:
+        case Kind::Gray16: {
+          const uint16_t *w = reinterpret_cast<const uint16_t *>(row);
+          for (int32_t x = x0; x < x1; ++x) gray(w[x]);
+          break;
+        }
+        case Kind::Color16: {
+          const uint16_t *w = reinterpret_cast<const uint16_t *>(row);
+          for (int32_t x = x0; x < x1; ++x)
+            color(img::Expand5(w[x] & 31u), img::Expand5((w[x] >> 5) & 31u),
+                  img::Expand5((w[x] >> 10) & 31u));
+          break;
+        }
+        case Kind::Color24:
+        case Kind::Color32: {
+          const int32_t step = kind == Kind::Color24 ? 3 : 4;
+          for (const uint8_t *p = row + x0 * step, *e = row + x1 * step; p < e; p += step)
+            color(p[bo], p[1], p[ro]);
+          break;
+        }
+        case Kind::Color48:
+        case Kind::Color64: {
+          const int32_t step = kind == Kind::Color48 ? 3 : 4;
+          const uint16_t *w = reinterpret_cast<const uint16_t *>(row);
+          for (const uint16_t *p = w + x0 * step, *e = w + x1 * step; p < e; p += step)
+            color(p[bo], p[1], p[ro]);
+          break;
+        }
+        default:
+          break;
+      }
+    }
+  });
+}
+
+// Highest occupied bin of counts[0..from], or -1.
+int32_t MaxAtOrBelow(const uint32_t *counts, int32_t from, int32_t bins) {
+  if (!counts) return -1;
+  if (from >= bins) from = bins - 1;
+  for (int32_t v = from; v >= 0; --v)
+    if (counts[v]) return v;
+  return -1;
+}
+
+// Lowest occupied bin of counts[from..bins-1], or -1.
+int32_t MinAtOrAbove(const uint32_t *counts, int32_t from, int32_t bins) {
+  if (!counts) return -1;
+  if (from < 0) from = 0;
+  for (int32_t v = from; v < bins; ++v)
+    if (counts[v]) return v;
+  return -1;
+}
+
+// Two-level searches: whole buckets are skipped by their totals.
+int32_t Max16AtOrBelow(const uint32_t *buckets, int32_t from) {
+  if (!buckets || from < 0) return -1;
+  if (from > 65535) from = 65535;
+  int32_t hi = from >> 8;
+  const int32_t found = MaxAtOrBelow(buckets + hi * HISTOGRAM16_BUCKET, from & 255, 256);
+  if (found >= 0) return (hi << 8) | found;
+  for (--hi; hi >= 0; --hi) {
+    const uint32_t *bucket = buckets + hi * HISTOGRAM16_BUCKET;
+    if (bucket[256]) return (hi << 8) | MaxAtOrBelow(bucket, 255, 256);
+  }
+  return -1;
+}
+
+int32_t Min16AtOrAbove(const uint32_t *buckets, int32_t from) {
+  if (!buckets || from > 65535) return -1;
+  if (from < 0) from = 0;
+  int32_t hi = from >> 8;
+  const int32_t found = MinAtOrAbove(buckets + hi * HISTOGRAM16_BUCKET, from & 255, 256);
+  if (found >= 0) return (hi << 8) | found;
+  for (++hi; hi < 256; ++hi) {
+    const uint32_t *bucket = buckets + hi * HISTOGRAM16_BUCKET;
+    if (bucket[256]) return (hi << 8) | MinAtOrAbove(bucket, 0, 256);
+  }
+  return -1;
+}
+
+// The new maximum after a slide, given the histogram after it. A sample that
+// entered is present, so the maximum is at least `entering`; the old maximum
+// is still present unless a sample equal to it left.
+template <class Search>
+int32_t MaxUpdate(int32_t oldMax, int32_t entering, int32_t leftOld, int32_t top, Search &&below) {
+  if (oldMax < 0) return below(top);
+  if (entering > oldMax) return entering;
+  if (!leftOld) return oldMax;
+  return below(oldMax);
+}
+
+template <class Search>
+int32_t MinUpdate(int32_t oldMin, int32_t entering, int32_t leftOld, Search &&above) {
+  if (oldMin < 0) return above(0);
+  if (entering >= 0 && entering < oldMin) return entering;
+  if (!leftOld) return oldMin;
+  return above(oldMin);
+}
+
+}  // namespace
+
+extern "C" {
+
+IMG_API int32_t GetHistogram(BitmapRecord *bitmap, uint32_t *counts, uint32_t length, uint32_t channel,
+                             int32_t start, int32_t end) {
+  const int32_t status = CheckBitmap(bitmap);
+  if (status != RC_SUCCESS) return status;
+  if (!counts) return RC_NULL_OPTIONS;
+  if (length == 0 || channel > LUT_CHANNEL_BLUE) return RC_INVALID_PARAMETER;
+  const Kind kind = img::KindOf(bitmap);
+  const int32_t bits = img::IsGrayKind(kind)                              ? GrayBits(bitmap, kind)
+                       : (kind == Kind::Color48 || kind == Kind::Color64) ? 16
+                                                                          : 8;
+  // With fewer bins than sample values, value v falls into bin v * length /
+  // 2^bits; otherwise bin v. Bins past the end are never written.
+  const bool fold = length < (1u << bits);
+  auto add = [&](uint32_t v) {
+    const uint64_t bin = fold ? (static_cast<uint64_t>(v) * length) >> bits : v;
+    if (bin < length) counts[bin]++;
+  };
+  const bool blue = channel == LUT_CHANNEL_ALL || channel == LUT_CHANNEL_BLUE;
+  const bool green = channel == LUT_CHANNEL_ALL || channel == LUT_CHANNEL_GREEN;
+  const bool red = channel == LUT_CHANNEL_ALL || channel == LUT_CHANNEL_RED;
+  return VisitPixels(
+      bitmap, kind, start, end,
+      [&](uint32_t b, uint32_t g, uint32_t r) {
+        if (blue) add(b);
+        if (green) add(g);
+        if (red) add(r);
+      },
+      add);
+}
+
+IMG_API int32_t ComputeHistogram(BitmapRecord *bitmap, uint32_t *counts, uint32_t channel, int32_t start,
+                                 int32_t end) {
+  const int32_t status = CheckBitmap(bitmap);
+  if (status != RC_SUCCESS) return status;
+  if (!counts) return RC_NULL_OPTIONS;
+  if (channel > LUT_CHANNEL_BLUE) return RC_INVALID_PARAMETER;
+  std::memset(counts, 0, 256 * sizeof(uint32_t));
+  const Kind kind = img::KindOf(bitmap);
+  const int32_t shift = (kind == Kind::Color48 || kind == Kind::Color64) ? 8 : 0;
+  const int32_t bits = img::IsGrayKind(kind) ? GrayBits(bitmap, kind) : 8;
+  const uint32_t top = (1u << bits) - 1u;
+  return VisitPixels(
+      bitmap, kind, start, end,
+      [&](uint32_t b, uint32_t g, uint32_t r) {
+        b >>= shift;
+        g >>= shift;
+        r >>= shift;
+        switch (channel) {
+          case LUT_CHANNEL_RED:
+            counts[r]++;
+            break;
+          case LUT_CHANNEL_GREEN:
+            counts[g]++;
+            break;
+          case LUT_CHANNEL_BLUE:
+            counts[b]++;
+            break;
+          default:
+            counts[(2 * r + 5 * g + b) >> 3]++;
+            break;
+        }
+      },
+      [&](uint32_t v) {
+        if (v <= top) counts[bits >= 8 ? v >> (bits - 8) : v << (8 - bits)]++;
+      });
+}
+
+IMG_API int32_t HistogramMax(const uint32_t *counts) { return MaxAtOrBelow(counts, 255, 256); }
+
+IMG_API int32_t HistogramMin(const uint32_t *counts) { return MinAtOrAbove(counts, 0, 256); }
+
+IMG_API int32_t HistogramMaxBelow(const uint32_t *counts, int32_t from) {
+  return MaxAtOrBelow(counts, from, 256);
+}
+
+IMG_API int32_t HistogramMinAbove(const uint32_t *counts, int32_t from) {
+  return MinAtOrAbove(counts, from, 256);
+}
+
+IMG_API int32_t HistogramMaxUpdate(const uint32_t *counts, int32_t oldMax, int32_t entering,
+                                   int32_t leftOld) {
+  return MaxUpdate(oldMax, entering, leftOld, 255,
+                   [&](int32_t from) { return MaxAtOrBelow(counts, from, 256); });
+}
+
+IMG_API int32_t HistogramMinUpdate(const uint32_t *counts, int32_t oldMin, int32_t entering,
+                                   int32_t leftOld) {
+  return MinUpdate(oldMin, entering, leftOld, [&](int32_t from) { return MinAtOrAbove(counts, from, 256); });
+}
+
+IMG_API int32_t Histogram16Max(const uint32_t *buckets) { return Max16AtOrBelow(buckets, 65535); }
+
+IMG_API int32_t Histogram16Min(const uint32_t *buckets) { return Min16AtOrAbove(buckets, 0); }
+
+IMG_API int32_t Histogram16MaxUpdate(const uint32_t *buckets, int32_t oldMax, int32_t entering,
+                                     int32_t leftOld) {
+  return MaxUpdate(oldMax, entering, leftOld, 65535,
+                   [&](int32_t from) { return Max16AtOrBelow(buckets, from); });
+}
+
+IMG_API int32_t Histogram16MinUpdate(const uint32_t *buckets, int32_t oldMin, int32_t entering,
+                                     int32_t leftOld) {
+  return MinUpdate(oldMin, entering, leftOld, [&](int32_t from) { return Min16AtOrAbove(buckets, from); });
+}
+
+IMG_API void Histogram16Add(uint32_t *buckets, int32_t value) {
+  if (!buckets || value < 0 || value > 65535) return;
+  uint32_t *bucket = buckets + (value >> 8) * HISTOGRAM16_BUCKET;
+  bucket[value & 255]++;
+  bucket[256]++;
+}
+
+IMG_API void Histogram16Remove(uint32_t *buckets, int32_t value) {
+  if (!buckets || value < 0 || value > 65535) return;
+  uint32_t *bucket = buckets + (value >> 8) * HISTOGRAM16_BUCKET;
+  if (bucket[value & 255] == 0) return;  // not present: the totals stay exact
+  bucket[value & 255]--;
+  bucket[256]--;
+}
+
+}  // extern "C"

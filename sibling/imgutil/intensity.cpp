@@ -1,0 +1,416 @@
+// Table-driven intensity operations: invert, intensity, gamma,
+// contrast-brightness-intensity, light control, automatic and manual levels.
+#include <cstring>
+
+#include "curves.h"
+#include "ops_common.h"
+#include "pixels.h"
+
+namespace {
+
+static constexpr const wchar_t *kSourceFile = L"imgutil/intensity";
+
+using img::Clamp;
+
+// Progress sub-ranges of three channel passes within start..end.
+void ChannelRange(int32_t start, int32_t end, int32_t pass, int32_t passes, int32_t *from, int32_t *to) {
+  const int32_t span = end - start;
+  *from = start + span * pass / passes + (pass ? 1 : 0);
+  *to = start + span * (pass + 1) / passes;
+}
+
+// Histogram of one channel (1 red, 2 green, 3 blue; gray bitmaps: their
+// sample) in offset form for signed data.
+int32_t ChannelHistogram(BitmapRecord *b, uint32_t *counts, uint32_t length, uint32_t channel, int32_t start,
+                         int32_t end) {
+  std::memset(counts, 0, sizeof(uint32_t) * length);
+  const int32_t status = GetHistogram(b, counts, length, channel, start, end);
+  if (status == RC_SUCCESS && (b->Flags & BITMAP_SIGNED)) img::RotateHistogram(counts, length);
+  return status;
+}
+
+// Piecewise-linear curve through (0, 0), the given points and (full, full).
+void FillPolyline(int32_t *table, uint32_t length, const int32_t (*points)[2], int32_t count) {
+  const int32_t full = static_cast<int32_t>(length) - 1;
+  int32_t x0 = 0, y0 = 0;
+  for (int32_t i = 0; i <= count; ++i) {
+    const int32_t x1 = i < count ? points[i][0] : full;
+    const int32_t y1 = i < count ? points[i][1] : full;
+    if (x1 > x0) FillLutSegment(x0, x1, y0, y1, table);
+    if (x1 >= x0) {
+      x0 = x1;
+      y0 = y1;
+    }
+  }
+  table[full] = full;
+}
+
+// Light control statistics of one histogram: mean, mean below it, mean at or
+// above it (all truncated). Returns false for an empty histogram.
+bool LightStatistics(const uint32_t *h, uint32_t length, int32_t *lo, int32_t *mean, int32_t *hi) {
+  uint64_t n = 0, sum = 0;
+  for (uint32_t v = 0; v < length; ++v) {
+    n += h[v];
+    sum += static_cast<uint64_t>(h[v]) * v;
+  }
+  if (n == 0) return false;
+  const uint64_t a = sum / n;
+  uint64_t nLo = 0, sLo = 0, nHi = 0, sHi = 0;
+  for (uint32_t v = 0; v < length; ++v) {
+    if (v < a) {
+      nLo += h[v];
+      sLo += static_cast<uint64_t>(h[v]) * v;
+    } else {
+      nHi += h[v];
+      sHi += static_cast<uint64_t>(h[v]) * v;
+    }
+  }
+  *mean = static_cast<int32_t>(a);
+  *lo = nLo ? static_cast<int32_t>(sLo / nLo) : *mean;
+  *hi = nHi ? static_cast<int32_t>(sHi / nHi) : *mean;
+  return true;
+}
+
+void LightCurve(int32_t *table, uint32_t length, int32_t lo, int32_t mean, int32_t hi, uint32_t lower,
+                uint32_t middle, uint32_t upper) {
+  const int64_t full = static_cast<int64_t>(length) - 1;
+  const int32_t points[3][2] = {{lo, static_cast<int32_t>(lower * full / 1000)},
+                                {mean, static_cast<int32_t>(middle * full / 1000)},
+                                {hi, static_cast<int32_t>(upper * full / 1000)}};
+  FillPolyline(table, length, points, 3);
+}
+
+// Level range of a histogram: the lowest level below which at most
+// blackClip / 10000 of the samples lie and the highest above which at most
+// whiteClip / 10000 lie. Returns false when there is nothing to stretch.
+bool ClipRange(const uint32_t *h, uint32_t length, uint32_t blackClip, uint32_t whiteClip, int32_t *lo,
+               int32_t *hi) {
+  uint64_t n = 0;
+  for (uint32_t v = 0; v < length; ++v) n += h[v];
+  if (n == 0) return false;
+  const uint64_t black = n * blackClip / 10000, white = n * whiteClip / 10000;
+  uint64_t cum = 0;
+  int32_t l = 0;
+  for (uint32_t v = 0; v < length; ++v) {
+    cum += h[v];
+    if (cum > black) {
+      l = static_cast<int32_t>(v);
+      break;
+    }
+  }
+  cum = 0;
+  int32_t u = static_cast<int32_t>(length) - 1;
+  for (int64_t v = static_cast<int64_t>(length) - 1; v >= 0; --v) {
+    cum += h[v];
+    if (cum > white) {
+      u = static_cast<int32_t>(v);
+      break;
+    }
+  }
+  *lo = l;
+  *hi = u;
+  return u > l;
+}
+
+void StretchTable(int32_t *table, uint32_t length, int32_t lo, int32_t hi) {
+  const int64_t full = static_cast<int64_t>(length) - 1, span = hi - lo;
+  for (uint32_t v = 0; v < length; ++v) {
+    const int64_t x = static_cast<int64_t>(v);
+    table[v] = x <= lo   ? 0
+               : x >= hi ? static_cast<int32_t>(full)
+                         : static_cast<int32_t>(((x - lo) * full * 2 + span) / (2 * span));
+  }
+}
+
+bool IsSingleSample(const BitmapRecord *b) { return b->ColorOrder == ORDER_GRAY; }
+
+// For each colour channel (one pass for gray bitmaps): `prepare(channel,
+// from)` gathers what the curve needs (a status other than 1 stops), then
+// `make(table, length, channel)` fills the curve that ApplyLut applies to
+// that channel. The progress range is split between the passes.
+template <class Prepare, class Make>
+int32_t PerChannel(BitmapRecord *b, int32_t start, int32_t end, Prepare prepare, Make make) {
+  const int32_t passes = IsSingleSample(b) ? 1 : 3;
+  for (int32_t pass = 0; pass < passes; ++pass) {
+    int32_t from, to;
+    ChannelRange(start, end, pass, passes, &from, &to);
+    const uint32_t channel = passes == 1 ? LUT_CHANNEL_ALL : static_cast<uint32_t>(pass + 1);
+    int32_t status = prepare(channel, from);
+    if (status != RC_SUCCESS) return status;
+    status = img::ApplyCurve(b, channel, from, to, [&](int32_t *t, uint32_t n) { make(t, n, channel); });
+    if (status != RC_SUCCESS) return status;
+  }
+  return RC_SUCCESS;
+}
+
+// Histogram channel of a pass: gray bitmaps count their sample.
+uint32_t HistogramChannel(uint32_t channel) { return channel == LUT_CHANNEL_ALL ? 1u : channel; }
+
+// Intensity histogram (2R + 5G + B) >> 3 on the bitmap's sample scale, for
+// colour bitmaps; signed samples are taken in offset form.
+int32_t IntensityHistogram(BitmapRecord *b, uint32_t *counts, uint32_t length, int32_t start, int32_t end) {
+  img::ConverterHolder conv;
+  int32_t status = CreateRowConverter(b, &conv.handle, ROW_LAYOUT_BGR);
+  if (status != RC_SUCCESS) return status;
+  img::KernelBuffer<uint8_t> row;
+  row.adopt(static_cast<uint8_t *>(AllocRowBuffer(conv.handle)), __LINE__, kSourceFile);
+  if (!row) return RC_NO_MEMORY;
+  status = BitmapHasRegion(b) ? BeginRegionProgress(conv.handle, start, end)
+                              : BeginWholeBitmapProgress(conv.handle, start, end);
+  if (status != RC_SUCCESS) return status;
+  const bool wide = RowBitsPerChannel(conv.handle) == 16;
+  const uint32_t flip = (b->Flags & BITMAP_SIGNED) ? (wide ? 0x8000u : 0x80u) : 0u;
+  Rect bounds{};
+  GetRegionBounds(b, nullptr, &bounds);
+  img::KernelBuffer<RowRun> runs;
+  runs.adopt(AllocRunList(conv.handle), __LINE__, kSourceFile);
+  if (!runs) return RC_NO_MEMORY;
+  std::memset(counts, 0, sizeof(uint32_t) * length);
+  for (int32_t y = bounds.Top; y < bounds.Bottom; ++y) {
+    int32_t n = 0;
+    status = ReadRow(conv.handle, row.get(), y, runs.get(), &n);
+    if (status != RC_SUCCESS) return status;
+    for (int32_t k = 0; k < n; ++k)
+      for (int32_t x = runs[k].Start; x < runs[k].End; ++x) {
+        uint32_t s[3];
+        for (int c = 0; c < 3; ++c)
+          s[c] = (wide ? reinterpret_cast<uint16_t *>(row.get())[3 * x + c] : row[3 * x + c]) ^ flip;
+        const uint32_t v = (2 * s[2] + 5 * s[1] + s[0]) >> 3;
+        counts[v < length ? v : length - 1]++;
+      }
+  }
+  return RC_SUCCESS;
+}
+
+}  // namespace
+
+namespace img {
+
+int32_t FullScale(const BitmapRecord *b) {
+  if (b->BitsPerPixel >= 48) return 65535;
+  if (b->ColorOrder == ORDER_GRAY) return (1 << GraySampleBits(b)) - 1;
+  return 255;
+}
+
+void RotateHistogram(uint32_t *counts, uint32_t length) {
+  const uint32_t half = length / 2;
+  for (uint32_t i = 0; i < half; ++i) {
+    const uint32_t t = counts[i];
+    counts[i] = counts[i + half];
+    counts[i + half] = t;
+  }
+}
+
+}  // namespace img
+
+extern "C" {
+
+IMG_API int32_t Invert(BitmapRecord *bitmap) {
+  if (const int32_t s = img::CheckOperand(bitmap)) return s;
+  return img::ApplyCurve(bitmap, LUT_CHANNEL_ALL, 0, 100, [](int32_t *t, uint32_t n) {
+    for (uint32_t i = 0; i < n; ++i) t[i] = static_cast<int32_t>(n - 1 - i);
+  });
+}
+
+IMG_API int32_t ChangeIntensity(BitmapRecord *bitmap, int32_t change) {
+  if (const int32_t s = img::CheckOperand(bitmap)) return s;
+  if (change < -1000 || change > 1000) return RC_INVALID_PARAMETER;
+  return img::ApplyCurve(bitmap, LUT_CHANNEL_ALL, 0, 100, [change](int32_t *t, uint32_t n) {
+    const int32_t full = static_cast<int32_t>(n - 1);
+    const int32_t delta = MulDiv(change, full, 1000);
+    for (uint32_t i = 0; i < n; ++i) t[i] = Clamp(static_cast<int64_t>(i) + delta, full);
+  });
+}
+
+IMG_API int32_t GammaCorrect(BitmapRecord *bitmap, uint32_t gamma, uint32_t flags) {
+  if (const int32_t s = img::CheckOperand(bitmap)) return s;
+  if (flags != 0 || gamma == 0) return RC_INVALID_PARAMETER;
+  return img::ApplyCurve(bitmap, LUT_CHANNEL_ALL, 0, 100,
+                         [gamma](int32_t *t, uint32_t n) { img::BuildGammaTable(gamma, n, t); });
+}
+
+IMG_API int32_t ContBrightInt(BitmapRecord *bitmap, int32_t contrast, int32_t brightness, int32_t intensity,
+                              uint32_t flags) {
+  if (const int32_t s = img::CheckOperand(bitmap)) return s;
+  auto out = [](int32_t v) { return v < -1000 || v > 1000; };
+  if (flags != 0 || out(contrast) || out(brightness) || out(intensity)) return RC_INVALID_PARAMETER;
+  return img::ApplyCurve(bitmap, LUT_CHANNEL_ALL, 0, 100, [=](int32_t *t, uint32_t n) {
+    const int64_t full = static_cast<int64_t>(n) - 1, mid = static_cast<int64_t>(n) / 2;
+    const int64_t lift = brightness * full / 1000;
+    for (uint32_t i = 0; i < n; ++i) {
+      const int64_t v = (static_cast<int64_t>(i) - mid) * (1000 + contrast) / 1000 + mid + lift;
+      t[i] = Clamp(v * (1000 + intensity) / 1000, static_cast<int32_t>(full));
+    }
+  });
+}
+
+IMG_API int32_t LightControl(BitmapRecord *bitmap, const uint32_t *lower, const uint32_t *middle,
+                             const uint32_t *upper, uint32_t type) {
+  if (const int32_t s = img::CheckOperand(bitmap)) return s;
+  if (!lower || !middle || !upper) return RC_NULL_OPTIONS;
+  if (type != LIGHT_CONTROL_PER_CHANNEL && type != LIGHT_CONTROL_LUMINANCE) return RC_INVALID_PARAMETER;
+  for (int c = 0; c < 3; ++c)
+    if (lower[c] > middle[c] || middle[c] > upper[c] || upper[c] > 1000) return RC_INVALID_PARAMETER;
+
+  const bool luminance = type == LIGHT_CONTROL_LUMINANCE && !IsSingleSample(bitmap);
+  const uint32_t length = static_cast<uint32_t>(img::FullScale(bitmap)) + 1;
+  IMG_BUFFER(uint32_t, histogram, length);
+  if (!histogram) return RC_NO_MEMORY;
+
+  if (!luminance) {
+    // Per channel: statistics of that channel, then its curve (gray bitmaps
+    // and the luminance type on gray bitmaps use the first target of each).
+    bool flat = false;
+    int32_t lo = 0, mean = 0, hi = 0;
+    return PerChannel(
+        bitmap, 0, 100,
+        [&](uint32_t channel, int32_t at) {
+          const int32_t status = ChannelHistogram(bitmap, histogram.get(), length, HistogramChannel(channel), at, at);
+          flat = !LightStatistics(histogram.get(), length, &lo, &mean, &hi);
+          return status;
+        },
+        [&](int32_t *t, uint32_t n, uint32_t channel) {
+          const int c = channel == LUT_CHANNEL_ALL ? 0 : static_cast<int>(channel) - 1;
+          for (uint32_t i = 0; i < n; ++i) t[i] = static_cast<int32_t>(i);
+          if (!flat) LightCurve(t, n, lo, mean, hi, lower[c], middle[c], upper[c]);
+        });
+  }
+
+  // Luminance: statistics of Y, one curve on Y, pixels rebuilt from Y, U, V.
+  img::ConverterHolder conv;
+  int32_t status = CreateRowConverter(bitmap, &conv.handle, ROW_LAYOUT_BGR);
+  if (status != RC_SUCCESS) return status;
+  const bool wide = RowBitsPerChannel(conv.handle) == 16;
+  const int32_t max = wide ? 65535 : 255;
+  img::KernelBuffer<uint8_t> row;
+  row.adopt(static_cast<uint8_t *>(AllocRowBuffer(conv.handle)), __LINE__, kSourceFile);
+  IMG_BUFFER(uint32_t, yh, static_cast<size_t>(max) + 1);
+  IMG_BUFFER(int32_t, curve, static_cast<size_t>(max) + 1);
+  img::KernelBuffer<RowRun> runs;
+  runs.adopt(AllocRunList(conv.handle), __LINE__, kSourceFile);
+  if (!row || !yh || !curve || !runs) return RC_NO_MEMORY;
+  Rect bounds{};
+  GetRegionBounds(bitmap, nullptr, &bounds);
+  const bool region = BitmapHasRegion(bitmap) != 0;
+  img::Progress progress;
+  const int32_t rows = bounds.Bottom - bounds.Top;
+  auto sample = [&](int32_t i) -> int32_t {
+    return wide ? reinterpret_cast<uint16_t *>(row.get())[i] : row[i];
+  };
+  for (int pass = 0; pass < 2; ++pass) {
+    status = region ? BeginRegion(conv.handle) : BeginWholeBitmap(conv.handle);
+    if (status != RC_SUCCESS) return status;
+    for (int32_t y = bounds.Top; y < bounds.Bottom; ++y) {
+      int32_t count = 0;
+      status = ReadRow(conv.handle, row.get(), y, runs.get(), &count);
+      if (status != RC_SUCCESS) return status;
+      for (int32_t k = 0; k < count; ++k)
+      for (int32_t x = runs[k].Start; x < runs[k].End; ++x) {
+        img::YuvPixel p = img::LumaForward(sample(3 * x + 2), sample(3 * x + 1), sample(3 * x), max);
+        if (pass == 0) {
+          yh[p.y]++;
+          continue;
+        }
+        p.y = curve[p.y];
+        int32_t r, g, b;
+        img::LumaBack(p, max, &r, &g, &b);
+        const int32_t v[3] = {b, g, r};
+        for (int c = 0; c < 3; ++c) {
+          if (wide)
+            reinterpret_cast<uint16_t *>(row.get())[3 * x + c] = static_cast<uint16_t>(v[c]);
+          else
+            row[3 * x + c] = static_cast<uint8_t>(v[c]);
+        }
+      }
+      if (pass == 1 && (status = WriteRow(conv.handle, row.get(), y, nullptr, nullptr)) != RC_SUCCESS)
+        return status;
+      const int32_t done = (y - bounds.Top + 1) * 50 / (rows ? rows : 1);
+      if ((status = progress.step(pass * 50 + done)) != RC_SUCCESS) return status;
+    }
+    if (pass == 0) {
+      int32_t lo, mean, hi;
+      for (int32_t i = 0; i <= max; ++i) curve[i] = i;
+      if (!LightStatistics(yh.get(), static_cast<uint32_t>(max) + 1, &lo, &mean, &hi)) return RC_SUCCESS;
+      LightCurve(curve.get(), static_cast<uint32_t>(max) + 1, lo, mean, hi, lower[0], middle[0], upper[0]);
+    }
+  }
+  UpdateBitmapInfo(bitmap);
+  return RC_SUCCESS;
+}
+
+IMG_API int32_t AutoColorLevel(BitmapRecord *bitmap, uint32_t type, uint32_t blackClip, uint32_t whiteClip,
+                               uint32_t flags) {
+  if (const int32_t s = img::CheckOperand(bitmap)) return s;
+  if (flags != 0 || type > AUTO_LEVEL_INTENSITY || blackClip >= 10000 || whiteClip >= 10000 ||
+      blackClip + whiteClip >= 10000)
+    return RC_INVALID_PARAMETER;
+  const uint32_t length = static_cast<uint32_t>(img::FullScale(bitmap)) + 1;
+  IMG_BUFFER(uint32_t, histogram, length);
+  if (!histogram) return RC_NO_MEMORY;
+
+  if (type == AUTO_LEVEL_PER_CHANNEL || IsSingleSample(bitmap)) {
+    bool stretch = false;
+    int32_t lo = 0, hi = 0;
+    return PerChannel(
+        bitmap, 0, 100,
+        [&](uint32_t channel, int32_t at) {
+          const int32_t status = ChannelHistogram(bitmap, histogram.get(), length, HistogramChannel(channel), at, at);
+          stretch = ClipRange(histogram.get(), length, blackClip, whiteClip, &lo, &hi);
+          return status;
+        },
+        [&](int32_t *t, uint32_t n, uint32_t) {
+          for (uint32_t i = 0; i < n; ++i) t[i] = static_cast<int32_t>(i);
+          if (stretch) StretchTable(t, n, lo, hi);
+        });
+  }
+  int32_t status = type == AUTO_LEVEL_COMMON ? ChannelHistogram(bitmap, histogram.get(), length, 0, 0, 50)
+                                             : IntensityHistogram(bitmap, histogram.get(), length, 0, 50);
+  if (status != RC_SUCCESS) return status;
+  int32_t lo, hi;
+  if (!ClipRange(histogram.get(), length, blackClip, whiteClip, &lo, &hi)) return FinishOperation();
+  return img::ApplyCurve(bitmap, LUT_CHANNEL_ALL, 51, 100,
+                         [&](int32_t *t, uint32_t n) { StretchTable(t, n, lo, hi); });
+}
+
+IMG_API int32_t ColorLevel(BitmapRecord *bitmap, const ColorLevelRecord *levels, uint32_t flags) {
+  if (const int32_t s = img::CheckOperand(bitmap)) return s;
+  if (!levels) return RC_NULL_OPTIONS;
+  if (levels->StructSize != sizeof(ColorLevelRecord)) return RC_INVALID_STRUCT_SIZE;
+  constexpr uint32_t kAll = COLOR_LEVEL_MASTER | COLOR_LEVEL_RED | COLOR_LEVEL_GREEN | COLOR_LEVEL_BLUE;
+  if (flags & ~kAll) return RC_INVALID_PARAMETER;
+  const int32_t full = img::FullScale(bitmap);
+  const ColorLevelSet *sets[4] = {&levels->Master, &levels->Red, &levels->Green, &levels->Blue};
+  const uint32_t bits[4] = {COLOR_LEVEL_MASTER, COLOR_LEVEL_RED, COLOR_LEVEL_GREEN, COLOR_LEVEL_BLUE};
+  for (int k = 0; k < 4; ++k) {
+    if (!(flags & bits[k])) continue;
+    const ColorLevelSet &s = *sets[k];
+    if (s.InputLow < 0 || s.InputHigh > full || s.InputLow >= s.InputHigh || s.OutputLow < 0 ||
+        s.OutputLow > full || s.OutputHigh < 0 || s.OutputHigh > full || s.Gamma <= 0)
+      return RC_INVALID_PARAMETER;
+  }
+  if ((flags & kAll) == 0) return FinishOperation();
+
+  auto level = [](const ColorLevelSet &s, int32_t v) {
+    double x = static_cast<double>(v - s.InputLow) / static_cast<double>(s.InputHigh - s.InputLow);
+    x = x < 0.0 ? 0.0 : x > 1.0 ? 1.0 : x;
+    const double out = s.OutputLow + std::pow(x, 100.0 / s.Gamma) * (s.OutputHigh - s.OutputLow);
+    return static_cast<int32_t>(std::lround(out));
+  };
+  auto compose = [&](int32_t *t, uint32_t n, int k) {
+    for (uint32_t i = 0; i < n; ++i) {
+      int32_t v = static_cast<int32_t>(i);
+      if (flags & COLOR_LEVEL_MASTER) v = level(levels->Master, v);
+      if (k > 0 && (flags & bits[k])) v = level(*sets[k], v);
+      t[i] = v;
+    }
+  };
+  const bool channels = (flags & (COLOR_LEVEL_RED | COLOR_LEVEL_GREEN | COLOR_LEVEL_BLUE)) != 0;
+  if (!channels || IsSingleSample(bitmap))
+    return img::ApplyCurve(bitmap, LUT_CHANNEL_ALL, 0, 100,
+                           [&](int32_t *t, uint32_t n) { compose(t, n, 0); });
+  return PerChannel(
+      bitmap, 0, 100, [](uint32_t, int32_t) { return RC_SUCCESS; },
+      [&](int32_t *t, uint32_t n, uint32_t channel) { compose(t, n, static_cast<int>(channel)); });
+}
+
+}  // extern "C"

@@ -1,0 +1,383 @@
+// Lookup tables on bitmaps: table allocation, ApplyLut, ApplyByteLut and the
+// signed/unsigned sample shift.
+//
+// Both table operations first turn the caller's table into a compact one
+// over every stored sample value (uint8_t[256] for 8-bit samples,
+// uint16_t[65536] for 16-bit ones) and then run row by row over the stored
+// bytes, so that no sample is ever looked up outside the caller's table.
+#include <cstring>
+
+#include "family.h"
+#include "lut_simd.h"
+#include "pixels.h"
+
+namespace {
+
+static constexpr const wchar_t *kSourceFile = L"imgutil/lut";
+
+using img::Kind;
+
+constexpr uint32_t kChannelMask = 0xFu;
+
+// Byte offset of the colour sample that `channel` (1 red, 2 green, 3 blue)
+// names, in units of samples.
+int32_t SampleOffset(int32_t order, uint32_t channel) {
+  const bool rgb = order == ORDER_RGB;
+  switch (channel) {
+    case LUT_CHANNEL_RED:
+      return rgb ? 0 : 2;
+    case LUT_CHANNEL_GREEN:
+      return 1;
+    default:
+      return rgb ? 2 : 0;
+  }
+}
+
+inline int32_t Clamp(int32_t bits, int32_t storage) { return bits < storage ? bits : storage; }
+
+// Significant bits of a sample of this kind (gray: by its significant bits).
+int32_t SampleBits(const BitmapRecord *b, Kind kind) {
+  switch (kind) {
+    case Kind::Gray8:
+      return Clamp(img::GraySampleBits(b), 8);
+    case Kind::Gray12:
+      return Clamp(img::GraySampleBits(b), 12);
+    case Kind::Gray16:
+      return Clamp(img::GraySampleBits(b), 16);
+    case Kind::Color48:
+    case Kind::Color64:
+      return 16;
+    default:
+      return 8;
+  }
+}
+
+bool WideSamples(Kind kind) {
+  return kind == Kind::Gray12 || kind == Kind::Gray16 || kind == Kind::Color48 || kind == Kind::Color64;
+}
+
+int32_t CheckBitmap(const BitmapRecord *b) {
+  if (!b) return RC_NO_BITMAP;
+  if (!img::ValidRecordSize(b->StructSize)) return RC_INVALID_STRUCT_SIZE;
+  if (!(b->Flags & BITMAP_ALLOCATED) || !b->Pixels) return RC_NO_BITMAP;
+  return RC_SUCCESS;
+}
+
+int32_t KindStatus(Kind kind) {
+  if (kind == Kind::Gray32) return RC_GRAY32_NOT_SUPPORTED;
+  if (kind == Kind::Invalid) return RC_UNSUPPORTED_BITMAP;
+  return RC_SUCCESS;
+}
+
+// The compact tables of one call. byte serves 8-bit samples; word (65536
+// entries) the 16-bit ones.
+struct CompactTables {
+  uint8_t byte[256];
+  const uint16_t *word;
+};
+
+// Maps one palette colour through the byte table, per channel.
+PaletteEntry MapEntry(PaletteEntry e, const uint8_t *t, uint32_t channel) {
+  if (channel == LUT_CHANNEL_ALL || channel == LUT_CHANNEL_BLUE) e.Blue = t[e.Blue];
+  if (channel == LUT_CHANNEL_ALL || channel == LUT_CHANNEL_GREEN) e.Green = t[e.Green];
+  if (channel == LUT_CHANNEL_ALL || channel == LUT_CHANNEL_RED) e.Red = t[e.Red];
+  return e;
+}
+
+int32_t MapPalette(BitmapRecord *b, const uint8_t *t, uint32_t channel, int32_t start, int32_t end,
+                   img::LutPath path) {
+  PaletteEntry pal[256];
+  const int32_t count = b->ColorsUsed;
+  if (count <= 0 || count > 256 || ::GetPalette(b, 0, count, pal) == 0) return RC_NO_BITMAP;
+  if (!::BitmapHasRegion(b)) {
+    img::Progress progress;
+    int32_t answer = progress.step(start);
+    if (answer != RC_SUCCESS) return answer;
+    for (int32_t i = 0; i < count; ++i) pal[i] = MapEntry(pal[i], t, channel);
+    if (::SetPalette(b, 0, count, pal) == 0) return RC_NO_BITMAP;
+    return progress.step(end);
+  }
+  // With a region the palette stays; each pixel inside takes the palette
+  // colour nearest to its mapped colour. That depends on the index alone.
+  uint8_t next[256];
+  {
+    img::PaletteMatcher matcher(pal, count);
+    for (int32_t i = 0; i < 256; ++i) {
+      if (i >= count) {
+        next[i] = static_cast<uint8_t>(i);
+        continue;
+      }
+      const PaletteEntry m = MapEntry(pal[i], t, channel);
+      next[i] = static_cast<uint8_t>(matcher.Match(static_cast<uint32_t>(i), m.Blue, m.Green, m.Red));
+    }
+  }
+  img::RegionRows rows(b, __LINE__, kSourceFile);
+  if (rows.status() != RC_SUCCESS) return rows.status();
+  const int32_t bits = b->BitsPerPixel;
+  return rows.run(start, end, [&](uint8_t *row, const RowRun *runs, int32_t n) {
+    for (int32_t r = 0; r < n; ++r) {
+      if (bits == 8) {
+        img::MapBytes(path, next, row + runs[r].Start, row + runs[r].Start, runs[r].End - runs[r].Start);
+        continue;
+      }
+      for (int32_t x = runs[r].Start; x < runs[r].End; ++x)
+        img::SetIndex(row, x, bits, next[img::GetIndex(row, x, bits)]);
+    }
+  });
+}
+
+// Runs the compact tables over the samples inside the region.
+int32_t MapSamples(BitmapRecord *b, Kind kind, const CompactTables &t, uint32_t channel, int32_t start,
+                   int32_t end, img::LutPath path) {
+  if (kind == Kind::Palette) return MapPalette(b, t.byte, channel, start, end, path);
+  img::RegionRows rows(b, __LINE__, kSourceFile);
+  if (rows.status() != RC_SUCCESS) return rows.status();
+  const uint8_t *t8 = t.byte;
+  const uint16_t *t16 = t.word;
+  const int32_t offset = SampleOffset(b->ColorOrder, channel);
+  switch (kind) {
+    case Kind::Gray8:
+      return rows.run(start, end, [&](uint8_t *row, const RowRun *runs, int32_t n) {
+        for (int32_t r = 0; r < n; ++r)
+          img::MapBytes(path, t8, row + runs[r].Start, row + runs[r].Start, runs[r].End - runs[r].Start);
+      });
+    case Kind::Gray12:
+    case Kind::Gray16:
+      return rows.run(start, end, [&](uint8_t *row, const RowRun *runs, int32_t n) {
+        uint16_t *w = reinterpret_cast<uint16_t *>(row);
+        for (int32_t r = 0; r < n; ++r)
+          for (int32_t x = runs[r].Start; x < runs[r].End; ++x) w[x] = t16[w[x]];
+      });
+    case Kind::Color16: {
+      // 5-bit tables per colour field: widen, map, narrow.
+      uint16_t fields[3][32];
+      const uint32_t selected[3] = {LUT_CHANNEL_BLUE, LUT_CHANNEL_GREEN, LUT_CHANNEL_RED};
+      for (int f = 0; f < 3; ++f)
+        for (uint32_t v = 0; v < 32; ++v) {
+          const bool change = channel == LUT_CHANNEL_ALL || channel == selected[f];
+          fields[f][v] = static_cast<uint16_t>((change ? t8[img::Expand5(v)] >> 3 : v) << (5 * f));
+        }
+      return rows.run(start, end, [&](uint8_t *row, const RowRun *runs, int32_t n) {
+        uint16_t *w = reinterpret_cast<uint16_t *>(row);
+        for (int32_t r = 0; r < n; ++r)
+          for (int32_t x = runs[r].Start; x < runs[r].End; ++x) {
+            const uint32_t v = w[x];
+            w[x] = static_cast<uint16_t>((v & 0x8000u) | fields[0][v & 31u] | fields[1][(v >> 5) & 31u] |
+                                         fields[2][(v >> 10) & 31u]);
+          }
+      });
+    }
+    case Kind::Color24:
+    case Kind::Color32: {
+      const int32_t step = kind == Kind::Color24 ? 3 : 4;
+      return rows.run(start, end, [&](uint8_t *row, const RowRun *runs, int32_t n) {
+        for (int32_t r = 0; r < n; ++r) {
+          uint8_t *p = row + static_cast<std::size_t>(runs[r].Start) * step;
+          const std::size_t bytes = static_cast<std::size_t>(runs[r].End - runs[r].Start) * step;
+          if (channel != LUT_CHANNEL_ALL) {
+            for (std::size_t i = offset; i < bytes; i += step) p[i] = t8[p[i]];
+          } else if (step == 3) {
+            img::MapBytes(path, t8, p, p, bytes);
+          } else {
+            img::MapBytesKeepFourth(path, t8, p, p, bytes);
+          }
+        }
+      });
+    }
+    case Kind::Color48:
+    case Kind::Color64: {
+      const int32_t step = kind == Kind::Color48 ? 3 : 4;
+      return rows.run(start, end, [&](uint8_t *row, const RowRun *runs, int32_t n) {
+        for (int32_t r = 0; r < n; ++r) {
+          uint16_t *p = reinterpret_cast<uint16_t *>(row) + static_cast<std::size_t>(runs[r].Start) * step;
+          const std::size_t words = static_cast<std::size_t>(runs[r].End - runs[r].Start) * step;
+          if (channel != LUT_CHANNEL_ALL) {
+            for (std::size_t i = offset; i < words; i += step) p[i] = t16[p[i]];
+          } else if (step == 3) {
+            for (std::size_t i = 0; i < words; ++i) p[i] = t16[p[i]];
+          } else {
+            for (std::size_t i = 0; i < words; i += 4) {
+              p[i] = t16[p[i]];
+              p[i + 1] = t16[p[i + 1]];
+              p[i + 2] = t16[p[i + 2]];
+            }
+          }
+        }
+      });
+    }
+    default:
+      return KindStatus(kind);
+  }
+}
+
+// Each attached entry e becomes table[e] when e is a valid index.
+int32_t MapAttached(BitmapRecord *b, const int32_t *table, uint32_t length, int32_t start, int32_t end) {
+  img::Progress progress;
+  int32_t answer = progress.step(start);
+  if (answer != RC_SUCCESS) return answer;
+  if (b->AttachedLut)
+    for (int32_t i = 0; i < b->AttachedLutLength; ++i) {
+      const int32_t e = b->AttachedLut[i];
+      if (e >= 0 && static_cast<uint32_t>(e) < length) b->AttachedLut[i] = table[e];
+    }
+  return progress.step(end);
+}
+
+int32_t ApplyLutImpl(BitmapRecord *b, const int32_t *table, uint32_t length, uint32_t mode, int32_t start,
+                     int32_t end, img::LutPath path) {
+  int32_t status = CheckBitmap(b);
+  if (status != RC_SUCCESS) return status;
+  if (!table || length == 0) return RC_INVALID_PARAMETER;
+  const uint32_t channel = mode & kChannelMask;
+  if (channel > LUT_CHANNEL_BLUE) return RC_INVALID_PARAMETER;
+  if (!(mode & LUT_INDEX_BY_VALUE) && (b->Flags & BITMAP_USE_ATTACHED_LUT))
+    return MapAttached(b, table, length, start, end);
+  const Kind kind = img::KindOf(b);
+  status = KindStatus(kind);
+  if (status != RC_SUCCESS) return status;
+
+  // New sample = entry masked to the sample's bits; signed samples take the
+  // entry as an offset value (0 = most negative) and store its two's
+  // complement pattern. Values the table does not cover stay.
+  const int32_t bits = SampleBits(b, kind);
+  const uint32_t mask = (1u << bits) - 1u;
+  const uint32_t half = (b->Flags & BITMAP_SIGNED) ? 1u << (bits - 1) : 0u;
+  auto entry = [&](uint32_t v) -> uint32_t {
+    return v < length ? ((static_cast<uint32_t>(table[v]) ^ half) & mask) : v;
+  };
+  CompactTables t{};
+  img::KernelBuffer<uint16_t> words;
+  if (WideSamples(kind)) {
+    words = img::KernelBuffer<uint16_t>(65536, __LINE__, kSourceFile);
+    if (!words) return RC_NO_MEMORY;
+    for (uint32_t v = 0; v < 65536; ++v) words[v] = static_cast<uint16_t>(entry(v));
+    t.word = words.get();
+  } else {
+    for (uint32_t v = 0; v < 256; ++v) t.byte[v] = static_cast<uint8_t>(entry(v));
+  }
+  return MapSamples(b, kind, t, channel, start, end, path);
+}
+
+// 8-bit view of a sample of `bits` significant bits, and back.
+inline uint32_t Narrow(uint32_t v, int32_t bits) { return bits >= 8 ? v >> (bits - 8) : v << (8 - bits); }
+inline uint32_t Widen(uint32_t t, int32_t bits) {
+  return bits >= 8 ? (t << (bits - 8)) | (t >> (16 - bits)) : t >> (8 - bits);
+}
+
+// Adds half the range to every stored sample, modulo the range. Adding half
+// twice is the identity, so both directions are the same pass.
+int32_t ShiftSamples(BitmapRecord *b) {
+  int32_t status = CheckBitmap(b);
+  if (status != RC_SUCCESS) return status;
+  const Kind kind = img::KindOf(b);
+  status = KindStatus(kind);
+  if (status != RC_SUCCESS) return status;
+  if (kind == Kind::Palette) return RC_SUCCESS;
+  const int32_t bits = SampleBits(b, kind);
+  const uint32_t mask = (1u << bits) - 1u;
+  const uint32_t half = 1u << (bits - 1);
+  const std::size_t used = static_cast<std::size_t>(b->Width) * static_cast<std::size_t>(b->BitsPerPixel) / 8;
+  for (int32_t y = 0; y < b->Height; ++y) {
+    uint8_t *row = img::StoredRow(b, y);
+    switch (kind) {
+      case Kind::Color16: {
+        uint16_t *w = reinterpret_cast<uint16_t *>(row);
+        for (int32_t x = 0; x < b->Width; ++x) w[x] = static_cast<uint16_t>(w[x] ^ 0x4210u);
+        break;
+      }
+      case Kind::Gray8:
+        for (std::size_t i = 0; i < used; ++i) row[i] = static_cast<uint8_t>((row[i] + half) & mask);
+        break;
+      case Kind::Gray12:
+      case Kind::Gray16: {
+        uint16_t *w = reinterpret_cast<uint16_t *>(row);
+        for (int32_t x = 0; x < b->Width; ++x) w[x] = static_cast<uint16_t>((w[x] + half) & mask);
+        break;
+      }
+      case Kind::Color48:
+      case Kind::Color64: {
+        uint16_t *w = reinterpret_cast<uint16_t *>(row);
+        for (std::size_t i = 0; i < used / 2; ++i) w[i] = static_cast<uint16_t>(w[i] ^ 0x8000u);
+        break;
+      }
+      default:
+        for (std::size_t i = 0; i < used; ++i) row[i] = static_cast<uint8_t>(row[i] ^ 0x80u);
+        break;
+    }
+  }
+  return RC_SUCCESS;
+}
+
+}  // namespace
+
+namespace img {
+
+int32_t ApplyLutWithPath(BitmapRecord *bitmap, const int32_t *table, uint32_t length, uint32_t mode,
+                         int32_t start, int32_t end, LutPath path) {
+  return ApplyLutImpl(bitmap, table, length, mode, start, end, path);
+}
+
+}  // namespace img
+
+extern "C" {
+
+IMG_API int32_t AllocBitmapLut(BitmapRecord *bitmap, int32_t **table, uint32_t *length) {
+  if (!bitmap) return RC_NO_BITMAP;
+  if (!img::ValidRecordSize(bitmap->StructSize)) return RC_INVALID_STRUCT_SIZE;
+  if (!table || !length) return RC_NULL_OPTIONS;
+  uint32_t n = 256;
+  if (bitmap->BitsPerPixel >= 48) {
+    n = 65536;
+  } else if (bitmap->ColorOrder == ORDER_GRAY) {
+    const int32_t bits = bitmap->SignificantHighBit == -1
+                             ? bitmap->BitsPerPixel
+                             : bitmap->SignificantHighBit - bitmap->SignificantLowBit + 1;
+    if (bits < 1 || bits > 16) return RC_INVALID_PARAMETER;
+    n = 1u << bits;
+  }
+  int32_t *p = static_cast<int32_t *>(IMG_ALLOC(n, sizeof(int32_t)));
+  if (!p) return RC_NO_MEMORY;
+  *table = p;
+  *length = n;
+  return RC_SUCCESS;
+}
+
+IMG_API int32_t ApplyLut(BitmapRecord *bitmap, const int32_t *table, uint32_t length, uint32_t mode,
+                         int32_t start, int32_t end) {
+  return ApplyLutImpl(bitmap, table, length, mode, start, end, img::FastestLutPath());
+}
+
+IMG_API int32_t ApplyByteLut(BitmapRecord *bitmap, const uint8_t *table, uint32_t channel, int32_t start,
+                             int32_t end) {
+  int32_t status = CheckBitmap(bitmap);
+  if (status != RC_SUCCESS) return status;
+  if (!table) return RC_NULL_OPTIONS;
+  if (channel > LUT_CHANNEL_BLUE) return RC_INVALID_PARAMETER;
+  const Kind kind = img::KindOf(bitmap);
+  status = KindStatus(kind);
+  if (status != RC_SUCCESS) return status;
+  // Samples go through the table on an 8-bit scale: narrowed by their
+  // significant bits, mapped, and widened again by repeating the top bits
+  // (16 bits: t * 257; 12 bits: t << 4 | t >> 4). Values above the
+  // sample's range stay.
+  const int32_t bits = SampleBits(bitmap, kind);
+  const uint32_t top = (1u << bits) - 1u;
+  auto entry = [&](uint32_t v) -> uint32_t { return v > top ? v : Widen(table[Narrow(v, bits)], bits); };
+  CompactTables t{};
+  img::KernelBuffer<uint16_t> words;
+  if (WideSamples(kind)) {
+    words = img::KernelBuffer<uint16_t>(65536, __LINE__, kSourceFile);
+    if (!words) return RC_NO_MEMORY;
+    for (uint32_t v = 0; v < 65536; ++v) words[v] = static_cast<uint16_t>(entry(v));
+    t.word = words.get();
+  } else {
+    for (uint32_t v = 0; v < 256; ++v) t.byte[v] = static_cast<uint8_t>(entry(v));
+  }
+  return MapSamples(bitmap, kind, t, channel, start, end, img::FastestLutPath());
+}
+
+IMG_API int32_t SignedToUnsigned(BitmapRecord *bitmap, int32_t, int32_t) { return ShiftSamples(bitmap); }
+
+IMG_API int32_t UnsignedToSigned(BitmapRecord *bitmap, int32_t, int32_t) { return ShiftSamples(bitmap); }
+
+}  // extern "C"

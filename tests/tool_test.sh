@@ -1,0 +1,371 @@
+#!/bin/sh
+# End-to-end test of the imgcolor command-line tool.
+# usage: tool_test.sh path/to/imgcolor path/to/data
+#
+# Pixel expectations come from how the test files are built (see make_pngs
+# below), not from earlier tool output. Needs python3 for the hand-made PNGs;
+# without it those cases are skipped.
+TOOL=$1
+DATA=$2
+if [ ! -x "$TOOL" ] || [ ! -f "$DATA/chelsea.png" ]; then
+  echo "usage: $0 IMGCOLOR DATA_DIR" >&2
+  exit 2
+fi
+# The test runs in a scratch directory: make both paths absolute.
+case $TOOL in /*) ;; *) TOOL=$(pwd)/$TOOL ;; esac
+DATA=$(cd "$DATA" && pwd)
+
+WORK=$(mktemp -d)
+trap 'rm -rf "$WORK"' EXIT
+cd "$WORK" || exit 2
+
+passed=0
+failed=0
+pass() { passed=$((passed + 1)); }
+fail() {
+  failed=$((failed + 1))
+  echo "FAIL: $1"
+  [ -s out ] && sed 's/^/  stdout: /' out | head -20
+  [ -s err ] && sed 's/^/  stderr: /' err | head -20
+}
+
+# run NAME STATUS COMMAND...: runs the tool, expects the exit status; stdout
+# goes to ./out, stderr to ./err.
+run() {
+  r_name=$1
+  r_want=$2
+  shift 2
+  "$TOOL" "$@" >out 2>err
+  r_got=$?
+  if [ "$r_got" -eq "$r_want" ]; then pass; else fail "$r_name: exit status $r_got, expected $r_want"; fi
+}
+
+# expect NAME PATTERN [FILE]: the file (default out) has a line matching the
+# extended regular expression.
+expect() {
+  if grep -Eq -- "$2" "${3:-out}"; then pass; else fail "$1: no line matches /$2/ in ${3:-out}"; fi
+}
+
+# field FILE KEY [ARGS]: the value of "KEY: value" in `imgcolor info FILE`.
+field() {
+  f_file=$1
+  f_key=$2
+  shift 2
+  "$TOOL" info "$f_file" "$@" 2>/dev/null | sed -n "s/^$f_key: *//p"
+}
+
+same() {
+  if [ "$2" = "$3" ] && [ -n "$2" ]; then pass; else fail "$1: '$2' differs from '$3'"; fi
+}
+
+# ---- The sample photograph -------------------------------------------------------
+run "info on the built-in sample" 0 info
+expect "sample size" '^size: +451 x 300$'
+expect "sample depth" '^depth: +24 bits per pixel \(8-bit samples\)$'
+expect "sample kind" '^kind: +colour$'
+expect "sample order" '^order: +BGR$'
+expect "sample colours" '^colours: +[0-9]+$'
+expect "sample bytes" '^bytes: +406800 \(1356 per row\)$'   # 451 * 3 = 1353, padded to 1356
+sample_sum=$(sed -n 's/^checksum: *//p' out)
+
+run "info on data/chelsea.png" 0 info "$DATA/chelsea.png"
+expect "file size" '^size: +451 x 300$'
+same "embedded sample equals data/chelsea.png" "$sample_sum" "$(sed -n 's/^checksum: *//p' out)"
+run "'-' names the sample" 0 info -
+same "'-' checksum" "$sample_sum" "$(sed -n 's/^checksum: *//p' out)"
+
+# ---- Conversions -------------------------------------------------------------------
+run "convert to 48 bits" 0 convert - deep.png --depth 48
+run "info on the 48-bit file" 0 info deep.png --pixel 0,0
+expect "48 bits, 16-bit samples" '^depth: +48 bits per pixel \(16-bit samples\)$'
+# Widening 8-bit samples to 16 bits multiplies by 257: every sample v*257
+# has equal high and low bytes.
+sample_px=$(field - "pixel 0,0" --pixel 0,0)
+b8=$(echo "$sample_px" | sed 's/.*blue=\([0-9]*\).*/\1/')
+expect "48-bit sample is 8-bit sample * 257" "blue=$((b8 * 257)) "
+
+run "convert back to 24 bits" 0 convert deep.png back.png --depth 24
+same "24 -> 48 -> 24 keeps the pixels" "$sample_sum" "$(field back.png checksum)"
+
+run "PNG round trip" 0 convert "$DATA/chelsea.png" copy.png
+same "PNG round trip keeps the pixels" "$sample_sum" "$(field copy.png checksum)"
+run "48-bit round trip" 0 convert deep.png deep2.png
+same "48-bit round trip keeps the pixels" "$(field deep.png checksum)" "$(field deep2.png checksum)"
+
+run "convert to 8-bit gray" 0 convert - gray.png --gray
+run "info on gray" 0 info gray.png
+expect "gray depth" '^depth: +8 bits per pixel \(8-bit samples\)$'
+expect "gray kind" '^kind: +gray$'
+run "gray round trip" 0 convert gray.png gray2.png
+same "gray round trip" "$(field gray.png checksum)" "$(field gray2.png checksum)"
+
+run "convert to 16-bit gray" 0 convert - gray16.png --gray --depth 16
+run "info on 16-bit gray" 0 info gray16.png
+expect "16-bit gray depth" '^depth: +16 bits per pixel \(16-bit samples\)$'
+
+# 12-bit gray is written as 16-bit gray scaled by 16.
+run "convert to 12-bit gray" 0 convert - gray12.png --gray --depth 12
+run "info on 12-bit gray" 0 info gray12.png --pixel 0,0 --pixel 200,150 --pixel 450,299
+expect "12-bit gray read back as 16 bits" '^depth: +16 bits per pixel'
+bad=$(sed -n 's/^pixel .*gray=\([0-9]*\)$/\1/p' out | while read -r v; do [ $((v % 16)) -ne 0 ] && echo "$v"; done)
+same "12-bit samples scaled by 16" "none" "${bad:-none}"
+
+# 5-5-5 colour is written as 24-bit RGB with each 5-bit value v widened to
+# (v << 3) | (v >> 2): the low 3 bits repeat the top 3.
+run "convert to 16-bit colour" 0 convert - c555.png --depth 16
+run "info on 5-5-5" 0 info c555.png --pixel 0,0 --pixel 100,100
+expect "5-5-5 written as 24 bits" '^depth: +24 bits per pixel'
+bad=$(sed -n 's/^pixel [^:]*: //p' out | tr ' ' '\n' | sed 's/.*=//' | while read -r v; do
+  [ $((v & 7)) -ne $((v >> 5)) ] && echo "$v"; done)
+same "5-5-5 samples widened by bit replication" "none" "${bad:-none}"
+
+run "convert to an 8-bit palette" 0 convert - pal.png --depth 8
+run "info on palette" 0 info pal.png
+expect "palette kind" '^kind: +palette$'
+expect "palette depth" '^depth: +8 bits per pixel \(palette of'
+run "palette round trip" 0 convert pal.png pal2.png
+same "palette round trip" "$(field pal.png checksum)" "$(field pal2.png checksum)"
+run "convert to a 4-bit palette" 0 convert - pal4.png --depth 4
+run "4-bit palette round trip" 0 convert pal4.png pal4b.png
+same "4-bit palette round trip" "$(field pal4.png checksum)" "$(field pal4b.png checksum)"
+run "info on 4-bit palette" 0 info pal4b.png
+expect "4-bit palette kept" '^depth: +4 bits per pixel \(palette of 16 entries\)$'
+
+# ---- JPEG ------------------------------------------------------------------------------
+run "convert to JPEG" 0 convert - photo.jpg
+run "info on JPEG" 0 info photo.jpg --pixel 200,150
+expect "JPEG is 24-bit colour" '^depth: +24 bits per pixel'
+expect "JPEG size" '^size: +451 x 300$'
+# Quality 92 keeps a photo's samples close: compare one pixel within 24 levels.
+orig=$(field - "pixel 200,150" --pixel 200,150)
+jpeg=$(sed -n 's/^pixel 200,150: //p' out)
+far=$(printf '%s\n%s\n' "$orig" "$jpeg" | tr ' ' '\n' | sed 's/.*=//' | paste - - - - - - 2>/dev/null |
+  awk '{ for (i = 1; i <= 3; i++) { d = $i - $(i + 3); if (d < 0) d = -d; if (d > 24) print d } }')
+same "JPEG close to the original" "none" "${far:-none}"
+run "convert to gray JPEG" 0 convert - gray.jpeg --gray
+run "info on gray JPEG" 0 info gray.jpeg
+expect "gray JPEG is 8-bit gray" '^kind: +gray$'
+run "48-bit bitmap to JPEG" 0 convert deep.png deep.jpg
+run "info on 48-bit JPEG" 0 info deep.jpg
+expect "48-bit written as 24-bit JPEG" '^depth: +24 bits per pixel'
+run "palette bitmap to JPEG" 0 convert pal.png pal.jpg
+run "12-bit gray to JPEG" 0 convert - g12.jpg --gray --depth 12
+run "info on 12-bit gray JPEG" 0 info g12.jpg
+expect "12-bit gray written as 8-bit gray JPEG" '^depth: +8 bits per pixel \(8-bit samples\)$'
+run "JPEG to PNG" 0 convert photo.jpg photo.png
+same "JPEG decodes the same into PNG" "$(field photo.jpg checksum)" "$(field photo.png checksum)"
+
+# ---- Hand-made PNG files of every kind ---------------------------------------------------
+make_pngs() {
+  python3 - <<'PY'
+import struct, zlib
+
+def chunk(kind, data):
+    return struct.pack('>I', len(data)) + kind + data + struct.pack('>I', zlib.crc32(kind + data) & 0xffffffff)
+
+def png(name, w, h, depth, ctype, rows, plte=None, interlaced=False, trailer=True):
+    ihdr = struct.pack('>IIBBBBB', w, h, depth, ctype, 0, 0, 1 if interlaced else 0)
+    raw = b''.join(b'\0' + r for r in rows)
+    out = b'\x89PNG\r\n\x1a\n' + chunk(b'IHDR', ihdr)
+    if plte:
+        out += chunk(b'PLTE', bytes(v for e in plte for v in e))
+    out += chunk(b'IDAT', zlib.compress(raw)) + chunk(b'IEND', b'')
+    open(name, 'wb').write(out)
+
+def packbits(values, depth):
+    bits = ''.join(format(v, '0%db' % depth) for v in values)
+    bits += '0' * (-len(bits) % 8)
+    return bytes(int(bits[i:i + 8], 2) for i in range(0, len(bits), 8))
+
+png('g8.png', 3, 2, 8, 0, [bytes([0, 7, 255]), bytes([128, 1, 2])])
+png('g8rep.png', 3, 2, 8, 0, [bytes([5, 5, 5]), bytes([9, 9, 5])])
+png('g16.png', 2, 1, 16, 0, [struct.pack('>HH', 0x1234, 0xFEDC)])
+png('g1.png', 9, 1, 1, 0, [packbits([1, 0, 0, 0, 0, 0, 0, 0, 1], 1)])
+png('g4.png', 2, 1, 4, 0, [packbits([5, 15], 4)])
+png('rgb8.png', 2, 1, 8, 2, [bytes([10, 20, 30, 40, 50, 60])])
+png('rgb16.png', 1, 1, 16, 2, [struct.pack('>HHH', 0x0102, 0x0304, 0x0506)])
+png('rgba8.png', 1, 1, 8, 6, [bytes([1, 2, 3, 200])])
+png('rgba16.png', 1, 1, 16, 6, [struct.pack('>HHHH', 1000, 2000, 3000, 0xABCD)])
+png('ga8.png', 1, 1, 8, 4, [bytes([50, 60])])
+png('p2.png', 5, 1, 2, 3, [packbits([0, 1, 2, 1, 2], 2)], plte=[(255, 0, 0), (0, 255, 0), (0, 0, 255)])
+png('p8.png', 2, 2, 8, 3, [bytes([0, 1]), bytes([1, 0])], plte=[(9, 8, 7), (1, 2, 3)])
+
+# Adam7-interlaced 8-bit RGB, 5 x 5, pixel (x, y) = (10x, 10y, x + y).
+w = h = 5
+def px(x, y): return bytes([10 * x, 10 * y, x + y])
+passes = [(0, 0, 8, 8), (4, 0, 8, 8), (0, 4, 4, 8), (2, 0, 4, 4), (0, 2, 2, 4), (1, 0, 2, 2), (0, 1, 1, 2)]
+raw = b''
+for x0, y0, dx, dy in passes:
+    xs = range(x0, w, dx)
+    if not xs: continue
+    for y in range(y0, h, dy):
+        raw += b'\0' + b''.join(px(x, y) for x in xs)
+ihdr = struct.pack('>IIBBBBB', w, h, 8, 2, 0, 0, 1)
+open('adam7.png', 'wb').write(b'\x89PNG\r\n\x1a\n' + chunk(b'IHDR', ihdr) + chunk(b'IDAT', zlib.compress(raw)) +
+                              chunk(b'IEND', b''))
+
+# A PNG whose image data chunk has a wrong checksum.
+good = open('g8.png', 'rb').read()
+i = good.index(b'IDAT') + 4
+open('badcrc.png', 'wb').write(good[:i] + bytes([good[i] ^ 0xFF]) + good[i + 1:])
+PY
+}
+
+if command -v python3 >/dev/null 2>&1 && make_pngs; then
+  # pngfile  pixel  expected samples  expected depth line
+  while IFS='|' read -r file pixel want depth; do
+    run "read $file" 0 info "$file" --pixel "$pixel"
+    expect "$file depth" "^depth: +$depth"
+    expect "$file pixel $pixel" "^pixel $pixel: $want\$"
+    run "rewrite $file" 0 convert "$file" "re-$file"
+    same "$file round trip" "$(field "$file" checksum)" "$(field "re-$file" checksum)"
+    same "$file round trip keeps the depth" "$(field "$file" depth)" "$(field "re-$file" depth)"
+  done <<'EOF'
+g8.png|1,0|gray=7|8 bits per pixel \(8-bit samples\)
+g8.png|0,1|gray=128|8 bits per pixel
+g16.png|0,0|gray=4660|16 bits per pixel \(16-bit samples\)
+g16.png|1,0|gray=65244|16 bits per pixel
+g1.png|0,0|gray=255|8 bits per pixel
+g1.png|8,0|gray=255|8 bits per pixel
+g1.png|7,0|gray=0|8 bits per pixel
+g4.png|0,0|gray=85|8 bits per pixel
+rgb8.png|1,0|blue=60 green=50 red=40|24 bits per pixel
+rgb16.png|0,0|blue=1286 green=772 red=258|48 bits per pixel \(16-bit samples\)
+rgba8.png|0,0|blue=3 green=2 red=1 fourth=200|32 bits per pixel
+rgba16.png|0,0|blue=3000 green=2000 red=1000 fourth=43981|64 bits per pixel
+ga8.png|0,0|blue=50 green=50 red=50 fourth=60|32 bits per pixel
+p2.png|2,0|index=2 red=0 green=0 blue=255|2 bits per pixel \(palette of 4 entries\)
+p2.png|3,0|index=1 red=0 green=255 blue=0|2 bits per pixel
+p8.png|1,0|index=1 red=1 green=2 blue=3|8 bits per pixel \(palette of 256 entries\)
+adam7.png|0,0|blue=0 green=0 red=0|24 bits per pixel
+adam7.png|3,1|blue=4 green=10 red=30|24 bits per pixel
+adam7.png|4,4|blue=8 green=40 red=40|24 bits per pixel
+adam7.png|1,2|blue=3 green=20 red=10|24 bits per pixel
+EOF
+  run "count-colors on six distinct grays" 0 count-colors g8.png
+  expect "six colours" '^colors: 6$'
+  run "count-colors on two distinct grays" 0 count-colors g8rep.png
+  expect "two colours" '^colors: 2$'
+  run "PNG with a bad checksum" 1 info badcrc.png
+  expect "bad checksum named" '^imgcolor: badcrc\.png: corrupt PNG data' err
+else
+  echo "python3 not available: hand-made PNG cases skipped"
+fi
+
+# ---- Operations -------------------------------------------------------------------------
+run "list" 0 list
+expect "fill listed" '^  fill +'
+expect "count-colors listed" '^  count-colors +'
+run "help fill" 0 help fill
+expect "help names the argument" '^  --color COLOUR$'
+expect "help gives type, range and default" 'colour, .*default #FFFFFF'
+
+# #RRGGBB gives red 0x10, green 0x20, blue 0x30; the family value holds red
+# lowest, so 0x302010 is the same colour.
+run "fill with #RRGGBB" 0 fill filled.png --color '#102030' --quiet
+run "info on filled" 0 info filled.png --pixel 0,0 --pixel 450,299
+expect "filled top left" '^pixel 0,0: blue=48 green=32 red=16$'
+expect "filled bottom right" '^pixel 450,299: blue=48 green=32 red=16$'
+run "filled is one colour" 0 count-colors filled.png
+expect "one colour" '^colors: 1$'
+run "fill with a number" 0 fill - filled2.png --color=0x302010
+same "number and #RRGGBB agree" "$(field filled.png checksum)" "$(field filled2.png checksum)"
+run "default colour is white" 0 fill white.png
+if [ -s err ]; then fail "no progress output when stderr is not a terminal"; else pass; fi
+run "info on white" 0 info white.png --pixel 5,5
+expect "white" '^pixel 5,5: blue=255 green=255 red=255$'
+
+orig_5=$(field - "pixel 5,5" --pixel 5,5)
+orig_90=$(field - "pixel 90,90" --pixel 90,90)
+orig_200=$(field - "pixel 200,200" --pixel 200,200)
+red='blue=0 green=0 red=255'
+# Each row: region options | pixels inside | pixels outside (x,y;x,y)
+while IFS='|' read -r opts inside outside; do
+  # shellcheck disable=SC2086
+  run "fill $opts" 0 fill region.png --color '#FF0000' $opts
+  for p in $(echo "$inside" | tr ';' ' '); do
+    same "$opts: $p inside" "$red" "$(field region.png "pixel $p" --pixel "$p")"
+  done
+  for p in $(echo "$outside" | tr ';' ' '); do
+    case $p in 5,5) o=$orig_5 ;; 90,90) o=$orig_90 ;; *) o=$orig_200 ;; esac
+    same "$opts: $p outside" "$o" "$(field region.png "pixel $p" --pixel "$p")"
+  done
+done <<'EOF'
+--rect 10,10,100,100|10,10;99,99;50,50|5,5;200,200
+--rect 0,0,10,10 --rect 85,85,95,95|5,5;90,90|200,200
+--ellipse 0,0,180,180|90,90;5,90|5,5;200,200
+--polygon 0,0,180,0,0,180|5,5;85,85|200,200
+--polygon 0,0,100,0,0,100 --ellipse 150,150,250,250|5,5;200,200|90,90
+EOF
+
+# A library failure: a rectangle of negative size is an invalid parameter of
+# SetBitmapRegionRect (-13); nothing is written.
+run "region refused by the library" 1 fill refused.png --rect 50,50,10,10
+expect "library status named" '^imgcolor: --rect: failed with status -13 \(invalid parameter\)$' err
+if [ -e refused.png ]; then fail "no output after a library failure"; else pass; fi
+
+# ---- Bad files: exit status 1 and a message naming the file ------------------------------
+: >empty.png
+echo "this is plain text, not an image" >text.png
+head -c 5000 "$DATA/chelsea.png" >truncated.png
+head -c 6 "$DATA/chelsea.png" >stub.png
+head -c 3000 photo.jpg >truncated.jpg
+mkdir -p adir
+while IFS='|' read -r file reason; do
+  run "bad file $file" 1 info "$file"
+  expect "$file: reason" "^imgcolor: $file: $reason" err
+  run "bad input $file for an operation" 1 fill "$file" never.png
+  if [ -e never.png ]; then fail "no output written for $file"; else pass; fi
+done <<'EOF'
+empty.png|empty file
+text.png|not a PNG or JPEG file
+truncated.png|truncated PNG data
+stub.png|truncated PNG data
+truncated.jpg|corrupt JPEG data
+missing.png|No such file or directory
+adir|is a directory
+EOF
+run "output into a missing directory" 1 convert - nodir/out.png
+expect "output error names the file" '^imgcolor: nodir/out\.png: No such file or directory$' err
+if [ -w /dev/full ]; then
+  # Every write to /dev/full fails with "no space left on device".
+  ln -s /dev/full full.png
+  run "write failure" 1 convert - full.png
+  expect "write failure message" '^imgcolor: full\.png: .*(No space left on device|Write Error)' err
+  if [ -c full.png ]; then pass; else fail "a device output is never removed"; fi
+fi
+
+# ---- Bad arguments: exit status 2 -----------------------------------------------------
+while IFS='|' read -r args pattern; do
+  # shellcheck disable=SC2086
+  run "bad arguments: $args" 2 $args
+  expect "message for: $args" "$pattern" err
+done <<'EOF'
+|^usage: imgcolor
+nosuch|unknown command 'nosuch'
+help nosuch|unknown operation 'nosuch'
+info a.png b.png|info takes one FILE
+info --bogus|unknown option --bogus
+convert - out.png --depth 7|--depth: '7' is not a depth
+convert - out.png --depth|--depth: missing value
+convert - out.gif|out\.gif: unknown output format
+convert - out.png --gray --depth 24|--depth: 24 with --gray
+convert -|convert takes IN and OUT
+fill|fill takes \[IN\] OUT
+fill a.png b.png c.png|fill takes \[IN\] OUT
+fill out.png --nosuch 1|unknown option --nosuch
+fill out.png --color #12345|--color: '#12345' is not a colour
+fill out.png --color #GG0000|--color: '#GG0000' is not a colour
+fill out.png --color 0x100000000|--color: .* \(expected #RRGGBB or a number 0\.\.0xFFFFFFFF\)
+fill out.png --color 1 --color 2|--color: given more than once
+fill out.png --rect 1,2,3|--rect: expected 4 comma-separated values
+fill out.png --rect 1,2,x,4|--rect: 'x' is not a coordinate
+fill out.png --polygon 1,2,3,4|--polygon: expected at least 3 points
+fill out.png --polygon 1,2,3,4,5,6,7|--polygon: expected at least 3 points
+count-colors a.png b.png|count-colors takes \[IN\]
+info - --pixel 451,0|--pixel: 451,0 is outside the 451 x 300 image
+EOF
+if [ -e out.png ]; then fail "no output after argument errors"; else pass; fi
+
+echo "$passed passed, $failed failed"
+[ "$failed" -eq 0 ]

@@ -1,0 +1,611 @@
+// imgcolor: runs the family's operations on PNG and JPEG files.
+//
+// Exit status: 0 success, 1 a file or library failure, 2 a usage error.
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "image_io.h"
+#include "imgdisplay.h"
+#include "pixels.h"
+#include "progress.h"
+#include "registry.h"
+
+namespace imgtool {
+extern const uint8_t kSamplePhoto[];
+extern const std::size_t kSamplePhotoSize;
+}  // namespace imgtool
+
+namespace {
+
+using imgtool::ArgSpec;
+using imgtool::ArgType;
+using imgtool::ArgValues;
+using imgtool::Bitmap;
+using imgtool::OpDescriptor;
+
+constexpr int kExitFailure = 1;
+constexpr int kExitUsage = 2;
+constexpr const char *kSampleName = "chelsea.png (built-in sample)";
+
+// Thrown for command-line mistakes; main prints it and exits with 2.
+struct UsageError {
+  std::string message;
+};
+
+// Thrown for file and library failures; main prints it and exits with 1.
+struct Failure {
+  std::string message;
+};
+
+std::string StatusMeaning(int32_t status) {
+  switch (status) {
+    case RC_SUCCESS:
+      return "success";
+    case RC_NO_MEMORY:
+      return "out of memory";
+    case RC_NO_BITMAP:
+      return "no bitmap";
+    case RC_UNSUPPORTED_BITMAP:
+      return "unsupported bitmap";
+    case RC_INVALID_PARAMETER:
+      return "invalid parameter";
+    case RC_INVALID_STRUCT_SIZE:
+      return "invalid record size";
+    case RC_NULL_OPTIONS:
+      return "options missing";
+    case RC_SIGNED_DATA_NOT_SUPPORTED:
+      return "signed data not supported";
+    case RC_GRAY32_NOT_SUPPORTED:
+      return "32-bit gray not supported";
+    default:
+      return status > 1 ? "stopped by the status callback" : "unknown status";
+  }
+}
+
+std::string StatusText(int32_t status) {
+  return "failed with status " + std::to_string(status) + " (" + StatusMeaning(status) + ")";
+}
+
+void Usage(std::ostream &out) {
+  out << "usage: imgcolor COMMAND [ARGUMENTS]\n"
+         "\n"
+         "commands:\n"
+         "  info [FILE] [--pixel X,Y ...]  describe an image; --pixel prints its samples\n"
+         "  convert IN OUT [--depth N] [--gray]\n"
+         "                                 convert a file, optionally to another depth or to gray\n"
+         "  list                           list the operations\n"
+         "  help [OP]                      this text, or an operation's arguments\n"
+         "  OP [IN] OUT [--ARG VALUE ...]  run an operation and write the result\n"
+         "\n"
+         "IN (and FILE) default to the built-in sample photograph; '-' also means it.\n"
+         "OUT's extension chooses the format: .png, .jpg or .jpeg.\n"
+         "\n"
+         "options of every operation:\n"
+         "  --rect L,T,R,B                 limit the operation to a rectangle (right, bottom exclusive)\n"
+         "  --ellipse L,T,R,B              ... to the ellipse inscribed in the rectangle\n"
+         "  --polygon X1,Y1,X2,Y2,X3,Y3... ... to a polygon (even-odd rule)\n"
+         "                                 region options repeat; the shapes are combined (union)\n"
+         "  --quiet                        no progress bar\n";
+}
+
+// Word-wraps text at `width` columns, each line starting with `indent`.
+std::string Wrap(const std::string &text, const std::string &indent, size_t width = 78) {
+  std::istringstream words(text);
+  std::string word, line, out;
+  while (words >> word) {
+    if (!line.empty() && indent.size() + line.size() + 1 + word.size() > width) {
+      out += indent + line + "\n";
+      line.clear();
+    }
+    line += (line.empty() ? "" : " ") + word;
+  }
+  if (!line.empty()) out += indent + line + "\n";
+  return out;
+}
+
+std::string ArgPlaceholder(const ArgSpec &a) {
+  switch (a.type) {
+    case ArgType::Bool:
+      return "";
+    case ArgType::Enum:
+      return " NAME";
+    case ArgType::Colour:
+      return " COLOUR";
+    case ArgType::IntList:
+      return " N,N,...";
+    default:
+      return " N";
+  }
+}
+
+void OperationHelp(const OpDescriptor &op, std::ostream &out) {
+  out << "usage: imgcolor " << op.name << (op.writesImage ? " [IN] OUT" : " [IN]");
+  out << (op.args.empty() ? "" : " [--ARG VALUE ...]") << " [region options] [--quiet]\n\n";
+  out << op.summary << " (" << op.exportName << ").\n";
+  if (!op.help.empty()) out << "\n" << Wrap(op.help, "");
+  out << "\n" << Wrap("accepts: " + imgtool::KindNames(op.kinds), "");
+  if (op.args.empty()) {
+    out << "\nno arguments\n";
+    return;
+  }
+  out << "\narguments:\n";
+  for (const ArgSpec &a : op.args) {
+    out << "  --" << a.name << ArgPlaceholder(a) << "\n";
+    out << "      " << imgtool::TypeName(a) << ", " << imgtool::RangeText(a) << ", default " << a.defaultValue
+        << "\n";
+    out << Wrap(a.help, "      ");
+    for (const imgtool::EnumValue &e : a.values) out << Wrap(e.name + ": " + e.help, "        ");
+  }
+}
+
+// ---- Loading and saving --------------------------------------------------------------
+
+bool IsSample(const std::string &path) { return path.empty() || path == "-"; }
+
+std::string DisplayName(const std::string &path) { return IsSample(path) ? kSampleName : path; }
+
+void Load(const std::string &path, Bitmap &bitmap) {
+  std::string error;
+  const bool ok = IsSample(path) ? imgtool::ReadImageMemory(imgtool::kSamplePhoto, imgtool::kSamplePhotoSize,
+                                                            bitmap, error)
+                                 : imgtool::ReadImageFile(path, bitmap, error);
+  if (!ok) throw Failure{DisplayName(path) + ": " + error};
+}
+
+imgtool::FileFormat OutputFormat(const std::string &path) {
+  const imgtool::FileFormat format = imgtool::FormatFromExtension(path);
+  if (format == imgtool::FileFormat::Unknown)
+    throw UsageError{path + ": unknown output format (use .png, .jpg or .jpeg)"};
+  return format;
+}
+
+void Save(const std::string &path, imgtool::FileFormat format, const BitmapRecord *bitmap) {
+  std::string error;
+  if (!imgtool::WriteImageFile(path, format, bitmap, error)) throw Failure{path + ": " + error};
+}
+
+// ---- Option scanning --------------------------------------------------------------------
+
+struct Option {
+  std::string name;
+  std::string value;
+  bool hasValue = false;
+};
+
+// Splits arguments into positionals and options. `takesValue(name)` says
+// whether --name consumes the next argument when written without '='.
+template <class TakesValue>
+void Scan(const std::vector<std::string> &args, TakesValue takesValue, std::vector<std::string> &positional,
+          std::vector<Option> &options) {
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string &a = args[i];
+    if (a.size() > 2 && a.compare(0, 2, "--") == 0) {
+      Option o;
+      const size_t eq = a.find('=');
+      o.name = a.substr(2, eq == std::string::npos ? std::string::npos : eq - 2);
+      if (eq != std::string::npos) {
+        o.value = a.substr(eq + 1);
+        o.hasValue = true;
+      } else if (takesValue(o.name)) {
+        if (i + 1 >= args.size()) throw UsageError{"--" + o.name + ": missing value"};
+        o.value = args[++i];
+        o.hasValue = true;
+      }
+      options.push_back(o);
+    } else if (a.size() > 1 && a[0] == '-' && !(a[1] >= '0' && a[1] <= '9')) {
+      throw UsageError{"unknown option " + a};
+    } else {
+      positional.push_back(a);
+    }
+  }
+}
+
+// ---- info -------------------------------------------------------------------------------
+
+// FNV-1a over the pixel bytes of every image row (top first, without row
+// padding or unused bits) and the used palette entries: equal for bitmaps of
+// the same kind with the same pixels.
+uint64_t PixelChecksum(const BitmapRecord *b) {
+  uint64_t h = 0xcbf29ce484222325ull;
+  auto add = [&h](uint8_t byte) {
+    h ^= byte;
+    h *= 0x100000001b3ull;
+  };
+  const uint64_t rowBits = static_cast<uint64_t>(b->Width) * static_cast<uint64_t>(b->BitsPerPixel);
+  const uint64_t fullBytes = rowBits / 8;
+  const uint32_t restBits = static_cast<uint32_t>(rowBits % 8);
+  for (int32_t y = 0; y < b->Height; ++y) {
+    const uint8_t *row = img::ImageRow(b, y);
+    for (uint64_t i = 0; i < fullBytes; ++i) add(row[i]);
+    if (restBits) add(static_cast<uint8_t>(row[fullBytes] & (0xFF00u >> restBits)));
+  }
+  if (b->Palette && b->BitsPerPixel <= 8 && b->ColorOrder != ORDER_GRAY) {
+    for (int32_t i = 0; i < b->ColorsUsed; ++i) {
+      add(b->Palette[i].Blue);
+      add(b->Palette[i].Green);
+      add(b->Palette[i].Red);
+    }
+  }
+  return h;
+}
+
+std::string SampleText(const BitmapRecord *b) {
+  switch (img::KindOf(b)) {
+    case img::Kind::Palette:
+      return "palette of " + std::to_string(b->ColorsUsed) + " entries";
+    case img::Kind::Gray8:
+      return "8-bit samples";
+    case img::Kind::Gray12:
+      return "12-bit samples";
+    case img::Kind::Gray16:
+      return "16-bit samples";
+    case img::Kind::Gray32:
+      return "32-bit samples";
+    case img::Kind::Color16:
+      return "5-bit samples";
+    case img::Kind::Color24:
+    case img::Kind::Color32:
+      return "8-bit samples";
+    case img::Kind::Color48:
+    case img::Kind::Color64:
+      return "16-bit samples";
+    default:
+      return "unknown layout";
+  }
+}
+
+// The stored samples of one pixel, e.g. "blue=1 green=2 red=3".
+std::string PixelText(const BitmapRecord *b, int32_t x, int32_t y) {
+  const uint8_t *row = img::ImageRow(b, y);
+  std::string s;
+  auto add = [&s](const char *name, uint32_t v) {
+    s += (s.empty() ? "" : " ") + std::string(name) + "=" + std::to_string(v);
+  };
+  static const char *const kColour[] = {"blue", "green", "red", "fourth"};
+  const bool rgb = b->ColorOrder == ORDER_RGB;
+  auto colour = [&](int32_t sampleBytes, int32_t samples) {
+    const uint8_t *p = row + static_cast<size_t>(x) * sampleBytes * samples;
+    for (int32_t i = 0; i < samples; ++i) {
+      const int32_t name = i < 3 && rgb ? 2 - i : i;
+      add(kColour[name], sampleBytes == 2 ? img::Load16(p + 2 * i) : p[i]);
+    }
+  };
+  switch (img::KindOf(b)) {
+    case img::Kind::Palette: {
+      const uint32_t index = img::GetIndex(row, x, b->BitsPerPixel);
+      add("index", index);
+      if (b->Palette) {
+        add("red", b->Palette[index].Red);
+        add("green", b->Palette[index].Green);
+        add("blue", b->Palette[index].Blue);
+      }
+      break;
+    }
+    case img::Kind::Gray8:
+      add("gray", row[x]);
+      break;
+    case img::Kind::Gray12:
+    case img::Kind::Gray16:
+      add("gray", img::Load16(row + 2 * x));
+      break;
+    case img::Kind::Color16: {
+      const uint16_t w = img::Load16(row + 2 * x);
+      add("blue", w & 31u);
+      add("green", (w >> 5) & 31u);
+      add("red", (w >> 10) & 31u);
+      break;
+    }
+    case img::Kind::Color24:
+      colour(1, 3);
+      break;
+    case img::Kind::Color32:
+      colour(1, 4);
+      break;
+    case img::Kind::Color48:
+      colour(2, 3);
+      break;
+    case img::Kind::Color64:
+      colour(2, 4);
+      break;
+    default:
+      s = "unknown layout";
+  }
+  return s;
+}
+
+int Info(const std::vector<std::string> &positional, const std::vector<Option> &options) {
+  if (positional.size() > 1) throw UsageError{"info takes one FILE"};
+  std::vector<std::pair<int64_t, int64_t>> pixels;
+  for (const Option &o : options) {
+    if (o.name == "pixel" && o.hasValue) {
+      const size_t comma = o.value.find(',');
+      int64_t x = 0, y = 0;
+      if (comma == std::string::npos || !imgtool::ParseNumber(o.value.substr(0, comma), x) ||
+          !imgtool::ParseNumber(o.value.substr(comma + 1), y))
+        throw UsageError{"--pixel: '" + o.value + "' is not X,Y"};
+      pixels.emplace_back(x, y);
+    } else if (o.name != "quiet" || o.hasValue) {
+      throw UsageError{"info: unknown option --" + o.name};
+    }
+  }
+  const std::string path = positional.empty() ? "-" : positional[0];
+  Bitmap bitmap;
+  Load(path, bitmap);
+  const BitmapRecord *b = bitmap.get();
+  for (const auto &[x, y] : pixels)
+    if (x < 0 || y < 0 || x >= b->Width || y >= b->Height)
+      throw UsageError{"--pixel: " + std::to_string(x) + "," + std::to_string(y) + " is outside the " +
+                       std::to_string(b->Width) + " x " + std::to_string(b->Height) + " image"};
+  const img::Kind kind = img::KindOf(b);
+  uint32_t colours = 0;
+  const int32_t countStatus = CountBitmapColors(b, &colours, 0);
+  const char *order = b->ColorOrder == ORDER_GRAY ? "gray" : b->ColorOrder == ORDER_RGB ? "RGB" : "BGR";
+  std::cout << "file:        " << DisplayName(path) << "\n"
+            << "size:        " << b->Width << " x " << b->Height << "\n"
+            << "depth:       " << b->BitsPerPixel << " bits per pixel (" << SampleText(b) << ")\n"
+            << "kind:        "
+            << (kind == img::Kind::Palette ? "palette"
+                : img::IsGrayKind(kind)    ? "gray"
+                                           : "colour")
+            << "\n"
+            << "order:       " << order << "\n"
+            << "orientation: " << (b->Orientation == ORIENT_BOTTOM_FIRST ? "bottom first" : "top first")
+            << "\n";
+  if (countStatus == RC_SUCCESS)
+    std::cout << "colours:     " << colours << "\n";
+  else
+    std::cout << "colours:     unavailable (" << StatusText(countStatus) << ")\n";
+  char checksum[17];
+  std::snprintf(checksum, sizeof checksum, "%016llx", static_cast<unsigned long long>(PixelChecksum(b)));
+  std::cout << "bytes:       " << b->DataSize << " (" << b->BytesPerLine << " per row)\n"
+            << "checksum:    " << checksum << "\n";
+  for (const auto &[x, y] : pixels) {
+    std::cout << "pixel " << x << "," << y << ": "
+              << PixelText(b, static_cast<int32_t>(x), static_cast<int32_t>(y)) << "\n";
+  }
+  return 0;
+}
+
+bool IsRegionOption(const std::string &name) {
+  return name == "rect" || name == "ellipse" || name == "polygon";
+}
+
+// ---- convert -------------------------------------------------------------------------------
+
+int Convert(const std::vector<std::string> &args) {
+  std::vector<std::string> positional;
+  std::vector<Option> options;
+  Scan(
+      args, [](const std::string &name) { return name == "depth"; }, positional, options);
+  int64_t depth = 0;
+  bool gray = false, quiet = false;
+  for (const Option &o : options) {
+    if (o.name == "depth") {
+      if (!imgtool::ParseNumber(o.value, depth) ||
+          (depth != 1 && depth != 2 && depth != 4 && depth != 8 && depth != 12 && depth != 16 &&
+           depth != 24 && depth != 32 && depth != 48 && depth != 64))
+        throw UsageError{"--depth: '" + o.value +
+                         "' is not a depth (expected one of 1, 2, 4, 8, 12, 16, 24, 32, 48, 64)"};
+    } else if (o.name == "gray" && !o.hasValue) {
+      gray = true;
+    } else if (o.name == "quiet" && !o.hasValue) {
+      quiet = true;
+    } else {
+      throw UsageError{"convert: unknown option --" + o.name};
+    }
+  }
+  if (gray && depth != 0 && depth != 8 && depth != 12 && depth != 16)
+    throw UsageError{"--depth: " + std::to_string(depth) + " with --gray (expected 8, 12 or 16)"};
+  if (positional.size() != 2) throw UsageError{"convert takes IN and OUT"};
+  const imgtool::FileFormat format = OutputFormat(positional[1]);
+  Bitmap bitmap;
+  Load(positional[0], bitmap);
+  if (gray || depth != 0) {
+    imgtool::ProgressBar progress(!quiet);
+    const int32_t status =
+        gray ? ConvertBitmapFormat(bitmap.get(), bitmap.get(), BITMAP_RECORD_SIZE,
+                                   static_cast<int32_t>(depth ? depth : 8), ORDER_GRAY, nullptr, 0, 0)
+             : ConvertBitmapDepth(bitmap.get(), static_cast<int32_t>(depth));
+    progress.Finish();
+    if (status < RC_SUCCESS) throw Failure{"convert: " + StatusText(status)};
+  }
+  Save(positional[1], format, bitmap.get());
+  return 0;
+}
+
+// ---- operations ----------------------------------------------------------------------------
+
+struct Shape {
+  std::string kind;
+  std::vector<int32_t> values;
+};
+
+Shape ParseShape(const Option &o) {
+  Shape s{o.name, {}};
+  size_t start = 0;
+  while (true) {
+    const size_t comma = o.value.find(',', start);
+    const std::string item =
+        o.value.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
+    int64_t v = 0;
+    if (!imgtool::ParseNumber(item, v) || v < INT32_MIN || v > INT32_MAX)
+      throw UsageError{"--" + o.name + ": '" + item + "' is not a coordinate"};
+    s.values.push_back(static_cast<int32_t>(v));
+    if (comma == std::string::npos) break;
+    start = comma + 1;
+  }
+  const size_t n = s.values.size();
+  if (s.kind != "polygon" && n != 4)
+    throw UsageError{"--" + o.name + ": expected 4 comma-separated values L,T,R,B, got " + std::to_string(n)};
+  if (s.kind == "polygon" && (n < 6 || n % 2 != 0))
+    throw UsageError{"--polygon: expected at least 3 points as X1,Y1,X2,Y2,X3,Y3,..., got " +
+                     std::to_string(n) + " values"};
+  return s;
+}
+
+void ApplyShapes(BitmapRecord *bitmap, const std::vector<Shape> &shapes) {
+  for (const Shape &s : shapes) {
+    int32_t status;
+    if (s.kind == "polygon") {
+      std::vector<Point> points;
+      for (size_t i = 0; i + 1 < s.values.size(); i += 2)
+        points.push_back(Point{s.values[i], s.values[i + 1]});
+      status = SetBitmapRegionPolygon(bitmap, points.data(), static_cast<uint32_t>(points.size()),
+                                      POLYGON_EVEN_ODD, REGION_OR);
+    } else {
+      const Rect r{s.values[0], s.values[1], s.values[2], s.values[3]};
+      status = s.kind == "rect" ? SetBitmapRegionRect(bitmap, &r, REGION_OR)
+                                : SetBitmapRegionEllipse(bitmap, &r, REGION_OR);
+    }
+    if (status < RC_SUCCESS) throw Failure{"--" + s.kind + ": " + StatusText(status)};
+  }
+}
+
+int RunOperation(const OpDescriptor &op, const std::vector<std::string> &args) {
+  auto findArg = [&op](const std::string &name) -> const ArgSpec * {
+    for (const ArgSpec &a : op.args)
+      if (a.name == name) return &a;
+    return nullptr;
+  };
+  std::vector<std::string> positional;
+  std::vector<Option> options;
+  Scan(
+      args,
+      [&](const std::string &name) {
+        if (IsRegionOption(name)) return true;
+        const ArgSpec *a = findArg(name);
+        return a && a->type != ArgType::Bool;
+      },
+      positional, options);
+
+  ArgValues values;
+  std::vector<Shape> shapes;
+  bool quiet = false;
+  for (const Option &o : options) {
+    if (o.name == "quiet" && !o.hasValue) {
+      quiet = true;
+      continue;
+    }
+    if (IsRegionOption(o.name)) {
+      shapes.push_back(ParseShape(o));
+      continue;
+    }
+    const ArgSpec *a = findArg(o.name);
+    std::string value = o.value;
+    if (!a && o.name.compare(0, 3, "no-") == 0) {
+      a = findArg(o.name.substr(3));
+      if (a && (a->type != ArgType::Bool || o.hasValue)) a = nullptr;
+      value = "false";
+    } else if (a && a->type == ArgType::Bool && !o.hasValue) {
+      value = "true";
+    }
+    if (!a)
+      throw UsageError{op.name + ": unknown option --" + o.name + " (see imgcolor help " + op.name + ")"};
+    if (values.Has(a->name)) throw UsageError{"--" + a->name + ": given more than once"};
+    std::string error;
+    if (!imgtool::ParseArg(*a, value, values, error)) throw UsageError{error};
+  }
+  imgtool::ApplyDefaults(op, values);
+
+  std::string in = "-", out;
+  if (op.writesImage) {
+    if (positional.empty() || positional.size() > 2) throw UsageError{op.name + " takes [IN] OUT"};
+    if (positional.size() == 2) in = positional[0];
+    out = positional.back();
+  } else {
+    if (positional.size() > 1) throw UsageError{op.name + " takes [IN] and writes no image"};
+    if (positional.size() == 1) in = positional[0];
+  }
+  const imgtool::FileFormat format = op.writesImage ? OutputFormat(out) : imgtool::FileFormat::Unknown;
+
+  Bitmap bitmap;
+  Load(in, bitmap);
+  const uint32_t kind = imgtool::KindBitOf(bitmap.get());
+  if ((kind & op.kinds) == 0)
+    throw Failure{op.name + ": " + DisplayName(in) + " is a " + imgtool::KindNames(kind) + " bitmap; " +
+                  op.name + " accepts " + imgtool::KindNames(op.kinds) + " (see imgcolor convert --depth)"};
+  ApplyShapes(bitmap.get(), shapes);
+
+  std::ostringstream report;
+  int32_t status;
+  {
+    imgtool::ProgressBar progress(!quiet);
+    status = op.call(bitmap.get(), values, report);
+    progress.Finish();
+  }
+  if (status < RC_SUCCESS) throw Failure{op.name + ": " + StatusText(status)};
+  std::cout << report.str();
+  if (op.writesImage) Save(out, format, bitmap.get());
+  return 0;
+}
+
+int List() {
+  const std::vector<OpDescriptor> &ops = imgtool::Operations();
+  if (ops.empty()) {
+    std::cout << "no operations registered\n";
+    return 0;
+  }
+  size_t width = 0;
+  for (const OpDescriptor &op : ops) width = std::max(width, op.name.size());
+  for (const OpDescriptor &op : ops)
+    std::cout << "  " << op.name << std::string(width + 2 - op.name.size(), ' ') << op.summary << "\n";
+  return 0;
+}
+
+int Help(const std::vector<std::string> &args) {
+  if (args.empty()) {
+    Usage(std::cout);
+    return 0;
+  }
+  if (args.size() > 1) throw UsageError{"help takes one operation name"};
+  const OpDescriptor *op = imgtool::FindOperation(args[0]);
+  if (!op) throw UsageError{"unknown operation '" + args[0] + "' (see imgcolor list)"};
+  OperationHelp(*op, std::cout);
+  return 0;
+}
+
+int Run(const std::vector<std::string> &argv) {
+  if (argv.empty()) {
+    Usage(std::cerr);
+    return kExitUsage;
+  }
+  const std::string &command = argv[0];
+  const std::vector<std::string> rest(argv.begin() + 1, argv.end());
+  if (command == "info") {
+    std::vector<std::string> positional;
+    std::vector<Option> options;
+    Scan(
+        rest, [](const std::string &name) { return name == "pixel"; }, positional, options);
+    return Info(positional, options);
+  }
+  if (command == "convert") return Convert(rest);
+  if (command == "list") {
+    if (!rest.empty()) throw UsageError{"list takes no arguments"};
+    return List();
+  }
+  if (command == "help" || command == "--help" || command == "-h") return Help(rest);
+  if (const OpDescriptor *op = imgtool::FindOperation(command)) return RunOperation(*op, rest);
+  throw UsageError{"unknown command '" + command + "' (see imgcolor help and imgcolor list)"};
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  try {
+    return Run(std::vector<std::string>(argv + 1, argv + argc));
+  } catch (const UsageError &e) {
+    std::cerr << "imgcolor: " << e.message << "\n";
+    return kExitUsage;
+  } catch (const Failure &e) {
+    std::cerr << "imgcolor: " << e.message << "\n";
+    return kExitFailure;
+  } catch (const std::bad_alloc &) {
+    std::cerr << "imgcolor: out of memory\n";
+    return kExitFailure;
+  }
+}

@@ -1,0 +1,158 @@
+// Hue, saturation, hue-band and tint operations.
+#include <cstdint>
+#include <vector>
+
+#include "imgcolor.h"
+#include "registry.h"
+
+namespace {
+
+using imgtool::ArgSpec;
+using imgtool::ArgType;
+using imgtool::ArgValues;
+
+constexpr uint32_t kColourKinds = imgtool::kPalette | imgtool::kAnyColor;
+
+int32_t Hue(BitmapRecord *b, const ArgValues &a, std::ostream &) { return Q_ChangeBitmapHue(b, a.Int("angle"), 0); }
+
+int32_t Saturation(BitmapRecord *b, const ArgValues &a, std::ostream &) {
+  return Q_ChangeBitmapSaturation(b, a.Int("change"), 0);
+}
+
+// Builds the four tables of the remap from a hue range (in 256ths of the
+// circle), a new hue and two percentage scales.
+int32_t RemapHue(BitmapRecord *b, const ArgValues &a, std::ostream &) {
+  const uint32_t length = static_cast<uint32_t>(a.Enum("table-length"));
+  const int64_t scale = length / 256;  // table entries per 8-bit hue step
+  const int64_t top = length == 256 ? 255 : length == 4096 ? 4095 : 65535;
+  const int64_t from = a.Int("from") * scale, to = (a.Int("to") + 1) * scale - 1;
+  const int32_t newHue = a.Int("new-hue");
+  const int64_t satScale = a.Int("saturation-scale"), valScale = a.Int("value-scale");
+  std::vector<int32_t> selection(length), hue(length), saturation(length), value(length);
+  for (uint32_t i = 0; i < length; ++i) {
+    const bool in = from <= to ? (i >= from && i <= to) : (i >= from || i <= to);  // a range may wrap
+    selection[i] = in ? 1 : 0;
+    hue[i] = newHue < 0 ? static_cast<int32_t>(i) : static_cast<int32_t>(newHue * scale);
+    const int64_t s = int64_t{i} * satScale / 100, v = int64_t{i} * valScale / 100;
+    saturation[i] = static_cast<int32_t>(s > top ? top : s);
+    value[i] = static_cast<int32_t>(v > top ? top : v);
+  }
+  return Q_RemapBitmapHue(b, selection.data(), hue.data(), saturation.data(), value.data(), length, 0);
+}
+
+int32_t HueSatInt(BitmapRecord *b, const ArgValues &a, std::ostream &) {
+  const std::vector<int32_t> &list = a.List("bands");
+  if (list.size() % 7 != 0) return RC_INVALID_PARAMETER;
+  std::vector<HueSatIntRange> bands;
+  for (size_t i = 0; i + 7 <= list.size(); i += 7)
+    bands.push_back(HueSatIntRange{32, list[i], list[i + 1], list[i + 2], list[i + 3], list[i + 4], list[i + 5],
+                                   list[i + 6]});
+  return Q_ChangeHueSatIntBitmap(b, a.Int("hue"), a.Int("saturation"), a.Int("intensity"), bands.data(),
+                                 static_cast<uint32_t>(bands.size()), 0);
+}
+
+int32_t Tint(BitmapRecord *b, const ArgValues &a, std::ostream &) {
+  return Q_AdjustBitmapTint(b, a.Int("theta"), a.Int("phi"), 0);
+}
+
+const imgtool::Registrar kRegistrar{{
+    {
+        .name = "hue",
+        .exportName = "Q_ChangeBitmapHue",
+        .summary = "Rotate the hue of every pixel",
+        .help = "Turns the hue by the angle on a circle of 256 steps (65536 for 16-bit samples): the step is "
+                "angle * 256 / 360, truncated, so angles below 2 degrees change nothing beyond the rounding "
+                "of the conversion there and back. Gray pixels stay. Palette bitmaps change their palette.",
+        .args = {{.name = "angle",
+                  .type = ArgType::Int,
+                  .min = INT32_MIN,
+                  .max = INT32_MAX,
+                  .defaultValue = "120",
+                  .help = "degrees; every value is accepted"}},
+        .kinds = imgtool::kAnyKind,
+        .call = Hue,
+    },
+    {
+        .name = "saturation",
+        .exportName = "Q_ChangeBitmapSaturation",
+        .summary = "Raise or lower the saturation",
+        .help = "Scales the HLS saturation S to S + S * step / 256 with step = (change * 255 + 500) / 1000. "
+                "-1000 leaves saturation 0 or 1 (8-bit), not exactly gray.",
+        .args = {{.name = "change",
+                  .type = ArgType::Int,
+                  .min = -1000,
+                  .max = 1000,
+                  .defaultValue = "300",
+                  .help = "tenths of a percent"}},
+        .kinds = imgtool::kAnyKind,
+        .call = Saturation,
+    },
+    {
+        .name = "remap-hue",
+        .exportName = "Q_RemapBitmapHue",
+        .summary = "Give a range of hues a new hue, saturation and value",
+        .help = "Pixels whose hue (0..255 for the full circle) lies in from..to (wrapping when from > to) get "
+                "the new hue, their saturation and value scaled by the percentages. Every pixel is converted "
+                "there and back, selected or not. 16-bit rows need a table length of 4096 or 65536.",
+        .args = {{.name = "from", .type = ArgType::Int, .min = 0, .max = 255, .defaultValue = "0",
+                  .help = "first selected hue step"},
+                 {.name = "to", .type = ArgType::Int, .min = 0, .max = 255, .defaultValue = "42",
+                  .help = "last selected hue step"},
+                 {.name = "new-hue", .type = ArgType::Int, .min = -1, .max = 255, .defaultValue = "-1",
+                  .help = "hue step the selected pixels get; -1 keeps their hue"},
+                 {.name = "saturation-scale", .type = ArgType::Int, .min = 0, .max = 1000, .defaultValue = "100",
+                  .help = "percent applied to the saturation of selected pixels"},
+                 {.name = "value-scale", .type = ArgType::Int, .min = 0, .max = 1000, .defaultValue = "100",
+                  .help = "percent applied to the value of selected pixels"},
+                 {.name = "table-length",
+                  .type = ArgType::Enum,
+                  .defaultValue = "65536",
+                  .help = "entries per table",
+                  .values = {{"256", 256, "8-bit samples and palettes only"},
+                             {"4096", 4096, "16-bit samples read in 4096 steps"},
+                             {"65536", 65536, "any bitmap"}}}},
+        .kinds = imgtool::kAnyKind,
+        .call = RemapHue,
+    },
+    {
+        .name = "hue-sat-int",
+        .exportName = "Q_ChangeHueSatIntBitmap",
+        .summary = "Shift hue, saturation and intensity, overall and by hue bands",
+        .help = "Adds the overall changes to every pixel and each band's changes to the pixels whose hue (in "
+                "degrees, before the shift) lies in the band: fully inside the inner band, fading to nothing "
+                "at the outer band's ends. Bands may cross 0 degrees (outer start above outer end). Refuses "
+                "gray bitmaps.",
+        .args = {{.name = "hue", .type = ArgType::Int, .min = -18000, .max = 18000, .defaultValue = "0",
+                  .help = "overall hue shift, hundredths of a degree"},
+                 {.name = "saturation", .type = ArgType::Int, .min = -1000, .max = 1000, .defaultValue = "0",
+                  .help = "overall saturation change, tenths of a percent"},
+                 {.name = "intensity", .type = ArgType::Int, .min = -1000, .max = 1000, .defaultValue = "0",
+                  .help = "overall intensity change, tenths of a percent of full scale"},
+                 {.name = "bands",
+                  .type = ArgType::IntList,
+                  .min = -18000,
+                  .max = 18000,
+                  .defaultValue = "0,0,0,0,0,0,0",
+                  .help = "seven values for each band: hue, saturation, intensity (as above), outer start, outer end, "
+                          "inner start, inner end (degrees, -359..359)",
+                  .minCount = 7,
+                  .maxCount = 70}},
+        .kinds = kColourKinds,
+        .call = HueSatInt,
+    },
+    {
+        .name = "tint",
+        .exportName = "Q_AdjustBitmapTint",
+        .summary = "Turn every pixel's colour vector, keeping its length",
+        .help = "Shifts the two angles of each pixel's spherical form: theta, measured from the blue axis, "
+                "and phi, in the red-green plane. Refuses gray bitmaps; (0, 0) changes nothing.",
+        .args = {{.name = "theta", .type = ArgType::Int, .min = -18000, .max = 18000, .defaultValue = "1000",
+                  .help = "shift of theta, hundredths of a degree"},
+                 {.name = "phi", .type = ArgType::Int, .min = -18000, .max = 18000, .defaultValue = "0",
+                  .help = "shift of phi, hundredths of a degree"}},
+        .kinds = kColourKinds,
+        .call = Tint,
+    },
+}};
+
+}  // namespace

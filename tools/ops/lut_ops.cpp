@@ -1,0 +1,255 @@
+// Lookup-table point operations, the histogram-driven contrast changes, the
+// mathematical curves and the colour count.
+#include <cstdint>
+#include <vector>
+
+#include "imgcolor.h"
+#include "registry.h"
+
+namespace {
+
+using imgtool::ArgSpec;
+using imgtool::ArgType;
+using imgtool::ArgValues;
+
+constexpr uint32_t kLutKinds = imgtool::kAnyKind;
+
+int32_t Solarize(BitmapRecord *b, const ArgValues &a, std::ostream &) {
+  return Q_SolarizeBitmap(b, a.UInt("threshold"), 0);
+}
+int32_t Posterize(BitmapRecord *b, const ArgValues &a, std::ostream &) {
+  return Q_PosterizeBitmap(b, a.UInt("levels"), 0);
+}
+int32_t Contrast(BitmapRecord *b, const ArgValues &a, std::ostream &) {
+  return Q_ChangeBitmapContrast(b, a.Int("change"), 0);
+}
+int32_t Multiply(BitmapRecord *b, const ArgValues &a, std::ostream &) {
+  return Q_MultiplyBitmap(b, a.UInt("factor"), 0);
+}
+int32_t MathLogic(BitmapRecord *b, const ArgValues &a, std::ostream &) {
+  const uint32_t operation =
+      static_cast<uint32_t>(a.Enum("channel") | a.Enum("input") | a.Enum("operation") | a.Enum("output"));
+  return Q_ApplyMathLogicBitmap(b, a.Int("value"), operation);
+}
+int32_t Remap(BitmapRecord *b, const ArgValues &a, std::ostream &) {
+  const std::vector<int32_t> &points = a.List("table");
+  const uint32_t length = static_cast<uint32_t>(points.size());
+  return Q_RemapBitmapIntensity(b, points.data(), length,
+                                LUT_INDEX_BY_VALUE | static_cast<uint32_t>(a.Enum("channel")));
+}
+int32_t HistoContrast(BitmapRecord *b, const ArgValues &a, std::ostream &) {
+  return Q_HistoContrastBitmap(b, a.Int("change"), 0);
+}
+int32_t Stretch(BitmapRecord *b, const ArgValues &, std::ostream &) { return Q_StretchBitmapIntensity(b, 0); }
+int32_t ColorCount(BitmapRecord *b, const ArgValues &, std::ostream &out) {
+  uint32_t count = 0;
+  const int32_t status = Q_GetBitmapColorCount(b, &count, 0);
+  if (status == RC_SUCCESS) out << "colors: " << count << "\n";
+  return status;
+}
+int32_t MathFunction(BitmapRecord *b, const ArgValues &a, std::ostream &) {
+  return Q_MathFunctionBitmap(b, static_cast<uint32_t>(a.Enum("function")), a.UInt("factor"), 0);
+}
+
+ArgSpec ChannelArg() {
+  return {.name = "channel",
+          .type = ArgType::Enum,
+          .defaultValue = "all",
+          .help = "the colour sample to change",
+          .values = {{"all", LUT_CHANNEL_ALL, "every sample"},
+                     {"red", LUT_CHANNEL_RED, "red only"},
+                     {"green", LUT_CHANNEL_GREEN, "green only"},
+                     {"blue", LUT_CHANNEL_BLUE, "blue only"}}};
+}
+
+const imgtool::Registrar kRegistrar{{
+    {
+        .name = "solarize",
+        .exportName = "Q_SolarizeBitmap",
+        .summary = "Invert every sample at or above a threshold",
+        .help = "Samples below the threshold stay; samples at or above it are inverted. A threshold of 0 "
+                "inverts everything. 12-bit gray takes thresholds up to 4095; other kinds up to 65535 (on "
+                "8-bit samples thresholds above 255 change nothing).",
+        .args = {{.name = "threshold",
+                  .type = ArgType::UInt,
+                  .min = 0,
+                  .max = 65535,
+                  .defaultValue = "128",
+                  .help = "first sample value that is inverted"}},
+        .kinds = kLutKinds,
+        .call = Solarize,
+    },
+    {
+        .name = "posterize",
+        .exportName = "Q_PosterizeBitmap",
+        .summary = "Reduce every sample to a number of levels",
+        .help = "Maps each sample to the nearest of `levels` evenly spaced values.",
+        .args = {{.name = "levels",
+                  .type = ArgType::UInt,
+                  .min = 2,
+                  .max = 64,
+                  .defaultValue = "4",
+                  .help = "number of levels per sample"}},
+        .kinds = kLutKinds,
+        .call = Posterize,
+    },
+    {
+        .name = "contrast",
+        .exportName = "Q_ChangeBitmapContrast",
+        .summary = "Raise or lower the contrast",
+        .help = "Positive changes push the samples away from the middle (clipping the ends); negative ones "
+                "squeeze the whole range towards the middle. 0 changes nothing.",
+        .args = {{.name = "change",
+                  .type = ArgType::Int,
+                  .min = -1000,
+                  .max = 1000,
+                  .defaultValue = "300",
+                  .help = "change in tenths of a percent"}},
+        .kinds = kLutKinds,
+        .call = Contrast,
+    },
+    {
+        .name = "multiply",
+        .exportName = "Q_MultiplyBitmap",
+        .summary = "Multiply every sample by a percentage",
+        .help = "Each sample becomes sample * factor / 100, limited to the largest sample value.",
+        .args = {{.name = "factor",
+                  .type = ArgType::UInt,
+                  .min = 0,
+                  .max = 0xFFFFFFFF,
+                  .defaultValue = "150",
+                  .help = "factor in percent"}},
+        .kinds = kLutKinds,
+        .call = Multiply,
+    },
+    {
+        .name = "math-logic",
+        .exportName = "Q_ApplyMathLogicBitmap",
+        .summary = "Combine every sample with a value (logic or arithmetic)",
+        .help = "Takes each sample (optionally inverted, 0 or the maximum), combines it with the value by "
+                "the operation and stores the result (optionally inverted, or a constant). The value's "
+                "range depends on the operation and the sample range (multiply and divide take percent).",
+        .args = {{.name = "value",
+                  .type = ArgType::Int,
+                  .min = -6553600,
+                  .max = 6553600,
+                  .defaultValue = "32",
+                  .help = "the operand"},
+                 {.name = "operation",
+                  .type = ArgType::Enum,
+                  .defaultValue = "add",
+                  .help = "how sample x and value v combine",
+                  .values = {{"and", MATHLOGIC_OP_AND, "x AND v"},
+                             {"or", MATHLOGIC_OP_OR, "x OR v"},
+                             {"xor", MATHLOGIC_OP_XOR, "x XOR v"},
+                             {"add", MATHLOGIC_OP_ADD, "x + v"},
+                             {"value-minus-sample", MATHLOGIC_OP_VALUE_MINUS_SAMPLE, "v - x"},
+                             {"sample-minus-value", MATHLOGIC_OP_SAMPLE_MINUS_VALUE, "x - v"},
+                             {"abs-difference", MATHLOGIC_OP_ABS_DIFFERENCE, "|x - v|"},
+                             {"multiply", MATHLOGIC_OP_MULTIPLY, "x * v / 100"},
+                             {"divide", MATHLOGIC_OP_DIVIDE, "x * 100 / v (v not 0)"},
+                             {"value-divide-sample", MATHLOGIC_OP_VALUE_DIVIDE_SAMPLE,
+                              "v / x (255 for x = 0)"},
+                             {"average", MATHLOGIC_OP_AVERAGE, "(x + v) / 2"},
+                             {"minimum", MATHLOGIC_OP_MINIMUM, "min(x, v)"},
+                             {"maximum", MATHLOGIC_OP_MAXIMUM, "max(x, v)"}}},
+                 {.name = "input",
+                  .type = ArgType::Enum,
+                  .defaultValue = "sample",
+                  .help = "what the operation takes as x",
+                  .values = {{"sample", MATHLOGIC_IN_SAMPLE, "the sample"},
+                             {"invert", MATHLOGIC_IN_INVERT, "the inverted sample"},
+                             {"zero", MATHLOGIC_IN_ZERO, "0"},
+                             {"max", MATHLOGIC_IN_MAX, "the largest sample value"}}},
+                 {.name = "output",
+                  .type = ArgType::Enum,
+                  .defaultValue = "result",
+                  .help = "what is stored",
+                  .values = {{"result", MATHLOGIC_OUT_RESULT, "the result"},
+                             {"invert", MATHLOGIC_OUT_INVERT, "the inverted result"},
+                             {"zero", MATHLOGIC_OUT_ZERO, "0"},
+                             {"ones", MATHLOGIC_OUT_ONES, "all bits set"}}},
+                 ChannelArg()},
+        .kinds = kLutKinds,
+        .call = MathLogic,
+    },
+    {
+        .name = "remap",
+        .exportName = "Q_RemapBitmapIntensity",
+        .summary = "Map every sample through a given table",
+        .help = "Sample v becomes table[v]; the table needs one entry per sample value (256, 4096 or 65536); "
+                "values beyond the table stay.",
+        .args = {{.name = "table",
+                  .type = ArgType::IntList,
+                  .min = 0,
+                  .max = 65535,
+                  .defaultValue = "0,255",
+                  .help = "the entries, comma-separated",
+                  .minCount = 1,
+                  .maxCount = 65536},
+                 ChannelArg()},
+        .kinds = kLutKinds,
+        .call = Remap,
+    },
+    {
+        .name = "histo-contrast",
+        .exportName = "Q_HistoContrastBitmap",
+        .summary = "Change the contrast around the occupied range of values",
+        .help = "Like contrast, but the change is centred on the range of values that the bitmap uses.",
+        .args = {{.name = "change",
+                  .type = ArgType::Int,
+                  .min = -1000,
+                  .max = 1000,
+                  .defaultValue = "300",
+                  .help = "change in tenths of a percent"}},
+        .kinds = kLutKinds,
+        .call = HistoContrast,
+    },
+    {
+        .name = "stretch",
+        .exportName = "Q_StretchBitmapIntensity",
+        .summary = "Spread the occupied range of values over the whole range",
+        .help = "The lowest used value becomes 0, the highest the largest value, the middle of the two the "
+                "centre. A bitmap of a single value stays unchanged.",
+        .args = {},
+        .kinds = kLutKinds,
+        .call = Stretch,
+    },
+    {
+        .name = "color-count",
+        .exportName = "Q_GetBitmapColorCount",
+        .summary = "Print the number of distinct colours",
+        .help = "Prints 'colors: N'. Writes no image.",
+        .args = {},
+        .kinds = kLutKinds,
+        .writesImage = false,
+        .call = ColorCount,
+    },
+    {
+        .name = "math-function",
+        .exportName = "Q_MathFunctionBitmap",
+        .summary = "Pass every sample through a curve",
+        .help = "Square, logarithm, square root, sine or cosine of each sample, scaled by the factor and "
+                "limited to the largest sample value (for 8-bit samples: square i*i*f/10000, log ln(i)*f/10, "
+                "root sqrt(i)*f/16, sine and cosine of i*f/100 degrees around the middle).",
+        .args = {{.name = "function",
+                  .type = ArgType::Enum,
+                  .defaultValue = "root",
+                  .help = "the curve",
+                  .values = {{"square", MATHFUNC_SQUARE, "i * i * k"},
+                             {"log", MATHFUNC_LOG, "ln(i) * k"},
+                             {"root", MATHFUNC_ROOT, "sqrt(i) * k"},
+                             {"sine", MATHFUNC_SINE, "(sin(i * k degrees) + 1) * middle"},
+                             {"cosine", MATHFUNC_COSINE, "(cos(i * k degrees) + 1) * middle"}}},
+                 {.name = "factor",
+                  .type = ArgType::UInt,
+                  .min = 1,
+                  .max = 0xFFFFFFFF,
+                  .defaultValue = "256",
+                  .help = "scale of the curve"}},
+        .kinds = kLutKinds,
+        .call = MathFunction,
+    },
+}};
+
+}  // namespace

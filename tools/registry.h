@@ -1,0 +1,144 @@
+// The operation registry: one descriptor per operation that the tools offer.
+//
+// A family of operations registers its descriptors from its own source file
+// tools/ops/<family>.cpp with a static Registrar:
+//
+//   namespace {
+//   const imgtool::Registrar kRegistrar{{
+//       {.name = "solarize", .exportName = "Q_SolarizeBitmap", ...},
+//   }};
+//   }
+//
+// The command-line tool, the documentation generator, the gallery, the
+// fuzzers and the reference-output tests all read the same descriptors.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "imgkernel.h"
+
+namespace imgtool {
+
+// Kinds of bitmap an operation accepts (bit mask).
+enum KindBits : uint32_t {
+  kPalette = 1u << 0,  // 1, 2, 4 or 8 bits with a palette
+  kGray8 = 1u << 1,
+  kGray12 = 1u << 2,
+  kGray16 = 1u << 3,
+  kColor16 = 1u << 4,  // 5-5-5
+  kColor24 = 1u << 5,
+  kColor32 = 1u << 6,
+  kColor48 = 1u << 7,
+  kColor64 = 1u << 8,
+  kAnyGray = kGray8 | kGray12 | kGray16,
+  kAnyColor = kColor16 | kColor24 | kColor32 | kColor48 | kColor64,
+  kAnyKind = kPalette | kAnyGray | kAnyColor,
+};
+
+// The kind bit of a bitmap, or 0 for one the tools do not handle (32-bit gray,
+// malformed records).
+uint32_t KindBitOf(const BitmapRecord *bitmap);
+// "palette", "8-bit gray", ... for one bit; a comma-separated list for a mask.
+std::string KindNames(uint32_t mask);
+
+enum class ArgType {
+  Int,      // signed 32-bit
+  UInt,     // unsigned 32-bit
+  Bool,     // --name, --name=true|false|yes|no|1|0, --no-name
+  Enum,     // one of the named values
+  Colour,   // #RRGGBB or a number (0x...): red in bits 0-7, green 8-15, blue 16-23
+  IntList,  // comma-separated signed numbers
+};
+
+struct EnumValue {
+  std::string name;
+  int64_t value = 0;
+  std::string help;
+};
+
+struct ArgSpec {
+  std::string name;  // option name without the leading dashes
+  ArgType type = ArgType::Int;
+  int64_t min = 0;  // range of the value (IntList: of every element)
+  int64_t max = 0;
+  std::string defaultValue;  // in the form the command line takes
+  std::string help;
+  std::vector<EnumValue> values;  // Enum only
+  int32_t minCount = 1;           // IntList only: element count range
+  int32_t maxCount = 1;
+};
+
+// Parsed arguments of one call; every argument of the descriptor is present
+// (given or its default).
+class ArgValues {
+ public:
+  int32_t Int(std::string_view name) const;
+  uint32_t UInt(std::string_view name) const;
+  bool Bool(std::string_view name) const;
+  int64_t Enum(std::string_view name) const;
+  uint32_t Colour(std::string_view name) const;
+  const std::vector<int32_t> &List(std::string_view name) const;
+
+  void Set(const std::string &name, int64_t value);
+  void SetList(const std::string &name, std::vector<int32_t> values);
+  bool Has(std::string_view name) const;
+
+ private:
+  struct Value {
+    int64_t scalar = 0;
+    std::vector<int32_t> list;
+  };
+  const Value &Get(std::string_view name) const;
+  std::map<std::string, Value, std::less<>> values_;
+};
+
+// Runs the operation on the bitmap with the arguments; returns the library's
+// status. Operations that report values (counts, histograms) write them to
+// `out`, one "name: value" line each.
+using CallFunction = std::function<int32_t(BitmapRecord *bitmap, const ArgValues &args, std::ostream &out)>;
+
+struct OpDescriptor {
+  std::string name;        // subcommand, kebab-case ("solarize")
+  std::string exportName;  // "Q_SolarizeBitmap"
+  std::string summary;     // one line
+  std::string help;        // longer description
+  std::vector<ArgSpec> args;
+  uint32_t kinds = kAnyKind;  // KindBits accepted
+  bool writesImage = true;    // false: reports values only, no output file
+  CallFunction call;
+};
+
+// All registered operations, sorted by name.
+const std::vector<OpDescriptor> &Operations();
+// The operation named `name`, or null.
+const OpDescriptor *FindOperation(std::string_view name);
+
+// Adds descriptors at static initialisation. A malformed descriptor (duplicate
+// or badly formed name, empty range, a default that does not parse) stops the
+// program with a message: such a mistake must never reach a user.
+class Registrar {
+ public:
+  explicit Registrar(std::vector<OpDescriptor> descriptors);
+};
+
+// Parses `text` as a value of the argument into `values`. On failure returns false
+// and sets `error` to a message that names the argument and its range.
+bool ParseArg(const ArgSpec &spec, std::string_view text, ArgValues &values, std::string &error);
+// Fills every argument of `op` that `values` lacks with its default.
+void ApplyDefaults(const OpDescriptor &op, ArgValues &values);
+// "int", "uint", "bool", "enum", "colour", "int list".
+std::string TypeName(const ArgSpec &spec);
+// The accepted range of an argument in words: "0..255", "one of: a, b", ...
+std::string RangeText(const ArgSpec &spec);
+
+// Parses a signed decimal or 0x-prefixed hexadecimal number; false when the
+// text is not a number or does not fit in 64 bits.
+bool ParseNumber(std::string_view text, int64_t &value);
+
+}  // namespace imgtool
