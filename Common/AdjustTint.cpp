@@ -74,7 +74,8 @@ int32_t PalettePath(BitmapRecord *bitmap, int32_t thetaShift, int32_t phiShift) 
     int32_t status = ConvertColorPixel(COLORSPACE_SPHERICAL, &e.Red, &e.Green, &e.Blue, pixel.get());
     if (status != RC_SUCCESS) return status;
     ShiftPixel(pixel.get() + 2, thetaShift, phiShift);
-    status = ConvertColorPixel(COLORSPACE_SPHERICAL + COLORSPACE_TO_RGB, &e.Red, &e.Green, &e.Blue, pixel.get());
+    status =
+        ConvertColorPixel(COLORSPACE_SPHERICAL + COLORSPACE_TO_RGB, &e.Red, &e.Green, &e.Blue, pixel.get());
     if (status != RC_SUCCESS) return status;
   }
   return SetPalette(bitmap, 0, count, entries) ? RC_SUCCESS : RC_NO_BITMAP;
@@ -108,7 +109,8 @@ int32_t RowPath(BitmapRecord *bitmap, RowConverter converter, uint8_t *row, uint
     if (packed) Pack3(samples, rgb, channels, bounds.Left, bounds.Right);
     status = convert(COLORSPACE_SPHERICAL);
     if (status != RC_SUCCESS) return status;
-    for (int32_t x = bounds.Left; x < bounds.Right; ++x) ShiftPixel(sphere + x * kSize + kAngles, thetaShift, phiShift);
+    for (int32_t x = bounds.Left; x < bounds.Right; ++x)
+      ShiftPixel(sphere + x * kSize + kAngles, thetaShift, phiShift);
     status = convert(COLORSPACE_SPHERICAL + COLORSPACE_TO_RGB);
     if (status != RC_SUCCESS) return status;
     if (packed) Unpack3(rgb, samples, channels, bounds.Left, bounds.Right);
@@ -147,7 +149,8 @@ int32_t Worker(BitmapRecord *bitmap, int32_t thetaShift, int32_t phiShift) {
   if (bits == 16)
     return RowPath<uint16_t>(bitmap, converter.get(), row.get(), sphere.get(), channels, bounds, thetaShift,
                              phiShift);
-  return RowPath<uint8_t>(bitmap, converter.get(), row.get(), sphere.get(), channels, bounds, thetaShift, phiShift);
+  return RowPath<uint8_t>(bitmap, converter.get(), row.get(), sphere.get(), channels, bounds, thetaShift,
+                          phiShift);
 }
 
 }  // namespace
@@ -156,8 +159,8 @@ int32_t Worker(BitmapRecord *bitmap, int32_t thetaShift, int32_t phiShift) {
 
 extern "C" IMG_API int32_t Q_AdjustBitmapTint(BitmapRecord *bitmap, int32_t thetaShift, int32_t phiShift,
                                               uint32_t flags) {
-  const int32_t status =
-      img::CheckEntry(img::EntryChecks{.flags = true, .nullBitmap = false, .signedData = true}, flags, bitmap);
+  const int32_t status = img::CheckEntry(
+      img::EntryChecks{.flags = true, .nullBitmap = false, .signedData = true}, flags, bitmap);
   if (status != 0) return status;
   if (thetaShift < -18000 || thetaShift > 18000 || phiShift < -18000 || phiShift > 18000)
     return RC_INVALID_PARAMETER;

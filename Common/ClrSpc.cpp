@@ -297,7 +297,8 @@ inline void YuvFwd16(int32_t R, int32_t G, int32_t B, uint8_t *p) {
 
 inline Rgb YuvInv8(const uint8_t *p) {
   const int32_t Y = p[0], U = static_cast<int8_t>(p[1]), V = static_cast<int16_t>(Get16(p + 2));
-  return {Clamp(Y + ((37221 * V - 29 * U) >> 15), 0, 255), Clamp(Y + ((-12943 * U - 18940 * V) >> 15), 0, 255),
+  return {Clamp(Y + ((37221 * V - 29 * U) >> 15), 0, 255),
+          Clamp(Y + ((-12943 * U - 18940 * V) >> 15), 0, 255),
           Clamp(Y + ((66883 * U - 33 * V) >> 15), 0, 255)};
 }
 
@@ -791,7 +792,8 @@ IMG_INLINE void SplitSpace(Layout l, const uint8_t *s, Planes &p, int32_t n) {
       break;
     case Layout::Signed3:
       for (int32_t i = 0; i < n; ++i)
-        p.a[i] = s[3 * i], p.b[i] = static_cast<int8_t>(s[3 * i + 1]), p.c[i] = static_cast<int8_t>(s[3 * i + 2]);
+        p.a[i] = s[3 * i], p.b[i] = static_cast<int8_t>(s[3 * i + 1]),
+        p.c[i] = static_cast<int8_t>(s[3 * i + 2]);
       break;
     case Layout::Yuv:
       for (int32_t i = 0; i < n; ++i)
@@ -817,7 +819,8 @@ IMG_INLINE void JoinSpace(Layout l, const Planes &p, uint8_t *s, int32_t n) {
 }
 
 template <void (*K)(Planes &, Planes &, int32_t)>
-IMG_INLINE void PlanarFwd(Layout l, int32_t size, const uint8_t *rgb, uint8_t *sp, int32_t first, int32_t end) {
+IMG_INLINE void PlanarFwd(Layout l, int32_t size, const uint8_t *rgb, uint8_t *sp, int32_t first,
+                          int32_t end) {
   Planes in, out;
   for (int32_t s = first; s < end; s += kChunk) {
     const int32_t n = end - s < kChunk ? end - s : kChunk;
@@ -828,7 +831,8 @@ IMG_INLINE void PlanarFwd(Layout l, int32_t size, const uint8_t *rgb, uint8_t *s
 }
 
 template <void (*K)(Planes &, Planes &, int32_t)>
-IMG_INLINE void PlanarInv(Layout l, int32_t size, uint8_t *rgb, const uint8_t *sp, int32_t first, int32_t end) {
+IMG_INLINE void PlanarInv(Layout l, int32_t size, uint8_t *rgb, const uint8_t *sp, int32_t first,
+                          int32_t end) {
   Planes in, out;
   for (int32_t s = first; s < end; s += kChunk) {
     const int32_t n = end - s < kChunk ? end - s : kChunk;
@@ -848,27 +852,27 @@ IMG_INLINE void PlanarInv(Layout l, int32_t size, uint8_t *rgb, const uint8_t *s
 }
 
 // Every planar row loop, for one instruction set.
-#define IMG_PLANAR_ROWS(ATTR, SUFFIX)                                                                       \
-  ATTR void XyzFwdRow##SUFFIX(const uint8_t *rgb, uint8_t *sp, int32_t first, int32_t end) {            \
-    PlanarFwd<XyzFwdK>(Layout::Bytes3, 3, rgb, sp, first, end);                                          \
-  }                                                                                                      \
-  ATTR void XyzInvRow##SUFFIX(uint8_t *rgb, const uint8_t *sp, int32_t first, int32_t end) {            \
-    PlanarInv<XyzInvK>(Layout::Bytes3, 3, rgb, sp, first, end);                                          \
-  }                                                                                                      \
-  ATTR void YcrcbFwdRow##SUFFIX(const uint8_t *rgb, uint8_t *sp, int32_t first, int32_t end) {          \
-    PlanarFwd<YcrcbFwdK>(Layout::Bytes3, 3, rgb, sp, first, end);                                        \
-  }                                                                                                      \
-  ATTR void YcrcbInvRow##SUFFIX(uint8_t *rgb, const uint8_t *sp, int32_t first, int32_t end) {          \
-    PlanarInv<YcrcbInvK>(Layout::Signed3, 3, rgb, sp, first, end);                                       \
-  }                                                                                                      \
-  ATTR void YuvFwdRow##SUFFIX(const uint8_t *rgb, uint8_t *sp, int32_t first, int32_t end) {            \
-    PlanarFwd<YuvFwdK>(Layout::Yuv, 4, rgb, sp, first, end);                                             \
-  }                                                                                                      \
-  ATTR void YuvInvRow##SUFFIX(uint8_t *rgb, const uint8_t *sp, int32_t first, int32_t end) {            \
-    PlanarInv<YuvInvK>(Layout::Yuv, 4, rgb, sp, first, end);                                             \
-  }                                                                                                      \
-  ATTR void HlsInvRow##SUFFIX(uint8_t *rgb, const uint8_t *sp, int32_t first, int32_t end) {            \
-    PlanarInv<HlsInvK>(Layout::Hls, 4, rgb, sp, first, end);                                             \
+#define IMG_PLANAR_ROWS(ATTR, SUFFIX)                                                          \
+  ATTR void XyzFwdRow##SUFFIX(const uint8_t *rgb, uint8_t *sp, int32_t first, int32_t end) {   \
+    PlanarFwd<XyzFwdK>(Layout::Bytes3, 3, rgb, sp, first, end);                                \
+  }                                                                                            \
+  ATTR void XyzInvRow##SUFFIX(uint8_t *rgb, const uint8_t *sp, int32_t first, int32_t end) {   \
+    PlanarInv<XyzInvK>(Layout::Bytes3, 3, rgb, sp, first, end);                                \
+  }                                                                                            \
+  ATTR void YcrcbFwdRow##SUFFIX(const uint8_t *rgb, uint8_t *sp, int32_t first, int32_t end) { \
+    PlanarFwd<YcrcbFwdK>(Layout::Bytes3, 3, rgb, sp, first, end);                              \
+  }                                                                                            \
+  ATTR void YcrcbInvRow##SUFFIX(uint8_t *rgb, const uint8_t *sp, int32_t first, int32_t end) { \
+    PlanarInv<YcrcbInvK>(Layout::Signed3, 3, rgb, sp, first, end);                             \
+  }                                                                                            \
+  ATTR void YuvFwdRow##SUFFIX(const uint8_t *rgb, uint8_t *sp, int32_t first, int32_t end) {   \
+    PlanarFwd<YuvFwdK>(Layout::Yuv, 4, rgb, sp, first, end);                                   \
+  }                                                                                            \
+  ATTR void YuvInvRow##SUFFIX(uint8_t *rgb, const uint8_t *sp, int32_t first, int32_t end) {   \
+    PlanarInv<YuvInvK>(Layout::Yuv, 4, rgb, sp, first, end);                                   \
+  }                                                                                            \
+  ATTR void HlsInvRow##SUFFIX(uint8_t *rgb, const uint8_t *sp, int32_t first, int32_t end) {   \
+    PlanarInv<HlsInvK>(Layout::Hls, 4, rgb, sp, first, end);                                   \
   }
 
 IMG_PLANAR_ROWS(, Sse2)
@@ -943,7 +947,9 @@ int32_t Row8(clrspc_detail::Path path, uint32_t code, uint8_t *rgb, uint8_t *sp,
       InverseRow(rgb, sp, 3, first, end, [](const uint8_t *p) { return Rgb{p[0], p[1], p[2]}; });
       break;
     case COLORSPACE_CMY + kToRgb:
-      InverseRow(rgb, sp, 3, first, end, [](const uint8_t *p) { return Rgb{255 - p[0], 255 - p[1], 255 - p[2]}; });
+      InverseRow(rgb, sp, 3, first, end, [](const uint8_t *p) {
+        return Rgb{255 - p[0], 255 - p[1], 255 - p[2]};
+      });
       break;
     default:
       // The remaining codes (CMYK, Lab, spherical) reuse the pixel form.
@@ -1019,7 +1025,9 @@ int32_t Row16(uint32_t code, uint16_t *rgb, uint8_t *sp, const LabTableSet *set,
       });
       break;
     case COLORSPACE_RGB + kToRgb:
-      InverseRow(rgb, sp, 6, first, end, [](const uint8_t *p) { return Rgb{Get16(p), Get16(p + 2), Get16(p + 4)}; });
+      InverseRow(rgb, sp, 6, first, end, [](const uint8_t *p) {
+        return Rgb{Get16(p), Get16(p + 2), Get16(p + 4)};
+      });
       break;
     case COLORSPACE_HSV + kToRgb:
       InverseRow(rgb, sp, 8, first, end, [](const uint8_t *p) { return HsvInv16(p); });
@@ -1033,7 +1041,8 @@ int32_t Row16(uint32_t code, uint16_t *rgb, uint8_t *sp, const LabTableSet *set,
       break;
     case COLORSPACE_YCRCB + kToRgb:
       InverseRow(rgb, sp, 6, first, end, [](const uint8_t *p) {
-        return YcrcbInv<65535>(Get16(p), static_cast<int16_t>(Get16(p + 2)), static_cast<int16_t>(Get16(p + 4)));
+        return YcrcbInv<65535>(Get16(p), static_cast<int16_t>(Get16(p + 2)),
+                               static_cast<int16_t>(Get16(p + 4)));
       });
       break;
     case COLORSPACE_YUV + kToRgb:
@@ -1050,7 +1059,8 @@ int32_t Row16(uint32_t code, uint16_t *rgb, uint8_t *sp, const LabTableSet *set,
     case COLORSPACE_CMYK + kToRgb:
       InverseRow(rgb, sp, 8, first, end, [](const uint8_t *p) {
         const int32_t k = Get16(p + 6);
-        return Rgb{static_cast<uint16_t>(65535 - Get16(p) - k), static_cast<uint16_t>(65535 - Get16(p + 2) - k),
+        return Rgb{static_cast<uint16_t>(65535 - Get16(p) - k),
+                   static_cast<uint16_t>(65535 - Get16(p + 2) - k),
                    static_cast<uint16_t>(65535 - Get16(p + 4) - k)};
       });
       break;
@@ -1099,9 +1109,10 @@ int32_t ConvertColorPixel(uint32_t code, uint8_t *r, uint8_t *g, uint8_t *b, voi
   return RC_SUCCESS;
 }
 
-int32_t ConvertColorRow8(uint32_t code, uint8_t *rgbRow, void *spaceRow, const LabTableSet *set, int32_t first,
-                         int32_t end) {
-  return clrspc_detail::ConvertColorRow8Path(clrspc_detail::Path::Auto, code, rgbRow, spaceRow, set, first, end);
+int32_t ConvertColorRow8(uint32_t code, uint8_t *rgbRow, void *spaceRow, const LabTableSet *set,
+                         int32_t first, int32_t end) {
+  return clrspc_detail::ConvertColorRow8Path(clrspc_detail::Path::Auto, code, rgbRow, spaceRow, set, first,
+                                             end);
 }
 
 int32_t ConvertColorRow16(uint32_t code, uint16_t *rgbRow, void *spaceRow, const LabTableSet *set,
@@ -1123,8 +1134,8 @@ bool PathSupported(Path path) {
   return false;
 }
 
-int32_t ConvertColorRow8Path(Path path, uint32_t code, uint8_t *rgbRow, void *spaceRow, const LabTableSet *set,
-                             int32_t first, int32_t end) {
+int32_t ConvertColorRow8Path(Path path, uint32_t code, uint8_t *rgbRow, void *spaceRow,
+                             const LabTableSet *set, int32_t first, int32_t end) {
   if (!RowArgsValid(code, rgbRow, spaceRow, set, first)) return RC_INVALID_PARAMETER;
   return Row8(path, code, rgbRow, static_cast<uint8_t *>(spaceRow), set, first, end);
 }
@@ -1176,7 +1187,8 @@ int32_t BuildLabTables(LabTableSet *set) {
   int32_t *lFromY = static_cast<int32_t *>(IMG_ALLOC(10001, sizeof(int32_t)));
   if (lFromY == nullptr) return RC_NO_MEMORY;
   set->LFromY = lFromY;
-  for (int32_t t = 0; t <= 10000; ++t) lFromY[t] = t < 89 ? (t * 903 + 5000) / 10000 : (cube[t] * 116 - 155000) / 10000;
+  for (int32_t t = 0; t <= 10000; ++t)
+    lFromY[t] = t < 89 ? (t * 903 + 5000) / 10000 : (cube[t] * 116 - 155000) / 10000;
 
   int32_t *aBlock = static_cast<int32_t *>(IMG_ALLOC(20001, sizeof(int32_t)));
   if (aBlock == nullptr) return RC_NO_MEMORY;
@@ -1218,7 +1230,8 @@ void FreeLabTables(LabTableSet *set) {
   for (int32_t **g : groups)
     for (int32_t c = 0; c < 3; ++c)
       if (g[c] != nullptr) IMG_FREE(g[c]);
-  int32_t *owned[6] = {set->CubeRoot, set->LFromY, set->AScaleBlock, set->BScaleBlock, set->YFromL, set->InvCubeBlock};
+  int32_t *owned[6] = {set->CubeRoot,    set->LFromY, set->AScaleBlock,
+                       set->BScaleBlock, set->YFromL, set->InvCubeBlock};
   for (int32_t *t : owned)
     if (t != nullptr) IMG_FREE(t);
   *set = LabTableSet{};

@@ -18,21 +18,21 @@ namespace img {
 // their *Block member owns the allocation and the plain member points at
 // index 0 inside it.
 struct LabTableSet {
-  int32_t *RgbToX[3];   // [c][i] = i * weight of channel c (R, G, B) in X; 256 entries
-  int32_t *RgbToY[3];   // 256 entries
-  int32_t *RgbToZ[3];   // 256 entries
-  int32_t *XToRgb[3];   // [c][i] = i * weight of X in channel c; 256 entries
-  int32_t *YToRgb[3];   // 256 entries
-  int32_t *ZToRgb[3];   // 279 entries
-  int32_t *CubeRoot;    // f(t), t = 0..10000 in 1/10000
-  int32_t *LFromY;      // L (0..100) from Y in 1/10000
+  int32_t *RgbToX[3];  // [c][i] = i * weight of channel c (R, G, B) in X; 256 entries
+  int32_t *RgbToY[3];  // 256 entries
+  int32_t *RgbToZ[3];  // 256 entries
+  int32_t *XToRgb[3];  // [c][i] = i * weight of X in channel c; 256 entries
+  int32_t *YToRgb[3];  // 256 entries
+  int32_t *ZToRgb[3];  // 279 entries
+  int32_t *CubeRoot;   // f(t), t = 0..10000 in 1/10000
+  int32_t *LFromY;     // L (0..100) from Y in 1/10000
   int32_t *AScaleBlock;
-  int32_t *AScale;      // indexes -10000..9999
+  int32_t *AScale;  // indexes -10000..9999
   int32_t *BScaleBlock;
-  int32_t *BScale;      // indexes -10000..9999
-  int32_t *YFromL;      // Y in 1/10000 from L = 0..100
+  int32_t *BScale;  // indexes -10000..9999
+  int32_t *YFromL;  // Y in 1/10000 from L = 0..100
   int32_t *InvCubeBlock;
-  int32_t *InvCube;     // g(u), indexes -6400..12560
+  int32_t *InvCube;  // g(u), indexes -6400..12560
 };
 
 // Bytes of one pixel in the space of `code` (forward or inverse) for 8 or 16
@@ -49,8 +49,8 @@ int32_t ConvertColorPixel(uint32_t code, uint8_t *r, uint8_t *g, uint8_t *b, voi
 // is read by codes 9 and 25 only (and must be non-null for them). Returns 1,
 // or RC_INVALID_PARAMETER (writing nothing) for a null pointer, a negative
 // first or an invalid code.
-int32_t ConvertColorRow8(uint32_t code, uint8_t *rgbRow, void *spaceRow, const LabTableSet *set, int32_t first,
-                         int32_t end);
+int32_t ConvertColorRow8(uint32_t code, uint8_t *rgbRow, void *spaceRow, const LabTableSet *set,
+                         int32_t first, int32_t end);
 int32_t ConvertColorRow16(uint32_t code, uint16_t *rgbRow, void *spaceRow, const LabTableSet *set,
                           int32_t first, int32_t end);
 
@@ -69,8 +69,8 @@ enum class Path : int32_t { Auto = 0, Scalar = 1, Avx2 = 2 };
 // Whether the processor runs the path.
 bool PathSupported(Path path);
 // Same as ConvertColorRow8/16 but with a chosen path (Auto picks the best).
-int32_t ConvertColorRow8Path(Path path, uint32_t code, uint8_t *rgbRow, void *spaceRow, const LabTableSet *set,
-                             int32_t first, int32_t end);
+int32_t ConvertColorRow8Path(Path path, uint32_t code, uint8_t *rgbRow, void *spaceRow,
+                             const LabTableSet *set, int32_t first, int32_t end);
 
 }  // namespace clrspc_detail
 

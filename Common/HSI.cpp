@@ -41,7 +41,8 @@ void AddChange(HueChange &e, int32_t hue, int32_t saturation, int32_t intensity)
 int32_t ValidateRanges(const BitmapRecord *bitmap, int32_t hue, int32_t saturation, int32_t intensity,
                        HueSatIntRange *ranges, uint32_t count) {
   if (bitmap == nullptr) return RC_NO_BITMAP;
-  if (Outside(saturation, 1000) || Outside(intensity, 1000) || Outside(hue, 18000)) return RC_INVALID_PARAMETER;
+  if (Outside(saturation, 1000) || Outside(intensity, 1000) || Outside(hue, 18000))
+    return RC_INVALID_PARAMETER;
   for (uint32_t i = 0; i < count; ++i) {
     const HueSatIntRange &r = ranges[i];
     if (Outside(r.Saturation, 1000) || Outside(r.Intensity, 1000) || Outside(r.Hue, 18000) ||
@@ -296,7 +297,8 @@ int32_t Worker(BitmapRecord *bitmap, int32_t hue, int32_t saturation, int32_t in
                                    : BeginWholeBitmapProgress(converter.get(), progressStart, progressEnd);
   if (status != RC_SUCCESS) return status;
   if (bits == 16)
-    return RowLoop<uint16_t>(bitmap, converter.get(), row.get(), channels, elements, index.get(), table.get());
+    return RowLoop<uint16_t>(bitmap, converter.get(), row.get(), channels, elements, index.get(),
+                             table.get());
   return RowLoop<uint8_t>(bitmap, converter.get(), row.get(), channels, elements, index.get(), table.get());
 }
 
@@ -308,8 +310,8 @@ extern "C" IMG_API int32_t Q_ChangeHueSatIntBitmap(BitmapRecord *bitmap, int32_t
                                                    int32_t intensity, const HueSatIntRange *ranges,
                                                    uint32_t count, uint32_t flags) {
   using namespace img::hsi;
-  int32_t status =
-      img::CheckEntry(img::EntryChecks{.flags = true, .nullBitmap = false, .signedData = true}, flags, bitmap);
+  int32_t status = img::CheckEntry(img::EntryChecks{.flags = true, .nullBitmap = false, .signedData = true},
+                                   flags, bitmap);
   if (status != 0) return status;
   if (ranges == nullptr) return count != 0 ? RC_INVALID_PARAMETER : RC_NULL_OPTIONS;
   if (ranges[0].StructSize != 32) return RC_INVALID_STRUCT_SIZE;

@@ -377,8 +377,8 @@ int32_t RowPath(BitmapRecord *bitmap, const Op &op, bool threeOnly16, Check16 ch
     for (int32_t i = 0; i < runCount; ++i) {
       const RowRun run = runs[i];
       if (wide)
-        RunPixels<uint16_t, Op, true>(reinterpret_cast<uint16_t *>(row.get()), channels, threeOnly16, run.Start,
-                                      run.End, op);
+        RunPixels<uint16_t, Op, true>(reinterpret_cast<uint16_t *>(row.get()), channels, threeOnly16,
+                                      run.Start, run.End, op);
       else
         RunPixels<uint8_t, Op, false>(row.get(), channels, false, run.Start, run.End, op);
     }
@@ -389,7 +389,9 @@ int32_t RowPath(BitmapRecord *bitmap, const Op &op, bool threeOnly16, Check16 ch
   return RC_SUCCESS;
 }
 
-inline bool UsesPalette(const BitmapRecord *bitmap) { return bitmap->BitsPerPixel < 9 && bitmap->PaletteFlag == 0; }
+inline bool UsesPalette(const BitmapRecord *bitmap) {
+  return bitmap->BitsPerPixel < 9 && bitmap->PaletteFlag == 0;
+}
 
 template <class Op>
 int32_t Dispatch(BitmapRecord *bitmap, const Op &op) {
@@ -445,7 +447,8 @@ IMG_API int32_t Q_RemapBitmapHue(BitmapRecord *bitmap, const int32_t *selection,
                    saturation ? saturation : identity.get(), value ? value : identity.get(),
                    length == 4096 ? 4 : 0};
   if (UsesPalette(bitmap)) return PalettePath(bitmap, op);
-  status = RowPath(bitmap, op, true, [length] { return length == 4096 || length >= 65536 ? 0 : RC_INVALID_PARAMETER; });
+  status = RowPath(bitmap, op, true,
+                   [length] { return length == 4096 || length >= 65536 ? 0 : RC_INVALID_PARAMETER; });
   return status;
 }
 

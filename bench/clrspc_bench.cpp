@@ -5,7 +5,6 @@
 // The image is photo-like: smooth gradients with mild noise (argument 0), or
 // uniformly random bytes (argument 1), the worst case for the branches.
 #include <benchmark/benchmark.h>
-
 #include <time.h>
 
 #include <cstdint>
@@ -48,7 +47,8 @@ std::vector<T> MakeImage(int kind) {
       const int v[3] = {x * 255 / kWidth, y * 255 / kHeight, (x + y) * 255 / (kWidth + kHeight)};
       for (int k = 0; k < 3; ++k) {
         int s = ((k == 1 ? 255 - v[k] : v[k]) + noise) << shift;
-        p[k] = static_cast<T>(s < 0 ? 0 : (s > (sizeof(T) == 1 ? 255 : 65535) ? (sizeof(T) == 1 ? 255 : 65535) : s));
+        p[k] = static_cast<T>(
+            s < 0 ? 0 : (s > (sizeof(T) == 1 ? 255 : 65535) ? (sizeof(T) == 1 ? 255 : 65535) : s));
       }
     }
   }
@@ -67,7 +67,8 @@ void BM_Memcpy(benchmark::State &state) {
     ++n;
   }
   g_memcpyNs = totalNs / static_cast<double>(n);
-  state.counters["MP/s"] = benchmark::Counter(static_cast<double>(kPixels) * n / 1e6, benchmark::Counter::kIsRate);
+  state.counters["MP/s"] =
+      benchmark::Counter(static_cast<double>(kPixels) * n / 1e6, benchmark::Counter::kIsRate);
 }
 BENCHMARK(BM_Memcpy)->Unit(benchmark::kMillisecond);
 
@@ -108,7 +109,8 @@ void BM_Convert(benchmark::State &state) {
     ++n;
   }
   img::FreeLabTables(&set);
-  state.counters["MP/s"] = benchmark::Counter(static_cast<double>(kPixels) * n / 1e6, benchmark::Counter::kIsRate);
+  state.counters["MP/s"] =
+      benchmark::Counter(static_cast<double>(kPixels) * n / 1e6, benchmark::Counter::kIsRate);
   if (g_memcpyNs > 0) state.counters["x_memcpy"] = totalNs / static_cast<double>(n) / g_memcpyNs;
 }
 

@@ -1,11 +1,12 @@
 // Q_ChangeHueSatIntBitmap: checks, band normalisation, the per-hue table and
 // the row and palette steps.
+#include "HSI.h"
+
 #include <gtest/gtest.h>
 
 #include <vector>
 
 #include "ClrSpc.h"
-#include "HSI.h"
 #include "kit.h"
 
 namespace {
@@ -22,7 +23,8 @@ HueSatIntRange Band(int32_t os, int32_t oe, int32_t is, int32_t ie, int32_t hue 
 
 const HueSatIntRange kNoBand = Band(0, 0, 0, 0);
 
-int32_t Call(BitmapRecord *b, int32_t hue, int32_t sat, int32_t in, const std::vector<HueSatIntRange> &r = {kNoBand}) {
+int32_t Call(BitmapRecord *b, int32_t hue, int32_t sat, int32_t in,
+             const std::vector<HueSatIntRange> &r = {kNoBand}) {
   return Q_ChangeHueSatIntBitmap(b, hue, sat, in, r.data(), static_cast<uint32_t>(r.size()), 0);
 }
 
@@ -39,37 +41,49 @@ TEST(Hsi, ChecksInOrder) {
   HueSatIntRange badSize = kNoBand;
   badSize.StructSize = 31;
   kit::ExpectStatuses({
-      {"flags first", [] { return Q_ChangeHueSatIntBitmap(nullptr, 0, 0, 0, nullptr, 0, 1); }, RC_INVALID_PARAMETER},
+      {"flags first", [] { return Q_ChangeHueSatIntBitmap(nullptr, 0, 0, 0, nullptr, 0, 1); },
+       RC_INVALID_PARAMETER},
       {"size 200", [&] { return mutate([&] { bmp->StructSize = 200; }, [&] { bmp->StructSize = 208; }); },
        RC_INVALID_STRUCT_SIZE},
       {"gray32 before signed",
        [&] {
-         return mutate([&] { bmp->ColorOrder = ORDER_GRAY, bmp->BitsPerPixel = 32, bmp->Flags |= BITMAP_SIGNED; },
-                       [&] { bmp->ColorOrder = ORDER_BGR, bmp->BitsPerPixel = 24, bmp->Flags &= ~BITMAP_SIGNED; });
+         return mutate(
+             [&] { bmp->ColorOrder = ORDER_GRAY, bmp->BitsPerPixel = 32, bmp->Flags |= BITMAP_SIGNED; },
+             [&] { bmp->ColorOrder = ORDER_BGR, bmp->BitsPerPixel = 24, bmp->Flags &= ~BITMAP_SIGNED; });
        },
        RC_GRAY32_NOT_SUPPORTED},
-      {"signed", [&] { return mutate([&] { bmp->Flags |= BITMAP_SIGNED; }, [&] { bmp->Flags &= ~BITMAP_SIGNED; }); },
+      {"signed",
+       [&] { return mutate([&] { bmp->Flags |= BITMAP_SIGNED; }, [&] { bmp->Flags &= ~BITMAP_SIGNED; }); },
        RC_SIGNED_DATA_NOT_SUPPORTED},
       {"count 0 null", [&] { return Q_ChangeHueSatIntBitmap(bmp, 0, 0, 0, nullptr, 0, 0); }, RC_NULL_OPTIONS},
-      {"count 3 null", [&] { return Q_ChangeHueSatIntBitmap(bmp, 0, 0, 0, nullptr, 3, 0); }, RC_INVALID_PARAMETER},
-      {"null ranges before null bitmap", [] { return Q_ChangeHueSatIntBitmap(nullptr, 0, 0, 0, nullptr, 0, 0); },
-       RC_NULL_OPTIONS},
+      {"count 3 null", [&] { return Q_ChangeHueSatIntBitmap(bmp, 0, 0, 0, nullptr, 3, 0); },
+       RC_INVALID_PARAMETER},
+      {"null ranges before null bitmap",
+       [] { return Q_ChangeHueSatIntBitmap(nullptr, 0, 0, 0, nullptr, 0, 0); }, RC_NULL_OPTIONS},
       {"record size", [&] { return Call(bmp, 0, 0, 0, {badSize}); }, RC_INVALID_STRUCT_SIZE},
-      {"only the first size counts", [&] { return Call(bmp, 0, 0, 0, {kNoBand, badSize}); }, RC_SUCCESS},
+      {"only the first size counts",
+       [&] {
+         return Call(bmp, 0, 0, 0, {kNoBand, badSize});
+       },
+       RC_SUCCESS},
       {"null bitmap after the copy", [] { return Call(nullptr, 0, 0, 0); }, RC_NO_BITMAP},
       {"overall saturation", [&] { return Call(bmp, 0, 1001, 0); }, RC_INVALID_PARAMETER},
       {"overall intensity", [&] { return Call(bmp, 0, 0, -1001); }, RC_INVALID_PARAMETER},
       {"overall hue 18001", [&] { return Call(bmp, 18001, 0, 0); }, RC_INVALID_PARAMETER},
       {"overall hue -18000", [&] { return Call(bmp, -18000, 0, 0); }, RC_SUCCESS},
       {"record hue", [&] { return Call(bmp, 0, 0, 0, {Band(0, 10, 0, 10, -18001)}); }, RC_INVALID_PARAMETER},
-      {"record saturation", [&] { return Call(bmp, 0, 0, 0, {Band(0, 10, 0, 10, 0, 1001)}); }, RC_INVALID_PARAMETER},
+      {"record saturation", [&] { return Call(bmp, 0, 0, 0, {Band(0, 10, 0, 10, 0, 1001)}); },
+       RC_INVALID_PARAMETER},
       {"record angle 360", [&] { return Call(bmp, 0, 0, 0, {Band(0, 360, 0, 10)}); }, RC_INVALID_PARAMETER},
-      {"record angle -360", [&] { return Call(bmp, 0, 0, 0, {Band(-360, 10, 0, 10)}); }, RC_INVALID_PARAMETER},
+      {"record angle -360", [&] { return Call(bmp, 0, 0, 0, {Band(-360, 10, 0, 10)}); },
+       RC_INVALID_PARAMETER},
       {"ranges before gray", [&] { return Call(gray, 0, 1001, 0); }, RC_INVALID_PARAMETER},
       {"gray 8", [&] { return Call(gray, 0, 0, 0); }, RC_INVALID_PARAMETER},
       {"gray 16", [&] { return Call(gray16, 100, 0, 0); }, RC_INVALID_PARAMETER},
-      {"inner start below outer", [&] { return Call(bmp, 0, 0, 0, {Band(20, 60, 10, 40)}); }, RC_INVALID_PARAMETER},
-      {"inner end above outer", [&] { return Call(bmp, 0, 0, 0, {Band(20, 60, 30, 70)}); }, RC_INVALID_PARAMETER},
+      {"inner start below outer", [&] { return Call(bmp, 0, 0, 0, {Band(20, 60, 10, 40)}); },
+       RC_INVALID_PARAMETER},
+      {"inner end above outer", [&] { return Call(bmp, 0, 0, 0, {Band(20, 60, 30, 70)}); },
+       RC_INVALID_PARAMETER},
       {"inner reversed", [&] { return Call(bmp, 0, 0, 0, {Band(20, 60, 40, 30)}); }, RC_INVALID_PARAMETER},
       {"band across 0", [&] { return Call(bmp, 0, 0, 0, {Band(330, 30, 350, 10)}); }, RC_SUCCESS},
       {"negative angles", [&] { return Call(bmp, 0, 0, 0, {Band(-30, 30, -10, 10)}); }, RC_SUCCESS},
@@ -109,10 +123,9 @@ TEST(Hsi, TableAcrossZero) {
   struct Case {
     int32_t hue, i8, i16;
   } cases[] = {
-      {0, 255, 65535},  {10, 255, 65535},
-      {11, 242, 62258},  // w = 19/20: 950 -> (950*255 + 500)/1000
-      {20, 128, 32768},  // w = 1/2: 500 -> 128000/1000, 32768000/1000
-      {30, 0, 0},        {31, 0, 0},     {100, 0, 0}, {330, 0, 0},
+      {0, 255, 65535},   {10, 255, 65535},  {11, 242, 62258},  // w = 19/20: 950 -> (950*255 + 500)/1000
+      {20, 128, 32768},                                        // w = 1/2: 500 -> 128000/1000, 32768000/1000
+      {30, 0, 0},        {31, 0, 0},        {100, 0, 0},       {330, 0, 0},
       {340, 128, 32768}, {349, 242, 62258}, {350, 255, 65535}, {360, 255, 65535},
   };
   for (const Case &c : cases) {
@@ -147,8 +160,8 @@ TEST(Hsi, TableScalingAndWraps) {
 }
 
 TEST(Hsi, HalfTurnOnEightBit) {
-  const std::vector<kit::Pixel> in = {Rgb(255, 0, 0), Rgb(0, 255, 0), Rgb(0, 0, 255), Rgb(255, 51, 0),
-                                      Rgb(40, 200, 120), Rgb(90, 90, 90)};
+  const std::vector<kit::Pixel> in = {Rgb(255, 0, 0),  Rgb(0, 255, 0),    Rgb(0, 0, 255),
+                                      Rgb(255, 51, 0), Rgb(40, 200, 120), Rgb(90, 90, 90)};
   kit::Bitmap bmp(Kind(24), 6, 1, in);
   ASSERT_EQ(Call(bmp, 18000, 0, 0), RC_SUCCESS);
   // Red: hue 180 gives (0, 255, 255); the HLS round trip (L 127, S 100) gives 254.

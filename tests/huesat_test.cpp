@@ -1,11 +1,12 @@
 // Q_ChangeBitmapHue, Q_RemapBitmapHue, Q_ChangeBitmapSaturation and their
 // per-pixel steps on the compact hue scale.
+#include "HUESAT.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <vector>
 
-#include "HUESAT.h"
 #include "kit.h"
 
 namespace {
@@ -43,11 +44,10 @@ TEST(HueSatPixel, PackedHsvInverse) {
     uint32_t h, s, v;
     uint32_t rgb;
   } cases[] = {
-      {0, 255, 255, Pack(255, 0, 0)},
-      {85, 255, 255, Pack(2, 255, 0)},    // D = 119: R = 1 * 255 / 119 = 2
-      {171, 255, 255, Pack(0, 0, 255)},   // D = 240
-      {0, 0, 77, Pack(77, 77, 77)},       // saturation 0
-      {43, 128, 200, Pack(200, 200, 99)}, // D = 60, low = 127*200/255 = 99, d = 101: G = 101*60/60 + 99
+      {0, 255, 255, Pack(255, 0, 0)},     {85, 255, 255, Pack(2, 255, 0)},  // D = 119: R = 1 * 255 / 119 = 2
+      {171, 255, 255, Pack(0, 0, 255)},                                     // D = 240
+      {0, 0, 77, Pack(77, 77, 77)},                                         // saturation 0
+      {43, 128, 200, Pack(200, 200, 99)},  // D = 60, low = 127*200/255 = 99, d = 101: G = 101*60/60 + 99
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(testing::Message() << c.h << "," << c.s << "," << c.v);
@@ -163,7 +163,8 @@ TEST(HueSatExports, ChecksInOrder) {
        RC_INVALID_STRUCT_SIZE},
       {"hue size 0", [&] { return withSize(0, [&] { return Q_ChangeBitmapHue(bmp, 10, 0); }); },
        RC_INVALID_STRUCT_SIZE},
-      {"hue size 176", [&] { return withSize(176, [&] { return Q_ChangeBitmapHue(bmp, 10, 0); }); }, RC_SUCCESS},
+      {"hue size 176", [&] { return withSize(176, [&] { return Q_ChangeBitmapHue(bmp, 10, 0); }); },
+       RC_SUCCESS},
       {"hue gray32", [&] { return asGray32([](BitmapRecord *b) { return Q_ChangeBitmapHue(b, 10, 0); }); },
        RC_GRAY32_NOT_SUPPORTED},
       {"hue signed", [&] { return asSigned([&] { return Q_ChangeBitmapHue(bmp, 10, 0); }); },
@@ -178,13 +179,14 @@ TEST(HueSatExports, ChecksInOrder) {
       {"sat -1001", [&] { return Q_ChangeBitmapSaturation(bmp, -1001, 0); }, RC_INVALID_PARAMETER},
       {"sat 1000", [&] { return Q_ChangeBitmapSaturation(bmp, 1000, 0); }, RC_SUCCESS},
       {"sat -1000", [&] { return Q_ChangeBitmapSaturation(bmp, -1000, 0); }, RC_SUCCESS},
-      {"remap flags", [&] { return Q_RemapBitmapHue(nullptr, table, 0, 0, 0, 256, 1); }, RC_INVALID_PARAMETER},
+      {"remap flags", [&] { return Q_RemapBitmapHue(nullptr, table, 0, 0, 0, 256, 1); },
+       RC_INVALID_PARAMETER},
       {"remap unallocated", [&] { return Q_RemapBitmapHue(&unallocated, 0, 0, 0, 0, 256, 0); }, RC_NO_BITMAP},
-      {"remap gray32", [&] {
-         return asGray32([](BitmapRecord *b) { return Q_RemapBitmapHue(b, 0, 0, 0, 0, 0, 0); });
-       },
+      {"remap gray32",
+       [&] { return asGray32([](BitmapRecord *b) { return Q_RemapBitmapHue(b, 0, 0, 0, 0, 0, 0); }); },
        RC_GRAY32_NOT_SUPPORTED},
-      {"remap short table", [&] { return Q_RemapBitmapHue(bmp, table, 0, 0, 0, 255, 0); }, RC_INVALID_PARAMETER},
+      {"remap short table", [&] { return Q_RemapBitmapHue(bmp, table, 0, 0, 0, 255, 0); },
+       RC_INVALID_PARAMETER},
       {"remap 256", [&] { return Q_RemapBitmapHue(bmp, table, 0, 0, 0, 256, 0); }, RC_SUCCESS},
   });
 }
@@ -248,7 +250,8 @@ TEST(HueSatExports, HueOnSixteenBitRows) {
 }
 
 TEST(HueSatExports, GrayPixelsUnchanged) {
-  for (const kit::Spec &spec : {Kind(8, ORDER_GRAY), Kind(12, ORDER_GRAY), Kind(16, ORDER_GRAY), Kind(24), Kind(48)}) {
+  for (const kit::Spec &spec :
+       {Kind(8, ORDER_GRAY), Kind(12, ORDER_GRAY), Kind(16, ORDER_GRAY), Kind(24), Kind(48)}) {
     SCOPED_TRACE(spec.Name());
     const uint32_t top = spec.SampleMax();
     std::vector<kit::Pixel> in;
@@ -319,10 +322,11 @@ TEST(HueSatExports, SixteenBitColourRows) {
 
 std::vector<PaletteEntry> ColourPalette() {
   std::vector<PaletteEntry> pal(16);
-  for (int i = 0; i < 16; ++i) pal[i] = PaletteEntry{static_cast<uint8_t>(i * 16), 40, static_cast<uint8_t>(255 - i), 0};
-  pal[0] = PaletteEntry{0, 0, 255, 0};    // red (blue, green, red order)
-  pal[1] = PaletteEntry{0, 255, 0, 0};    // green
-  pal[2] = PaletteEntry{90, 90, 90, 0};   // gray
+  for (int i = 0; i < 16; ++i)
+    pal[i] = PaletteEntry{static_cast<uint8_t>(i * 16), 40, static_cast<uint8_t>(255 - i), 0};
+  pal[0] = PaletteEntry{0, 0, 255, 0};   // red (blue, green, red order)
+  pal[1] = PaletteEntry{0, 255, 0, 0};   // green
+  pal[2] = PaletteEntry{90, 90, 90, 0};  // gray
   return pal;
 }
 
@@ -395,7 +399,8 @@ TEST(HueSatExports, RemapAllNullConvertsThereAndBack) {
   ASSERT_EQ(Q_RemapBitmapHue(bmp, nullptr, nullptr, nullptr, nullptr, 256, 0), RC_SUCCESS);
   // (200, 100, 50): hue 21, saturation 191, value 200 -> D = 21 * 360 >> 8 = 29,
   // low = 64 * 200 / 255 = 50, G = 150 * 29 / 91 + 50 = 97.
-  EXPECT_EQ(bmp.Pixels(), (std::vector<kit::Pixel>{Rgb(255, 0, 0), Rgb(2, 255, 0), Rgb(200, 97, 50), Rgb(9, 9, 9)}));
+  EXPECT_EQ(bmp.Pixels(),
+            (std::vector<kit::Pixel>{Rgb(255, 0, 0), Rgb(2, 255, 0), Rgb(200, 97, 50), Rgb(9, 9, 9)}));
 }
 
 TEST(HueSatExports, RemapSelectedHuesOnly) {
@@ -427,7 +432,8 @@ TEST(HueSatExports, RemapSixteenBitTables) {
   // Lengths that 16-bit rows would read past.
   const auto before = full.Pixels();
   for (uint32_t length : {256u, 4095u, 4097u, 65535u})
-    EXPECT_EQ(Q_RemapBitmapHue(full, nullptr, nullptr, nullptr, nullptr, length, 0), RC_INVALID_PARAMETER) << length;
+    EXPECT_EQ(Q_RemapBitmapHue(full, nullptr, nullptr, nullptr, nullptr, length, 0), RC_INVALID_PARAMETER)
+        << length;
   EXPECT_EQ(full.Pixels(), before);
   // 8-bit rows need only 256.
   kit::Bitmap narrow(Kind(24), 1, 1, {Rgb(255, 0, 0)});

@@ -24,18 +24,23 @@ TEST(Tint, ChecksInOrder) {
   };
   kit::ExpectStatuses({
       {"flags first", [] { return Q_AdjustBitmapTint(nullptr, 0, 0, 1); }, RC_INVALID_PARAMETER},
-      {"size 200", [&] { return mutate([&] { bmp->StructSize = 200; }, [&] { bmp->StructSize = 208; }, 99999); },
+      {"size 200",
+       [&] { return mutate([&] { bmp->StructSize = 200; }, [&] { bmp->StructSize = 208; }, 99999); },
        RC_INVALID_STRUCT_SIZE},
-      {"size 176", [&] { return mutate([&] { bmp->StructSize = 176; }, [&] { bmp->StructSize = 208; }, 100); },
+      {"size 176",
+       [&] { return mutate([&] { bmp->StructSize = 176; }, [&] { bmp->StructSize = 208; }, 100); },
        RC_SUCCESS},
       {"gray32 before signed",
        [&] {
-         return mutate([&] { bmp->ColorOrder = ORDER_GRAY, bmp->BitsPerPixel = 32, bmp->Flags |= BITMAP_SIGNED; },
-                       [&] { bmp->ColorOrder = ORDER_BGR, bmp->BitsPerPixel = 24, bmp->Flags &= ~BITMAP_SIGNED; }, 0);
+         return mutate(
+             [&] { bmp->ColorOrder = ORDER_GRAY, bmp->BitsPerPixel = 32, bmp->Flags |= BITMAP_SIGNED; },
+             [&] { bmp->ColorOrder = ORDER_BGR, bmp->BitsPerPixel = 24, bmp->Flags &= ~BITMAP_SIGNED; }, 0);
        },
        RC_GRAY32_NOT_SUPPORTED},
       {"signed before range",
-       [&] { return mutate([&] { bmp->Flags |= BITMAP_SIGNED; }, [&] { bmp->Flags &= ~BITMAP_SIGNED; }, 18001); },
+       [&] {
+         return mutate([&] { bmp->Flags |= BITMAP_SIGNED; }, [&] { bmp->Flags &= ~BITMAP_SIGNED; }, 18001);
+       },
        RC_SIGNED_DATA_NOT_SUPPORTED},
       {"theta 18001", [&] { return Q_AdjustBitmapTint(bmp, 18001, 0, 0); }, RC_INVALID_PARAMETER},
       {"phi -18001", [&] { return Q_AdjustBitmapTint(bmp, 0, -18001, 0); }, RC_INVALID_PARAMETER},
@@ -164,13 +169,15 @@ TEST(Tint, AllocationFailures) {
     kit::SetEllipseRegion(b, 0, 0, 6, 4);
     return b;
   };
-  EXPECT_GE(kit::CheckAllocationFailures(rows, [](kit::Bitmap &b) { return Q_AdjustBitmapTint(b, 500, -300, 0); }),
-            4);
+  EXPECT_GE(
+      kit::CheckAllocationFailures(rows, [](kit::Bitmap &b) { return Q_AdjustBitmapTint(b, 500, -300, 0); }),
+      4);
   std::vector<PaletteEntry> pal(16, PaletteEntry{30, 20, 10, 0});
   const auto palette = [&] { return kit::Bitmap(Kind(4), 2, 2, pal.data()); };
   // Converter, row buffer, spherical row, the single spherical pixel.
-  EXPECT_EQ(
-      kit::CheckAllocationFailures(palette, [](kit::Bitmap &b) { return Q_AdjustBitmapTint(b, 500, -300, 0); }), 4);
+  EXPECT_EQ(kit::CheckAllocationFailures(palette,
+                                         [](kit::Bitmap &b) { return Q_AdjustBitmapTint(b, 500, -300, 0); }),
+            4);
 }
 
 TEST(Tint, NoProgressReported) {

@@ -13,7 +13,9 @@ using imgtool::ArgValues;
 
 constexpr uint32_t kColourKinds = imgtool::kPalette | imgtool::kAnyColor;
 
-int32_t Hue(BitmapRecord *b, const ArgValues &a, std::ostream &) { return Q_ChangeBitmapHue(b, a.Int("angle"), 0); }
+int32_t Hue(BitmapRecord *b, const ArgValues &a, std::ostream &) {
+  return Q_ChangeBitmapHue(b, a.Int("angle"), 0);
+}
 
 int32_t Saturation(BitmapRecord *b, const ArgValues &a, std::ostream &) {
   return Q_ChangeBitmapSaturation(b, a.Int("change"), 0);
@@ -45,8 +47,8 @@ int32_t HueSatInt(BitmapRecord *b, const ArgValues &a, std::ostream &) {
   if (list.size() % 7 != 0) return RC_INVALID_PARAMETER;
   std::vector<HueSatIntRange> bands;
   for (size_t i = 0; i + 7 <= list.size(); i += 7)
-    bands.push_back(HueSatIntRange{32, list[i], list[i + 1], list[i + 2], list[i + 3], list[i + 4], list[i + 5],
-                                   list[i + 6]});
+    bands.push_back(HueSatIntRange{32, list[i], list[i + 1], list[i + 2], list[i + 3], list[i + 4],
+                                   list[i + 5], list[i + 6]});
   return Q_ChangeHueSatIntBitmap(b, a.Int("hue"), a.Int("saturation"), a.Int("intensity"), bands.data(),
                                  static_cast<uint32_t>(bands.size()), 0);
 }
@@ -91,18 +93,39 @@ const imgtool::Registrar kRegistrar{{
         .name = "remap-hue",
         .exportName = "Q_RemapBitmapHue",
         .summary = "Give a range of hues a new hue, saturation and value",
-        .help = "Pixels whose hue (0..255 for the full circle) lies in from..to (wrapping when from > to) get "
-                "the new hue, their saturation and value scaled by the percentages. Every pixel is converted "
-                "there and back, selected or not. 16-bit rows need a table length of 4096 or 65536.",
-        .args = {{.name = "from", .type = ArgType::Int, .min = 0, .max = 255, .defaultValue = "0",
+        .help =
+            "Pixels whose hue (0..255 for the full circle) lies in from..to (wrapping when from > to) get "
+            "the new hue, their saturation and value scaled by the percentages. Every pixel is converted "
+            "there and back, selected or not. 16-bit rows need a table length of 4096 or 65536.",
+        .args = {{.name = "from",
+                  .type = ArgType::Int,
+                  .min = 0,
+                  .max = 255,
+                  .defaultValue = "0",
                   .help = "first selected hue step"},
-                 {.name = "to", .type = ArgType::Int, .min = 0, .max = 255, .defaultValue = "42",
+                 {.name = "to",
+                  .type = ArgType::Int,
+                  .min = 0,
+                  .max = 255,
+                  .defaultValue = "42",
                   .help = "last selected hue step"},
-                 {.name = "new-hue", .type = ArgType::Int, .min = -1, .max = 255, .defaultValue = "-1",
+                 {.name = "new-hue",
+                  .type = ArgType::Int,
+                  .min = -1,
+                  .max = 255,
+                  .defaultValue = "-1",
                   .help = "hue step the selected pixels get; -1 keeps their hue"},
-                 {.name = "saturation-scale", .type = ArgType::Int, .min = 0, .max = 1000, .defaultValue = "100",
+                 {.name = "saturation-scale",
+                  .type = ArgType::Int,
+                  .min = 0,
+                  .max = 1000,
+                  .defaultValue = "100",
                   .help = "percent applied to the saturation of selected pixels"},
-                 {.name = "value-scale", .type = ArgType::Int, .min = 0, .max = 1000, .defaultValue = "100",
+                 {.name = "value-scale",
+                  .type = ArgType::Int,
+                  .min = 0,
+                  .max = 1000,
+                  .defaultValue = "100",
                   .help = "percent applied to the value of selected pixels"},
                  {.name = "table-length",
                   .type = ArgType::Enum,
@@ -122,18 +145,31 @@ const imgtool::Registrar kRegistrar{{
                 "degrees, before the shift) lies in the band: fully inside the inner band, fading to nothing "
                 "at the outer band's ends. Bands may cross 0 degrees (outer start above outer end). Refuses "
                 "gray bitmaps.",
-        .args = {{.name = "hue", .type = ArgType::Int, .min = -18000, .max = 18000, .defaultValue = "0",
+        .args = {{.name = "hue",
+                  .type = ArgType::Int,
+                  .min = -18000,
+                  .max = 18000,
+                  .defaultValue = "0",
                   .help = "overall hue shift, hundredths of a degree"},
-                 {.name = "saturation", .type = ArgType::Int, .min = -1000, .max = 1000, .defaultValue = "0",
+                 {.name = "saturation",
+                  .type = ArgType::Int,
+                  .min = -1000,
+                  .max = 1000,
+                  .defaultValue = "0",
                   .help = "overall saturation change, tenths of a percent"},
-                 {.name = "intensity", .type = ArgType::Int, .min = -1000, .max = 1000, .defaultValue = "0",
+                 {.name = "intensity",
+                  .type = ArgType::Int,
+                  .min = -1000,
+                  .max = 1000,
+                  .defaultValue = "0",
                   .help = "overall intensity change, tenths of a percent of full scale"},
                  {.name = "bands",
                   .type = ArgType::IntList,
                   .min = -18000,
                   .max = 18000,
                   .defaultValue = "0,0,0,0,0,0,0",
-                  .help = "seven values for each band: hue, saturation, intensity (as above), outer start, outer end, "
+                  .help = "seven values for each band: hue, saturation, intensity (as above), outer start, "
+                          "outer end, "
                           "inner start, inner end (degrees, -359..359)",
                   .minCount = 7,
                   .maxCount = 70}},
@@ -146,9 +182,17 @@ const imgtool::Registrar kRegistrar{{
         .summary = "Turn every pixel's colour vector, keeping its length",
         .help = "Shifts the two angles of each pixel's spherical form: theta, measured from the blue axis, "
                 "and phi, in the red-green plane. Refuses gray bitmaps; (0, 0) changes nothing.",
-        .args = {{.name = "theta", .type = ArgType::Int, .min = -18000, .max = 18000, .defaultValue = "1000",
+        .args = {{.name = "theta",
+                  .type = ArgType::Int,
+                  .min = -18000,
+                  .max = 18000,
+                  .defaultValue = "1000",
                   .help = "shift of theta, hundredths of a degree"},
-                 {.name = "phi", .type = ArgType::Int, .min = -18000, .max = 18000, .defaultValue = "0",
+                 {.name = "phi",
+                  .type = ArgType::Int,
+                  .min = -18000,
+                  .max = 18000,
+                  .defaultValue = "0",
                   .help = "shift of phi, hundredths of a degree"}},
         .kinds = kColourKinds,
         .call = Tint,

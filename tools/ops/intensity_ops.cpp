@@ -1,0 +1,235 @@
+// The forwarded intensity operations, extended gamma and automatic binarisation.
+#include <cstdint>
+#include <vector>
+
+#include "imgcolor.h"
+#include "registry.h"
+
+namespace {
+
+using imgtool::ArgSpec;
+using imgtool::ArgType;
+using imgtool::ArgValues;
+
+ArgSpec Tenths(const char *name, const char *help, const char *def = "0") {
+  return {.name = name, .type = ArgType::Int, .min = -1000, .max = 1000, .defaultValue = def, .help = help};
+}
+
+ArgSpec Targets(const char *name, const char *def, const char *help) {
+  return {.name = name,
+          .type = ArgType::IntList,
+          .min = 0,
+          .max = 1000,
+          .defaultValue = def,
+          .help = help,
+          .minCount = 3,
+          .maxCount = 3};
+}
+
+ArgSpec LevelSet(const char *name, const char *help) {
+  return {.name = name,
+          .type = ArgType::IntList,
+          .min = -1,
+          .max = 65535,
+          .defaultValue = "-1",
+          .help = help,
+          .minCount = 1,
+          .maxCount = 5};
+}
+
+std::vector<uint32_t> Unsigned(const std::vector<int32_t> &v) { return std::vector<uint32_t>(v.begin(), v.end()); }
+
+int32_t Levels(BitmapRecord *b, const ArgValues &a, std::ostream &) {
+  ColorLevelRecord rec{};
+  rec.StructSize = sizeof rec;
+  uint32_t flags = 0;
+  struct Slot {
+    const char *name;
+    ColorLevelSet *set;
+    uint32_t flag;
+  } slots[] = {{"master", &rec.Master, COLOR_LEVEL_MASTER},
+               {"red", &rec.Red, COLOR_LEVEL_RED},
+               {"green", &rec.Green, COLOR_LEVEL_GREEN},
+               {"blue", &rec.Blue, COLOR_LEVEL_BLUE}};
+  for (Slot &s : slots) {
+    const std::vector<int32_t> &v = a.List(s.name);
+    if (v.size() == 1 && v[0] == -1) continue;  // the set does not apply
+    if (v.size() != 5) return RC_INVALID_PARAMETER;
+    *s.set = ColorLevelSet{v[0], v[1], v[2], v[3], v[4]};
+    flags |= s.flag;
+  }
+  return Q_ColorLevelBitmap(b, &rec, flags);
+}
+
+const std::vector<imgtool::EnumValue> kDetectChannels = {
+    {"intensity", DETECT_CHANNEL_INTENSITY, "test the intensity (2R + 5G + B) / 8, paint whole pixels"},
+    {"red", DETECT_CHANNEL_RED, "test and paint red alone"},
+    {"green", DETECT_CHANNEL_GREEN, "test and paint green alone"},
+    {"blue", DETECT_CHANNEL_BLUE, "test and paint blue alone"},
+    {"red-green", DETECT_CHANNEL_RED | DETECT_CHANNEL_GREEN, "red and green, each on its own"},
+    {"red-blue", DETECT_CHANNEL_RED | DETECT_CHANNEL_BLUE, "red and blue, each on its own"},
+    {"green-blue", DETECT_CHANNEL_GREEN | DETECT_CHANNEL_BLUE, "green and blue, each on its own"}};
+
+const imgtool::Registrar kRegistrar{{
+    {.name = "invert",
+     .exportName = "Q_InvertBitmap",
+     .summary = "Invert every colour sample",
+     .help = "Every colour sample v becomes full scale - v (palettes through the palette).",
+     .call = [](BitmapRecord *b, const ArgValues &, std::ostream &) { return Q_InvertBitmap(b, 0); }},
+    {.name = "intensity",
+     .exportName = "Q_ChangeBitmapIntensity",
+     .summary = "Brighten or darken by a share of full scale",
+     .help = "Adds change x full scale / 1000 (rounded) to every colour sample, clamped.",
+     .args = {Tenths("change", "tenths of a percent of full scale", "100")},
+     .call = [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
+       return Q_ChangeBitmapIntensity(b, a.Int("change"), 0);
+     }},
+    {.name = "gray-ext",
+     .exportName = "Q_GrayScaleBitmapExt",
+     .summary = "Convert to gray with chosen weights",
+     .help = "gray = (red x R + green x G + blue x B) / 10000. Without a region the bitmap becomes 8-bit (or "
+             "16-bit) gray; with one, the pixels inside take their gray level and the kind stays.",
+     .args = {{.name = "red", .type = ArgType::Int, .min = 0, .max = 10000, .defaultValue = "2990",
+               .help = "weight of red, hundredths of a percent"},
+              {.name = "green", .type = ArgType::Int, .min = 0, .max = 10000, .defaultValue = "5870",
+               .help = "weight of green, hundredths of a percent"},
+              {.name = "blue", .type = ArgType::Int, .min = 0, .max = 10000, .defaultValue = "1140",
+               .help = "weight of blue, hundredths of a percent (the three sum to at most 10000)"}},
+     .call = [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
+       return Q_GrayScaleBitmapExt(b, a.Int("red"), a.Int("green"), a.Int("blue"), 0);
+     }},
+    {.name = "detect",
+     .exportName = "Q_IntensityDetectBitmap",
+     .summary = "Paint pixels inside and outside an intensity range",
+     .help = "Pixels whose intensity (or selected channel) lies in [low, high] take the inside colour, the "
+             "others the outside colour. Levels are on the bitmap's own scale (255, 4095, 65535).",
+     .args = {{.name = "low", .type = ArgType::UInt, .min = 0, .max = 65535, .defaultValue = "128",
+               .help = "lowest level inside"},
+              {.name = "high", .type = ArgType::UInt, .min = 0, .max = 65535, .defaultValue = "255",
+               .help = "highest level inside (at most full scale)"},
+              {.name = "inside", .type = ArgType::Colour, .min = 0, .max = 0xFFFFFF, .defaultValue = "#ffffff",
+               .help = "colour of pixels inside the range"},
+              {.name = "outside", .type = ArgType::Colour, .min = 0, .max = 0xFFFFFF, .defaultValue = "#000000",
+               .help = "colour of pixels outside the range"},
+              {.name = "channel", .type = ArgType::Enum, .defaultValue = "intensity", .help = "what is tested",
+               .values = kDetectChannels}},
+     .kinds = imgtool::kAnyKind,
+     .call = [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
+       return Q_IntensityDetectBitmap(b, a.UInt("low"), a.UInt("high"), a.Colour("inside"), a.Colour("outside"),
+                                      static_cast<uint32_t>(a.Enum("channel")), 0);
+     }},
+    {.name = "gamma",
+     .exportName = "Q_GammaCorrectBitmap",
+     .summary = "Gamma-correct every colour sample",
+     .help = "Every sample goes through full scale x (v / full scale)^(100 / gamma), rounded half to even.",
+     .args = {{.name = "gamma", .type = ArgType::UInt, .min = 1, .max = 100000, .defaultValue = "150",
+               .help = "gamma in hundredths (100 = no change)"}},
+     .call = [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
+       return Q_GammaCorrectBitmap(b, a.UInt("gamma"), 0);
+     }},
+    {.name = "histogram",
+     .exportName = "Q_GetBitmapHistogram",
+     .summary = "Print the histogram of the bitmap's samples",
+     .help = "Counts the samples of each value (channel all: blue, green and red) into the given number of "
+             "bins and prints the non-empty ones.",
+     .args = {{.name = "bins", .type = ArgType::UInt, .min = 1, .max = 65536, .defaultValue = "256",
+               .help = "number of bins"},
+              {.name = "channel", .type = ArgType::Enum, .defaultValue = "all", .help = "samples counted",
+               .values = {{"all", 0, "blue, green and red"}, {"red", 1, "red"}, {"green", 2, "green"},
+                          {"blue", 3, "blue"}}}},
+     .writesImage = false,
+     .call = [](BitmapRecord *b, const ArgValues &a, std::ostream &out) {
+       std::vector<uint32_t> counts(a.UInt("bins"));
+       const int32_t status = Q_GetBitmapHistogram(b, counts.data(), static_cast<uint32_t>(counts.size()),
+                                                   static_cast<uint32_t>(a.Enum("channel")));
+       if (status == RC_SUCCESS)
+         for (size_t i = 0; i < counts.size(); ++i)
+           if (counts[i]) out << "bin " << i << ": " << counts[i] << "\n";
+       return status;
+     }},
+    {.name = "cbi",
+     .exportName = "Q_ContBrightIntBitmap",
+     .summary = "Change contrast, brightness and intensity in one table",
+     .help = "v' = ((v - mid) x (1000 + contrast) / 1000 + mid + brightness x full / 1000) x (1000 + "
+             "intensity) / 1000, clamped.",
+     .args = {Tenths("contrast", "tenths of a percent"), Tenths("brightness", "tenths of a percent of full scale"),
+              Tenths("intensity", "tenths of a percent")},
+     .call = [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
+       return Q_ContBrightIntBitmap(b, a.Int("contrast"), a.Int("brightness"), a.Int("intensity"), 0);
+     }},
+    {.name = "light",
+     .exportName = "Q_LightControlBitmap",
+     .summary = "Move the dark, middle and bright tones to targets",
+     .help = "The mean of the samples, the mean of those below it and the mean of those at or above it go to "
+             "the lower, middle and upper targets (tenths of a percent of full scale, per red, green, blue) "
+             "along a piecewise-linear curve. Type luminance works on the luma.",
+     .args = {Targets("lower", "200,200,200", "targets of the dark mean (red,green,blue)"),
+              Targets("middle", "500,500,500", "targets of the overall mean"),
+              Targets("upper", "800,800,800", "targets of the bright mean"),
+              {.name = "type", .type = ArgType::Enum, .defaultValue = "channel", .help = "what is measured",
+               .values = {{"channel", LIGHT_CONTROL_PER_CHANNEL, "each channel on its own"},
+                          {"luminance", LIGHT_CONTROL_LUMINANCE, "the luma, hues kept"}}}},
+     .call = [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
+       const auto lo = Unsigned(a.List("lower")), mid = Unsigned(a.List("middle")), hi = Unsigned(a.List("upper"));
+       return Q_LightControlBitmap(b, lo.data(), mid.data(), hi.data(), static_cast<uint32_t>(a.Enum("type")));
+     }},
+    {.name = "auto-level",
+     .exportName = "Q_AutoColorLevelBitmap",
+     .summary = "Stretch the occupied levels to full scale",
+     .help = "Finds the levels below which black-clip and above which white-clip of the samples lie "
+             "(hundredths of a percent) and stretches that range to full scale.",
+     .args = {{.name = "type", .type = ArgType::Enum, .defaultValue = "channel", .help = "where the range is found",
+               .values = {{"channel", AUTO_LEVEL_PER_CHANNEL, "per channel"},
+                          {"common", AUTO_LEVEL_COMMON, "one range for all channels"},
+                          {"intensity", AUTO_LEVEL_INTENSITY, "on the intensity"}}},
+              {.name = "black-clip", .type = ArgType::UInt, .min = 0, .max = 9999, .defaultValue = "50",
+               .help = "share clipped to black, hundredths of a percent"},
+              {.name = "white-clip", .type = ArgType::UInt, .min = 0, .max = 9999, .defaultValue = "50",
+               .help = "share clipped to white, hundredths of a percent"}},
+     .call = [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
+       return Q_AutoColorLevelBitmap(b, static_cast<uint32_t>(a.Enum("type")), a.UInt("black-clip"),
+                                     a.UInt("white-clip"), 0);
+     }},
+    {.name = "levels",
+     .exportName = "Q_ColorLevelBitmap",
+     .summary = "Input and output levels with gamma, master then per channel",
+     .help = "Each set is inlow,inhigh,outlow,outhigh,gamma on the bitmap's scale (gamma in hundredths); "
+             "x = clamp((v - inlow) / (inhigh - inlow)), v' = outlow + x^(100 / gamma) x (outhigh - outlow). "
+             "Sets left at -1 do not apply.",
+     .args = {LevelSet("master", "master set: inlow,inhigh,outlow,outhigh,gamma"), LevelSet("red", "red set"), LevelSet("green", "green set"),
+              LevelSet("blue", "blue set")},
+     .call = Levels},
+    {.name = "adaptive-contrast",
+     .exportName = "Q_AdaptiveContrastBitmap",
+     .summary = "Local contrast around the window mean",
+     .help = "v' = m + (v - m) x (100 + amount) / 100 with m the mean of the square window around the pixel.",
+     .args = {{.name = "window", .type = ArgType::UInt, .min = 3, .max = 1001, .defaultValue = "15",
+               .help = "window side in pixels (odd)"},
+              {.name = "amount", .type = ArgType::UInt, .min = 0, .max = 1000, .defaultValue = "100",
+               .help = "percent"},
+              {.name = "type", .type = ArgType::Enum, .defaultValue = "all", .help = "what is changed",
+               .values = {{"all", ADAPTIVE_CONTRAST_ALL, "every channel"},
+                          {"luminance", ADAPTIVE_CONTRAST_LUMINANCE, "the luma only"}}}},
+     .call = [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
+       return Q_AdaptiveContrastBitmap(b, a.UInt("window"), a.UInt("amount"), static_cast<uint32_t>(a.Enum("type")));
+     }},
+    {.name = "gamma-ext",
+     .exportName = "Q_GammaCorrectBitmapExt",
+     .summary = "Gamma per channel or on the luma alone",
+     .help = "Space rgb corrects every channel; yuv corrects only the luma of an integer YUV form, keeping hues.",
+     .args = {{.name = "gamma", .type = ArgType::UInt, .min = 1, .max = 100000, .defaultValue = "150",
+               .help = "gamma in hundredths (100 = no change)"},
+              {.name = "space", .type = ArgType::Enum, .defaultValue = "yuv", .help = "where the curve applies",
+               .values = {{"rgb", GAMMA_RGB, "every channel"}, {"yuv", GAMMA_YUV, "the luma only"}}}},
+     .call = [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
+       return Q_GammaCorrectBitmapExt(b, a.UInt("gamma"), static_cast<uint32_t>(a.Enum("space")));
+     }},
+    {.name = "auto-binary",
+     .exportName = "Q_AutoBinaryBitmap",
+     .summary = "Black and white at a threshold found between the histogram's peaks",
+     .help = "Finds the highest histogram peak, a second peak by distance-weighted height and the emptiest "
+             "level between them; pixels at or above it turn white, the others black.",
+     .call = [](BitmapRecord *b, const ArgValues &, std::ostream &) { return Q_AutoBinaryBitmap(b, 0); }},
+}};
+
+}  // namespace
