@@ -159,16 +159,31 @@ int32_t MinUpdate(int32_t oldMin, int32_t entering, int32_t leftOld, Search &&ab
 }
 
 
-// Every byte sample of 8-bit gray, 24 and 32-bit pixels (not the fourth)
-// counted into four banks, so that neighbouring equal samples do not wait
-// for each other's increment; the banks are added to `counts` at the end.
-int32_t CountBytes(const BitmapRecord *b, Kind kind, uint32_t *counts, int32_t start, int32_t end) {
+// The byte samples of 8-bit gray, 24 and 32-bit pixels (all three colour
+// samples, or one channel; never the fourth) counted into four banks, so
+// that neighbouring equal samples do not wait for each other's increment;
+// the banks are added to `counts` at the end.
+int32_t CountBytes(const BitmapRecord *b, Kind kind, uint32_t channel, uint32_t *counts, int32_t start,
+                   int32_t end) {
   uint32_t banks[4][256] = {};
   img::RegionRows rows(b, __LINE__, kSourceFile);
   if (rows.status() != RC_SUCCESS) return rows.status();
   uint32_t *c0 = banks[0], *c1 = banks[1], *c2 = banks[2], *c3 = banks[3];
   const int32_t status = rows.run(start, end, [&](uint8_t *row, const RowRun *runs, int32_t n) {
     for (int32_t r = 0; r < n; ++r) {
+      if (channel != LUT_CHANNEL_ALL && kind != Kind::Gray8) {
+        // One sample of each pixel: red is byte 2 of blue-green-red pixels.
+        const bool rgb = b->ColorOrder == ORDER_RGB;
+        const int32_t offset = channel == LUT_CHANNEL_GREEN ? 1 : ((channel == LUT_CHANNEL_RED) != rgb) ? 2 : 0;
+        const int32_t step = kind == Kind::Color24 ? 3 : 4;
+        const uint8_t *p = row + runs[r].Start * step + offset, *e = row + runs[r].End * step + offset;
+        for (; p + 2 * step <= e; p += 2 * step) {
+          c0[p[0]]++;
+          c1[p[step]]++;
+        }
+        for (; p < e; p += step) c0[*p]++;
+        continue;
+      }
       if (kind == Kind::Color32) {
         for (const uint8_t *p = row + runs[r].Start * 4, *e = row + runs[r].End * 4; p < e; p += 4) {
           c0[p[0]]++;
@@ -214,9 +229,8 @@ IMG_API int32_t GetHistogram(BitmapRecord *bitmap, uint32_t *counts, uint32_t le
     const uint64_t bin = fold ? (static_cast<uint64_t>(v) * length) >> bits : v;
     if (bin < length) counts[bin]++;
   };
-  if (!fold && channel == LUT_CHANNEL_ALL &&
-      (kind == Kind::Gray8 || kind == Kind::Color24 || kind == Kind::Color32))
-    return CountBytes(bitmap, kind, counts, start, end);
+  if (!fold && (kind == Kind::Gray8 || kind == Kind::Color24 || kind == Kind::Color32))
+    return CountBytes(bitmap, kind, channel, counts, start, end);
   const bool blue = channel == LUT_CHANNEL_ALL || channel == LUT_CHANNEL_BLUE;
   const bool green = channel == LUT_CHANNEL_ALL || channel == LUT_CHANNEL_GREEN;
   const bool red = channel == LUT_CHANNEL_ALL || channel == LUT_CHANNEL_RED;
