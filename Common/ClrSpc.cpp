@@ -450,6 +450,7 @@ inline void SphFwd(int32_t R, int32_t G, int32_t B, int32_t out[3]) {
 }
 
 // G comes from the length and the uncapped R and B; a negative square gives 0.
+// The angles are signed: a turned tint may hand in negative ones.
 template <int32_t Max>
 inline Rgb SphInv(double len, int32_t thetaH, int32_t phiH) {
   const double t = thetaH * kPi / 18000, f = phiH * kPi / 18000;
@@ -536,7 +537,7 @@ inline Rgb Inverse8(uint32_t code, const uint8_t *p) {
       return {static_cast<uint8_t>(255 - p[0] - p[3]), static_cast<uint8_t>(255 - p[1] - p[3]),
               static_cast<uint8_t>(255 - p[2] - p[3])};
     case COLORSPACE_SPHERICAL:
-      return SphInv<255>(Get16(p), Get16(p + 2), Get16(p + 4));
+      return SphInv<255>(Get16(p), static_cast<int16_t>(Get16(p + 2)), static_cast<int16_t>(Get16(p + 4)));
     default:
       return {0, 0, 0};
   }
@@ -1069,7 +1070,7 @@ int32_t Row16(uint32_t code, uint16_t *rgb, uint8_t *sp, const LabTableSet *set,
       break;
     case COLORSPACE_SPHERICAL + kToRgb:
       InverseRow(rgb, sp, 8, first, end,
-                 [](const uint8_t *p) { return SphInv<65535>(Get32(p), Get16(p + 4), Get16(p + 6)); });
+                 [](const uint8_t *p) { return SphInv<65535>(Get32(p), static_cast<int16_t>(Get16(p + 4)), static_cast<int16_t>(Get16(p + 6))); });
       break;
     default:
       break;

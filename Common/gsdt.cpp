@@ -160,8 +160,8 @@ int32_t ApplyPalette(BitmapRecord *bitmap, const PaletteEntry *table, uint32_t c
     for (std::size_t i = 0; i < entryCount; ++i)
       entries[i] = PaletteEntry{table[i].Blue, table[i].Green, table[i].Red, 0};
   }
-  // A palette that cannot be written gives 0, not an error code: callers of
-  // long standing test the result for 0.
+  // A palette that cannot be written gives 0, not an error code (kept as the
+  // exports have always answered).
   if (SetPalette(bitmap, 0, count, entries.get()) == 0) return 0;
   return FinishOperation();
 }

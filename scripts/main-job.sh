@@ -1,14 +1,23 @@
 #!/usr/bin/env bash
 # The main job: builds the command-line tool and runs it on the bundled sample
-# photo, writing the results into out/.
+# photo (data/chelsea.png), writing the results into out/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh
 cmake --preset release -DIMG_BUILD_TESTS=OFF >/dev/null
 cmake --build --preset release --target imgcolor_tool
 tool=build/release/tools/imgcolor
+in=data/chelsea.png
 mkdir -p out
-"$tool" info data/chelsea.png
-"$tool" convert data/chelsea.png out/chelsea-16bit.png --depth 48
-"$tool" info out/chelsea-16bit.png
+set -x
+"$tool" info "$in"
+"$tool" convert "$in" out/chelsea-48bit.png --depth 48
+"$tool" info out/chelsea-48bit.png
+"$tool" contrast "$in" out/contrast.png --change 300 --ellipse 100,50,350,250
+"$tool" hue "$in" out/hue-left-half.png --angle 120 --rect 0,0,225,300
+"$tool" desaturate "$in" out/desaturate-ellipse.png --ellipse 50,20,400,280
+"$tool" gamma-ext out/chelsea-48bit.png out/gamma-luma-48bit.png --gamma 60 --space yuv
+"$tool" auto-binary "$in" out/auto-binary.png
+"$tool" histogram "$in" --channel red --bins 8
+set +x
 echo "results in out/"
