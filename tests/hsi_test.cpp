@@ -1,5 +1,4 @@
-// Q_ChangeHueSatIntBitmap: checks, band normalisation, the per-hue table and
-// the row and palette steps.
+// Q_ChangeHueSatIntBitmap: checks, band normalisation, the per-hue table, rows and palettes.
 #include "HSI.h"
 
 #include <tuple>
@@ -18,10 +17,8 @@ HueSatIntRange Band(int32_t os, int32_t oe, int32_t is, int32_t ie, int32_t hue 
   return HueSatIntRange{32, hue, sat, in, os, oe, is, ie};
 }
 
-const HueSatIntRange kNoBand = Band(0, 0, 0, 0);
-
 int32_t Call(BitmapRecord *b, int32_t hue, int32_t sat, int32_t in,
-             const std::vector<HueSatIntRange> &r = {kNoBand}) {
+             const std::vector<HueSatIntRange> &r = {Band(0, 0, 0, 0)}) {
   return Q_ChangeHueSatIntBitmap(b, hue, sat, in, r.data(), static_cast<uint32_t>(r.size()), 0);
 }
 
@@ -31,7 +28,7 @@ TEST(Hsi, ChecksInOrder) {
   bad->StructSize = 200;
   gray32->Flags |= BITMAP_SIGNED;
   signedBmp->Flags |= BITMAP_SIGNED;
-  HueSatIntRange badSize = kNoBand;
+  HueSatIntRange badSize = Band(0, 0, 0, 0);
   badSize.StructSize = 31;
   const auto band = [&](const HueSatIntRange &r) { return Call(bmp, 0, 0, 0, {r}); };
   const auto noRanges = [](BitmapRecord *b, uint32_t count, uint32_t flags) {
@@ -48,7 +45,7 @@ TEST(Hsi, ChecksInOrder) {
       {"record size", [&] { return band(badSize); }, RC_INVALID_STRUCT_SIZE},
       {"only the first size counts",
        [&] {
-         return Call(bmp, 0, 0, 0, {kNoBand, badSize});
+         return Call(bmp, 0, 0, 0, {Band(0, 0, 0, 0), badSize});
        },
        RC_SUCCESS},
       {"null bitmap after the copy", [] { return Call(nullptr, 0, 0, 0); }, RC_NO_BITMAP},
@@ -70,10 +67,9 @@ TEST(Hsi, ChecksInOrder) {
   bad->StructSize = BITMAP_RECORD_SIZE;
 }
 
-TEST(Hsi, Normalisation) {
+TEST(Hsi, BandsAndTable) {
   kit::Bitmap bmp(Kind(24), 2, 2);
-  // In a band across 0 the inner end always moves past 360, so an inner
-  // band that ends before 360 ends beyond the outer band.
+  // Across 0 both ends move past 360, so an inner band ending before 360 ends beyond the outer.
   const std::tuple<HueSatIntRange, std::vector<int32_t>, int32_t> cases[] = {
       {Band(330, 30, 350, 10), {330, 390, 350, 370}, 0},
       {Band(-30, 30, -10, 10), {330, 390, 350, 370}, 0},
@@ -84,27 +80,21 @@ TEST(Hsi, Normalisation) {
     EXPECT_EQ(ValidateRanges(bmp, 0, 0, 0, &r, 1), status);
     EXPECT_EQ(std::vector<int32_t>({r.OuterStart, r.OuterEnd, r.InnerStart, r.InnerEnd}), want);
   }
-}
 
-TEST(Hsi, HueTable) {
   // Intensity 1000 in 350..370, fading to 330 and 390 (hues 0..30 count as
   // 360..390): weight 19/20 gives (950 * 255 + 500) / 1000, 1/2 gives 128000 / 1000.
   const HueSatIntRange across = Band(330, 390, 350, 370, 0, 0, 1000);
   HueChange t8[kHueEntries], t16[kHueEntries];
   for (int32_t bits : {8, 16}) BuildHueTable(bits == 8 ? t8 : t16, 0, 0, 0, &across, 1, bits);
-  struct Case {
-    int32_t hue, i8, i16;
-  } cases[] = {{0, 255, 65535},   {10, 255, 65535},  {11, 242, 62258}, {20, 128, 32768},
-               {30, 0, 0},        {100, 0, 0},       {330, 0, 0},      {340, 128, 32768},
-               {349, 242, 62258}, {350, 255, 65535}, {360, 255, 65535}};
-  for (const Case &c : cases) {
-    EXPECT_EQ(t8[c.hue].intensity, c.i8) << c.hue;
-    EXPECT_EQ(t16[c.hue].intensity, c.i16) << c.hue;
-    EXPECT_EQ(t8[c.hue].hue, 0);
+  const int32_t entries[][3] = {{0, 255, 65535},   {10, 255, 65535},  {11, 242, 62258}, {20, 128, 32768},
+                                {30, 0, 0},        {100, 0, 0},       {330, 0, 0},      {340, 128, 32768},
+                                {349, 242, 62258}, {350, 255, 65535}, {360, 255, 65535}};
+  for (auto [hue, i8, i16] : entries) {
+    EXPECT_EQ(t8[hue].intensity, i8) << hue;
+    EXPECT_EQ(t16[hue].intensity, i16) << hue;
   }
-  // In the band hue 18100 wraps to -17900 and intensity -2000 is not clamped
-  // at the bottom (-2000 * 255 + 500) / 1000 = -509; outside, the overall
-  // values alone, truncated toward zero.
+  // In the band hue 18100 wraps to -17900, intensity -2000 is not clamped at the bottom
+  // ((-2000 * 255 + 500) / 1000 = -509); outside, the overall values truncated toward zero.
   const HueSatIntRange band = Band(0, 10, 0, 10, 100, -1000, -1000);
   for (int32_t bits : {8, 16}) BuildHueTable(bits == 8 ? t8 : t16, 18000, -1000, -1000, &band, 1, bits);
   std::vector<int32_t> got;
@@ -112,23 +102,20 @@ TEST(Hsi, HueTable) {
     got.insert(got.end(), {e.hue, e.saturation, e.intensity});
   EXPECT_EQ(got, std::vector<int32_t>({-179, -200, -509, -17900, -20000, -131069,  // in the band
                                        180, -100, -254, 18000, -10000, -65534}));
-  // The top is clamped: 1000 + 1000 counts as 1000.
-  const HueSatIntRange up = Band(0, 10, 0, 10, 0, 0, 1000);
-  BuildHueTable(t8, 0, 0, 1000, &up, 1, 8);
-  EXPECT_EQ(t8[5].intensity, 255);
+  // Only the top is clamped: 1000 + 1000 counts as 1000.
+  BuildHueTable(t8, 0, 0, 1000, &across, 1, 8);
+  EXPECT_EQ(t8[0].intensity, 255);
 }
 
 TEST(Hsi, PixelsAndPalettes) {
-  // Hue +180 in HSV, then the HLS round trip (L 127, S 100) gives 254 for
-  // full samples of a pure colour; gray stays. Palette entries (the last one
-  // too) go the same way; the indices stay.
+  // Hue +180 in HSV, then the HLS round trip (L 127, S 100) gives 254 for full samples of a
+  // pure colour; gray stays. Palette entries (the last one too) go the same way, indices stay.
   std::vector<PaletteEntry> pal(16, PaletteEntry{90, 90, 90, 0});
   pal[15] = {0, 0, 255, 0}, pal[1] = {0, 255, 0, 0}, pal[2] = {255, 0, 0, 0};
   kit::Bitmap bmp(Kind(24), 4, 1, {Rgb(255, 0, 0), Rgb(0, 255, 0), Rgb(0, 0, 255), Rgb(90, 90, 90)});
   kit::Bitmap p(Kind(4), 4, 1, {kit::Level(15), kit::Level(1), kit::Level(2), kit::Level(0)}, pal.data());
   const auto stored = p.StoredBytes();
-  ASSERT_EQ(Call(bmp, 18000, 0, 0), RC_SUCCESS);
-  ASSERT_EQ(Call(p, 18000, 0, 0), RC_SUCCESS);
+  for (BitmapRecord *b : {bmp.get(), p.get()}) ASSERT_EQ(Call(b, 18000, 0, 0), RC_SUCCESS);
   const std::vector<kit::Pixel> want{Rgb(0, 254, 254), Rgb(254, 0, 254), Rgb(254, 254, 0), Rgb(90, 90, 90)};
   EXPECT_EQ(bmp.Pixels(), want);
   EXPECT_EQ(p.StoredBytes(), stored);
@@ -136,8 +123,7 @@ TEST(Hsi, PixelsAndPalettes) {
   p->ColorsUsed = 17;  // cannot be read
   EXPECT_EQ(Call(p, 0, 0, 1000), RC_NO_BITMAP);
   p->ColorsUsed = 16;
-  // Red (hue 0) inside the inner band, hue 20 halfway out, green outside.
-  // (255, 51, 0) comes back from HLS as (254, 50, 0); index 20 adds 128.
+  // Red inside the inner band, hue 20 halfway out (HLS gives (254, 50, 0), +128), green outside.
   kit::Bitmap banded(Kind(24), 3, 1, {Rgb(255, 0, 0), Rgb(255, 51, 0), Rgb(0, 255, 0)});
   ASSERT_EQ(Call(banded, 0, 0, 0, {Band(330, 30, 350, 10, 0, 0, 1000)}), RC_SUCCESS);
   EXPECT_EQ(banded.Pixels(),

@@ -1,5 +1,5 @@
-// Q_GrayScaleToDuotone, Q_GrayScaleToMultitone and their tables: ramps,
-// products, the 1-bit, palette and row paths, conversions and cleanup.
+// Q_GrayScaleToDuotone, Q_GrayScaleToMultitone and their ramp: entry checks,
+// the row, palette and 1-bit paths, widened kinds, products and cleanup.
 #include "tone.h"
 
 #include <gtest/gtest.h>
@@ -12,28 +12,23 @@ namespace {
 
 using kit::Pixel;
 using kit::Rgb;
-using namespace img::tone;
 
 kit::Spec Kind(int32_t bits, int32_t order = ORDER_BGR) { return kit::Spec{bits, order}; }
 
-constexpr uint32_t kRed = 0x0000FFu;
-constexpr uint32_t kBlue = 0xFF0000u;
-constexpr uint32_t kWhite = 0xFFFFFFu;
+constexpr uint32_t kRed = 0x0000FFu, kBlue = 0xFF0000u, kWhite = 0xFFFFFFu;
 
 bool Same(const PaletteEntry &a, const PaletteEntry &b) {
   return a.Blue == b.Blue && a.Green == b.Green && a.Red == b.Red && a.Reserved == b.Reserved;
 }
 std::vector<PaletteEntry> Uniform(PaletteEntry e) { return std::vector<PaletteEntry>(256, e); }
 
-int32_t Duotone(BitmapRecord *b, uint32_t color, uint32_t mode) {
-  return Q_GrayScaleToDuotone(b, nullptr, color, mode);
+int32_t Duotone(BitmapRecord *b, uint32_t c, uint32_t mode) {
+  return Q_GrayScaleToDuotone(b, nullptr, c, mode);
 }
 
 // Red ramp, mode 1, on 16-bit samples: the high byte goes through the table
 // (blue, green: the level itself; red: 255), the low byte stays.
 Pixel RedOnSixteen(uint32_t v, uint32_t fourth = 0) { return Rgb(0xFF00u | (v & 0xFFu), v, v, fourth); }
-
-// ---- Tables --------------------------------------------------------------------------------
 
 TEST(ToneTables, Ramp) {
   struct Case {
@@ -41,186 +36,105 @@ TEST(ToneTables, Ramp) {
     int32_t count, index;
     PaletteEntry entry;
   } cases[] = {
-      {kRed, 256, 0, {0, 0, 255, 0}},        // the colour at entry 0
-      {kRed, 256, 128, {128, 128, 255, 0}},  // step 1000 on a zero channel: entry i = i
-      {kRed, 256, 255, {255, 255, 255, 0}},  // white at the end
-      {0x000064u, 16, 1, {17, 17, 110, 0}},  // red 100: step 608 * 255 / 15 = 10336
-      {0x000064u, 16, 15, {255, 255, 255, 0}},
+      {kRed, 256, 128, {128, 128, 255, 0}},   // step 1000 on a zero channel: entry i = i
+      {0x000064u, 16, 1, {17, 17, 110, 0}},   // red 100: step 608 * 255 / 15 = 10336
       {0x000064u, 4, 2, {170, 170, 203, 0}},  // step 608 * 85 = 51680: (100000 + 103360 + 500) / 1000
       {COLOR_GRAY_LEVEL | 0x64FFu, 256, 0, {100, 100, 100, 0}},  // gray level in bits 8-15, red bits ignored
       {0x336699u, 1, 0, {0x33, 0x66, 0x99, 0}},                  // one entry: the colour
   };
   for (const Case &c : cases) {
-    SCOPED_TRACE(testing::Message() << std::hex << c.color << std::dec << " n " << c.count << " i "
-                                    << c.index);
     std::vector<PaletteEntry> table(static_cast<size_t>(c.count), PaletteEntry{1, 2, 3, 4});
-    BuildRamp(c.color, c.count, table.data());
-    EXPECT_TRUE(Same(table[c.index], c.entry))
-        << int(table[c.index].Blue) << "," << int(table[c.index].Green) << "," << int(table[c.index].Red);
+    img::tone::BuildRamp(c.color, c.count, table.data());
+    EXPECT_TRUE(Same(table[c.index], c.entry)) << c.color << " " << c.count << " " << c.index;
   }
 }
 
-TEST(ToneTables, ScaleAndMultiply) {
-  auto table = Uniform({255, 100, 200, 9});
-  ScaleTableByLevel(table.data());
-  EXPECT_TRUE(Same(table[0], {0, 0, 0, 9}));
-  EXPECT_TRUE(Same(table[128], {128, 50, 100, 9}));  // (255*128+128)/255, (12928)/255, (25728)/255
-  EXPECT_TRUE(Same(table[255], {255, 100, 200, 9}));
-  auto first = Uniform({255, 128, 0, 5});
-  MultiplyTables(first.data(), Uniform({77, 128, 255, 0}).data());
-  EXPECT_TRUE(Same(first[9], {77, 64, 0, 5}));  // (128 * 128 + 128) / 255 = 64
-}
-
-// ---- Entry checks --------------------------------------------------------------------------------
-
+// Status order of both exports, with SetPalette's refusal (0, kept) and null gradients after the tables.
 TEST(ToneExports, ChecksInOrder) {
-  kit::Bitmap bmp(Kind(24), 3, 2);
-  kit::Bitmap gray32(Kind(32), 2, 2);
+  kit::Bitmap bmp(Kind(24), 3, 2), size0(Kind(24), 1, 1), size200(Kind(24), 1, 1), size176(Kind(24), 1, 1);
+  kit::Bitmap signedBmp(Kind(24), 1, 1), gray32(Kind(32), 2, 2), oneBit(Kind(1), 8, 1), pal(Kind(4), 2, 1);
+  size0->StructSize = 0;
+  size200->StructSize = 200;
+  size176->StructSize = 176;
+  signedBmp->Flags |= BITMAP_SIGNED;
   gray32->ColorOrder = ORDER_GRAY;
   gray32->Flags |= BITMAP_SIGNED;
-  kit::Bitmap oneBit(Kind(1), 8, 1);
+  pal->ColorsUsed = 17;    // more than a 4-bit palette holds
+  oneBit->ColorsUsed = 3;  // more than a 1-bit palette holds
+  const PaletteEntry fifth = pal->Palette[5];
   const uint32_t colors[4] = {kRed, kBlue, kWhite, kRed};
-  const auto sized = [&](uint32_t size, auto fn) {
-    const uint32_t old = bmp->StructSize;
-    bmp->StructSize = size;
-    const int32_t status = fn();
-    bmp->StructSize = old;
-    return status;
+  auto g0 = Uniform({1, 2, 3, 0});
+  PaletteEntry *oneMissing[2] = {g0.data(), nullptr};
+  const auto multi = [&](BitmapRecord *b, uint32_t tones, uint32_t type, const uint32_t *c, uint32_t mode) {
+    return Q_GrayScaleToMultitone(b, tones, type, c, type ? oneMissing : nullptr, mode);
   };
-  const auto signedBmp = [&](auto fn) {
-    bmp->Flags |= BITMAP_SIGNED;
-    const int32_t status = fn();
-    bmp->Flags &= ~BITMAP_SIGNED;
-    return status;
-  };
+  const kit::LeakGuard guard;
   kit::ExpectStatuses({
-      {"duo size 0", [&] { return sized(0, [&] { return Duotone(bmp, kRed, 2); }); }, RC_INVALID_STRUCT_SIZE},
-      {"duo size 200", [&] { return sized(200, [&] { return Duotone(bmp, kRed, 0); }); },
-       RC_INVALID_STRUCT_SIZE},
-      {"duo size 176", [&] { return sized(176, [&] { return Duotone(bmp, kRed, 0); }); }, RC_SUCCESS},
+      {"duo size 0", [&] { return Duotone(size0, kRed, 2); }, RC_INVALID_STRUCT_SIZE},
+      {"duo size 200", [&] { return Duotone(size200, kRed, 0); }, RC_INVALID_STRUCT_SIZE},
+      {"duo size 176", [&] { return Duotone(size176, kRed, 0); }, RC_SUCCESS},
       {"duo gray32 before mode", [&] { return Duotone(gray32, kRed, 2); }, RC_GRAY32_NOT_SUPPORTED},
-      {"duo signed before mode", [&] { return signedBmp([&] { return Duotone(bmp, kRed, 2); }); },
-       RC_SIGNED_DATA_NOT_SUPPORTED},
+      {"duo signed before mode", [&] { return Duotone(signedBmp, kRed, 2); }, RC_SIGNED_DATA_NOT_SUPPORTED},
       {"duo mode 2", [&] { return Duotone(bmp, kRed, 2); }, RC_INVALID_PARAMETER},
       {"duo null, mode 2", [] { return Duotone(nullptr, kRed, 2); }, RC_INVALID_PARAMETER},
       {"duo null", [] { return Duotone(nullptr, kRed, 1); }, RC_NO_BITMAP},
-      {"multi size 200",
-       [&] { return sized(200, [&] { return Q_GrayScaleToMultitone(bmp, 9, 0, 0, 0, 0); }); },
-       RC_INVALID_STRUCT_SIZE},
-      {"multi gray32", [&] { return Q_GrayScaleToMultitone(gray32, 9, 0, 0, 0, 0); },
-       RC_GRAY32_NOT_SUPPORTED},
-      {"multi signed", [&] { return signedBmp([&] { return Q_GrayScaleToMultitone(bmp, 9, 0, 0, 0, 0); }); },
-       RC_SIGNED_DATA_NOT_SUPPORTED},
-      {"multi type 2", [&] { return Q_GrayScaleToMultitone(bmp, 0, 2, colors, nullptr, 0); },
-       RC_INVALID_PARAMETER},
-      {"multi tones 4", [&] { return Q_GrayScaleToMultitone(bmp, 4, 0, colors, nullptr, 0); },
-       RC_INVALID_PARAMETER},
-      {"multi null colours", [&] { return Q_GrayScaleToMultitone(bmp, 0, 0, nullptr, nullptr, 0); },
-       RC_INVALID_PARAMETER},
-      {"multi mode 2", [&] { return Q_GrayScaleToMultitone(bmp, 0, 0, colors, nullptr, 2); },
-       RC_INVALID_PARAMETER},
-      {"multi tones 3 mode 2", [&] { return Q_GrayScaleToMultitone(bmp, 3, 0, colors, nullptr, 2); },
-       RC_INVALID_PARAMETER},
-      {"multi null, bad tones", [&] { return Q_GrayScaleToMultitone(nullptr, 4, 0, colors, nullptr, 0); },
-       RC_INVALID_PARAMETER},
-      {"multi null", [&] { return Q_GrayScaleToMultitone(nullptr, 0, 0, colors, nullptr, 0); }, RC_NO_BITMAP},
-      {"multi 1-bit needs colours", [&] { return Q_GrayScaleToMultitone(oneBit, 0, 1, nullptr, nullptr, 0); },
-       RC_INVALID_PARAMETER},
+      {"duo unwritable palette", [&] { return Duotone(pal, kRed, 1); }, 0},
+      {"duo unwritable 1-bit palette", [&] { return Duotone(oneBit, kRed, 1); }, 0},
+      {"multi size 200", [&] { return multi(size200, 9, 0, nullptr, 0); }, RC_INVALID_STRUCT_SIZE},
+      {"multi gray32", [&] { return multi(gray32, 9, 0, nullptr, 0); }, RC_GRAY32_NOT_SUPPORTED},
+      {"multi signed", [&] { return multi(signedBmp, 9, 0, nullptr, 0); }, RC_SIGNED_DATA_NOT_SUPPORTED},
+      {"multi type 2", [&] { return multi(bmp, 0, 2, colors, 0); }, RC_INVALID_PARAMETER},
+      {"multi tones 4", [&] { return multi(bmp, 4, 0, colors, 0); }, RC_INVALID_PARAMETER},
+      {"multi null colours", [&] { return multi(bmp, 0, 0, nullptr, 0); }, RC_INVALID_PARAMETER},
+      {"multi mode 2", [&] { return multi(bmp, 0, 0, colors, 2); }, RC_INVALID_PARAMETER},
+      {"multi tones 3 mode 2", [&] { return multi(bmp, 3, 0, colors, 2); }, RC_INVALID_PARAMETER},
+      {"multi null, bad tones", [&] { return multi(nullptr, 4, 0, colors, 0); }, RC_INVALID_PARAMETER},
+      {"multi null", [&] { return multi(nullptr, 0, 0, colors, 0); }, RC_NO_BITMAP},
+      {"multi 1-bit needs colours", [&] { return multi(oneBit, 0, 1, nullptr, 0); }, RC_INVALID_PARAMETER},
       {"multi null gradients", [&] { return Q_GrayScaleToMultitone(bmp, 0, 1, nullptr, nullptr, 0); },
        RC_INVALID_PARAMETER},
+      {"multi one gradient missing", [&] { return multi(bmp, 1, 1, nullptr, 0); }, RC_INVALID_PARAMETER},
+      {"multi tables before gradients",
+       [&] { return SetAllocationFailure(1), Q_GrayScaleToMultitone(bmp, 0, 1, nullptr, nullptr, 0); },
+       RC_NO_MEMORY},
   });
+  SetAllocationFailure(0);
+  EXPECT_EQ(guard.Live(), 0u) << "tables freed on every refusal";
+  EXPECT_TRUE(Same(pal->Palette[5], fifth)) << "palette untouched";
+  size0->StructSize = size200->StructSize = size176->StructSize = BITMAP_RECORD_SIZE;
 }
 
-// ---- Rows -------------------------------------------------------------------------------------------
-
-TEST(ToneRows, DuotoneEightAndSixteenBitSamples) {
-  // Mode 1, red: level v -> (255, v, v). Mode 0 scales entry v by v / 255:
-  // (v, (v * v + 128) / 255, same). 16-bit samples (v << 8 | 0x5A): the high
-  // byte goes through the table, the low byte stays. Colour pixels are kept.
-  const std::vector<uint32_t> levels = {0, 128, 255, 7};
-  constexpr uint32_t kLow = 0x5A;
-  for (const kit::Spec &spec : kit::ColorSpecs()) {
-    if (spec.bits == 16) continue;  // widened to 48 bits: see ConvertedKinds
-    const bool wide = spec.bits >= 48;
-    const uint32_t fourth = spec.Channels() == 4 ? 33 : 0;
-    const auto sample = [&](uint32_t v) { return wide ? (v << 8) | kLow : v; };
-    std::vector<Pixel> in;
-    for (uint32_t v : levels) in.push_back(Rgb(sample(v), sample(v), sample(v), fourth));
-    in.push_back(Rgb(10, 20, 30, fourth));
-    for (uint32_t mode : {0u, 1u}) {
-      SCOPED_TRACE(testing::Message() << spec.Name() << " mode " << mode);
-      kit::Bitmap bmp(spec, static_cast<int32_t>(in.size()), 1, in);
-      ASSERT_EQ(Duotone(bmp, kRed, mode), RC_SUCCESS);
-      for (size_t i = 0; i < levels.size(); ++i) {
-        const uint32_t v = levels[i], sq = (v * v + 128) / 255;
-        const Pixel want = mode ? Rgb(sample(255), sample(v), sample(v), fourth)
-                                : Rgb(sample(v), sample(sq), sample(sq), fourth);
-        EXPECT_EQ(bmp.At(static_cast<int32_t>(i), 0), want) << "level " << v;
-      }
-      EXPECT_EQ(bmp.At(4, 0), in[4]);
-    }
-  }
-}
-
-TEST(ToneRows, ColourPixelsUnchangedByEither) {
-  for (const kit::Spec &spec : kit::ColorSpecs()) {
-    if (spec.bits == 16) continue;
-    SCOPED_TRACE(spec.Name());
-    kit::Bitmap bmp(spec, 9, 4);
-    bmp.Randomize(21);
-    for (int32_t y = 0; y < 4; ++y)
-      for (int32_t x = 0; x < 9; ++x) {
-        Pixel p = bmp.At(x, y);
-        if (p.v[0] == p.v[1]) p.v[1] ^= 1;  // no pixel with equal red and green
-        bmp.Set(x, y, p);
-      }
-    const auto before = bmp.Pixels();
-    const uint32_t colors[4] = {kRed, kBlue, 0x00FF00u, 0x808080u};
-    EXPECT_EQ(Duotone(bmp, kRed, 0), RC_SUCCESS);
-    EXPECT_EQ(Q_GrayScaleToMultitone(bmp, 3, 0, colors, nullptr, 0), RC_SUCCESS);
-    EXPECT_EQ(bmp.Pixels(), before);
-  }
-}
-
-TEST(ToneRows, ConvertedKinds) {
+// Only gray pixels in the region change; 12- and 16-bit kinds are widened outside it too.
+TEST(ToneRows, RegionAndWidenedKinds) {
   struct Case {
     kit::Spec spec;
     Pixel in;
-    uint32_t wide;  // the 16-bit gray value after widening
+    uint32_t wide;  // the value after widening
   } cases[] = {
+      {Kind(24), Rgb(128, 128, 128), 128},
       {Kind(16, ORDER_GRAY), kit::Level(0x1234), 0x1234},
       {Kind(12, ORDER_GRAY), kit::Level(0xABC), 0xABC0},  // 12-bit levels widen by 16
       {Kind(16), Rgb(9, 9, 9), 74 * 257},                 // 5-bit 9 -> 8-bit 74 -> 16-bit
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.spec.Name());
-    kit::Bitmap bmp(c.spec, 2, 1, {c.in, c.in});
-    kit::SetRectRegion(bmp, 1, 0, 2, 1);  // the pixel outside is widened but not tinted
+    kit::Bitmap bmp(c.spec, 10, 8, std::vector<Pixel>(80, c.in));
+    kit::SetEllipseRegion(bmp, 1, 1, 9, 7);
     ASSERT_EQ(Duotone(bmp, kRed, 1), RC_SUCCESS);
-    EXPECT_EQ(bmp->BitsPerPixel, 48) << "not converted back";
-    EXPECT_NE(bmp->ColorOrder, ORDER_GRAY);
-    EXPECT_EQ(bmp.At(0, 0), Rgb(c.wide, c.wide, c.wide));
-    EXPECT_EQ(bmp.At(1, 0), RedOnSixteen(c.wide));
+    ASSERT_FALSE(kit::InRegion(bmp, 1, 1)) << "a corner of the ellipse's box";
+    const Pixel tinted = c.spec.bits != 24 ? RedOnSixteen(c.wide) : Rgb(255, 128, 128);
+    for (int32_t i = 0; i < 80; ++i) {
+      const int32_t x = i % 10, y = i / 10;
+      EXPECT_EQ(bmp.At(x, y), kit::InRegion(bmp, x, y) ? tinted : Rgb(c.wide, c.wide, c.wide))
+          << x << "," << y;
+    }
   }
 }
 
-TEST(ToneRows, RegionLimitsTheChange) {
-  kit::Bitmap bmp(Kind(24), 10, 8, std::vector<Pixel>(80, Rgb(128, 128, 128)));
-  kit::SetEllipseRegion(bmp, 1, 1, 9, 7);
-  ASSERT_EQ(Duotone(bmp, kRed, 1), RC_SUCCESS);
-  int outsideInBox = 0;
-  for (int32_t y = 0; y < 8; ++y)
-    for (int32_t x = 0; x < 10; ++x) {
-      const bool in = kit::InRegion(bmp, x, y);
-      EXPECT_EQ(bmp.At(x, y), in ? Rgb(255, 128, 128) : Rgb(128, 128, 128)) << x << "," << y;
-      if (!in && x >= 1 && x < 9 && y >= 1 && y < 7) ++outsideInBox;
-    }
-  EXPECT_GT(outsideInBox, 0);
-}
-
+// Mode 0 scales the table by level in place, a caller's table too (kept).
 TEST(ToneRows, CallerTableScaledInPlaceInModeZero) {
   auto table = Uniform({200, 100, 50, 7});
-  kit::Bitmap bmp(Kind(24), 1, 1, {Rgb(100, 100, 100)});
+  kit::Bitmap bmp(Kind(24), 2, 1, {Rgb(100, 100, 100), Rgb(10, 20, 30)});
   ASSERT_EQ(Q_GrayScaleToDuotone(bmp, table.data(), kRed, 1), RC_SUCCESS);
   EXPECT_TRUE(Same(table[100], {200, 100, 50, 7})) << "mode 1 leaves the table alone";
   EXPECT_EQ(bmp.At(0, 0), Rgb(50, 100, 200));
@@ -230,32 +144,20 @@ TEST(ToneRows, CallerTableScaledInPlaceInModeZero) {
   EXPECT_TRUE(Same(table[100], {78, 39, 20, 7}));  // (200*100+128)/255, (10128)/255, (5128)/255
   EXPECT_TRUE(Same(table[255], {200, 100, 50, 7}));
   EXPECT_EQ(bmp.At(0, 0), Rgb(20, 39, 78));
+  EXPECT_EQ(bmp.At(1, 0), Rgb(10, 20, 30)) << "colour pixels stay";
 }
 
-// ---- Palettes and 1-bit bitmaps ---------------------------------------------------------------------
-
+// A 4-bit gray palette with reserved bytes 9: mode 1 copies the red ramp of 16
+// (step 17000), mode 0 multiplies it in; reserved bytes become 0.
 TEST(TonePalette, RampAndBlend) {
-  PaletteEntry reserved[16];
-  for (uint8_t i = 0; i < 16; ++i)
-    reserved[i] = {static_cast<uint8_t>(17 * i), static_cast<uint8_t>(17 * i), static_cast<uint8_t>(17 * i),
-                   9};
-  struct Case {
-    uint32_t mode;
-    int32_t index;
-    PaletteEntry entry;
-  } cases[] = {
-      {1, 1, {17, 17, 255, 0}},  // ramp of 16: step 17000
-      {1, 15, {255, 255, 255, 0}},
-      {0, 1, {1, 1, 17, 0}},  // blue (17 * 17 + 128) / 255, red (17 * 255 + 128) / 255
-      {0, 15, {255, 255, 255, 0}},
-  };
-  for (const Case &c : cases) {
-    SCOPED_TRACE(testing::Message() << "mode " << c.mode << " index " << c.index);
-    kit::Bitmap bmp(Kind(4), 4, 1, {kit::Level(0), kit::Level(1), kit::Level(7), kit::Level(15)}, reserved);
-    const auto before = bmp.Pixels();
-    ASSERT_EQ(Duotone(bmp, kRed, c.mode), RC_SUCCESS);
-    EXPECT_EQ(bmp.Pixels(), before) << "indices stay";
-    EXPECT_TRUE(Same(bmp->Palette[c.index], c.entry));
+  PaletteEntry gray[16];
+  for (uint32_t i = 0; i < 16; ++i) gray[i] = {uint8_t(17 * i), uint8_t(17 * i), uint8_t(17 * i), 9};
+  // Mode 0, entry 1: blue (17 * 17 + 128) / 255, red (17 * 255 + 128) / 255.
+  const PaletteEntry first[2] = {{1, 1, 17, 0}, {17, 17, 255, 0}}, white{255, 255, 255, 0};
+  for (uint32_t mode : {0u, 1u}) {
+    kit::Bitmap bmp(Kind(4), 4, 1, {kit::Level(0), kit::Level(1), kit::Level(7), kit::Level(15)}, gray);
+    ASSERT_EQ(Duotone(bmp, kRed, mode), RC_SUCCESS);
+    EXPECT_TRUE(Same(bmp->Palette[1], first[mode]) && Same(bmp->Palette[15], white)) << mode;
   }
   // A caller's table is indexed by palette index and not scaled.
   std::vector<PaletteEntry> table(16, PaletteEntry{10, 20, 30, 40});
@@ -265,142 +167,71 @@ TEST(TonePalette, RampAndBlend) {
   EXPECT_TRUE(Same(bmp->Palette[3], {2, 4, 6, 0}));  // 51 * 10 / 255 etc., rounded
 }
 
-TEST(TonePalette, UnwritablePaletteGivesZero) {
-  kit::Bitmap bmp(Kind(4), 2, 1);
-  const PaletteEntry before = bmp->Palette[5];
-  bmp->ColorsUsed = 17;  // more than a 4-bit palette holds
-  const int32_t status = Duotone(bmp, kRed, 1);
-  bmp->ColorsUsed = 16;
-  EXPECT_EQ(status, 0);
-  EXPECT_TRUE(Same(bmp->Palette[5], before));
-}
-
-TEST(TonePalette, EightBitGrayBecomesTintedPalette) {
-  kit::Bitmap bmp(Kind(8, ORDER_GRAY), 3, 1, {kit::Level(0), kit::Level(90), kit::Level(255)});
-  ASSERT_EQ(Duotone(bmp, kRed, 1), RC_SUCCESS);
-  EXPECT_EQ(bmp->BitsPerPixel, 8);
-  EXPECT_NE(bmp->ColorOrder, ORDER_GRAY);
-  EXPECT_EQ(bmp.At(1, 0), kit::Level(90)) << "index = former level";
-  EXPECT_EQ(bmp.ColorAt(0, 0), Rgb(255, 0, 0));
-  EXPECT_EQ(bmp.ColorAt(1, 0), Rgb(255, 90, 90));
-  EXPECT_EQ(bmp.ColorAt(2, 0), Rgb(255, 255, 255));
-}
-
+// Multitone ignores tones, type and mode here: its two colours apply in mode 0.
 TEST(ToneOneBit, EntriesFollowTheDarkIndex) {
-  const PaletteEntry black{0, 0, 0, 0}, green{0, 255, 0, 0};
+  const PaletteEntry black{0, 0, 0, 0}, green{0, 255, 0, 0}, red{0, 0, 255, 0}, blue{255, 0, 0, 0};
   const PaletteEntry inverted[2] = {{255, 255, 255, 0}, {0, 0, 0, 0}};
   PaletteEntry pair[2] = {{1, 2, 3, 4}, {5, 6, 7, 8}};
   const uint32_t colors[2] = {kRed, kBlue};
-  const PaletteEntry red{0, 0, 255, 0}, blue{255, 0, 0, 0};
   struct Case {
-    const char *name;
-    bool gray;
-    std::function<int32_t(BitmapRecord *)> call;
+    bool gray, multitone;
+    PaletteEntry *table;
+    uint32_t mode;
     PaletteEntry e0, e1;
-  } cases[] = {
-      {"gray, colour", true, [](BitmapRecord *b) { return Duotone(b, 0x00FF00u, 1); }, black, green},
-      {"inverted, colour", false, [](BitmapRecord *b) { return Duotone(b, 0x00FF00u, 0); }, green, black},
-      {"gray, table", true, [&](BitmapRecord *b) { return Q_GrayScaleToDuotone(b, pair, 0, 0); }, pair[0],
-       pair[1]},
-      {"inverted, table", false, [&](BitmapRecord *b) { return Q_GrayScaleToDuotone(b, pair, 0, 1); },
-       pair[1], pair[0]},
-      {"multitone gray", true,
-       [&](BitmapRecord *b) { return Q_GrayScaleToMultitone(b, 3, 1, colors, nullptr, 1); }, red, blue},
-      {"multitone inverted", false,
-       [&](BitmapRecord *b) { return Q_GrayScaleToMultitone(b, 0, 0, colors, nullptr, 0); }, blue, red},
-  };
+  } cases[] = {{true, false, nullptr, 1, black, green},  {false, false, nullptr, 0, green, black},
+               {true, false, pair, 0, pair[0], pair[1]}, {false, false, pair, 1, pair[1], pair[0]},
+               {true, true, nullptr, 1, red, blue},      {false, true, nullptr, 0, blue, red}};
   for (const Case &c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(testing::Message() << c.gray << c.multitone << (c.table != nullptr) << c.mode);
     kit::Bitmap bmp(Kind(1), 8, 1, c.gray ? nullptr : inverted);
     ASSERT_EQ(IsGrayBitmap(bmp) != 0, c.gray);
-    EXPECT_EQ(c.call(bmp), 1) << "SetPalette's answer";
-    EXPECT_TRUE(Same(bmp->Palette[0], c.e0));
-    EXPECT_TRUE(Same(bmp->Palette[1], c.e1));
+    const int32_t status = c.multitone
+                               ? Q_GrayScaleToMultitone(bmp, 3 * c.mode, c.mode, colors, nullptr, c.mode)
+                               : Q_GrayScaleToDuotone(bmp, c.table, 0x00FF00u, c.mode);
+    EXPECT_EQ(status, 1) << "SetPalette's answer";
+    EXPECT_TRUE(Same(bmp->Palette[0], c.e0) && Same(bmp->Palette[1], c.e1));
   }
-  kit::Bitmap bmp(Kind(1), 8, 1);
-  bmp->ColorsUsed = 3;  // SetPalette refuses: its 0 is the status
-  EXPECT_EQ(Duotone(bmp, kRed, 1), 0);
-  bmp->ColorsUsed = 2;
 }
 
-// ---- Multitone
-// ---------------------------------------------------------------------------------------------
-
+// Products of the tone tables on gray pixels; a colour pixel stays.
 TEST(ToneMultitone, Products) {
-  const std::vector<Pixel> grays = {Rgb(0, 0, 0), Rgb(128, 128, 128), Rgb(255, 255, 255)};
-  const uint32_t redBlue[2] = {kRed, kBlue};
-  const uint32_t whites[4] = {kWhite, kWhite, kWhite, kWhite};
+  const std::vector<Pixel> in = {Rgb(0, 0, 0), Rgb(128, 128, 128), Rgb(255, 255, 255), Rgb(10, 20, 30)};
+  const uint32_t redBlue[2] = {kRed, kBlue}, whites[4] = {kWhite, kWhite, kWhite, kWhite};
   auto g0 = Uniform({200, 100, 50, 0}), g1 = Uniform({128, 128, 128, 0});
   PaletteEntry *gradients[2] = {g0.data(), g1.data()};
   struct Case {
     const char *name;
-    std::function<int32_t(BitmapRecord *)> call;
+    uint32_t tones, type;
+    const uint32_t *colors;
+    uint32_t mode;
     std::vector<Pixel> out;
   } cases[] = {
       // One tone is the duotone ramp: white * s = s.
-      {"one tone, mode 1",
-       [&](BitmapRecord *b) { return Q_GrayScaleToMultitone(b, 0, 0, redBlue, nullptr, 1); },
-       {Rgb(255, 0, 0), Rgb(255, 128, 128), Rgb(255, 255, 255)}},
-      {"one tone, mode 0",
-       [&](BitmapRecord *b) { return Q_GrayScaleToMultitone(b, 0, 0, redBlue, nullptr, 0); },
-       {Rgb(0, 0, 0), Rgb(128, 64, 64), Rgb(255, 255, 255)}},
+      {"one tone, mode 1", 0, 0, redBlue, 1, {Rgb(255, 0, 0), Rgb(255, 128, 128), Rgb(255, 255, 255)}},
+      {"one tone, mode 0", 0, 0, redBlue, 0, {Rgb(0, 0, 0), Rgb(128, 64, 64), Rgb(255, 255, 255)}},
       // Red ramp (128, 128, 255) times blue ramp (255, 128, 128) at 128.
-      {"two tones",
-       [&](BitmapRecord *b) { return Q_GrayScaleToMultitone(b, 1, 0, redBlue, nullptr, 1); },
-       {Rgb(0, 0, 0), Rgb(128, 64, 128), Rgb(255, 255, 255)}},
+      {"two tones", 1, 0, redBlue, 1, {Rgb(0, 0, 0), Rgb(128, 64, 128), Rgb(255, 255, 255)}},
       // White tables: mode 0 would give back the gray; four tones apply as is.
-      {"three tones, mode 0",
-       [&](BitmapRecord *b) { return Q_GrayScaleToMultitone(b, 2, 0, whites, nullptr, 0); }, grays},
-      {"four tones, mode 0",
-       [&](BitmapRecord *b) { return Q_GrayScaleToMultitone(b, 3, 0, whites, nullptr, 0); },
-       {Rgb(255, 255, 255), Rgb(255, 255, 255), Rgb(255, 255, 255)}},
+      {"three tones, mode 0", 2, 0, whites, 0, {in[0], in[1], in[2]}},
+      {"four tones, mode 0", 3, 0, whites, 0, {Rgb(255, 255, 255), Rgb(255, 255, 255), Rgb(255, 255, 255)}},
       // (200, 100, 50) * 128 / 255 rounded: (100, 50, 25).
-      {"gradients",
-       [&](BitmapRecord *b) { return Q_GrayScaleToMultitone(b, 1, 1, nullptr, gradients, 1); },
-       {Rgb(25, 50, 100), Rgb(25, 50, 100), Rgb(25, 50, 100)}},
+      {"gradients", 1, 1, nullptr, 1, {Rgb(25, 50, 100), Rgb(25, 50, 100), Rgb(25, 50, 100)}},
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.name);
-    kit::Bitmap bmp(Kind(24), 3, 1, grays);
-    ASSERT_EQ(c.call(bmp), RC_SUCCESS);
-    EXPECT_EQ(bmp.Pixels(), c.out);
+    kit::Bitmap bmp(Kind(24), 4, 1, in);
+    ASSERT_EQ(Q_GrayScaleToMultitone(bmp, c.tones, c.type, c.colors, gradients, c.mode), RC_SUCCESS);
+    for (int32_t x = 0; x < 3; ++x) EXPECT_EQ(bmp.At(x, 0), c.out[x]) << x;
+    EXPECT_EQ(bmp.At(3, 0), in[3]);
   }
-  // The caller's gradients are read, never written.
-  EXPECT_TRUE(Same(g0[3], {200, 100, 50, 0}));
+  EXPECT_TRUE(Same(g0[3], {200, 100, 50, 0})) << "gradients are read, never written";
 }
 
-TEST(ToneMultitone, NullGradientsAfterTheTables) {
-  kit::Bitmap bmp(Kind(24), 2, 1, {Rgb(9, 9, 9), Rgb(9, 9, 9)});
-  auto g0 = Uniform({1, 2, 3, 0});
-  PaletteEntry *oneMissing[2] = {g0.data(), nullptr};
-  const kit::LeakGuard guard;
-  EXPECT_EQ(Q_GrayScaleToMultitone(bmp, 0, 1, nullptr, nullptr, 0), RC_INVALID_PARAMETER);
-  EXPECT_EQ(Q_GrayScaleToMultitone(bmp, 1, 1, nullptr, oneMissing, 0), RC_INVALID_PARAMETER);
-  // The tables come first: failing their allocation gives -1 instead.
-  SetAllocationFailure(1);
-  EXPECT_EQ(Q_GrayScaleToMultitone(bmp, 0, 1, nullptr, nullptr, 0), RC_NO_MEMORY);
-  SetAllocationFailure(0);
-  EXPECT_EQ(guard.Live(), 0u);
-  EXPECT_EQ(bmp.At(0, 0), Rgb(9, 9, 9));
-}
-
-// ---- Every kind
-// ----------------------------------------------------------------------------------------------
-
-// A gray level on the kind's own scale, and what mode 1 with red makes of it.
-Pixel GrayIn(const kit::Spec &spec, uint32_t step) {
-  if (spec.IsPalette() || spec.IsGray()) return kit::Level(step % (spec.SampleMax() + 1));
-  const uint32_t v = step % (spec.SampleMax() + 1);
-  return Rgb(v, v, v, 33);
-}
-
+// What mode 1 with red makes of a gray level on the kind's own scale.
 Pixel RedOut(const kit::Spec &spec, const Pixel &in) {
   const uint32_t v = in.v[0];
   if (spec.bits == 1) return v ? Rgb(255, 0, 0) : Rgb(0, 0, 0);  // (black, colour)
-  if (spec.IsPalette()) {                                        // ramp entry = gray level
-    const uint32_t level = v * 255 / ((1u << spec.bits) - 1);
-    return Rgb(255, level, level);
-  }
+  if (spec.IsPalette()) return Rgb(255, v * 255 / spec.SampleMax(), v * 255 / spec.SampleMax());  // ramp
   if (spec.bits == 8) return Rgb(255, v, v);  // 8-bit gray, now a palette
   if (spec.bits == 12) return RedOnSixteen(v << 4);
   if (spec.bits == 16) return RedOnSixteen(spec.IsGray() ? v : ((v << 3) | (v >> 2)) * 257);
@@ -408,57 +239,46 @@ Pixel RedOut(const kit::Spec &spec, const Pixel &in) {
   return Rgb(255, v, v, spec.bits == 32 ? 33 : 0);
 }
 
+// Every kind, mode 1: 12- and 16-bit ones end up 48-bit, 8-bit gray ones an
+// 8-bit palette whose index is the former level; other palettes keep indices.
 TEST(ToneExports, EveryKind) {
   for (const kit::Spec &spec : kit::AllSpecs(true)) {
     SCOPED_TRACE(spec.Name());
     std::vector<Pixel> in;
-    for (uint32_t i = 0; i < 12; ++i) in.push_back(GrayIn(spec, i * 5557 + 3));
+    for (uint32_t i = 0; i < 12; ++i) {
+      const uint32_t v = (i * 5557 + 3) % (spec.SampleMax() + 1);
+      in.push_back(spec.Channels() == 1 ? kit::Level(v) : Rgb(v, v, v, 33));
+    }
     kit::Bitmap bmp(spec, 4, 3, in);
     ASSERT_EQ(Duotone(bmp, kRed, 1), RC_SUCCESS);
+    EXPECT_EQ(bmp->BitsPerPixel, spec.bits == 12 || spec.bits == 16 ? 48 : spec.bits);
+    EXPECT_NE(bmp->ColorOrder, ORDER_GRAY);
     const bool palette = bmp->BitsPerPixel <= 8;
     for (int32_t i = 0; i < 12; ++i) {
-      const Pixel got = palette ? bmp.ColorAt(i % 4, i / 4) : bmp.At(i % 4, i / 4);
-      EXPECT_EQ(got, RedOut(spec, in[i])) << "pixel " << i;
+      EXPECT_EQ(palette ? bmp.ColorAt(i % 4, i / 4) : bmp.At(i % 4, i / 4), RedOut(spec, in[i])) << i;
+      EXPECT_TRUE(!palette || bmp.At(i % 4, i / 4) == in[i]) << "index " << i;
     }
   }
 }
 
-// ---- Memory and progress
-// --------------------------------------------------------------------------------------
-
-struct Fixture {
-  kit::Bitmap bmp;
-};
-
-TEST(ToneExports, AllocationFailuresAndProgress) {
-  const uint32_t colors[4] = {kRed, kBlue, 0x00FF00u, 0x4000000u | 0x8000u};
-  struct Case {
-    const char *name;
-    kit::Spec spec;
-    bool region, multitone;
-  } cases[] = {
-      {"duo 24 region", Kind(24), true, false},
-      {"duo 16 gray", Kind(16, ORDER_GRAY), false, false},
-      {"duo 8 gray", Kind(8, ORDER_GRAY), false, false},
-      {"duo 4-bit", Kind(4), false, false},
-      {"multi 48 region", Kind(48), true, true},
-      {"multi 12 gray", Kind(12, ORDER_GRAY), false, true},
-      {"multi 8-bit", Kind(8), false, true},
-  };
-  for (const Case &c : cases) {
-    SCOPED_TRACE(c.name);
-    const auto setup = [&] {
-      Fixture f{kit::Bitmap(c.spec, 7, 5)};
-      f.bmp.Randomize(8);
-      if (c.region) kit::SetEllipseRegion(f.bmp, 0, 0, 7, 5);
-      return f;
-    };
-    const auto call = [&](Fixture &f) {
-      return c.multitone ? Q_GrayScaleToMultitone(f.bmp, 3, 0, colors, nullptr, 0) : Duotone(f.bmp, kRed, 0);
-    };
-    EXPECT_GE(kit::CheckAllocationFailures(setup, call), 1);
-    EXPECT_EQ(kit::CheckCancellation(setup, call), 0) << "no progress is reported";
-  }
+TEST(ToneExports, AllocationFailuresAndNoProgress) {
+  const uint32_t colors[4] = {kRed, kBlue, 0x00FF00u, COLOR_GRAY_LEVEL | 0x8000u};
+  for (const kit::Spec &spec : {Kind(24), Kind(48), Kind(16, ORDER_GRAY), Kind(12, ORDER_GRAY),
+                                Kind(8, ORDER_GRAY), Kind(8), Kind(4)})
+    for (bool multitone : {false, true}) {
+      SCOPED_TRACE(testing::Message() << spec.Name() << (multitone ? " multitone" : " duotone"));
+      const auto setup = [&] {
+        kit::Bitmap bmp(spec, 7, 5);
+        bmp.Randomize(8);
+        if (spec.bits >= 24) kit::SetEllipseRegion(bmp, 0, 0, 7, 5);
+        return bmp;
+      };
+      const auto call = [&](kit::Bitmap &b) {
+        return multitone ? Q_GrayScaleToMultitone(b, 3, 0, colors, nullptr, 0) : Duotone(b, kRed, 0);
+      };
+      EXPECT_GE(kit::CheckAllocationFailures(setup, call), 1);
+      EXPECT_EQ(kit::CheckCancellation(setup, call), 0) << "no progress is reported";
+    }
 }
 
 }  // namespace
