@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "ClrSpc.h"
+#include "converter_guard.h"
 #include "family.h"
 #include "frame.h"
 
@@ -12,22 +13,6 @@ static constexpr const wchar_t *kSourceFile = L"Common/AdjustTint";
 namespace img::tint {
 
 namespace {
-
-// Frees the converter on every path.
-class ConverterGuard {
- public:
-  ConverterGuard() = default;
-  ~ConverterGuard() {
-    if (handle_) FreeRowConverter(handle_);
-  }
-  ConverterGuard(const ConverterGuard &) = delete;
-  ConverterGuard &operator=(const ConverterGuard &) = delete;
-  RowConverter *place() { return &handle_; }
-  RowConverter get() const { return handle_; }
-
- private:
-  RowConverter handle_ = nullptr;
-};
 
 // One angle in hundredths of a degree, held as a signed 16-bit value: the sum
 // wraps in 16 bits and is corrected once into -9000..9000.

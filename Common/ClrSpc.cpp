@@ -11,6 +11,8 @@
 #include <cmath>
 #include <cstring>
 
+#include <immintrin.h>
+
 #include "family.h"
 
 namespace img {
@@ -415,6 +417,26 @@ inline Rgb LabTabInv16(const LabTableSet &t, const uint8_t *p) {
     return Clamp(WAdd(WAdd(WAdd(WMul(cx, X), WMul(cy, Yp)), WMul(cz, Z)), 5000) / 10000, 0, 65535);
   };
   return {mix(32404, -15371, -4985), mix(-9692, 18759, 415), mix(556, -2040, 10573)};
+}
+
+// The 8-bit inverse over a run: as LabTabInv8, with each X-, Y- and Z-to-RGB
+// table read replaced by its content, the index times the weight (exact in
+// 32 bits: no sum leaves -2^31..2^31).
+void LabTabInv8Row(const LabTableSet &t, uint8_t *rgb, const uint8_t *sp, int32_t first, int32_t end) {
+  const int32_t *yFromL = t.YFromL, *cube = t.CubeRoot, *inv = t.InvCube;
+  for (int32_t i = first; i < end; ++i) {
+    const uint8_t *p = sp + 3 * static_cast<ptrdiff_t>(i);
+    const int32_t L = p[0] > 100 ? 100 : p[0], a = static_cast<int8_t>(p[1]), b = static_cast<int8_t>(p[2]);
+    const int32_t Yt = yFromL[L];
+    const int32_t fy = cube[Yt];
+    const int32_t X = Clamp(inv[Clamp(a * 20 + fy, kInvCubeLow, kInvCubeHigh)] * 242 / 10000, 0, 255);
+    const int32_t Z = Clamp(inv[Clamp(fy - b * 50, kInvCubeLow, kInvCubeHigh)] * 278 / 10000, 0, 278);
+    const int32_t Y = Yt * 255 / 10000;
+    uint8_t *q = rgb + 3 * static_cast<ptrdiff_t>(i);
+    q[2] = static_cast<uint8_t>(Clamp((X * 3240479 + Y * -1537150 + Z * -498535) / 1000000, 0, 255));
+    q[1] = static_cast<uint8_t>(Clamp((X * -969256 + Y * 1875992 + Z * 41556) / 1000000, 0, 255));
+    q[0] = static_cast<uint8_t>(Clamp((X * 55648 + Y * -204043 + Z * 1057311) / 1000000, 0, 255));
+  }
 }
 
 // ---- CMY, CMYK ---------------------------------------------------------------------------
@@ -877,7 +899,455 @@ IMG_INLINE void PlanarInv(Layout l, int32_t size, uint8_t *rgb, const uint8_t *s
   }
 
 IMG_PLANAR_ROWS(, Sse2)
-IMG_PLANAR_ROWS(__attribute__((target("avx2"))), Avx2)
+
+// ---- AVX2 8-bit row loops ----------------------------------------------------------------
+//
+// Eight pixels at a time in 32-bit lanes, the rest of the run through the
+// loops above. Floating-point formulas run on four doubles a vector with the
+// operations in the order written (no fused multiply-add); truncation is
+// _mm256_cvttpd_epi32 followed by an integer clamp, which equals TruncClamp.
+// Integer divisions use one of two exact replacements:
+// - float division: for 0 <= |n| < 2^24 and 0 < d < 2^24, trunc(n / d) in
+//   single precision is the integer quotient (n and d are exact; a non-integer
+//   quotient lies at least 1/d from an integer, the rounding error is below
+//   2^-8 / d);
+// - 16-bit multiply-high by a constant (Div60, Div100) for the numerators
+//   bounded below.
+
+#define IMG_AVX2 __attribute__((target("avx2")))
+#define IMG_AVX2_INLINE __attribute__((target("avx2"), always_inline)) inline
+
+// Field `c` (0..2) of the eight 3-byte pixels at q, zero-extended to 32 bits.
+// The low half takes bytes 0..15 (pixels 0..3), the high half bytes 8..23
+// (pixels 4..7 at offsets 4..15): no byte past the 24 is read.
+IMG_AVX2_INLINE __m256i Load3(const uint8_t *q, int c) {
+  const __m256i v = _mm256_inserti128_si256(
+      _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(q))),
+      _mm_loadu_si128(reinterpret_cast<const __m128i *>(q + 8)), 1);
+  const char z = static_cast<char>(0x80);
+  const char a = static_cast<char>(c), b = static_cast<char>(c + 4);
+  const __m256i m = _mm256_setr_epi8(a, z, z, z, a + 3, z, z, z, a + 6, z, z, z, a + 9, z, z, z,  //
+                                     b, z, z, z, b + 3, z, z, z, b + 6, z, z, z, b + 9, z, z, z);
+  return _mm256_shuffle_epi8(v, m);
+}
+
+// Byte 0 of each 32-bit lane of v moved to bytes c, c + 3, c + 6, c + 9 of its
+// 128-bit half, every other byte zero.
+IMG_AVX2_INLINE __m256i Spread3(__m256i v, int c) {
+  char m[16];
+  for (int k = 0; k < 16; ++k) m[k] = static_cast<char>(k < 12 && k % 3 == c ? (k / 3) * 4 : 0x80);
+  const __m128i h = _mm_loadu_si128(reinterpret_cast<const __m128i *>(m));
+  return _mm256_shuffle_epi8(v, _mm256_inserti128_si256(_mm256_castsi128_si256(h), h, 1));
+}
+
+// Writes the low bytes of f0, f1, f2 as eight 3-byte pixels (exactly 24 bytes).
+IMG_AVX2_INLINE void Store3(uint8_t *q, __m256i f0, __m256i f1, __m256i f2) {
+  const __m256i v = _mm256_or_si256(_mm256_or_si256(Spread3(f0, 0), Spread3(f1, 1)), Spread3(f2, 2));
+  const __m128i lo = _mm256_castsi256_si128(v), hi = _mm256_extracti128_si256(v, 1);
+  _mm_storel_epi64(reinterpret_cast<__m128i *>(q), lo);
+  const int32_t lo2 = _mm_extract_epi32(lo, 2), hi2 = _mm_extract_epi32(hi, 2);
+  std::memcpy(q + 8, &lo2, 4);
+  _mm_storel_epi64(reinterpret_cast<__m128i *>(q + 12), hi);
+  std::memcpy(q + 20, &hi2, 4);
+}
+
+IMG_AVX2_INLINE __m256i Sext8(__m256i v) { return _mm256_srai_epi32(_mm256_slli_epi32(v, 24), 24); }
+IMG_AVX2_INLINE __m256i ClampI(__m256i v, int32_t lo, int32_t hi) {
+  return _mm256_min_epi32(_mm256_max_epi32(v, _mm256_set1_epi32(lo)), _mm256_set1_epi32(hi));
+}
+IMG_AVX2_INLINE __m256i Select(__m256i mask, __m256i yes, __m256i no) {
+  return _mm256_blendv_epi8(no, yes, mask);
+}
+IMG_AVX2_INLINE __m256i Gt(__m256i a, int32_t b) { return _mm256_cmpgt_epi32(a, _mm256_set1_epi32(b)); }
+
+// Integer quotient n / d through single-precision division (see above).
+IMG_AVX2_INLINE __m256i DivF(__m256i n, __m256i d) {
+  return _mm256_cvttps_epi32(_mm256_div_ps(_mm256_cvtepi32_ps(n), _mm256_cvtepi32_ps(d)));
+}
+// n / 100 for 0 <= n < 43690: (n * 41944) >> 22, the error n * 96 / 2^22
+// staying below one step of 1/100.
+IMG_AVX2_INLINE __m256i Div100(__m256i n) {
+  return _mm256_srli_epi32(_mm256_mulhi_epu16(n, _mm256_set1_epi32(41944)), 6);
+}
+// n / 60 for 0 <= n < 65536: (n * 34953) >> 21 (error n * 28 / 2^21).
+IMG_AVX2_INLINE __m256i Div60(__m256i n) {
+  return _mm256_srli_epi32(_mm256_mulhi_epu16(n, _mm256_set1_epi32(34953)), 5);
+}
+
+// Four doubles from each half of an integer vector, and back with truncation.
+IMG_AVX2_INLINE __m256d Lo(__m256i v) { return _mm256_cvtepi32_pd(_mm256_castsi256_si128(v)); }
+IMG_AVX2_INLINE __m256d Hi(__m256i v) { return _mm256_cvtepi32_pd(_mm256_extracti128_si256(v, 1)); }
+IMG_AVX2_INLINE __m256i Trunc(__m256d lo, __m256d hi) {
+  return _mm256_inserti128_si256(_mm256_castsi128_si256(_mm256_cvttpd_epi32(lo)), _mm256_cvttpd_epi32(hi), 1);
+}
+IMG_AVX2_INLINE __m256d K(double c) { return _mm256_set1_pd(c); }
+// ((c0 x + c1 y) + c2 z), each product rounded on its own.
+IMG_AVX2_INLINE __m256d Mix(double c0, __m256d x, double c1, __m256d y, double c2, __m256d z) {
+  return _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(K(c0), x), _mm256_mul_pd(K(c1), y)), _mm256_mul_pd(K(c2), z));
+}
+// Same with subtractions where the formulas write them, as (c0 x - c1 y) - c2 z.
+IMG_AVX2_INLINE __m256d MixSS(double c0, __m256d x, double c1, __m256d y, double c2, __m256d z) {
+  return _mm256_sub_pd(_mm256_sub_pd(_mm256_mul_pd(K(c0), x), _mm256_mul_pd(K(c1), y)), _mm256_mul_pd(K(c2), z));
+}
+IMG_AVX2_INLINE __m256d MixSA(double c0, __m256d x, double c1, __m256d y, double c2, __m256d z) {
+  return _mm256_add_pd(_mm256_sub_pd(_mm256_mul_pd(K(c0), x), _mm256_mul_pd(K(c1), y)), _mm256_mul_pd(K(c2), z));
+}
+
+IMG_AVX2 void XyzFwdRowAvx2(const uint8_t *rgb, uint8_t *sp, int32_t first, int32_t end) {
+  int32_t i = first;
+  for (; i + 8 <= end; i += 8) {
+    const uint8_t *q = rgb + 3 * static_cast<ptrdiff_t>(i);
+    const __m256i R = Load3(q, 2), G = Load3(q, 1), B = Load3(q, 0);
+    __m256i out[3];
+    const __m256d r[2] = {Lo(R), Hi(R)}, g[2] = {Lo(G), Hi(G)}, b[2] = {Lo(B), Hi(B)};
+    __m256d x[2], y[2], z[2];
+    for (int h = 0; h < 2; ++h) {
+      x[h] = Mix(0.412453, r[h], 0.357580, g[h], 0.189423, b[h]);
+      y[h] = Mix(0.212671, r[h], 0.715160, g[h], 0.072169, b[h]);
+      z[h] = Mix(0.019334, r[h], 0.119193, g[h], 0.950227, b[h]);
+    }
+    out[0] = ClampI(Trunc(x[0], x[1]), 0, 255);
+    out[1] = ClampI(Trunc(y[0], y[1]), 0, 255);
+    out[2] = ClampI(Trunc(z[0], z[1]), 0, 255);
+    Store3(sp + 3 * static_cast<ptrdiff_t>(i), out[0], out[1], out[2]);
+  }
+  XyzFwdRowSse2(rgb, sp, i, end);
+}
+
+IMG_AVX2 void XyzInvRowAvx2(uint8_t *rgb, const uint8_t *sp, int32_t first, int32_t end) {
+  int32_t i = first;
+  for (; i + 8 <= end; i += 8) {
+    const uint8_t *p = sp + 3 * static_cast<ptrdiff_t>(i);
+    const __m256i X = Load3(p, 0), Y = Load3(p, 1), Z = Load3(p, 2);
+    const __m256d x[2] = {Lo(X), Hi(X)}, y[2] = {Lo(Y), Hi(Y)}, z[2] = {Lo(Z), Hi(Z)};
+    __m256d r[2], g[2], b[2];
+    for (int h = 0; h < 2; ++h) {
+      r[h] = MixSS(3.240479, x[h], 1.53715, y[h], 0.498535, z[h]);
+      g[h] = Mix(-0.969256, x[h], 1.875992, y[h], 0.041556, z[h]);
+      b[h] = MixSA(0.055648, x[h], 0.204043, y[h], 1.057311, z[h]);
+    }
+    Store3(rgb + 3 * static_cast<ptrdiff_t>(i), ClampI(Trunc(b[0], b[1]), 0, 255),
+           ClampI(Trunc(g[0], g[1]), 0, 255), ClampI(Trunc(r[0], r[1]), 0, 255));
+  }
+  XyzInvRowSse2(rgb, sp, i, end);
+}
+
+// YCrCb in doubles, exactly as the pixel formulas.
+IMG_AVX2_INLINE void YcrcbFwdD(__m256i R, __m256i G, __m256i B, __m256i out[3]) {
+  const __m256d r[2] = {Lo(R), Hi(R)}, g[2] = {Lo(G), Hi(G)}, b[2] = {Lo(B), Hi(B)};
+  __m256d y[2], cr[2], cb[2];
+  for (int h = 0; h < 2; ++h) {
+    y[h] = Mix(0.299, r[h], 0.587, g[h], 0.114, b[h]);
+    cr[h] = MixSS(0.5, r[h], 0.41869, g[h], 0.08131, b[h]);
+    cb[h] = MixSA(-0.16874, r[h], 0.33126, g[h], 0.5, b[h]);
+  }
+  out[0] = ClampI(Trunc(y[0], y[1]), 0, 255);
+  out[1] = ClampI(Trunc(cr[0], cr[1]), -128, 127);
+  out[2] = ClampI(Trunc(cb[0], cb[1]), -128, 127);
+}
+
+// Single-precision estimates e of values v that the doubles compute within
+// 1e-12: e stays within 7e-5 of v (three rounded products and two rounded
+// sums of at most 512, and the constants' own rounding). Unless e lies within
+// 2e-4 of an integer, trunc(e) = trunc(v) = trunc of the double result.
+// NearInteger flags the lanes that need the doubles; NearNonzeroInteger
+// spares those near 0, which truncate to 0 either way.
+IMG_AVX2_INLINE __m256 AbsFrac(__m256 e) {
+  const __m256 frac = _mm256_sub_ps(e, _mm256_round_ps(e, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC));
+  return _mm256_and_ps(frac, _mm256_castsi256_ps(_mm256_set1_epi32(0x7FFFFFFF)));
+}
+IMG_AVX2_INLINE __m256 NearInteger(__m256 e) {
+  return _mm256_cmp_ps(AbsFrac(e), _mm256_set1_ps(2e-4f), _CMP_LT_OQ);
+}
+IMG_AVX2_INLINE __m256 NearNonzeroInteger(__m256 e) {
+  const __m256 absE = _mm256_and_ps(e, _mm256_castsi256_ps(_mm256_set1_epi32(0x7FFFFFFF)));
+  return _mm256_and_ps(NearInteger(e), _mm256_cmp_ps(absE, _mm256_set1_ps(0.5f), _CMP_GT_OQ));
+}
+IMG_AVX2_INLINE __m256 MixF(float c0, __m256 x, float c1, __m256 y, float c2, __m256 z) {
+  return _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(_mm256_set1_ps(c0), x), _mm256_mul_ps(_mm256_set1_ps(c1), y)),
+                       _mm256_mul_ps(_mm256_set1_ps(c2), z));
+}
+
+// Eight lanes in single precision; a group with a lane near an integer is
+// redone in doubles. Y is an integer or at least 0.001 from one; Cr and Cb
+// are 0 only for gray pixels, whose Y is an integer (so such groups are
+// redone anyway). Unflagged results need no clamping: Y lies in 0..254, Cr
+// and Cb in -127..127.
+IMG_AVX2 void YcrcbFwdRowAvx2(const uint8_t *rgb, uint8_t *sp, int32_t first, int32_t end) {
+  int32_t i = first;
+  for (; i + 8 <= end; i += 8) {
+    const uint8_t *q = rgb + 3 * static_cast<ptrdiff_t>(i);
+    const __m256i R = Load3(q, 2), G = Load3(q, 1), B = Load3(q, 0);
+    const __m256 r = _mm256_cvtepi32_ps(R), g = _mm256_cvtepi32_ps(G), b = _mm256_cvtepi32_ps(B);
+    const __m256 y = MixF(0.299f, r, 0.587f, g, 0.114f, b);
+    const __m256 cr = MixF(0.5f, r, -0.41869f, g, -0.08131f, b);
+    const __m256 cb = MixF(-0.16874f, r, -0.33126f, g, 0.5f, b);
+    __m256i out[3];
+    if (_mm256_movemask_ps(_mm256_or_ps(_mm256_or_ps(NearInteger(y), NearInteger(cr)), NearInteger(cb))) != 0) {
+      YcrcbFwdD(R, G, B, out);
+    } else {
+      out[0] = _mm256_cvttps_epi32(y);
+      out[1] = _mm256_cvttps_epi32(cr);
+      out[2] = _mm256_cvttps_epi32(cb);
+    }
+    Store3(sp + 3 * static_cast<ptrdiff_t>(i), out[0], out[1], out[2]);
+  }
+  YcrcbFwdRowSse2(rgb, sp, i, end);
+}
+
+IMG_AVX2_INLINE void YcrcbInvD(__m256i Y, __m256i Cr, __m256i Cb, __m256i out[3]) {
+  const __m256d y[2] = {Lo(Y), Hi(Y)}, cr[2] = {Lo(Cr), Hi(Cr)}, cb[2] = {Lo(Cb), Hi(Cb)};
+  __m256d r[2], g[2], b[2];
+  for (int h = 0; h < 2; ++h) {
+    r[h] = _mm256_add_pd(y[h], _mm256_mul_pd(K(1.402), cr[h]));
+    g[h] = _mm256_sub_pd(_mm256_sub_pd(y[h], _mm256_mul_pd(K(0.3441363), cb[h])),
+                         _mm256_mul_pd(K(0.71413636), cr[h]));
+    b[h] = _mm256_add_pd(y[h], _mm256_mul_pd(K(1.772), cb[h]));
+  }
+  out[0] = ClampI(Trunc(r[0], r[1]), 0, 255);
+  out[1] = ClampI(Trunc(g[0], g[1]), 0, 255);
+  out[2] = ClampI(Trunc(b[0], b[1]), 0, 255);
+}
+
+// R = Y + 1.402 Cr is an integer only for Cr = 0 (then exactly Y in floats
+// and doubles alike) and otherwise at least 0.001 from one, far beyond the
+// single-precision error (below 5e-5); likewise B = Y + 1.772 Cb. G can come
+// within 1e-8 of an integer: groups with G near one (other than Cb = Cr = 0,
+// exactly Y) are redone in doubles.
+IMG_AVX2 void YcrcbInvRowAvx2(uint8_t *rgb, const uint8_t *sp, int32_t first, int32_t end) {
+  int32_t i = first;
+  for (; i + 8 <= end; i += 8) {
+    const uint8_t *p = sp + 3 * static_cast<ptrdiff_t>(i);
+    const __m256i Y = Load3(p, 0), Cr = Sext8(Load3(p, 1)), Cb = Sext8(Load3(p, 2));
+    const __m256 y = _mm256_cvtepi32_ps(Y), cr = _mm256_cvtepi32_ps(Cr), cb = _mm256_cvtepi32_ps(Cb);
+    const __m256 g = _mm256_sub_ps(_mm256_sub_ps(y, _mm256_mul_ps(_mm256_set1_ps(0.3441363f), cb)),
+                                   _mm256_mul_ps(_mm256_set1_ps(0.71413636f), cr));
+    const __m256i chroma = _mm256_cmpeq_epi32(_mm256_or_si256(Cr, Cb), _mm256_setzero_si256());
+    __m256i out[3];
+    if (_mm256_movemask_ps(_mm256_andnot_ps(_mm256_castsi256_ps(chroma), NearNonzeroInteger(g))) != 0) {
+      YcrcbInvD(Y, Cr, Cb, out);
+    } else {
+      out[0] = ClampI(_mm256_cvttps_epi32(_mm256_add_ps(y, _mm256_mul_ps(_mm256_set1_ps(1.402f), cr))), 0, 255);
+      out[1] = ClampI(_mm256_cvttps_epi32(g), 0, 255);
+      out[2] = ClampI(_mm256_cvttps_epi32(_mm256_add_ps(y, _mm256_mul_ps(_mm256_set1_ps(1.772f), cb))), 0, 255);
+    }
+    Store3(rgb + 3 * static_cast<ptrdiff_t>(i), out[2], out[1], out[0]);
+  }
+  YcrcbInvRowSse2(rgb, sp, i, end);
+}
+
+IMG_AVX2 void YuvFwdRowAvx2(const uint8_t *rgb, uint8_t *sp, int32_t first, int32_t end) {
+  int32_t i = first;
+  for (; i + 8 <= end; i += 8) {
+    const uint8_t *q = rgb + 3 * static_cast<ptrdiff_t>(i);
+    const __m256i R = Load3(q, 2), G = Load3(q, 1), B = Load3(q, 0);
+    const __m256i sum = _mm256_add_epi32(
+        _mm256_add_epi32(_mm256_mullo_epi32(R, _mm256_set1_epi32(9798)), _mm256_mullo_epi32(G, _mm256_set1_epi32(19235))),
+        _mm256_mullo_epi32(B, _mm256_set1_epi32(3736)));
+    const __m256i Y = _mm256_srai_epi32(sum, 15);  // 0..255
+    const __m256i U = ClampI(_mm256_srai_epi32(_mm256_mullo_epi32(_mm256_sub_epi32(B, Y), _mm256_set1_epi32(16122)), 15), -112, 111);
+    const __m256i V = ClampI(_mm256_srai_epi32(_mm256_mullo_epi32(_mm256_sub_epi32(R, Y), _mm256_set1_epi32(25203)), 15), -138, 137);
+    const __m256i v = _mm256_or_si256(
+        _mm256_or_si256(Y, _mm256_slli_epi32(_mm256_and_si256(U, _mm256_set1_epi32(0xFF)), 8)),
+        _mm256_slli_epi32(V, 16));
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(sp + 4 * static_cast<ptrdiff_t>(i)), v);
+  }
+  YuvFwdRowSse2(rgb, sp, i, end);
+}
+
+IMG_AVX2_INLINE __m256i YuvTerm(__m256i U, int32_t cu, __m256i V, int32_t cv) {
+  return _mm256_srai_epi32(
+      _mm256_add_epi32(_mm256_mullo_epi32(_mm256_set1_epi32(cv), V), _mm256_mullo_epi32(_mm256_set1_epi32(cu), U)),
+      15);
+}
+
+IMG_AVX2 void YuvInvRowAvx2(uint8_t *rgb, const uint8_t *sp, int32_t first, int32_t end) {
+  int32_t i = first;
+  for (; i + 8 <= end; i += 8) {
+    const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(sp + 4 * static_cast<ptrdiff_t>(i)));
+    const __m256i Y = _mm256_and_si256(v, _mm256_set1_epi32(0xFF));
+    const __m256i U = _mm256_srai_epi32(_mm256_slli_epi32(v, 16), 24), V = _mm256_srai_epi32(v, 16);
+    // 37221 V - 29 U, -12943 U - 18940 V, 66883 U - 33 V: exact in 32 bits, so
+    // the order of the two products does not matter.
+    const __m256i R = ClampI(_mm256_add_epi32(Y, YuvTerm(U, -29, V, 37221)), 0, 255);
+    const __m256i G = ClampI(_mm256_add_epi32(Y, YuvTerm(U, -12943, V, -18940)), 0, 255);
+    const __m256i B = ClampI(_mm256_add_epi32(Y, YuvTerm(U, 66883, V, -33)), 0, 255);
+    Store3(rgb + 3 * static_cast<ptrdiff_t>(i), B, G, R);
+  }
+  YuvInvRowSse2(rgb, sp, i, end);
+}
+
+IMG_AVX2 void HsvFwdRowAvx2(const uint8_t *rgb, uint8_t *sp, int32_t first, int32_t end) {
+  int32_t i = first;
+  const __m256i one = _mm256_set1_epi32(1);
+  for (; i + 8 <= end; i += 8) {
+    const uint8_t *q = rgb + 3 * static_cast<ptrdiff_t>(i);
+    const __m256i R = Load3(q, 2), G = Load3(q, 1), B = Load3(q, 0);
+    const __m256i mx = _mm256_max_epi32(_mm256_max_epi32(R, G), B);
+    const __m256i mn = _mm256_min_epi32(_mm256_min_epi32(R, G), B);
+    // Sector of the smallest component, blue first, then red, then green. A
+    // gray pixel lands in the blue sector with numerator 0: hue 0.
+    const __m256i minB = _mm256_cmpeq_epi32(B, mn), minR = _mm256_cmpeq_epi32(R, mn);
+    const __m256i num = Select(minB, G, Select(minR, B, R));
+    const __m256i other = Select(minB, R, Select(minR, G, B));  // den = num + other - 2 mn
+    const __m256i off = Select(minB, _mm256_setzero_si256(), Select(minR, _mm256_set1_epi32(120), _mm256_set1_epi32(240)));
+    const __m256i n = _mm256_sub_epi32(num, mn);
+    const __m256i den = _mm256_max_epi32(_mm256_sub_epi32(_mm256_add_epi32(n, other), mn), one);
+    const __m256i h = _mm256_add_epi32(DivF(_mm256_mullo_epi32(n, _mm256_set1_epi32(120)), den), off);
+    const __m256i s = DivF(_mm256_mullo_epi32(_mm256_sub_epi32(mx, mn), _mm256_set1_epi32(100)), _mm256_max_epi32(mx, one));
+    const __m256i v = _mm256_or_si256(_mm256_or_si256(h, _mm256_slli_epi32(s, 16)), _mm256_slli_epi32(mx, 24));
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(sp + 4 * static_cast<ptrdiff_t>(i)), v);
+  }
+  HsvFwd8Row(rgb, sp, i, end);
+}
+
+// V, the middle value or low, as the sector tables isV and isMid say.
+IMG_AVX2_INLINE __m256i HsvPick(__m256i isV, __m256i isMid, __m256i sector, __m256i V, __m256i mid, __m256i low) {
+  return Select(_mm256_permutevar8x32_epi32(isV, sector), V, Select(_mm256_permutevar8x32_epi32(isMid, sector), mid, low));
+}
+
+IMG_AVX2 void HsvInvRowAvx2(uint8_t *rgb, const uint8_t *sp, int32_t first, int32_t end) {
+  int32_t i = first;
+  const __m256i c120 = _mm256_set1_epi32(120);
+  // Per hue sector (0..5: hue up to 60, 120, .., above 300), whether a channel
+  // takes V or the computed middle value; otherwise it takes low.
+  const __m256i rV = _mm256_setr_epi32(-1, 0, 0, 0, 0, -1, 0, 0), rMid = _mm256_setr_epi32(0, -1, 0, 0, -1, 0, 0, 0);
+  const __m256i gV = _mm256_setr_epi32(0, -1, -1, 0, 0, 0, 0, 0), gMid = _mm256_setr_epi32(-1, 0, 0, -1, 0, 0, 0, 0);
+  const __m256i bV = _mm256_setr_epi32(0, 0, 0, -1, -1, 0, 0, 0), bMid = _mm256_setr_epi32(0, 0, -1, 0, 0, -1, 0, 0);
+  for (; i + 8 <= end; i += 8) {
+    const uint8_t *p = sp + 4 * static_cast<ptrdiff_t>(i);
+    const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(p));
+    const __m256i H = _mm256_and_si256(v, _mm256_set1_epi32(0xFFFF));
+    const __m256i S = _mm256_and_si256(_mm256_srli_epi32(v, 16), _mm256_set1_epi32(0xFF));
+    const __m256i V = _mm256_srli_epi32(v, 24);
+    const int32_t odd = _mm256_movemask_ps(_mm256_castsi256_ps(_mm256_or_si256(Gt(H, 359), Gt(S, 100))));
+    const __m256i low = Div100(_mm256_mullo_epi32(_mm256_sub_epi32(_mm256_set1_epi32(100), S), V));
+    const __m256i d = _mm256_sub_epi32(V, low);
+    // Each pair of sectors shares t = H - 120 k (k = 0, 1, 2); the middle value
+    // is min(t, 120 - t) * d / max(t, 120 - t) + low. S = 0 gives d = 0.
+    const __m256i k2 = _mm256_add_epi32(_mm256_and_si256(Gt(H, 120), c120), _mm256_and_si256(Gt(H, 240), c120));
+    const __m256i t = _mm256_sub_epi32(H, k2), u = _mm256_sub_epi32(c120, t);
+    const __m256i mid = _mm256_add_epi32(
+        DivF(_mm256_mullo_epi32(_mm256_min_epi32(t, u), d), _mm256_max_epi32(_mm256_max_epi32(t, u), _mm256_set1_epi32(1))), low);
+    const __m256i sector = _mm256_sub_epi32(
+        _mm256_setzero_si256(),
+        _mm256_add_epi32(_mm256_add_epi32(_mm256_add_epi32(Gt(H, 60), Gt(H, 120)), _mm256_add_epi32(Gt(H, 180), Gt(H, 240))),
+                         Gt(H, 300)));
+    uint8_t *q = rgb + 3 * static_cast<ptrdiff_t>(i);
+    Store3(q, HsvPick(bV, bMid, sector, V, mid, low), HsvPick(gV, gMid, sector, V, mid, low),
+           HsvPick(rV, rMid, sector, V, mid, low));
+    // Hues above 359 and saturations above 100 take the pixel formula.
+    for (int32_t j = 0; odd != 0 && j < 8; ++j)
+      if (odd & (1 << j)) {
+        const Rgb c = HsvInv8(p + 4 * j);
+        q[3 * j] = static_cast<uint8_t>(c.b), q[3 * j + 1] = static_cast<uint8_t>(c.g),
+              q[3 * j + 2] = static_cast<uint8_t>(c.r);
+      }
+  }
+  HsvInv8Row(rgb, sp, i, end);
+}
+
+IMG_AVX2 void HlsFwdRowAvx2(const uint8_t *rgb, uint8_t *sp, int32_t first, int32_t end) {
+  int32_t i = first;
+  const __m256i one = _mm256_set1_epi32(1);
+  for (; i + 8 <= end; i += 8) {
+    const uint8_t *q = rgb + 3 * static_cast<ptrdiff_t>(i);
+    const __m256i R = Load3(q, 2), G = Load3(q, 1), B = Load3(q, 0);
+    const __m256i mx = _mm256_max_epi32(_mm256_max_epi32(R, G), B);
+    const __m256i mn = _mm256_min_epi32(_mm256_min_epi32(R, G), B);
+    const __m256i sum = _mm256_add_epi32(mx, mn), diff = _mm256_sub_epi32(mx, mn);
+    const __m256i L = _mm256_srli_epi32(sum, 1);
+    const __m256i sden = Select(Gt(L, 128), _mm256_sub_epi32(_mm256_set1_epi32(510), sum), sum);
+    // Gray pixels: numerator 0, so S = 0 and the hue below is cleared.
+    const __m256i s = DivF(_mm256_mullo_epi32(diff, _mm256_set1_epi32(100)), _mm256_max_epi32(sden, one));
+    const __m256i maxR = _mm256_cmpeq_epi32(R, mx), maxG = _mm256_cmpeq_epi32(G, mx);
+    const __m256i hd = Select(maxR, _mm256_sub_epi32(G, B), Select(maxG, _mm256_sub_epi32(B, R), _mm256_sub_epi32(R, G)));
+    const __m256i off = Select(maxR, _mm256_setzero_si256(), Select(maxG, _mm256_set1_epi32(120), _mm256_set1_epi32(240)));
+    __m256i h = _mm256_add_epi32(DivF(_mm256_mullo_epi32(hd, _mm256_set1_epi32(60)), _mm256_max_epi32(diff, one)), off);
+    h = _mm256_add_epi32(h, _mm256_and_si256(_mm256_cmpgt_epi32(_mm256_setzero_si256(), h), _mm256_set1_epi32(360)));
+    h = _mm256_andnot_si256(_mm256_cmpeq_epi32(s, _mm256_setzero_si256()), h);
+    const __m256i v = _mm256_or_si256(_mm256_or_si256(h, _mm256_slli_epi32(L, 16)), _mm256_slli_epi32(s, 24));
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(sp + 4 * static_cast<ptrdiff_t>(i)), v);
+  }
+  HlsFwd8Row(rgb, sp, i, end);
+}
+
+// value(m1, m2, h) of the HLS inverse for h in -120..479 (hues 0..359).
+// (m2 - m1) * f * 6 / 360 is (m2 - m1) * f / 60, with m2 - m1 <= 256 and
+// f <= 60 where it is used.
+IMG_AVX2_INLINE __m256i HlsValueV(__m256i m1, __m256i m2, __m256i span, __m256i h) {
+  h = _mm256_sub_epi32(h, _mm256_and_si256(Gt(h, 360), _mm256_set1_epi32(360)));
+  h = _mm256_add_epi32(h, _mm256_and_si256(_mm256_cmpgt_epi32(_mm256_setzero_si256(), h), _mm256_set1_epi32(360)));
+  const __m256i up = Gt(h, 60);
+  const __m256i f = Select(up, _mm256_sub_epi32(_mm256_set1_epi32(240), h), h);
+  const __m256i ramp = _mm256_add_epi32(m1, Div60(_mm256_and_si256(_mm256_mullo_epi32(span, f), _mm256_set1_epi32(0xFFFF))));
+  return Select(Gt(h, 240), m1, Select(Gt(h, 180), ramp, Select(up, m2, ramp)));
+}
+
+IMG_AVX2 void HlsInvRowAvx2(uint8_t *rgb, const uint8_t *sp, int32_t first, int32_t end) {
+  int32_t i = first;
+  const __m256i c120 = _mm256_set1_epi32(120);
+  for (; i + 8 <= end; i += 8) {
+    const uint8_t *p = sp + 4 * static_cast<ptrdiff_t>(i);
+    const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(p));
+    const __m256i H = _mm256_and_si256(v, _mm256_set1_epi32(0xFFFF));
+    const __m256i L = _mm256_and_si256(_mm256_srli_epi32(v, 16), _mm256_set1_epi32(0xFF));
+    const __m256i S = _mm256_srli_epi32(v, 24);
+    const int32_t odd = _mm256_movemask_ps(_mm256_castsi256_ps(_mm256_or_si256(Gt(H, 359), Gt(S, 100))));
+    // In range every numerator is below 43690 (at most 200 * 128 and 100 * 255).
+    const __m256i lowL = Div100(_mm256_and_si256(_mm256_mullo_epi32(_mm256_add_epi32(S, _mm256_set1_epi32(100)), L), _mm256_set1_epi32(0xFFFF)));
+    const __m256i highL = _mm256_sub_epi32(_mm256_add_epi32(Div100(_mm256_mullo_epi32(S, _mm256_set1_epi32(255))), L),
+                                           Div100(_mm256_mullo_epi32(L, S)));
+    const __m256i m2 = Select(Gt(L, 128), highL, lowL);
+    const __m256i m1 = _mm256_sub_epi32(_mm256_add_epi32(L, L), m2);
+    const __m256i span = _mm256_sub_epi32(m2, m1);
+    const __m256i R = ClampI(HlsValueV(m1, m2, span, _mm256_add_epi32(H, c120)), 0, 255);
+    const __m256i G = ClampI(HlsValueV(m1, m2, span, H), 0, 255);
+    const __m256i B = ClampI(HlsValueV(m1, m2, span, _mm256_sub_epi32(H, c120)), 0, 255);
+    uint8_t *q = rgb + 3 * static_cast<ptrdiff_t>(i);
+    Store3(q, B, G, R);
+    for (int32_t j = 0; odd != 0 && j < 8; ++j)
+      if (odd & (1 << j)) {
+        const Rgb c = HlsInv8(p + 4 * j);
+        q[3 * j] = static_cast<uint8_t>(c.b), q[3 * j + 1] = static_cast<uint8_t>(c.g),
+              q[3 * j + 2] = static_cast<uint8_t>(c.r);
+      }
+  }
+  HlsInvRowSse2(rgb, sp, i, end);
+}
+
+// Table-driven Lab inverse: the four table reads a pixel are gathers; the
+// divisions by 10000 have numerators below 2^24 (DivF); a sum over 1000000
+// first held to 0..256000000 (the result clamps to 0..255 anyway) becomes
+// (sum >> 6) / 15625, also below 2^24.
+IMG_AVX2_INLINE __m256i LabMix(__m256i X, int32_t cx, __m256i Y, int32_t cy, __m256i Z, int32_t cz) {
+  const __m256i sum = _mm256_add_epi32(
+      _mm256_add_epi32(_mm256_mullo_epi32(X, _mm256_set1_epi32(cx)), _mm256_mullo_epi32(Y, _mm256_set1_epi32(cy))),
+      _mm256_mullo_epi32(Z, _mm256_set1_epi32(cz)));
+  const __m256i held = _mm256_srli_epi32(ClampI(sum, 0, 256000000), 6);
+  return _mm256_min_epi32(DivF(held, _mm256_set1_epi32(15625)), _mm256_set1_epi32(255));
+}
+
+IMG_AVX2 void LabTabInvRowAvx2(const LabTableSet &t, uint8_t *rgb, const uint8_t *sp, int32_t first, int32_t end) {
+  int32_t i = first;
+  const __m256i d10000 = _mm256_set1_epi32(10000);
+  for (; i + 8 <= end; i += 8) {
+    const uint8_t *p = sp + 3 * static_cast<ptrdiff_t>(i);
+    const __m256i L = _mm256_min_epi32(Load3(p, 0), _mm256_set1_epi32(100));
+    const __m256i a = Sext8(Load3(p, 1)), b = Sext8(Load3(p, 2));
+    const __m256i Yt = _mm256_i32gather_epi32(t.YFromL, L, 4);
+    const __m256i fy = _mm256_i32gather_epi32(t.CubeRoot, Yt, 4);
+    const __m256i ix = ClampI(_mm256_add_epi32(_mm256_mullo_epi32(a, _mm256_set1_epi32(20)), fy), kInvCubeLow, kInvCubeHigh);
+    const __m256i iz = ClampI(_mm256_sub_epi32(fy, _mm256_mullo_epi32(b, _mm256_set1_epi32(50))), kInvCubeLow, kInvCubeHigh);
+    const __m256i gx = _mm256_i32gather_epi32(t.InvCube, ix, 4), gz = _mm256_i32gather_epi32(t.InvCube, iz, 4);
+    const __m256i X = ClampI(DivF(_mm256_mullo_epi32(gx, _mm256_set1_epi32(242)), d10000), 0, 255);
+    const __m256i Z = ClampI(DivF(_mm256_mullo_epi32(gz, _mm256_set1_epi32(278)), d10000), 0, 278);
+    const __m256i Y = DivF(_mm256_mullo_epi32(Yt, _mm256_set1_epi32(255)), d10000);
+    Store3(rgb + 3 * static_cast<ptrdiff_t>(i), LabMix(X, 55648, Y, -204043, Z, 1057311),
+           LabMix(X, -969256, Y, 1875992, Z, 41556), LabMix(X, 3240479, Y, -1537150, Z, -498535));
+  }
+  LabTabInv8Row(t, rgb, sp, i, end);
+}
 
 bool UseAvx2(clrspc_detail::Path path) {
   if (path == clrspc_detail::Path::Scalar) return false;
@@ -893,13 +1363,13 @@ int32_t Row8(clrspc_detail::Path path, uint32_t code, uint8_t *rgb, uint8_t *sp,
   const int32_t n = code < kToRgb ? kSize8[code] : kSize8[code - kToRgb];
   switch (code) {
     case COLORSPACE_HSV:
-      HsvFwd8Row(rgb, sp, first, end);
+      avx2 ? HsvFwdRowAvx2(rgb, sp, first, end) : HsvFwd8Row(rgb, sp, first, end);
       break;
     case COLORSPACE_HSV + kToRgb:
-      HsvInv8Row(rgb, sp, first, end);
+      avx2 ? HsvInvRowAvx2(rgb, sp, first, end) : HsvInv8Row(rgb, sp, first, end);
       break;
     case COLORSPACE_HLS:
-      HlsFwd8Row(rgb, sp, first, end);
+      avx2 ? HlsFwdRowAvx2(rgb, sp, first, end) : HlsFwd8Row(rgb, sp, first, end);
       break;
     case COLORSPACE_XYZ:
       avx2 ? XyzFwdRowAvx2(rgb, sp, first, end) : XyzFwdRowSse2(rgb, sp, first, end);
@@ -942,7 +1412,13 @@ int32_t Row8(clrspc_detail::Path path, uint32_t code, uint8_t *rgb, uint8_t *sp,
                  [&t = *set](int32_t R, int32_t G, int32_t B, uint8_t *p) { LabTabFwd8(t, R, G, B, p); });
       break;
     case COLORSPACE_LAB_TABLE + kToRgb:
-      InverseRow(rgb, sp, 3, first, end, [&t = *set](const uint8_t *p) { return LabTabInv8(t, p); });
+      // The scalar path keeps the plain table form as the reference.
+      if (path == clrspc_detail::Path::Scalar)
+        InverseRow(rgb, sp, 3, first, end, [&t = *set](const uint8_t *p) { return LabTabInv8(t, p); });
+      else if (avx2)
+        LabTabInvRowAvx2(*set, rgb, sp, first, end);
+      else
+        LabTabInv8Row(*set, rgb, sp, first, end);
       break;
     case COLORSPACE_RGB + kToRgb:
       InverseRow(rgb, sp, 3, first, end, [](const uint8_t *p) { return Rgb{p[0], p[1], p[2]}; });

@@ -3,20 +3,13 @@
 #include <cmath>
 
 #include "curves.h"
+#include "converter_guard.h"
 #include "family.h"
 #include "imgcolor.h"
 
 namespace {
 
 static constexpr const wchar_t *kSourceFile = L"Common/GammaExt";
-
-// Frees the converter on scope exit.
-struct ConverterHolder {
-  RowConverter handle = nullptr;
-  ~ConverterHolder() {
-    if (handle) FreeRowConverter(handle);
-  }
-};
 
 template <class Sample>
 void CorrectRow(Sample *row, int32_t channels, int32_t left, int32_t right, const uint16_t *table, int32_t max) {
@@ -57,18 +50,18 @@ extern "C" IMG_API int32_t Q_GammaCorrectBitmapExt(BitmapRecord *bitmap, uint32_
     return RC_SUCCESS;
   }
 
-  ConverterHolder conv;
-  int32_t status = CreateRowConverter(bitmap, &conv.handle, ROW_LAYOUT_NATIVE);
+  img::ConverterGuard conv;
+  int32_t status = CreateRowConverter(bitmap, conv.place(), ROW_LAYOUT_NATIVE);
   if (status != RC_SUCCESS) return status;
-  const int32_t depth = RowBitsPerChannel(conv.handle);
-  const int32_t channels = RowChannelCount(conv.handle);
+  const int32_t depth = RowBitsPerChannel(conv.get());
+  const int32_t channels = RowChannelCount(conv.get());
   img::KernelBuffer<uint8_t> row;
-  row.adopt(static_cast<uint8_t *>(AllocRowBuffer(conv.handle)), __LINE__, L"imgutil/rows");
+  row.adopt(static_cast<uint8_t *>(AllocRowBuffer(conv.get())), __LINE__, L"imgutil/rows");
   if (!row) return RC_NO_MEMORY;
 
   Rect bounds{};
   GetRegionBounds(bitmap, nullptr, &bounds);
-  status = BitmapHasRegion(bitmap) ? BeginRegion(conv.handle) : BeginWholeBitmap(conv.handle);
+  status = BitmapHasRegion(bitmap) ? BeginRegion(conv.get()) : BeginWholeBitmap(conv.get());
   if (status != RC_SUCCESS) return status;
 
   const int32_t m = 1 << depth;
@@ -78,13 +71,13 @@ extern "C" IMG_API int32_t Q_GammaCorrectBitmapExt(BitmapRecord *bitmap, uint32_
 
   const int32_t max = m - 1;
   for (int32_t y = bounds.Top; y < bounds.Bottom; ++y) {
-    status = ReadRow(conv.handle, row.get(), y, nullptr, nullptr);
+    status = ReadRow(conv.get(), row.get(), y, nullptr, nullptr);
     if (status != RC_SUCCESS) return status;
     if (depth == 16)
       CorrectRow(reinterpret_cast<uint16_t *>(row.get()), channels, bounds.Left, bounds.Right, table.get(), max);
     else
       CorrectRow(row.get(), channels, bounds.Left, bounds.Right, table.get(), max);
-    status = WriteRow(conv.handle, row.get(), y, nullptr, nullptr);
+    status = WriteRow(conv.get(), row.get(), y, nullptr, nullptr);
     if (status != RC_SUCCESS) return status;
   }
   UpdateBitmapInfo(bitmap);

@@ -7,6 +7,7 @@
 #include <cmath>
 
 #include "ClrSpc.h"
+#include "converter_guard.h"
 #include "family.h"
 #include "frame.h"
 
@@ -103,22 +104,6 @@ void BuildHueTable(HueChange *table, int32_t hue, int32_t saturation, int32_t in
 }
 
 namespace {
-
-// Frees the converter on every path.
-class ConverterGuard {
- public:
-  ConverterGuard() = default;
-  ~ConverterGuard() {
-    if (handle_) FreeRowConverter(handle_);
-  }
-  ConverterGuard(const ConverterGuard &) = delete;
-  ConverterGuard &operator=(const ConverterGuard &) = delete;
-  RowConverter *place() { return &handle_; }
-  RowConverter get() const { return handle_; }
-
- private:
-  RowConverter handle_ = nullptr;
-};
 
 inline uint16_t Load16(const uint8_t *p) {
   uint16_t v;

@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "converter_guard.h"
 #include "family.h"
 #include "frame.h"
 #include "imgcolor.h"
@@ -304,22 +305,6 @@ void RunPixels(T *row, int32_t channels, bool threeOnly, int32_t start, int32_t 
     }
   }
 }
-
-// Frees the converter on every path.
-class ConverterGuard {
- public:
-  ConverterGuard() = default;
-  ~ConverterGuard() {
-    if (handle_) FreeRowConverter(handle_);
-  }
-  ConverterGuard(const ConverterGuard &) = delete;
-  ConverterGuard &operator=(const ConverterGuard &) = delete;
-  RowConverter *place() { return &handle_; }
-  RowConverter get() const { return handle_; }
-
- private:
-  RowConverter handle_ = nullptr;
-};
 
 // Palette bitmaps: every entry through the 8-bit step. The status callback
 // hears 0 before the change and 100 after it; the second answer is the result.

@@ -8,6 +8,7 @@
 
 #include <cmath>
 
+#include "converter_guard.h"
 #include "family.h"
 #include "frame.h"
 #include "imgcolor.h"
@@ -79,14 +80,10 @@ void MapRow(Sample *row, int32_t left, int32_t right, int32_t channels, const in
 }
 
 int32_t RunMathFunction(BitmapRecord *bitmap, uint32_t function, uint32_t factor) {
-  RowConverter converter = nullptr;
-  if (const int32_t status = ::CreateRowConverter(bitmap, &converter, ROW_LAYOUT_NATIVE);
-      status != RC_SUCCESS)
+  ConverterGuard guard;
+  if (const int32_t status = ::CreateRowConverter(bitmap, guard.place(), ROW_LAYOUT_NATIVE); status != RC_SUCCESS)
     return status;
-  struct ConverterGuard {
-    RowConverter c;
-    ~ConverterGuard() { ::FreeRowConverter(c); }
-  } guard{converter};
+  RowConverter converter = guard.get();
   const int32_t depth = ::RowBitsPerChannel(converter);
   const int32_t channels = ::RowChannelCount(converter);
   const int32_t started = ::BitmapHasRegion(bitmap) ? ::BeginRegionProgress(converter, 1, 100)

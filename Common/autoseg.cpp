@@ -1,6 +1,7 @@
 // Automatic binarisation: a global threshold between the two peaks of the
 // intensity histogram, painted by Q_IntensityDetectBitmap.
 #include "autoseg.h"
+#include "converter_guard.h"
 #include "family.h"
 #include "frame.h"
 #include "imgcolor.h"
@@ -12,18 +13,11 @@ static constexpr const wchar_t *kSourceFile = L"Common/autoseg";
 constexpr int32_t kFirstLevel = 5;
 constexpr int32_t kLastLevel = 250;
 
-struct ConverterHolder {
-  RowConverter handle = nullptr;
-  ~ConverterHolder() {
-    if (handle) FreeRowConverter(handle);
-  }
-};
-
 int32_t Worker(BitmapRecord *bitmap, int32_t start, int32_t end) {
-  ConverterHolder conv;
-  int32_t status = CreateRowConverter(bitmap, &conv.handle, ROW_LAYOUT_NATIVE);
+  img::ConverterGuard conv;
+  int32_t status = CreateRowConverter(bitmap, conv.place(), ROW_LAYOUT_NATIVE);
   if (status != RC_SUCCESS) return status;
-  const int32_t shift = RowBitsPerChannel(conv.handle) == 8 ? 0 : bitmap->BitsPerPixel == 12 ? 4 : 8;
+  const int32_t shift = RowBitsPerChannel(conv.get()) == 8 ? 0 : bitmap->BitsPerPixel == 12 ? 4 : 8;
   const uint32_t levels = 256u << shift;
 
   IMG_BUFFER(uint32_t, histogram, 256);

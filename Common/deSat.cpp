@@ -3,6 +3,7 @@
 // model. The bitmap keeps its depth and kind; a fourth sample is untouched.
 #include <cstddef>
 
+#include "converter_guard.h"
 #include "family.h"
 #include "frame.h"
 #include "imgcolor.h"
@@ -40,21 +41,6 @@ void DesaturateRow(Sample *row, int32_t channels, int32_t left, int32_t right) {
   if (channels == 4) return DesaturatePixels<Sample, 4>(row, channels, left, right);
   DesaturatePixels<Sample, 0>(row, channels, left, right);
 }
-
-class ConverterGuard {
- public:
-  ConverterGuard() = default;
-  ~ConverterGuard() {
-    if (handle_) FreeRowConverter(handle_);
-  }
-  ConverterGuard(const ConverterGuard &) = delete;
-  ConverterGuard &operator=(const ConverterGuard &) = delete;
-  RowConverter *place() { return &handle_; }
-  RowConverter get() const { return handle_; }
-
- private:
-  RowConverter handle_ = nullptr;
-};
 
 int32_t DesaturatePalette(BitmapRecord *bitmap) {
   const int32_t count = bitmap->ColorsUsed;

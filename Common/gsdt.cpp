@@ -5,6 +5,7 @@
 // (blue = green = red) replaced while coloured pixels stay as they are.
 #include <cstddef>
 
+#include "converter_guard.h"
 #include "family.h"
 #include "frame.h"
 #include "imgcolor.h"
@@ -97,22 +98,6 @@ void ToneRow16(uint16_t *row, int32_t channels, int32_t left, int32_t right, con
 }
 
 namespace {
-
-// Frees the converter on every path.
-class ConverterGuard {
- public:
-  ConverterGuard() = default;
-  ~ConverterGuard() {
-    if (handle_) FreeRowConverter(handle_);
-  }
-  ConverterGuard(const ConverterGuard &) = delete;
-  ConverterGuard &operator=(const ConverterGuard &) = delete;
-  RowConverter *place() { return &handle_; }
-  RowConverter get() const { return handle_; }
-
- private:
-  RowConverter handle_ = nullptr;
-};
 
 // Two palette entries: the dark one at the index that is dark now. A gray
 // bitmap (index 0 black) gets black then the colour, any other the colour

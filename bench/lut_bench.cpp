@@ -6,38 +6,23 @@
 #include <random>
 #include <vector>
 
+#include "bench_common.h"
 #include "imgutil.h"
 #include "lut_simd.h"
 
 namespace {
 
-constexpr int32_t kWidth = 3840;
-constexpr int32_t kHeight = 2160;
-
-struct Fixture {
-  BitmapRecord bitmap{};
+// A random bitmap and a random table covering its sample values.
+struct Fixture : bench::RandomBitmap {
   std::vector<int32_t> table;
-  explicit Fixture(int32_t bits) {
-    AllocateBitmap(&bitmap, BITMAP_RECORD_SIZE, MEMORY_CONVENTIONAL, kWidth, kHeight, bits, ORDER_BGR,
-                   nullptr, ORIENT_TOP_FIRST, nullptr, 0);
-    std::mt19937 rng(1);
-    for (uint64_t i = 0; i < bitmap.DataSize; ++i) bitmap.Pixels[i] = static_cast<uint8_t>(rng());
+  explicit Fixture(int32_t bits) : bench::RandomBitmap(bits) {
+    std::mt19937 rng(2);
     table.resize(bits >= 48 ? 65536 : 256);
     for (int32_t &v : table) v = static_cast<int32_t>(rng() % table.size());
   }
-  ~Fixture() { FreeBitmap(&bitmap); }
 };
 
-void Memcpy(benchmark::State &state, int32_t bits) {
-  Fixture f(bits);
-  std::vector<uint8_t> copy(f.bitmap.DataSize);
-  for (auto _ : state) {
-    std::memcpy(copy.data(), f.bitmap.Pixels, f.bitmap.DataSize);
-    benchmark::DoNotOptimize(copy.data());
-    benchmark::ClobberMemory();
-  }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(f.bitmap.DataSize));
-}
+using bench::Memcpy;
 
 void Apply(benchmark::State &state, int32_t bits, int path) {
   Fixture f(bits);

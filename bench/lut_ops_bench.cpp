@@ -9,35 +9,15 @@
 #include <random>
 #include <vector>
 
+#include "bench_common.h"
 #include "imgcolor.h"
 
 namespace {
 
-constexpr int32_t kWidth = 3840;
-constexpr int32_t kHeight = 2160;
-
-struct Fixture {
-  BitmapRecord bitmap{};
-  explicit Fixture(int32_t bits) {
-    AllocateBitmap(&bitmap, BITMAP_RECORD_SIZE, MEMORY_CONVENTIONAL, kWidth, kHeight, bits, ORDER_BGR,
-                   nullptr, ORIENT_TOP_FIRST, nullptr, 0);
-    std::mt19937 rng(7);
-    for (uint64_t i = 0; i < bitmap.DataSize; ++i) bitmap.Pixels[i] = static_cast<uint8_t>(rng());
-  }
-  ~Fixture() { FreeBitmap(&bitmap); }
-  int64_t Bytes() const { return static_cast<int64_t>(bitmap.DataSize); }
-};
-
-void Memcpy(benchmark::State &state, int32_t bits) {
-  Fixture f(bits);
-  std::vector<uint8_t> copy(f.bitmap.DataSize);
-  for (auto _ : state) {
-    std::memcpy(copy.data(), f.bitmap.Pixels, f.bitmap.DataSize);
-    benchmark::DoNotOptimize(copy.data());
-    benchmark::ClobberMemory();
-  }
-  state.SetBytesProcessed(state.iterations() * f.Bytes());
-}
+using bench::kHeight;
+using bench::kWidth;
+using bench::Memcpy;
+using Fixture = bench::RandomBitmap;
 
 // Every 16-bit word of the buffer through a 65536-entry table, in place.
 void PlainWordLoop(benchmark::State &state) {

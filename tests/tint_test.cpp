@@ -97,8 +97,9 @@ TEST(Tint, PaletteWithoutRegion) {
   ASSERT_EQ(Q_AdjustBitmapTint(bmp, 3527, 0, 0), RC_SUCCESS);
   EXPECT_EQ(bmp.StoredBytes(), stored);
   EXPECT_EQ(bmp.ColorAt(0, 0), Rgb(157, 156, 0));
-  ASSERT_EQ(Q_AdjustBitmapTint(bmp, 100, 0, 0), RC_SUCCESS);
-  EXPECT_EQ(bmp.ColorAt(1, 0), Rgb(199, 19, 3));  // theta 9000 shifted to -8900
+  kit::Bitmap fresh(Kind(4), 2, 1, {kit::Level(0), kit::Level(1)}, pal.data());
+  ASSERT_EQ(Q_AdjustBitmapTint(fresh, 100, 0, 0), RC_SUCCESS);
+  EXPECT_EQ(fresh.ColorAt(1, 0), Rgb(199, 19, 3));  // theta 9000 shifted to -8900
 }
 
 TEST(Tint, RegionsGoByRows) {

@@ -155,7 +155,7 @@ TEST(TonePalette, RampAndBlend) {
   // Mode 0, entry 1: blue (17 * 17 + 128) / 255, red (17 * 255 + 128) / 255.
   const PaletteEntry first[2] = {{1, 1, 17, 0}, {17, 17, 255, 0}}, white{255, 255, 255, 0};
   for (uint32_t mode : {0u, 1u}) {
-    kit::Bitmap bmp(Kind(4), 4, 1, {kit::Level(0), kit::Level(1), kit::Level(7), kit::Level(15)}, gray);
+    kit::Bitmap bmp(Kind(4), 4, 1, gray);
     ASSERT_EQ(Duotone(bmp, kRed, mode), RC_SUCCESS);
     EXPECT_TRUE(Same(bmp->Palette[1], first[mode]) && Same(bmp->Palette[15], white)) << mode;
   }
@@ -200,25 +200,21 @@ TEST(ToneMultitone, Products) {
   auto g0 = Uniform({200, 100, 50, 0}), g1 = Uniform({128, 128, 128, 0});
   PaletteEntry *gradients[2] = {g0.data(), g1.data()};
   struct Case {
-    const char *name;
-    uint32_t tones, type;
+    uint32_t tones, type, mode;
     const uint32_t *colors;
-    uint32_t mode;
     std::vector<Pixel> out;
-  } cases[] = {
-      // One tone is the duotone ramp: white * s = s.
-      {"one tone, mode 1", 0, 0, redBlue, 1, {Rgb(255, 0, 0), Rgb(255, 128, 128), Rgb(255, 255, 255)}},
-      {"one tone, mode 0", 0, 0, redBlue, 0, {Rgb(0, 0, 0), Rgb(128, 64, 64), Rgb(255, 255, 255)}},
-      // Red ramp (128, 128, 255) times blue ramp (255, 128, 128) at 128.
-      {"two tones", 1, 0, redBlue, 1, {Rgb(0, 0, 0), Rgb(128, 64, 128), Rgb(255, 255, 255)}},
-      // White tables: mode 0 would give back the gray; four tones apply as is.
-      {"three tones, mode 0", 2, 0, whites, 0, {in[0], in[1], in[2]}},
-      {"four tones, mode 0", 3, 0, whites, 0, {Rgb(255, 255, 255), Rgb(255, 255, 255), Rgb(255, 255, 255)}},
-      // (200, 100, 50) * 128 / 255 rounded: (100, 50, 25).
-      {"gradients", 1, 1, nullptr, 1, {Rgb(25, 50, 100), Rgb(25, 50, 100), Rgb(25, 50, 100)}},
-  };
+  } cases[] = {// One tone is the duotone ramp: white * s = s.
+               {0, 0, 1, redBlue, {Rgb(255, 0, 0), Rgb(255, 128, 128), Rgb(255, 255, 255)}},
+               {0, 0, 0, redBlue, {Rgb(0, 0, 0), Rgb(128, 64, 64), Rgb(255, 255, 255)}},
+               // Red ramp (128, 128, 255) times blue ramp (255, 128, 128) at 128.
+               {1, 0, 1, redBlue, {Rgb(0, 0, 0), Rgb(128, 64, 128), Rgb(255, 255, 255)}},
+               // White tables: mode 0 would give back the gray; four tones apply as is.
+               {2, 0, 0, whites, {in[0], in[1], in[2]}},
+               {3, 0, 0, whites, {Rgb(255, 255, 255), Rgb(255, 255, 255), Rgb(255, 255, 255)}},
+               // (200, 100, 50) * 128 / 255 rounded: (100, 50, 25).
+               {1, 1, 1, nullptr, {Rgb(25, 50, 100), Rgb(25, 50, 100), Rgb(25, 50, 100)}}};
   for (const Case &c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(testing::Message() << c.tones << " tones, type " << c.type << ", mode " << c.mode);
     kit::Bitmap bmp(Kind(24), 4, 1, in);
     ASSERT_EQ(Q_GrayScaleToMultitone(bmp, c.tones, c.type, c.colors, gradients, c.mode), RC_SUCCESS);
     for (int32_t x = 0; x < 3; ++x) EXPECT_EQ(bmp.At(x, 0), c.out[x]) << x;

@@ -545,7 +545,7 @@ int32_t Convert(BitmapRecord *src, BitmapRecord *dst, uint32_t structSize, Kind 
     if (!keepIndices) {
       bgr = img::KernelBuffer<uint8_t>(static_cast<size_t>(width) * 3, __LINE__, kSourceFile);
       if (!bgr) return RC_NO_MEMORY;
-      if (dither >= 0 && !exact) {
+      if (dither == 1 && !exact) {
         errors = img::KernelBuffer<int32_t>(6 * (static_cast<size_t>(width) + 2), __LINE__, kSourceFile);
         if (!errors) return RC_NO_MEMORY;
       }

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "curves.h"
+#include "converter_guard.h"
 #include "ops_common.h"
 #include "pixels.h"
 
@@ -135,16 +136,16 @@ extern "C" IMG_API int32_t AdaptiveContrast(BitmapRecord *bitmap, uint32_t dimen
       (type != ADAPTIVE_CONTRAST_ALL && type != ADAPTIVE_CONTRAST_LUMINANCE))
     return RC_INVALID_PARAMETER;
   if (bitmap->Flags & BITMAP_SIGNED) return RC_SIGNED_DATA_NOT_SUPPORTED;
-  img::ConverterHolder conv;
-  int32_t status = CreateRowConverter(bitmap, &conv.handle, ROW_LAYOUT_NATIVE);
+  img::ConverterGuard conv;
+  int32_t status = CreateRowConverter(bitmap, conv.place(), ROW_LAYOUT_NATIVE);
   if (status != RC_SUCCESS) return status;
   Context c{};
   c.bitmap = bitmap;
-  c.conv = conv.handle;
+  c.conv = conv.get();
   c.width = bitmap->Width;
   c.height = bitmap->Height;
-  c.channels = RowChannelCount(conv.handle);
-  c.wide = RowBitsPerChannel(conv.handle) == 16;
+  c.channels = RowChannelCount(conv.get());
+  c.wide = RowBitsPerChannel(conv.get()) == 16;
   c.max = c.wide ? 65535 : 255;
   c.luminance = type == ADAPTIVE_CONTRAST_LUMINANCE && c.channels >= 3;
   c.planes = c.luminance ? 1 : (c.channels >= 3 ? 3 : 1);

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "curves.h"
+#include "converter_guard.h"
 #include "ops_common.h"
 #include "pixels.h"
 
@@ -149,26 +150,26 @@ uint32_t HistogramChannel(uint32_t channel) { return channel == LUT_CHANNEL_ALL 
 // Intensity histogram (2R + 5G + B) >> 3 on the bitmap's sample scale, for
 // colour bitmaps; signed samples are taken in offset form.
 int32_t IntensityHistogram(BitmapRecord *b, uint32_t *counts, uint32_t length, int32_t start, int32_t end) {
-  img::ConverterHolder conv;
-  int32_t status = CreateRowConverter(b, &conv.handle, ROW_LAYOUT_BGR);
+  img::ConverterGuard conv;
+  int32_t status = CreateRowConverter(b, conv.place(), ROW_LAYOUT_BGR);
   if (status != RC_SUCCESS) return status;
   img::KernelBuffer<uint8_t> row;
-  row.adopt(static_cast<uint8_t *>(AllocRowBuffer(conv.handle)), __LINE__, kSourceFile);
+  row.adopt(static_cast<uint8_t *>(AllocRowBuffer(conv.get())), __LINE__, kSourceFile);
   if (!row) return RC_NO_MEMORY;
-  status = BitmapHasRegion(b) ? BeginRegionProgress(conv.handle, start, end)
-                              : BeginWholeBitmapProgress(conv.handle, start, end);
+  status = BitmapHasRegion(b) ? BeginRegionProgress(conv.get(), start, end)
+                              : BeginWholeBitmapProgress(conv.get(), start, end);
   if (status != RC_SUCCESS) return status;
-  const bool wide = RowBitsPerChannel(conv.handle) == 16;
+  const bool wide = RowBitsPerChannel(conv.get()) == 16;
   const uint32_t flip = (b->Flags & BITMAP_SIGNED) ? (wide ? 0x8000u : 0x80u) : 0u;
   Rect bounds{};
   GetRegionBounds(b, nullptr, &bounds);
   img::KernelBuffer<RowRun> runs;
-  runs.adopt(AllocRunList(conv.handle), __LINE__, kSourceFile);
+  runs.adopt(AllocRunList(conv.get()), __LINE__, kSourceFile);
   if (!runs) return RC_NO_MEMORY;
   std::memset(counts, 0, sizeof(uint32_t) * length);
   for (int32_t y = bounds.Top; y < bounds.Bottom; ++y) {
     int32_t n = 0;
-    status = ReadRow(conv.handle, row.get(), y, runs.get(), &n);
+    status = ReadRow(conv.get(), row.get(), y, runs.get(), &n);
     if (status != RC_SUCCESS) return status;
     for (int32_t k = 0; k < n; ++k)
       for (int32_t x = runs[k].Start; x < runs[k].End; ++x) {
@@ -277,17 +278,17 @@ IMG_API int32_t LightControl(BitmapRecord *bitmap, const uint32_t *lower, const 
   }
 
   // Luminance: statistics of Y, one curve on Y, pixels rebuilt from Y, U, V.
-  img::ConverterHolder conv;
-  int32_t status = CreateRowConverter(bitmap, &conv.handle, ROW_LAYOUT_BGR);
+  img::ConverterGuard conv;
+  int32_t status = CreateRowConverter(bitmap, conv.place(), ROW_LAYOUT_BGR);
   if (status != RC_SUCCESS) return status;
-  const bool wide = RowBitsPerChannel(conv.handle) == 16;
+  const bool wide = RowBitsPerChannel(conv.get()) == 16;
   const int32_t max = wide ? 65535 : 255;
   img::KernelBuffer<uint8_t> row;
-  row.adopt(static_cast<uint8_t *>(AllocRowBuffer(conv.handle)), __LINE__, kSourceFile);
+  row.adopt(static_cast<uint8_t *>(AllocRowBuffer(conv.get())), __LINE__, kSourceFile);
   IMG_BUFFER(uint32_t, yh, static_cast<size_t>(max) + 1);
   IMG_BUFFER(int32_t, curve, static_cast<size_t>(max) + 1);
   img::KernelBuffer<RowRun> runs;
-  runs.adopt(AllocRunList(conv.handle), __LINE__, kSourceFile);
+  runs.adopt(AllocRunList(conv.get()), __LINE__, kSourceFile);
   if (!row || !yh || !curve || !runs) return RC_NO_MEMORY;
   Rect bounds{};
   GetRegionBounds(bitmap, nullptr, &bounds);
@@ -298,11 +299,11 @@ IMG_API int32_t LightControl(BitmapRecord *bitmap, const uint32_t *lower, const 
     return wide ? reinterpret_cast<uint16_t *>(row.get())[i] : row[i];
   };
   for (int pass = 0; pass < 2; ++pass) {
-    status = region ? BeginRegion(conv.handle) : BeginWholeBitmap(conv.handle);
+    status = region ? BeginRegion(conv.get()) : BeginWholeBitmap(conv.get());
     if (status != RC_SUCCESS) return status;
     for (int32_t y = bounds.Top; y < bounds.Bottom; ++y) {
       int32_t count = 0;
-      status = ReadRow(conv.handle, row.get(), y, runs.get(), &count);
+      status = ReadRow(conv.get(), row.get(), y, runs.get(), &count);
       if (status != RC_SUCCESS) return status;
       for (int32_t k = 0; k < count; ++k)
       for (int32_t x = runs[k].Start; x < runs[k].End; ++x) {
@@ -322,7 +323,7 @@ IMG_API int32_t LightControl(BitmapRecord *bitmap, const uint32_t *lower, const 
             row[3 * x + c] = static_cast<uint8_t>(v[c]);
         }
       }
-      if (pass == 1 && (status = WriteRow(conv.handle, row.get(), y, nullptr, nullptr)) != RC_SUCCESS)
+      if (pass == 1 && (status = WriteRow(conv.get(), row.get(), y, nullptr, nullptr)) != RC_SUCCESS)
         return status;
       const int32_t done = (y - bounds.Top + 1) * 50 / (rows ? rows : 1);
       if ((status = progress.step(pass * 50 + done)) != RC_SUCCESS) return status;

@@ -18,17 +18,6 @@ inline int32_t CheckOperand(const BitmapRecord *b) {
   return 0;
 }
 
-// Frees a row converter on scope exit.
-struct ConverterHolder {
-  RowConverter handle = nullptr;
-  ConverterHolder() = default;
-  ConverterHolder(const ConverterHolder &) = delete;
-  ConverterHolder &operator=(const ConverterHolder &) = delete;
-  ~ConverterHolder() {
-    if (handle) FreeRowConverter(handle);
-  }
-};
-
 // Applies `fill(table, length)` through ApplyLut: the table covers the
 // bitmap's sample values, is rotated for signed data, and goes through the
 // attached table when the bitmap uses one.

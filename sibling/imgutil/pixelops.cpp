@@ -2,6 +2,7 @@
 // detection.
 #include <cstring>
 
+#include "converter_guard.h"
 #include "ops_common.h"
 #include "pixels.h"
 
@@ -19,25 +20,25 @@ S *Samples(uint8_t *row) {
 // writing it back, and reporting progress 0..100.
 template <class Step>
 int32_t WalkRows(BitmapRecord *b, int32_t layout, RowConverter *handleOut, Step step) {
-  img::ConverterHolder conv;
-  int32_t status = CreateRowConverter(b, &conv.handle, layout);
+  img::ConverterGuard conv;
+  int32_t status = CreateRowConverter(b, conv.place(), layout);
   if (status != RC_SUCCESS) return status;
-  *handleOut = conv.handle;
+  *handleOut = conv.get();
   img::KernelBuffer<uint8_t> row;
-  row.adopt(static_cast<uint8_t *>(AllocRowBuffer(conv.handle)), __LINE__, kSourceFile);
+  row.adopt(static_cast<uint8_t *>(AllocRowBuffer(conv.get())), __LINE__, kSourceFile);
   img::KernelBuffer<RowRun> runs;
-  runs.adopt(AllocRunList(conv.handle), __LINE__, kSourceFile);
+  runs.adopt(AllocRunList(conv.get()), __LINE__, kSourceFile);
   if (!row || !runs) return RC_NO_MEMORY;
-  status = BitmapHasRegion(b) ? BeginRegionProgress(conv.handle, 0, 100) : BeginWholeBitmapProgress(conv.handle, 0, 100);
+  status = BitmapHasRegion(b) ? BeginRegionProgress(conv.get(), 0, 100) : BeginWholeBitmapProgress(conv.get(), 0, 100);
   if (status != RC_SUCCESS) return status;
   Rect bounds{};
   GetRegionBounds(b, nullptr, &bounds);
   for (int32_t y = bounds.Top; y < bounds.Bottom; ++y) {
     int32_t count = 0;
-    status = ReadRow(conv.handle, row.get(), y, runs.get(), &count);
+    status = ReadRow(conv.get(), row.get(), y, runs.get(), &count);
     if (status != RC_SUCCESS) return status;
     step(row.get(), runs.get(), count);
-    status = WriteRow(conv.handle, row.get(), y, runs.get(), &count);
+    status = WriteRow(conv.get(), row.get(), y, runs.get(), &count);
     if (status != RC_SUCCESS) return status;
   }
   UpdateBitmapInfo(b);
@@ -64,21 +65,21 @@ void ColorSamples(uint32_t color, bool wide, uint32_t out[3]) {
 
 // Converts a colour bitmap without region to gray in place.
 int32_t GrayInPlace(BitmapRecord *b, int32_t red, int32_t green, int32_t blue) {
-  img::ConverterHolder conv;
-  int32_t status = CreateRowConverter(b, &conv.handle, ROW_LAYOUT_BGR);
+  img::ConverterGuard conv;
+  int32_t status = CreateRowConverter(b, conv.place(), ROW_LAYOUT_BGR);
   if (status != RC_SUCCESS) return status;
-  const bool wide = RowBitsPerChannel(conv.handle) == 16;
+  const bool wide = RowBitsPerChannel(conv.get()) == 16;
   const int32_t bits = wide ? 16 : 8;
   const uint64_t line = img::StoredRowBytes(b->Width, bits);
   img::KernelBuffer<uint8_t> row;
-  row.adopt(static_cast<uint8_t *>(AllocRowBuffer(conv.handle)), __LINE__, kSourceFile);
+  row.adopt(static_cast<uint8_t *>(AllocRowBuffer(conv.get())), __LINE__, kSourceFile);
   IMG_BUFFER(uint8_t, pixels, line * static_cast<uint64_t>(b->Height));
   if (!row || !pixels) return RC_NO_MEMORY;
-  status = BeginWholeBitmap(conv.handle);
+  status = BeginWholeBitmap(conv.get());
   if (status != RC_SUCCESS) return status;
   img::Progress progress;
   for (int32_t y = 0; y < b->Height; ++y) {
-    status = ReadRow(conv.handle, row.get(), y, nullptr, nullptr);
+    status = ReadRow(conv.get(), row.get(), y, nullptr, nullptr);
     if (status != RC_SUCCESS) return status;
     uint8_t *out = pixels.get() + line * static_cast<uint64_t>(img::StoredRowIndex(b, y));
     for (int32_t x = 0; x < b->Width; ++x) {
