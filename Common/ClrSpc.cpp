@@ -3,15 +3,15 @@
 // Every conversion is written once as an inline per-pixel function; the row
 // forms pick the code once and run one loop per code. Some 8-bit row loops
 // have faster equivalents (reciprocal tables instead of division, planar
-// SIMD loops in SSE2 and AVX2 copies) that give the same bits as the
-// per-pixel functions for every input.
+// loops the compiler vectorises, hand-written AVX2 loops chosen at run time)
+// that give the same bits as the per-pixel functions for every input.
 #include "ClrSpc.h"
+
+#include <immintrin.h>
 
 #include <array>
 #include <cmath>
 #include <cstring>
-
-#include <immintrin.h>
 
 #include "family.h"
 
@@ -419,6 +419,25 @@ inline Rgb LabTabInv16(const LabTableSet &t, const uint8_t *p) {
   return {mix(32404, -15371, -4985), mix(-9692, 18759, 415), mix(556, -2040, 10573)};
 }
 
+// The 8-bit forward form over a run: as LabTabFwd8, with the RGB-to-XYZ
+// table reads replaced by their content (index times weight; the sums stay
+// below 2^31).
+void LabTabFwd8Row(const LabTableSet &t, const uint8_t *rgb, uint8_t *sp, int32_t first, int32_t end) {
+  const int32_t *cube = t.CubeRoot, *lFromY = t.LFromY, *aScale = t.AScale, *bScale = t.BScale;
+  for (int32_t i = first; i < end; ++i) {
+    const uint8_t *q = rgb + 3 * static_cast<ptrdiff_t>(i);
+    const int32_t B = q[0], G = q[1], R = q[2];
+    const int32_t X = (R * 412453 + G * 357580 + B * 180423) / 24236;
+    const int32_t Y = (R * 212671 + G * 715160 + B * 72169) / 25500;
+    const int32_t Z = (R * 19334 + G * 119193 + B * 950227) / 27763;
+    const int32_t fx = cube[X], fy = cube[Y], fz = cube[Z];
+    uint8_t *p = sp + 3 * static_cast<ptrdiff_t>(i);
+    p[0] = static_cast<uint8_t>(lFromY[Y]);
+    p[1] = static_cast<uint8_t>(aScale[fx - fy]);
+    p[2] = static_cast<uint8_t>(bScale[fy - fz]);
+  }
+}
+
 // The 8-bit inverse over a run: as LabTabInv8, with each X-, Y- and Z-to-RGB
 // table read replaced by its content, the index times the weight (exact in
 // 32 bits: no sum leaves -2^31..2^31).
@@ -693,8 +712,9 @@ void HlsFwd8Row(const uint8_t *rgb, uint8_t *sp, int32_t first, int32_t end) {
 //
 // A row is split into chunks; each chunk is spread into planes of 32-bit
 // integers, converted by a plain loop over the planes (which the compiler
-// turns into SIMD code: SSE2, or AVX2 in the *Avx2 copies, same formulas,
-// same order, no fused multiply-add) and gathered back.
+// turns into SSE2 code, same formulas, same order, no fused multiply-add)
+// and gathered back. These are the loops without AVX2 and the tails of the
+// AVX2 loops.
 
 #define IMG_INLINE inline __attribute__((always_inline))
 
@@ -921,9 +941,9 @@ IMG_PLANAR_ROWS(, Sse2)
 // The low half takes bytes 0..15 (pixels 0..3), the high half bytes 8..23
 // (pixels 4..7 at offsets 4..15): no byte past the 24 is read.
 IMG_AVX2_INLINE __m256i Load3(const uint8_t *q, int c) {
-  const __m256i v = _mm256_inserti128_si256(
-      _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(q))),
-      _mm_loadu_si128(reinterpret_cast<const __m128i *>(q + 8)), 1);
+  const __m256i v =
+      _mm256_inserti128_si256(_mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(q))),
+                              _mm_loadu_si128(reinterpret_cast<const __m128i *>(q + 8)), 1);
   const char z = static_cast<char>(0x80);
   const char a = static_cast<char>(c), b = static_cast<char>(c + 4);
   const __m256i m = _mm256_setr_epi8(a, z, z, z, a + 3, z, z, z, a + 6, z, z, z, a + 9, z, z, z,  //
@@ -983,14 +1003,17 @@ IMG_AVX2_INLINE __m256i Trunc(__m256d lo, __m256d hi) {
 IMG_AVX2_INLINE __m256d K(double c) { return _mm256_set1_pd(c); }
 // ((c0 x + c1 y) + c2 z), each product rounded on its own.
 IMG_AVX2_INLINE __m256d Mix(double c0, __m256d x, double c1, __m256d y, double c2, __m256d z) {
-  return _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(K(c0), x), _mm256_mul_pd(K(c1), y)), _mm256_mul_pd(K(c2), z));
+  return _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(K(c0), x), _mm256_mul_pd(K(c1), y)),
+                       _mm256_mul_pd(K(c2), z));
 }
 // Same with subtractions where the formulas write them, as (c0 x - c1 y) - c2 z.
 IMG_AVX2_INLINE __m256d MixSS(double c0, __m256d x, double c1, __m256d y, double c2, __m256d z) {
-  return _mm256_sub_pd(_mm256_sub_pd(_mm256_mul_pd(K(c0), x), _mm256_mul_pd(K(c1), y)), _mm256_mul_pd(K(c2), z));
+  return _mm256_sub_pd(_mm256_sub_pd(_mm256_mul_pd(K(c0), x), _mm256_mul_pd(K(c1), y)),
+                       _mm256_mul_pd(K(c2), z));
 }
 IMG_AVX2_INLINE __m256d MixSA(double c0, __m256d x, double c1, __m256d y, double c2, __m256d z) {
-  return _mm256_add_pd(_mm256_sub_pd(_mm256_mul_pd(K(c0), x), _mm256_mul_pd(K(c1), y)), _mm256_mul_pd(K(c2), z));
+  return _mm256_add_pd(_mm256_sub_pd(_mm256_mul_pd(K(c0), x), _mm256_mul_pd(K(c1), y)),
+                       _mm256_mul_pd(K(c2), z));
 }
 
 IMG_AVX2 void XyzFwdRowAvx2(const uint8_t *rgb, uint8_t *sp, int32_t first, int32_t end) {
@@ -1064,8 +1087,9 @@ IMG_AVX2_INLINE __m256 NearNonzeroInteger(__m256 e) {
   return _mm256_and_ps(NearInteger(e), _mm256_cmp_ps(absE, _mm256_set1_ps(0.5f), _CMP_GT_OQ));
 }
 IMG_AVX2_INLINE __m256 MixF(float c0, __m256 x, float c1, __m256 y, float c2, __m256 z) {
-  return _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(_mm256_set1_ps(c0), x), _mm256_mul_ps(_mm256_set1_ps(c1), y)),
-                       _mm256_mul_ps(_mm256_set1_ps(c2), z));
+  return _mm256_add_ps(
+      _mm256_add_ps(_mm256_mul_ps(_mm256_set1_ps(c0), x), _mm256_mul_ps(_mm256_set1_ps(c1), y)),
+      _mm256_mul_ps(_mm256_set1_ps(c2), z));
 }
 
 // Eight lanes in single precision; a group with a lane near an integer is
@@ -1083,7 +1107,8 @@ IMG_AVX2 void YcrcbFwdRowAvx2(const uint8_t *rgb, uint8_t *sp, int32_t first, in
     const __m256 cr = MixF(0.5f, r, -0.41869f, g, -0.08131f, b);
     const __m256 cb = MixF(-0.16874f, r, -0.33126f, g, 0.5f, b);
     __m256i out[3];
-    if (_mm256_movemask_ps(_mm256_or_ps(_mm256_or_ps(NearInteger(y), NearInteger(cr)), NearInteger(cb))) != 0) {
+    if (_mm256_movemask_ps(_mm256_or_ps(_mm256_or_ps(NearInteger(y), NearInteger(cr)), NearInteger(cb))) !=
+        0) {
       YcrcbFwdD(R, G, B, out);
     } else {
       out[0] = _mm256_cvttps_epi32(y);
@@ -1127,9 +1152,11 @@ IMG_AVX2 void YcrcbInvRowAvx2(uint8_t *rgb, const uint8_t *sp, int32_t first, in
     if (_mm256_movemask_ps(_mm256_andnot_ps(_mm256_castsi256_ps(chroma), NearNonzeroInteger(g))) != 0) {
       YcrcbInvD(Y, Cr, Cb, out);
     } else {
-      out[0] = ClampI(_mm256_cvttps_epi32(_mm256_add_ps(y, _mm256_mul_ps(_mm256_set1_ps(1.402f), cr))), 0, 255);
+      out[0] =
+          ClampI(_mm256_cvttps_epi32(_mm256_add_ps(y, _mm256_mul_ps(_mm256_set1_ps(1.402f), cr))), 0, 255);
       out[1] = ClampI(_mm256_cvttps_epi32(g), 0, 255);
-      out[2] = ClampI(_mm256_cvttps_epi32(_mm256_add_ps(y, _mm256_mul_ps(_mm256_set1_ps(1.772f), cb))), 0, 255);
+      out[2] =
+          ClampI(_mm256_cvttps_epi32(_mm256_add_ps(y, _mm256_mul_ps(_mm256_set1_ps(1.772f), cb))), 0, 255);
     }
     Store3(rgb + 3 * static_cast<ptrdiff_t>(i), out[2], out[1], out[0]);
   }
@@ -1141,12 +1168,16 @@ IMG_AVX2 void YuvFwdRowAvx2(const uint8_t *rgb, uint8_t *sp, int32_t first, int3
   for (; i + 8 <= end; i += 8) {
     const uint8_t *q = rgb + 3 * static_cast<ptrdiff_t>(i);
     const __m256i R = Load3(q, 2), G = Load3(q, 1), B = Load3(q, 0);
-    const __m256i sum = _mm256_add_epi32(
-        _mm256_add_epi32(_mm256_mullo_epi32(R, _mm256_set1_epi32(9798)), _mm256_mullo_epi32(G, _mm256_set1_epi32(19235))),
-        _mm256_mullo_epi32(B, _mm256_set1_epi32(3736)));
+    const __m256i sum = _mm256_add_epi32(_mm256_add_epi32(_mm256_mullo_epi32(R, _mm256_set1_epi32(9798)),
+                                                          _mm256_mullo_epi32(G, _mm256_set1_epi32(19235))),
+                                         _mm256_mullo_epi32(B, _mm256_set1_epi32(3736)));
     const __m256i Y = _mm256_srai_epi32(sum, 15);  // 0..255
-    const __m256i U = ClampI(_mm256_srai_epi32(_mm256_mullo_epi32(_mm256_sub_epi32(B, Y), _mm256_set1_epi32(16122)), 15), -112, 111);
-    const __m256i V = ClampI(_mm256_srai_epi32(_mm256_mullo_epi32(_mm256_sub_epi32(R, Y), _mm256_set1_epi32(25203)), 15), -138, 137);
+    const __m256i U =
+        ClampI(_mm256_srai_epi32(_mm256_mullo_epi32(_mm256_sub_epi32(B, Y), _mm256_set1_epi32(16122)), 15),
+               -112, 111);
+    const __m256i V =
+        ClampI(_mm256_srai_epi32(_mm256_mullo_epi32(_mm256_sub_epi32(R, Y), _mm256_set1_epi32(25203)), 15),
+               -138, 137);
     const __m256i v = _mm256_or_si256(
         _mm256_or_si256(Y, _mm256_slli_epi32(_mm256_and_si256(U, _mm256_set1_epi32(0xFF)), 8)),
         _mm256_slli_epi32(V, 16));
@@ -1156,15 +1187,16 @@ IMG_AVX2 void YuvFwdRowAvx2(const uint8_t *rgb, uint8_t *sp, int32_t first, int3
 }
 
 IMG_AVX2_INLINE __m256i YuvTerm(__m256i U, int32_t cu, __m256i V, int32_t cv) {
-  return _mm256_srai_epi32(
-      _mm256_add_epi32(_mm256_mullo_epi32(_mm256_set1_epi32(cv), V), _mm256_mullo_epi32(_mm256_set1_epi32(cu), U)),
-      15);
+  return _mm256_srai_epi32(_mm256_add_epi32(_mm256_mullo_epi32(_mm256_set1_epi32(cv), V),
+                                            _mm256_mullo_epi32(_mm256_set1_epi32(cu), U)),
+                           15);
 }
 
 IMG_AVX2 void YuvInvRowAvx2(uint8_t *rgb, const uint8_t *sp, int32_t first, int32_t end) {
   int32_t i = first;
   for (; i + 8 <= end; i += 8) {
-    const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(sp + 4 * static_cast<ptrdiff_t>(i)));
+    const __m256i v =
+        _mm256_loadu_si256(reinterpret_cast<const __m256i *>(sp + 4 * static_cast<ptrdiff_t>(i)));
     const __m256i Y = _mm256_and_si256(v, _mm256_set1_epi32(0xFF));
     const __m256i U = _mm256_srai_epi32(_mm256_slli_epi32(v, 16), 24), V = _mm256_srai_epi32(v, 16);
     // 37221 V - 29 U, -12943 U - 18940 V, 66883 U - 33 V: exact in 32 bits, so
@@ -1190,20 +1222,25 @@ IMG_AVX2 void HsvFwdRowAvx2(const uint8_t *rgb, uint8_t *sp, int32_t first, int3
     const __m256i minB = _mm256_cmpeq_epi32(B, mn), minR = _mm256_cmpeq_epi32(R, mn);
     const __m256i num = Select(minB, G, Select(minR, B, R));
     const __m256i other = Select(minB, R, Select(minR, G, B));  // den = num + other - 2 mn
-    const __m256i off = Select(minB, _mm256_setzero_si256(), Select(minR, _mm256_set1_epi32(120), _mm256_set1_epi32(240)));
+    const __m256i off =
+        Select(minB, _mm256_setzero_si256(), Select(minR, _mm256_set1_epi32(120), _mm256_set1_epi32(240)));
     const __m256i n = _mm256_sub_epi32(num, mn);
     const __m256i den = _mm256_max_epi32(_mm256_sub_epi32(_mm256_add_epi32(n, other), mn), one);
     const __m256i h = _mm256_add_epi32(DivF(_mm256_mullo_epi32(n, _mm256_set1_epi32(120)), den), off);
-    const __m256i s = DivF(_mm256_mullo_epi32(_mm256_sub_epi32(mx, mn), _mm256_set1_epi32(100)), _mm256_max_epi32(mx, one));
-    const __m256i v = _mm256_or_si256(_mm256_or_si256(h, _mm256_slli_epi32(s, 16)), _mm256_slli_epi32(mx, 24));
+    const __m256i s =
+        DivF(_mm256_mullo_epi32(_mm256_sub_epi32(mx, mn), _mm256_set1_epi32(100)), _mm256_max_epi32(mx, one));
+    const __m256i v =
+        _mm256_or_si256(_mm256_or_si256(h, _mm256_slli_epi32(s, 16)), _mm256_slli_epi32(mx, 24));
     _mm256_storeu_si256(reinterpret_cast<__m256i *>(sp + 4 * static_cast<ptrdiff_t>(i)), v);
   }
   HsvFwd8Row(rgb, sp, i, end);
 }
 
 // V, the middle value or low, as the sector tables isV and isMid say.
-IMG_AVX2_INLINE __m256i HsvPick(__m256i isV, __m256i isMid, __m256i sector, __m256i V, __m256i mid, __m256i low) {
-  return Select(_mm256_permutevar8x32_epi32(isV, sector), V, Select(_mm256_permutevar8x32_epi32(isMid, sector), mid, low));
+IMG_AVX2_INLINE __m256i HsvPick(__m256i isV, __m256i isMid, __m256i sector, __m256i V, __m256i mid,
+                                __m256i low) {
+  return Select(_mm256_permutevar8x32_epi32(isV, sector), V,
+                Select(_mm256_permutevar8x32_epi32(isMid, sector), mid, low));
 }
 
 IMG_AVX2 void HsvInvRowAvx2(uint8_t *rgb, const uint8_t *sp, int32_t first, int32_t end) {
@@ -1211,9 +1248,12 @@ IMG_AVX2 void HsvInvRowAvx2(uint8_t *rgb, const uint8_t *sp, int32_t first, int3
   const __m256i c120 = _mm256_set1_epi32(120);
   // Per hue sector (0..5: hue up to 60, 120, .., above 300), whether a channel
   // takes V or the computed middle value; otherwise it takes low.
-  const __m256i rV = _mm256_setr_epi32(-1, 0, 0, 0, 0, -1, 0, 0), rMid = _mm256_setr_epi32(0, -1, 0, 0, -1, 0, 0, 0);
-  const __m256i gV = _mm256_setr_epi32(0, -1, -1, 0, 0, 0, 0, 0), gMid = _mm256_setr_epi32(-1, 0, 0, -1, 0, 0, 0, 0);
-  const __m256i bV = _mm256_setr_epi32(0, 0, 0, -1, -1, 0, 0, 0), bMid = _mm256_setr_epi32(0, 0, -1, 0, 0, -1, 0, 0);
+  const __m256i rV = _mm256_setr_epi32(-1, 0, 0, 0, 0, -1, 0, 0),
+                rMid = _mm256_setr_epi32(0, -1, 0, 0, -1, 0, 0, 0);
+  const __m256i gV = _mm256_setr_epi32(0, -1, -1, 0, 0, 0, 0, 0),
+                gMid = _mm256_setr_epi32(-1, 0, 0, -1, 0, 0, 0, 0);
+  const __m256i bV = _mm256_setr_epi32(0, 0, 0, -1, -1, 0, 0, 0),
+                bMid = _mm256_setr_epi32(0, 0, -1, 0, 0, -1, 0, 0);
   for (; i + 8 <= end; i += 8) {
     const uint8_t *p = sp + 4 * static_cast<ptrdiff_t>(i);
     const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(p));
@@ -1225,14 +1265,16 @@ IMG_AVX2 void HsvInvRowAvx2(uint8_t *rgb, const uint8_t *sp, int32_t first, int3
     const __m256i d = _mm256_sub_epi32(V, low);
     // Each pair of sectors shares t = H - 120 k (k = 0, 1, 2); the middle value
     // is min(t, 120 - t) * d / max(t, 120 - t) + low. S = 0 gives d = 0.
-    const __m256i k2 = _mm256_add_epi32(_mm256_and_si256(Gt(H, 120), c120), _mm256_and_si256(Gt(H, 240), c120));
+    const __m256i k2 =
+        _mm256_add_epi32(_mm256_and_si256(Gt(H, 120), c120), _mm256_and_si256(Gt(H, 240), c120));
     const __m256i t = _mm256_sub_epi32(H, k2), u = _mm256_sub_epi32(c120, t);
-    const __m256i mid = _mm256_add_epi32(
-        DivF(_mm256_mullo_epi32(_mm256_min_epi32(t, u), d), _mm256_max_epi32(_mm256_max_epi32(t, u), _mm256_set1_epi32(1))), low);
+    const __m256i mid = _mm256_add_epi32(DivF(_mm256_mullo_epi32(_mm256_min_epi32(t, u), d),
+                                              _mm256_max_epi32(_mm256_max_epi32(t, u), _mm256_set1_epi32(1))),
+                                         low);
     const __m256i sector = _mm256_sub_epi32(
-        _mm256_setzero_si256(),
-        _mm256_add_epi32(_mm256_add_epi32(_mm256_add_epi32(Gt(H, 60), Gt(H, 120)), _mm256_add_epi32(Gt(H, 180), Gt(H, 240))),
-                         Gt(H, 300)));
+        _mm256_setzero_si256(), _mm256_add_epi32(_mm256_add_epi32(_mm256_add_epi32(Gt(H, 60), Gt(H, 120)),
+                                                                  _mm256_add_epi32(Gt(H, 180), Gt(H, 240))),
+                                                 Gt(H, 300)));
     uint8_t *q = rgb + 3 * static_cast<ptrdiff_t>(i);
     Store3(q, HsvPick(bV, bMid, sector, V, mid, low), HsvPick(gV, gMid, sector, V, mid, low),
            HsvPick(rV, rMid, sector, V, mid, low));
@@ -1261,10 +1303,14 @@ IMG_AVX2 void HlsFwdRowAvx2(const uint8_t *rgb, uint8_t *sp, int32_t first, int3
     // Gray pixels: numerator 0, so S = 0 and the hue below is cleared.
     const __m256i s = DivF(_mm256_mullo_epi32(diff, _mm256_set1_epi32(100)), _mm256_max_epi32(sden, one));
     const __m256i maxR = _mm256_cmpeq_epi32(R, mx), maxG = _mm256_cmpeq_epi32(G, mx);
-    const __m256i hd = Select(maxR, _mm256_sub_epi32(G, B), Select(maxG, _mm256_sub_epi32(B, R), _mm256_sub_epi32(R, G)));
-    const __m256i off = Select(maxR, _mm256_setzero_si256(), Select(maxG, _mm256_set1_epi32(120), _mm256_set1_epi32(240)));
-    __m256i h = _mm256_add_epi32(DivF(_mm256_mullo_epi32(hd, _mm256_set1_epi32(60)), _mm256_max_epi32(diff, one)), off);
-    h = _mm256_add_epi32(h, _mm256_and_si256(_mm256_cmpgt_epi32(_mm256_setzero_si256(), h), _mm256_set1_epi32(360)));
+    const __m256i hd =
+        Select(maxR, _mm256_sub_epi32(G, B), Select(maxG, _mm256_sub_epi32(B, R), _mm256_sub_epi32(R, G)));
+    const __m256i off =
+        Select(maxR, _mm256_setzero_si256(), Select(maxG, _mm256_set1_epi32(120), _mm256_set1_epi32(240)));
+    __m256i h = _mm256_add_epi32(
+        DivF(_mm256_mullo_epi32(hd, _mm256_set1_epi32(60)), _mm256_max_epi32(diff, one)), off);
+    h = _mm256_add_epi32(
+        h, _mm256_and_si256(_mm256_cmpgt_epi32(_mm256_setzero_si256(), h), _mm256_set1_epi32(360)));
     h = _mm256_andnot_si256(_mm256_cmpeq_epi32(s, _mm256_setzero_si256()), h);
     const __m256i v = _mm256_or_si256(_mm256_or_si256(h, _mm256_slli_epi32(L, 16)), _mm256_slli_epi32(s, 24));
     _mm256_storeu_si256(reinterpret_cast<__m256i *>(sp + 4 * static_cast<ptrdiff_t>(i)), v);
@@ -1277,10 +1323,12 @@ IMG_AVX2 void HlsFwdRowAvx2(const uint8_t *rgb, uint8_t *sp, int32_t first, int3
 // f <= 60 where it is used.
 IMG_AVX2_INLINE __m256i HlsValueV(__m256i m1, __m256i m2, __m256i span, __m256i h) {
   h = _mm256_sub_epi32(h, _mm256_and_si256(Gt(h, 360), _mm256_set1_epi32(360)));
-  h = _mm256_add_epi32(h, _mm256_and_si256(_mm256_cmpgt_epi32(_mm256_setzero_si256(), h), _mm256_set1_epi32(360)));
+  h = _mm256_add_epi32(
+      h, _mm256_and_si256(_mm256_cmpgt_epi32(_mm256_setzero_si256(), h), _mm256_set1_epi32(360)));
   const __m256i up = Gt(h, 60);
   const __m256i f = Select(up, _mm256_sub_epi32(_mm256_set1_epi32(240), h), h);
-  const __m256i ramp = _mm256_add_epi32(m1, Div60(_mm256_and_si256(_mm256_mullo_epi32(span, f), _mm256_set1_epi32(0xFFFF))));
+  const __m256i ramp =
+      _mm256_add_epi32(m1, Div60(_mm256_and_si256(_mm256_mullo_epi32(span, f), _mm256_set1_epi32(0xFFFF))));
   return Select(Gt(h, 240), m1, Select(Gt(h, 180), ramp, Select(up, m2, ramp)));
 }
 
@@ -1295,9 +1343,11 @@ IMG_AVX2 void HlsInvRowAvx2(uint8_t *rgb, const uint8_t *sp, int32_t first, int3
     const __m256i S = _mm256_srli_epi32(v, 24);
     const int32_t odd = _mm256_movemask_ps(_mm256_castsi256_ps(_mm256_or_si256(Gt(H, 359), Gt(S, 100))));
     // In range every numerator is below 43690 (at most 200 * 128 and 100 * 255).
-    const __m256i lowL = Div100(_mm256_and_si256(_mm256_mullo_epi32(_mm256_add_epi32(S, _mm256_set1_epi32(100)), L), _mm256_set1_epi32(0xFFFF)));
-    const __m256i highL = _mm256_sub_epi32(_mm256_add_epi32(Div100(_mm256_mullo_epi32(S, _mm256_set1_epi32(255))), L),
-                                           Div100(_mm256_mullo_epi32(L, S)));
+    const __m256i lowL = Div100(_mm256_and_si256(
+        _mm256_mullo_epi32(_mm256_add_epi32(S, _mm256_set1_epi32(100)), L), _mm256_set1_epi32(0xFFFF)));
+    const __m256i highL =
+        _mm256_sub_epi32(_mm256_add_epi32(Div100(_mm256_mullo_epi32(S, _mm256_set1_epi32(255))), L),
+                         Div100(_mm256_mullo_epi32(L, S)));
     const __m256i m2 = Select(Gt(L, 128), highL, lowL);
     const __m256i m1 = _mm256_sub_epi32(_mm256_add_epi32(L, L), m2);
     const __m256i span = _mm256_sub_epi32(m2, m1);
@@ -1321,14 +1371,15 @@ IMG_AVX2 void HlsInvRowAvx2(uint8_t *rgb, const uint8_t *sp, int32_t first, int3
 // first held to 0..256000000 (the result clamps to 0..255 anyway) becomes
 // (sum >> 6) / 15625, also below 2^24.
 IMG_AVX2_INLINE __m256i LabMix(__m256i X, int32_t cx, __m256i Y, int32_t cy, __m256i Z, int32_t cz) {
-  const __m256i sum = _mm256_add_epi32(
-      _mm256_add_epi32(_mm256_mullo_epi32(X, _mm256_set1_epi32(cx)), _mm256_mullo_epi32(Y, _mm256_set1_epi32(cy))),
-      _mm256_mullo_epi32(Z, _mm256_set1_epi32(cz)));
+  const __m256i sum = _mm256_add_epi32(_mm256_add_epi32(_mm256_mullo_epi32(X, _mm256_set1_epi32(cx)),
+                                                        _mm256_mullo_epi32(Y, _mm256_set1_epi32(cy))),
+                                       _mm256_mullo_epi32(Z, _mm256_set1_epi32(cz)));
   const __m256i held = _mm256_srli_epi32(ClampI(sum, 0, 256000000), 6);
   return _mm256_min_epi32(DivF(held, _mm256_set1_epi32(15625)), _mm256_set1_epi32(255));
 }
 
-IMG_AVX2 void LabTabInvRowAvx2(const LabTableSet &t, uint8_t *rgb, const uint8_t *sp, int32_t first, int32_t end) {
+IMG_AVX2 void LabTabInvRowAvx2(const LabTableSet &t, uint8_t *rgb, const uint8_t *sp, int32_t first,
+                               int32_t end) {
   int32_t i = first;
   const __m256i d10000 = _mm256_set1_epi32(10000);
   for (; i + 8 <= end; i += 8) {
@@ -1337,9 +1388,12 @@ IMG_AVX2 void LabTabInvRowAvx2(const LabTableSet &t, uint8_t *rgb, const uint8_t
     const __m256i a = Sext8(Load3(p, 1)), b = Sext8(Load3(p, 2));
     const __m256i Yt = _mm256_i32gather_epi32(t.YFromL, L, 4);
     const __m256i fy = _mm256_i32gather_epi32(t.CubeRoot, Yt, 4);
-    const __m256i ix = ClampI(_mm256_add_epi32(_mm256_mullo_epi32(a, _mm256_set1_epi32(20)), fy), kInvCubeLow, kInvCubeHigh);
-    const __m256i iz = ClampI(_mm256_sub_epi32(fy, _mm256_mullo_epi32(b, _mm256_set1_epi32(50))), kInvCubeLow, kInvCubeHigh);
-    const __m256i gx = _mm256_i32gather_epi32(t.InvCube, ix, 4), gz = _mm256_i32gather_epi32(t.InvCube, iz, 4);
+    const __m256i ix =
+        ClampI(_mm256_add_epi32(_mm256_mullo_epi32(a, _mm256_set1_epi32(20)), fy), kInvCubeLow, kInvCubeHigh);
+    const __m256i iz =
+        ClampI(_mm256_sub_epi32(fy, _mm256_mullo_epi32(b, _mm256_set1_epi32(50))), kInvCubeLow, kInvCubeHigh);
+    const __m256i gx = _mm256_i32gather_epi32(t.InvCube, ix, 4),
+                  gz = _mm256_i32gather_epi32(t.InvCube, iz, 4);
     const __m256i X = ClampI(DivF(_mm256_mullo_epi32(gx, _mm256_set1_epi32(242)), d10000), 0, 255);
     const __m256i Z = ClampI(DivF(_mm256_mullo_epi32(gz, _mm256_set1_epi32(278)), d10000), 0, 278);
     const __m256i Y = DivF(_mm256_mullo_epi32(Yt, _mm256_set1_epi32(255)), d10000);
@@ -1408,8 +1462,11 @@ int32_t Row8(clrspc_detail::Path path, uint32_t code, uint8_t *rgb, uint8_t *sp,
       });
       break;
     case COLORSPACE_LAB_TABLE:
-      ForwardRow(rgb, sp, 3, first, end,
-                 [&t = *set](int32_t R, int32_t G, int32_t B, uint8_t *p) { LabTabFwd8(t, R, G, B, p); });
+      if (path == clrspc_detail::Path::Scalar)
+        ForwardRow(rgb, sp, 3, first, end,
+                   [&t = *set](int32_t R, int32_t G, int32_t B, uint8_t *p) { LabTabFwd8(t, R, G, B, p); });
+      else
+        LabTabFwd8Row(*set, rgb, sp, first, end);
       break;
     case COLORSPACE_LAB_TABLE + kToRgb:
       // The scalar path keeps the plain table form as the reference.
@@ -1545,8 +1602,10 @@ int32_t Row16(uint32_t code, uint16_t *rgb, uint8_t *sp, const LabTableSet *set,
       InverseRow(rgb, sp, 6, first, end, [&t = *set](const uint8_t *p) { return LabTabInv16(t, p); });
       break;
     case COLORSPACE_SPHERICAL + kToRgb:
-      InverseRow(rgb, sp, 8, first, end,
-                 [](const uint8_t *p) { return SphInv<65535>(Get32(p), static_cast<int16_t>(Get16(p + 4)), static_cast<int16_t>(Get16(p + 6))); });
+      InverseRow(rgb, sp, 8, first, end, [](const uint8_t *p) {
+        return SphInv<65535>(Get32(p), static_cast<int16_t>(Get16(p + 4)),
+                             static_cast<int16_t>(Get16(p + 6)));
+      });
       break;
     default:
       break;

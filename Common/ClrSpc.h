@@ -64,7 +64,9 @@ void FreeLabTables(LabTableSet *set);
 namespace clrspc_detail {
 
 // Instruction-set paths of the row forms that have more than one. Every path
-// gives bit-identical results; tests force each supported one in turn.
+// gives bit-identical results; tests force each supported one in turn. Scalar
+// also keeps the table-driven Lab rows in their plain table-reading form, the
+// reference for the faster ones.
 enum class Path : int32_t { Auto = 0, Scalar = 1, Avx2 = 2 };
 // Whether the processor runs the path.
 bool PathSupported(Path path);

@@ -2,8 +2,8 @@
 // on the luma of an integer YUV form, so that hues stay as they were.
 #include <cmath>
 
-#include "curves.h"
 #include "converter_guard.h"
+#include "curves.h"
 #include "family.h"
 #include "imgcolor.h"
 
@@ -12,7 +12,8 @@ namespace {
 static constexpr const wchar_t *kSourceFile = L"Common/GammaExt";
 
 template <class Sample>
-void CorrectRow(Sample *row, int32_t channels, int32_t left, int32_t right, const uint16_t *table, int32_t max) {
+void CorrectRow(Sample *row, int32_t channels, int32_t left, int32_t right, const uint16_t *table,
+                int32_t max) {
   for (int32_t x = left; x < right; ++x) {
     Sample *p = row + static_cast<int64_t>(x) * channels;
     const int32_t b = p[0];
@@ -34,11 +35,10 @@ void CorrectRow(Sample *row, int32_t channels, int32_t left, int32_t right, cons
 
 }  // namespace
 
-
-
 extern "C" IMG_API int32_t Q_GammaCorrectBitmapExt(BitmapRecord *bitmap, uint32_t gamma, uint32_t space) {
   if (bitmap && !img::ValidRecordSize(bitmap->StructSize)) return RC_INVALID_STRUCT_SIZE;
-  if (bitmap && bitmap->ColorOrder == ORDER_GRAY && bitmap->BitsPerPixel == 32) return RC_GRAY32_NOT_SUPPORTED;
+  if (bitmap && bitmap->ColorOrder == ORDER_GRAY && bitmap->BitsPerPixel == 32)
+    return RC_GRAY32_NOT_SUPPORTED;
   if (!bitmap) return RC_INVALID_PARAMETER;  // deliberately not RC_NO_BITMAP
   if (!img::ValidRecordSize(bitmap->StructSize)) return RC_INVALID_STRUCT_SIZE;
   if (gamma == 0 || (space != GAMMA_RGB && space != GAMMA_YUV)) return RC_INVALID_PARAMETER;
@@ -74,7 +74,8 @@ extern "C" IMG_API int32_t Q_GammaCorrectBitmapExt(BitmapRecord *bitmap, uint32_
     status = ReadRow(conv.get(), row.get(), y, nullptr, nullptr);
     if (status != RC_SUCCESS) return status;
     if (depth == 16)
-      CorrectRow(reinterpret_cast<uint16_t *>(row.get()), channels, bounds.Left, bounds.Right, table.get(), max);
+      CorrectRow(reinterpret_cast<uint16_t *>(row.get()), channels, bounds.Left, bounds.Right, table.get(),
+                 max);
     else
       CorrectRow(row.get(), channels, bounds.Left, bounds.Right, table.get(), max);
     status = WriteRow(conv.get(), row.get(), y, nullptr, nullptr);

@@ -81,7 +81,8 @@ void MapRow(Sample *row, int32_t left, int32_t right, int32_t channels, const in
 
 int32_t RunMathFunction(BitmapRecord *bitmap, uint32_t function, uint32_t factor) {
   ConverterGuard guard;
-  if (const int32_t status = ::CreateRowConverter(bitmap, guard.place(), ROW_LAYOUT_NATIVE); status != RC_SUCCESS)
+  if (const int32_t status = ::CreateRowConverter(bitmap, guard.place(), ROW_LAYOUT_NATIVE);
+      status != RC_SUCCESS)
     return status;
   RowConverter converter = guard.get();
   const int32_t depth = ::RowBitsPerChannel(converter);

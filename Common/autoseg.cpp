@@ -1,6 +1,7 @@
 // Automatic binarisation: a global threshold between the two peaks of the
 // intensity histogram, painted by Q_IntensityDetectBitmap.
 #include "autoseg.h"
+
 #include "converter_guard.h"
 #include "family.h"
 #include "frame.h"
@@ -26,8 +27,8 @@ int32_t Worker(BitmapRecord *bitmap, int32_t start, int32_t end) {
   if (status != RC_SUCCESS) return status;
 
   const int32_t threshold = img::AutoBinaryThreshold(histogram.get());
-  status = Q_IntensityDetectBitmap(bitmap, static_cast<uint32_t>(threshold) << shift, levels - 1, 0xFFFFFFu, 0,
-                                   0x111u, 0);
+  status = Q_IntensityDetectBitmap(bitmap, static_cast<uint32_t>(threshold) << shift, levels - 1, 0xFFFFFFu,
+                                   0, 0x111u, 0);
   // The histogram step succeeded: the bitmap's information is brought up to
   // date whatever the detection returned.
   UpdateBitmapInfo(bitmap);

@@ -9,9 +9,9 @@ namespace img {
 
 // Which of the shared checks an export performs.
 struct EntryChecks {
-  bool flags = true;         // the trailing flags word must be 0
-  bool nullBitmap = true;    // a null bitmap is refused with RC_NO_BITMAP
-  bool signedData = false;   // signed samples are refused
+  bool flags = true;        // the trailing flags word must be 0
+  bool nullBitmap = true;   // a null bitmap is refused with RC_NO_BITMAP
+  bool signedData = false;  // signed samples are refused
 };
 
 // Runs the shared entry checks in their fixed order: flags word, null bitmap,

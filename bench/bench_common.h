@@ -18,8 +18,8 @@ constexpr int32_t kHeight = 2160;
 struct RandomBitmap {
   BitmapRecord bitmap{};
   explicit RandomBitmap(int32_t bits, uint32_t seed = 1) {
-    AllocateBitmap(&bitmap, BITMAP_RECORD_SIZE, MEMORY_CONVENTIONAL, kWidth, kHeight, bits, ORDER_BGR, nullptr,
-                   ORIENT_TOP_FIRST, nullptr, 0);
+    AllocateBitmap(&bitmap, BITMAP_RECORD_SIZE, MEMORY_CONVENTIONAL, kWidth, kHeight, bits, ORDER_BGR,
+                   nullptr, ORIENT_TOP_FIRST, nullptr, 0);
     std::mt19937 rng(seed);
     for (uint64_t i = 0; i < bitmap.DataSize; ++i) bitmap.Pixels[i] = static_cast<uint8_t>(rng());
   }

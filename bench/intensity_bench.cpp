@@ -66,13 +66,16 @@ void Register(int32_t bits) {
       {"ContBrightInt", false, [](BitmapRecord *b) { return Q_ContBrightIntBitmap(b, 100, 50, 20, 0); }},
       {"GrayScaleExt", true, [](BitmapRecord *b) { return Q_GrayScaleBitmapExt(b, 2990, 5870, 1140, 0); }},
       {"IntensityDetect", false,
-       [top](BitmapRecord *b) { return Q_IntensityDetectBitmap(b, static_cast<uint32_t>(top / 2), top, 0xFFFFFF, 0, 0x111, 0); }},
+       [top](BitmapRecord *b) {
+         return Q_IntensityDetectBitmap(b, static_cast<uint32_t>(top / 2), top, 0xFFFFFF, 0, 0x111, 0);
+       }},
       {"GetHistogram", false,
        [](BitmapRecord *b) {
          static thread_local std::vector<uint32_t> h(65536);
          return Q_GetBitmapHistogram(b, h.data(), static_cast<uint32_t>(h.size()), 0);
        }},
-      {"LightControl", false, [](BitmapRecord *b) { return Q_LightControlBitmap(b, kLower, kMiddle, kUpper, 1); }},
+      {"LightControl", false,
+       [](BitmapRecord *b) { return Q_LightControlBitmap(b, kLower, kMiddle, kUpper, 1); }},
       {"AutoColorLevel", false, [](BitmapRecord *b) { return Q_AutoColorLevelBitmap(b, 0, 50, 50, 0); }},
       {"ColorLevel", false,
        [top](BitmapRecord *b) {
@@ -80,8 +83,10 @@ void Register(int32_t bits) {
          return Q_ColorLevelBitmap(b, &r, COLOR_LEVEL_MASTER);
        }},
       {"AdaptiveContrast/3", false, [](BitmapRecord *b) { return Q_AdaptiveContrastBitmap(b, 3, 50, 0); }},
-      {"AdaptiveContrast/101", false, [](BitmapRecord *b) { return Q_AdaptiveContrastBitmap(b, 101, 50, 0); }},
-      {"GammaCorrectExt/yuv", false, [](BitmapRecord *b) { return Q_GammaCorrectBitmapExt(b, 150, GAMMA_YUV); }},
+      {"AdaptiveContrast/101", false,
+       [](BitmapRecord *b) { return Q_AdaptiveContrastBitmap(b, 101, 50, 0); }},
+      {"GammaCorrectExt/yuv", false,
+       [](BitmapRecord *b) { return Q_GammaCorrectBitmapExt(b, 150, GAMMA_YUV); }},
       {"AutoBinary", true, [](BitmapRecord *b) { return Q_AutoBinaryBitmap(b, 0); }},
   };
   for (const Op &op : ops)

@@ -104,12 +104,14 @@ IMG_API int32_t Q_StretchBitmapIntensity(BitmapRecord *bitmap, uint32_t flags);
 IMG_API int32_t Q_GetBitmapColorCount(BitmapRecord *bitmap, uint32_t *count, uint32_t flags);
 
 /* ---- Mathematical curves, desaturation, duotone, multitone ---------------------------- */
-IMG_API int32_t Q_MathFunctionBitmap(BitmapRecord *bitmap, uint32_t function, uint32_t factor, uint32_t flags);
+IMG_API int32_t Q_MathFunctionBitmap(BitmapRecord *bitmap, uint32_t function, uint32_t factor,
+                                     uint32_t flags);
 IMG_API int32_t Q_DesaturateBitmap(BitmapRecord *bitmap, uint32_t flags);
 /* table: 256 entries for row bitmaps, ColorsUsed for palette bitmaps, two for
  * 1-bit bitmaps, or null to build a ramp from color. mode 0 blends, 1 uses the
  * table as it stands. Mode 0 on a row bitmap scales a caller's table in place. */
-IMG_API int32_t Q_GrayScaleToDuotone(BitmapRecord *bitmap, PaletteEntry *table, uint32_t color, uint32_t mode);
+IMG_API int32_t Q_GrayScaleToDuotone(BitmapRecord *bitmap, PaletteEntry *table, uint32_t color,
+                                     uint32_t mode);
 /* tones 0..3 (one to four); type 0 colours, 1 gradients (tones + 1 pointers to
  * 256-entry tables). */
 IMG_API int32_t Q_GrayScaleToMultitone(BitmapRecord *bitmap, uint32_t tones, uint32_t type,
@@ -155,7 +157,8 @@ IMG_API int32_t Q_ChangeHueSatIntBitmap(BitmapRecord *bitmap, int32_t hue, int32
                                         int32_t intensity, const HueSatIntRange *ranges, uint32_t count,
                                         uint32_t flags);
 /* shifts in hundredths of a degree, -18000..18000 */
-IMG_API int32_t Q_AdjustBitmapTint(BitmapRecord *bitmap, int32_t thetaShift, int32_t phiShift, uint32_t flags);
+IMG_API int32_t Q_AdjustBitmapTint(BitmapRecord *bitmap, int32_t thetaShift, int32_t phiShift,
+                                   uint32_t flags);
 
 IMG_END_DECLS
 

@@ -14,8 +14,12 @@ int main(void) {
   uint8_t *row;
   int32_t status;
   memset(&bmp, 0, sizeof bmp);
-  status = AllocateBitmap(&bmp, sizeof bmp, MEMORY_CONVENTIONAL, 8, 4, 24, ORDER_BGR, NULL, ORIENT_TOP_FIRST, NULL, 0);
-  if (status != RC_SUCCESS) { printf("AllocateBitmap: %d\n", (int)status); return 1; }
+  status = AllocateBitmap(&bmp, sizeof bmp, MEMORY_CONVENTIONAL, 8, 4, 24, ORDER_BGR, NULL, ORIENT_TOP_FIRST,
+                          NULL, 0);
+  if (status != RC_SUCCESS) {
+    printf("AllocateBitmap: %d\n", (int)status);
+    return 1;
+  }
   SetRect(&rc, 2, 1, 6, 3);
   if (SetBitmapRegionRect(&bmp, &rc, REGION_SET) != RC_SUCCESS || !BitmapHasRegion(&bmp)) return 2;
   if (CreateRowConverter(&bmp, &conv, ROW_LAYOUT_NATIVE) != RC_SUCCESS) return 3;

@@ -1,5 +1,6 @@
 // The shared entry checks.
 #include "frame.h"
+
 #include "kit.h"
 
 using kit::Bitmap;
@@ -27,10 +28,12 @@ TEST(EntryFrame, ChecksRunInOrder) {
       {"size 0", [&] { return img::CheckEntry(all, 0, &zeroSize); }, RC_INVALID_STRUCT_SIZE},
       {"size 176 accepted", [&] { return img::CheckEntry(all, 0, old); }, 0},
       {"gray 32", [&] { return img::CheckEntry(all, 0, gray32); }, RC_GRAY32_NOT_SUPPORTED},
-      {"gray 32 before signed", [&] {
+      {"gray 32 before signed",
+       [&] {
          gray32->Flags |= BITMAP_SIGNED;
          return img::CheckEntry(all, 0, gray32);
-       }, RC_GRAY32_NOT_SUPPORTED},
+       },
+       RC_GRAY32_NOT_SUPPORTED},
       {"signed refused", [&] { return img::CheckEntry(all, 0, sgn); }, RC_SIGNED_DATA_NOT_SUPPORTED},
       {"signed allowed", [&] { return img::CheckEntry(lut, 0, sgn); }, 0},
       {"flags unchecked", [&] { return img::CheckEntry(noFlags, 7, color); }, 0},

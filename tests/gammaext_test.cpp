@@ -18,7 +18,8 @@ TEST(GammaExt, ChecksInOrder) {
   kit::ExpectStatuses({
       {"size before gamma", [&] { return Q_GammaCorrectBitmapExt(&bad, 0, 9); }, RC_INVALID_STRUCT_SIZE},
       {"gray32 before gamma", [&] { return Q_GammaCorrectBitmapExt(gray32, 0, 9); }, RC_GRAY32_NOT_SUPPORTED},
-      {"null bitmap is -13", [&] { return Q_GammaCorrectBitmapExt(nullptr, 100, GAMMA_YUV); }, RC_INVALID_PARAMETER},
+      {"null bitmap is -13", [&] { return Q_GammaCorrectBitmapExt(nullptr, 100, GAMMA_YUV); },
+       RC_INVALID_PARAMETER},
       {"gamma 0", [&] { return Q_GammaCorrectBitmapExt(b, 0, GAMMA_YUV); }, RC_INVALID_PARAMETER},
       {"space 3", [&] { return Q_GammaCorrectBitmapExt(b, 100, 3); }, RC_INVALID_PARAMETER},
       {"space 0", [&] { return Q_GammaCorrectBitmapExt(b, 100, 0); }, RC_INVALID_PARAMETER},
@@ -44,7 +45,8 @@ TEST(GammaExt, PerChannelPathAlwaysReportsSuccess) {
 }
 
 TEST(GammaExt, LumaPathKeepsHueAndMatchesTheIntegerForm) {
-  for (const Spec &spec : {Spec{24, ORDER_BGR}, Spec{32, ORDER_RGB}, Spec{48, ORDER_BGR}, Spec{8, ORDER_GRAY}}) {
+  for (const Spec &spec :
+       {Spec{24, ORDER_BGR}, Spec{32, ORDER_RGB}, Spec{48, ORDER_BGR}, Spec{8, ORDER_GRAY}}) {
     for (uint32_t gamma : {100u, 50u, 220u}) {
       SCOPED_TRACE(spec.Name() + " gamma " + std::to_string(gamma));
       kit::LeakGuard guard;
@@ -64,16 +66,19 @@ TEST(GammaExt, LumaPathKeepsHueAndMatchesTheIntegerForm) {
           Pixel want = p;
           if (kit::InRegion(b, x, y)) {
             const bool gray = spec.IsGray();
-            img::YuvPixel yuv = img::LumaForward(static_cast<int32_t>(p.v[0]), static_cast<int32_t>(gray ? p.v[0] : p.v[1]),
-                                                 static_cast<int32_t>(gray ? p.v[0] : p.v[2]), max);
+            img::YuvPixel yuv =
+                img::LumaForward(static_cast<int32_t>(p.v[0]), static_cast<int32_t>(gray ? p.v[0] : p.v[1]),
+                                 static_cast<int32_t>(gray ? p.v[0] : p.v[2]), max);
             if (gamma == 100) {
               EXPECT_EQ(table[yuv.y], yuv.y);
             }
             yuv.y = table[yuv.y];
             int32_t r, g, bl;
             img::LumaBack(yuv, max, &r, &g, &bl);
-            if (gray) want.v[0] = static_cast<uint32_t>((g * 5 + r * 2 + bl) >> 3);
-            else want = Rgb(r, g, bl, p.v[3]);
+            if (gray)
+              want.v[0] = static_cast<uint32_t>((g * 5 + r * 2 + bl) >> 3);
+            else
+              want = Rgb(r, g, bl, p.v[3]);
           }
           ASSERT_EQ(b.At(x, y), want) << x << "," << y;
         }
@@ -91,9 +96,8 @@ TEST(GammaExt, LifecycleOfTheLumaPath) {
     b->Randomize(2);
     return b;
   };
-  kit::CheckAllocationFailures(setup, [](std::unique_ptr<Bitmap> &b) {
-    return Q_GammaCorrectBitmapExt(b->get(), 150, GAMMA_YUV);
-  });
+  kit::CheckAllocationFailures(
+      setup, [](std::unique_ptr<Bitmap> &b) { return Q_GammaCorrectBitmapExt(b->get(), 150, GAMMA_YUV); });
 }
 
 TEST(AutoBinary, ThresholdSearch) {

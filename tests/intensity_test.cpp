@@ -17,7 +17,9 @@ Bitmap Gradient(const Spec &spec, int32_t w = 8, int32_t h = 4, uint32_t seed = 
   return b;
 }
 
-uint32_t Full(const Spec &s) { return s.bits >= 48 ? 65535 : s.IsGray() && s.bits != 8 ? (s.bits == 12 ? 4095 : 65535) : 255; }
+uint32_t Full(const Spec &s) {
+  return s.bits >= 48 ? 65535 : s.IsGray() && s.bits != 8 ? (s.bits == 12 ? 4095 : 65535) : 255;
+}
 
 // Applies f to every colour sample of the expected pixels (palette bitmaps:
 // to the palette instead).
@@ -27,7 +29,8 @@ void ExpectSampleMap(const Spec &spec, F op, std::function<uint32_t(uint32_t, ui
   kit::LeakGuard guard;
   Bitmap b = Gradient(spec);
   const std::vector<Pixel> before = b.Pixels();
-  std::vector<PaletteEntry> pal(b->Palette ? b->Palette : nullptr, b->Palette ? b->Palette + b->ColorsUsed : nullptr);
+  std::vector<PaletteEntry> pal(b->Palette ? b->Palette : nullptr,
+                                b->Palette ? b->Palette + b->ColorsUsed : nullptr);
   ASSERT_EQ(op(b.get()), RC_SUCCESS);
   if (spec.IsPalette()) {
     EXPECT_EQ(b.Pixels(), before);
@@ -68,7 +71,8 @@ TEST(Forwarding, FlagsAndConstants) {
       {"invert flags before null", [&] { return Q_InvertBitmap(nullptr, 1); }, RC_INVALID_PARAMETER},
       {"intensity flags", [&] { return Q_ChangeBitmapIntensity(b, 10, 2); }, RC_INVALID_PARAMETER},
       {"gray flags", [&] { return Q_GrayScaleBitmapExt(b, 1, 1, 1, 1); }, RC_INVALID_PARAMETER},
-      {"detect flags", [&] { return Q_IntensityDetectBitmap(b, 0, 9, 0, 0, 0x111, 1); }, RC_INVALID_PARAMETER},
+      {"detect flags", [&] { return Q_IntensityDetectBitmap(b, 0, 9, 0, 0, 0x111, 1); },
+       RC_INVALID_PARAMETER},
       {"null bitmap passes through", [&] { return Q_InvertBitmap(nullptr, 0); }, RC_NO_BITMAP},
       {"histogram null", [&] { return Q_GetBitmapHistogram(nullptr, hist, 256, 0); }, RC_NO_BITMAP},
       {"light control null target", [&] { return Q_LightControlBitmap(b, nullptr, targets, targets, 1); },
@@ -92,19 +96,23 @@ TEST(Forwarding, FlagsAndConstants) {
 
 TEST(TableOperations, EveryKind) {
   for (const Spec &spec : kit::AllSpecs(true)) {
-    ExpectSampleMap(spec, [](BitmapRecord *b) { return Q_InvertBitmap(b, 0); },
-                    [](uint32_t v, uint32_t full) { return full - v; });
-    ExpectSampleMap(spec, [](BitmapRecord *b) { return Q_ChangeBitmapIntensity(b, 100, 0); },
-                    [](uint32_t v, uint32_t full) {
-                      const int64_t d = (100 * static_cast<int64_t>(full) + 500) / 1000;  // half away
-                      return static_cast<uint32_t>(std::min<int64_t>(v + d, full));
-                    });
-    ExpectSampleMap(spec, [](BitmapRecord *b) { return Q_ChangeBitmapIntensity(b, -1000, 0); },
-                    [](uint32_t, uint32_t) { return 0u; });
-    ExpectSampleMap(spec, [](BitmapRecord *b) { return Q_GammaCorrectBitmap(b, 200, 0); },
-                    [](uint32_t v, uint32_t full) {
-                      return static_cast<uint32_t>(std::nearbyint(full * std::sqrt(double(v) / full)));
-                    });
+    ExpectSampleMap(
+        spec, [](BitmapRecord *b) { return Q_InvertBitmap(b, 0); },
+        [](uint32_t v, uint32_t full) { return full - v; });
+    ExpectSampleMap(
+        spec, [](BitmapRecord *b) { return Q_ChangeBitmapIntensity(b, 100, 0); },
+        [](uint32_t v, uint32_t full) {
+          const int64_t d = (100 * static_cast<int64_t>(full) + 500) / 1000;  // half away
+          return static_cast<uint32_t>(std::min<int64_t>(v + d, full));
+        });
+    ExpectSampleMap(
+        spec, [](BitmapRecord *b) { return Q_ChangeBitmapIntensity(b, -1000, 0); },
+        [](uint32_t, uint32_t) { return 0u; });
+    ExpectSampleMap(
+        spec, [](BitmapRecord *b) { return Q_GammaCorrectBitmap(b, 200, 0); },
+        [](uint32_t v, uint32_t full) {
+          return static_cast<uint32_t>(std::nearbyint(full * std::sqrt(double(v) / full)));
+        });
   }
 }
 
@@ -118,13 +126,13 @@ TEST(TableOperations, FormulasAtTheirEdges) {
     int32_t c, b, i;
     uint32_t v, want;
   } cases[] = {
-      {1000, 0, 0, 100, 72},   // (100 - 128) * 2 + 128
-      {1000, 0, 0, 200, 255},  // clamped
-      {-1000, 0, 0, 17, 128},  // contrast gone: everything at mid
-      {0, 1000, 0, 0, 255},    // brightness adds full scale
-      {0, -500, 0, 200, 73},   // 200 - 127
-      {0, 0, -1000, 200, 0},   // intensity zero
-      {0, 0, 1000, 100, 200},  // doubled
+      {1000, 0, 0, 100, 72},       // (100 - 128) * 2 + 128
+      {1000, 0, 0, 200, 255},      // clamped
+      {-1000, 0, 0, 17, 128},      // contrast gone: everything at mid
+      {0, 1000, 0, 0, 255},        // brightness adds full scale
+      {0, -500, 0, 200, 73},       // 200 - 127
+      {0, 0, -1000, 200, 0},       // intensity zero
+      {0, 0, 1000, 100, 200},      // doubled
       {500, 100, -200, 150, 148},  // (22 * 1500 / 1000 + 128 + 25) * 800 / 1000 = 148.8
   };
   for (const Case &c : cases) {
@@ -168,7 +176,8 @@ TEST(TableOperations, SignedAttachedAndRegion) {
   for (int32_t y = 0; y < 9; ++y)
     for (int32_t x = 0; x < 9; ++x) {
       const Pixel was = before[y * 9 + x];
-      const Pixel want = kit::InRegion(r, x, y) ? Rgb(65535 - was.v[0], 65535 - was.v[1], 65535 - was.v[2]) : was;
+      const Pixel want =
+          kit::InRegion(r, x, y) ? Rgb(65535 - was.v[0], 65535 - was.v[1], 65535 - was.v[2]) : was;
       EXPECT_EQ(r.At(x, y), want) << x << "," << y;
     }
 }
@@ -215,10 +224,12 @@ TEST(IntensityDetect, SelectorsAndScales) {
   EXPECT_EQ(g12.At(0, 0).v[0], 4095u);
   EXPECT_EQ(g12.At(1, 0).v[0], 0u);
   kit::ExpectStatuses({
-      {"low above high", [&] { return Q_IntensityDetectBitmap(c, 9, 8, 0, 0, 0x111, 0); }, RC_INVALID_PARAMETER},
+      {"low above high", [&] { return Q_IntensityDetectBitmap(c, 9, 8, 0, 0, 0x111, 0); },
+       RC_INVALID_PARAMETER},
       {"high above 12-bit scale", [&] { return Q_IntensityDetectBitmap(g12, 0, 4096, 0, 0, 0x111, 0); },
        RC_INVALID_PARAMETER},
-      {"unknown selector", [&] { return Q_IntensityDetectBitmap(c, 0, 9, 0, 0, 0x1000, 0); }, RC_INVALID_PARAMETER},
+      {"unknown selector", [&] { return Q_IntensityDetectBitmap(c, 0, 9, 0, 0, 0x1000, 0); },
+       RC_INVALID_PARAMETER},
       {"empty selector", [&] { return Q_IntensityDetectBitmap(c, 0, 9, 0, 0, 0, 0); }, RC_INVALID_PARAMETER},
   });
 }

@@ -95,8 +95,9 @@ TEST(AllocateBitmap, RefusesBadArgumentsAndLeavesRecordEmpty) {
   for (const Case &c : cases) {
     BitmapRecord rec;
     std::memset(&rec, 0xAB, sizeof rec);
-    EXPECT_EQ(AllocateBitmap(&rec, c.size, c.kind, c.w, c.h, c.bits, c.order, nullptr, c.orientation, nullptr, 0),
-              c.expected)
+    EXPECT_EQ(
+        AllocateBitmap(&rec, c.size, c.kind, c.w, c.h, c.bits, c.order, nullptr, c.orientation, nullptr, 0),
+        c.expected)
         << c.name;
     if (c.expected == RC_INVALID_PARAMETER) {
       EXPECT_EQ(rec.Flags, 0u) << c.name;
@@ -171,7 +172,8 @@ TEST(Storage, EveryKindStoresAsDocumented) {
       bmp.Set(1, 0, c.pixel);
       std::vector<uint8_t> stored(bmp->BytesPerLine);
       const int32_t storedRow = orientation == ORIENT_TOP_FIRST ? 0 : 1;
-      ASSERT_EQ(GetBitmapRow(bmp, stored.data(), storedRow, bmp->BytesPerLine), static_cast<int32_t>(bmp->BytesPerLine));
+      ASSERT_EQ(GetBitmapRow(bmp, stored.data(), storedRow, bmp->BytesPerLine),
+                static_cast<int32_t>(bmp->BytesPerLine));
       EXPECT_TRUE(std::equal(c.row.begin(), c.row.end(), stored.begin()));
       EXPECT_EQ(bmp.At(1, 0), c.pixel);
       // PutBitmapRow writes the other stored row; the pixel moves with it.
@@ -250,8 +252,10 @@ TEST(Records, CopyAndAllocateSurviveAllocationFailure) {
       [](std::unique_ptr<Bitmap> &b) {
         BitmapRecord copy{};
         const int32_t status = CopyBitmap(&copy, b->get(), 208);
-        if (status == RC_SUCCESS) FreeBitmap(&copy);
-        else EXPECT_EQ(copy.Pixels, nullptr);
+        if (status == RC_SUCCESS)
+          FreeBitmap(&copy);
+        else
+          EXPECT_EQ(copy.Pixels, nullptr);
         return status;
       });
   kit::CheckAllocationFailures([] { return 0; },
@@ -293,8 +297,8 @@ TEST(Records, IsGrayBitmapByKind) {
   struct Case {
     Spec spec;
     bool gray;
-  } cases[] = {{{8, ORDER_GRAY}, true}, {{12, ORDER_GRAY}, true}, {{16, ORDER_GRAY}, true},
-               {{1, ORDER_BGR}, true},  {{4, ORDER_BGR}, true},   {{16, ORDER_BGR}, false},
+  } cases[] = {{{8, ORDER_GRAY}, true},  {{12, ORDER_GRAY}, true}, {{16, ORDER_GRAY}, true},
+               {{1, ORDER_BGR}, true},   {{4, ORDER_BGR}, true},   {{16, ORDER_BGR}, false},
                {{24, ORDER_BGR}, false}, {{64, ORDER_RGB}, false}};
   for (const Case &c : cases) {
     Bitmap b(c.spec, 2, 2);
@@ -311,12 +315,19 @@ TEST(Records, IsGrayBitmapByKind) {
 TEST(Helpers, MulDivRoundsHalfAwayFromZero) {
   struct Case {
     int32_t a, b, c, expected;
-  } cases[] = {{1000, 128, 4000, 32},    {7, 1, 2, 4},          {-7, 1, 2, -4},        {5, 1, -2, -3},
-               {1, 1, 3, 0},             {2, 1, 3, 1},          {INT32_MAX, 2, 2, INT32_MAX},
-               {INT32_MAX, 2, 1, -1},    {1, 1, 0, -1},         {-9, -3, 2, 14},       {0, 5, 7, 0},
+  } cases[] = {{1000, 128, 4000, 32},
+               {7, 1, 2, 4},
+               {-7, 1, 2, -4},
+               {5, 1, -2, -3},
+               {1, 1, 3, 0},
+               {2, 1, 3, 1},
+               {INT32_MAX, 2, 2, INT32_MAX},
+               {INT32_MAX, 2, 1, -1},
+               {1, 1, 0, -1},
+               {-9, -3, 2, 14},
+               {0, 5, 7, 0},
                {INT32_MIN, 1, 1, INT32_MIN}};
-  for (const Case &c : cases)
-    EXPECT_EQ(MulDiv(c.a, c.b, c.c), c.expected) << c.a << "*" << c.b << "/" << c.c;
+  for (const Case &c : cases) EXPECT_EQ(MulDiv(c.a, c.b, c.c), c.expected) << c.a << "*" << c.b << "/" << c.c;
   Rect r;
   EXPECT_EQ(SetRect(&r, 1, 2, 3, 4), 1);
   EXPECT_EQ(r.Bottom, 4);
@@ -338,7 +349,8 @@ TEST(Lists, InsertRemoveAndNeverFreePixels) {
   Bitmap a(Spec{24, ORDER_BGR}, 2, 2), b(Spec{8, ORDER_GRAY}, 3, 3);
   BitmapList list = nullptr;
   ASSERT_EQ(CreateBitmapList(&list), RC_SUCCESS);
-  for (int i = 0; i < 10; ++i) ASSERT_EQ(InsertBitmapListItem(list, -1, i % 2 ? b.get() : a.get()), RC_SUCCESS);
+  for (int i = 0; i < 10; ++i)
+    ASSERT_EQ(InsertBitmapListItem(list, -1, i % 2 ? b.get() : a.get()), RC_SUCCESS);
   ASSERT_EQ(InsertBitmapListItem(list, 0, b.get()), RC_SUCCESS);
   EXPECT_EQ(InsertBitmapListItem(list, 12, b.get()), RC_INVALID_PARAMETER);
   uint32_t count = 0;

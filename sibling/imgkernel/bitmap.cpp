@@ -91,8 +91,10 @@ IMG_API int32_t AllocateBitmap(BitmapRecord *bitmap, uint32_t structSize, int32_
     return RC_NO_MEMORY;
   }
   if (bitmap->ColorsUsed > 0) {
-    if (palette) std::memcpy(pal.get(), palette, sizeof(PaletteEntry) * bitmap->ColorsUsed);
-    else img::GrayRamp(pal.get(), bitmap->BitsPerPixel);
+    if (palette)
+      std::memcpy(pal.get(), palette, sizeof(PaletteEntry) * bitmap->ColorsUsed);
+    else
+      img::GrayRamp(pal.get(), bitmap->BitsPerPixel);
   }
   if (data && dataSize) std::memcpy(pixels.get(), data, dataSize < bytes ? dataSize : bytes);
   bitmap->Pixels = pixels.release();
@@ -166,8 +168,8 @@ IMG_API int32_t InitBitmapHeader(BitmapRecord *bitmap, uint32_t structSize, int3
   if (!bitmap) return RC_NO_BITMAP;
   if (!img::ValidRecordSize(structSize)) return RC_INVALID_STRUCT_SIZE;
   const int32_t order = bitsPerPixel == 12 ? ORDER_GRAY : ORDER_BGR;
-  const int32_t status = img::DescribeBitmap(bitmap, structSize, width, height, bitsPerPixel, order,
-                                             ORIENT_TOP_FIRST);
+  const int32_t status =
+      img::DescribeBitmap(bitmap, structSize, width, height, bitsPerPixel, order, ORIENT_TOP_FIRST);
   if (status != RC_SUCCESS) ClearRecord(bitmap, structSize);
   return status;
 }

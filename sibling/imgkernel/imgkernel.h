@@ -39,15 +39,15 @@ IMG_BEGIN_DECLS
 #define RC_GRAY32_NOT_SUPPORTED (-1364)
 
 /* ---- BitmapRecord.Flags -------------------------------------------------- */
-#define BITMAP_ALLOCATED 0x1u       /* pixel memory exists */
-#define BITMAP_LARGE_MEMORY 0x4u    /* allocated with memory kind 128 */
-#define BITMAP_SIGNED 0x200u        /* samples are two's-complement signed */
+#define BITMAP_ALLOCATED 0x1u          /* pixel memory exists */
+#define BITMAP_LARGE_MEMORY 0x4u       /* allocated with memory kind 128 */
+#define BITMAP_SIGNED 0x200u           /* samples are two's-complement signed */
 #define BITMAP_USE_ATTACHED_LUT 0x800u /* point operations change AttachedLut */
 
 /* ---- ColorOrder ------------------------------------------------------------ */
-#define ORDER_RGB 0   /* red, green, blue bytes (24/32/48/64 bits) */
-#define ORDER_BGR 1   /* blue, green, red bytes */
-#define ORDER_GRAY 2  /* one gray sample per pixel (8, 12, 16 bits) */
+#define ORDER_RGB 0  /* red, green, blue bytes (24/32/48/64 bits) */
+#define ORDER_BGR 1  /* blue, green, red bytes */
+#define ORDER_GRAY 2 /* one gray sample per pixel (8, 12, 16 bits) */
 /* Accepted wherever an order is given: blue-green-red colour. As a conversion
  * target they also force a colour result for gray sources. */
 #define ORDER_BGR_COLOR 4
@@ -119,8 +119,8 @@ typedef struct BitmapRecord {
   uint32_t UpdateCount;       /* incremented by UpdateBitmapInfo */
   int32_t XResolution;        /* dots per inch, 0 = unknown */
   int32_t YResolution;
-  uint8_t Reserved[64];       /* zero */
-  uint8_t Extension[32];      /* present in 208-byte records only; zero */
+  uint8_t Reserved[64];  /* zero */
+  uint8_t Extension[32]; /* present in 208-byte records only; zero */
 } BitmapRecord;
 
 /* ---- Memory ---------------------------------------------------------------- */
@@ -165,16 +165,16 @@ IMG_API StatusCallback GetStatusCallback(void **userData);
 IMG_API int32_t SwapKernelSettings(int32_t first, int32_t second, int32_t *oldFirst, int32_t *oldSecond);
 
 /* ---- Bitmaps ---------------------------------------------------------------- */
-IMG_API int32_t AllocateBitmap(BitmapRecord *bitmap, uint32_t structSize, int32_t memoryKind,
-                               int32_t width, int32_t height, int32_t bitsPerPixel,
-                               int32_t colorOrder, const PaletteEntry *palette,
-                               int32_t orientation, const void *data, uint64_t dataSize);
+IMG_API int32_t AllocateBitmap(BitmapRecord *bitmap, uint32_t structSize, int32_t memoryKind, int32_t width,
+                               int32_t height, int32_t bitsPerPixel, int32_t colorOrder,
+                               const PaletteEntry *palette, int32_t orientation, const void *data,
+                               uint64_t dataSize);
 IMG_API int32_t FreeBitmap(BitmapRecord *bitmap);
 IMG_API int32_t CopyBitmap(BitmapRecord *destination, const BitmapRecord *source, uint32_t structSize);
-IMG_API int32_t ResetBitmap(BitmapRecord *bitmap, uint32_t structSize, int32_t reserved1,
-                            int32_t reserved2, int32_t reserved3);
-IMG_API int32_t InitBitmapHeader(BitmapRecord *bitmap, uint32_t structSize, int32_t width,
-                                 int32_t height, int32_t bitsPerPixel);
+IMG_API int32_t ResetBitmap(BitmapRecord *bitmap, uint32_t structSize, int32_t reserved1, int32_t reserved2,
+                            int32_t reserved3);
+IMG_API int32_t InitBitmapHeader(BitmapRecord *bitmap, uint32_t structSize, int32_t width, int32_t height,
+                                 int32_t bitsPerPixel);
 /* Stored rows (not image rows): returns the bytes copied, or a status < 0. */
 IMG_API int32_t GetBitmapRow(const BitmapRecord *bitmap, void *buffer, int32_t row, uint32_t bytes);
 IMG_API int32_t PutBitmapRow(BitmapRecord *bitmap, const void *buffer, int32_t row, uint32_t bytes);
@@ -187,8 +187,8 @@ IMG_API PaletteEntry *GetPaletteRaw(BitmapRecord *bitmap);
 IMG_API int32_t IsGrayBitmap(const BitmapRecord *bitmap);
 IMG_API int32_t ConvertBitmapDepth(BitmapRecord *bitmap, int32_t bitsPerPixel);
 IMG_API int32_t ConvertBitmapFormat(BitmapRecord *source, BitmapRecord *destination, uint32_t structSize,
-                                    int32_t bitsPerPixel, int32_t colorOrder,
-                                    const PaletteEntry *palette, int32_t paletteCount, uint32_t flags);
+                                    int32_t bitsPerPixel, int32_t colorOrder, const PaletteEntry *palette,
+                                    int32_t paletteCount, uint32_t flags);
 /* Converts one row buffer in place; see CONVERT_* for flags. */
 #define CONVERT_GRAY_SOURCE 0x1u      /* source samples are gray levels */
 #define CONVERT_SIGNIFICANT_BITS 0x4u /* source gray uses lowBit..highBit */

@@ -37,7 +37,8 @@ IMG_API int32_t GetBitmapListCount(BitmapList list, uint32_t *count) {
   return RC_SUCCESS;
 }
 
-IMG_API int32_t GetBitmapListItem(BitmapList list, uint32_t index, BitmapRecord *bitmap, uint32_t structSize) {
+IMG_API int32_t GetBitmapListItem(BitmapList list, uint32_t index, BitmapRecord *bitmap,
+                                  uint32_t structSize) {
   if (!list || !bitmap) return RC_NULL_OPTIONS;
   if (!img::ValidRecordSize(structSize)) return RC_INVALID_STRUCT_SIZE;
   if (index >= list->count) return RC_INVALID_PARAMETER;
@@ -74,7 +75,8 @@ IMG_API int32_t RemoveBitmapListItem(BitmapList list, uint32_t index, BitmapReco
   if (!list) return RC_NULL_OPTIONS;
   if (index >= list->count) return RC_INVALID_PARAMETER;
   if (bitmap) std::memcpy(bitmap, &list->items[index], sizeof(BitmapRecord));
-  std::memmove(&list->items[index], &list->items[index + 1], sizeof(BitmapRecord) * (list->count - index - 1));
+  std::memmove(&list->items[index], &list->items[index + 1],
+               sizeof(BitmapRecord) * (list->count - index - 1));
   list->count--;
   return RC_SUCCESS;
 }

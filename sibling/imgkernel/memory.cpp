@@ -21,7 +21,7 @@ struct alignas(kAlign) BlockHeader {
   uint32_t magic;
   BlockHeader *prev;  // links of the tracking thread's list
   BlockHeader *next;
-  Tracker *tracker;   // null when allocated while tracking was off
+  Tracker *tracker;  // null when allocated while tracking was off
 };
 static_assert(sizeof(BlockHeader) == kAlign);
 constexpr uint32_t kMagic = 0x494D474Bu;  // "IMGK"
@@ -42,8 +42,10 @@ Tracker &ThreadTracker() {
 void Unlink(BlockHeader *h) {
   Tracker *t = h->tracker;
   if (!t) return;
-  if (h->prev) h->prev->next = h->next;
-  else t->head = h->next;
+  if (h->prev)
+    h->prev->next = h->next;
+  else
+    t->head = h->next;
   if (h->next) h->next->prev = h->prev;
   t->count--;
   t->bytes -= h->size;

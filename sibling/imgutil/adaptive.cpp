@@ -4,8 +4,8 @@
 // does not depend on the window size.
 #include <cstring>
 
-#include "curves.h"
 #include "converter_guard.h"
+#include "curves.h"
 #include "ops_common.h"
 #include "pixels.h"
 
@@ -27,7 +27,8 @@ void ToPlanes(const Context &c, const uint8_t *row, int32_t *out) {
     auto s = [&](int32_t i) -> int32_t {
       return c.wide ? reinterpret_cast<const uint16_t *>(row)[x * c.channels + i] : row[x * c.channels + i];
     };
-    if (c.luminance) out[x] = img::LumaForward(s(2), s(1), s(0), c.max).y;
+    if (c.luminance)
+      out[x] = img::LumaForward(s(2), s(1), s(0), c.max).y;
     else
       for (int32_t p = 0; p < c.planes; ++p) out[x * c.planes + p] = s(p);
   }
@@ -50,7 +51,9 @@ int32_t Run(Context &c, const Rect &bounds) {
     const int64_t m = (virtualRow % c.dim + c.dim) % c.dim;
     return ring.get() + static_cast<size_t>(m) * rowValues;
   };
-  auto clampRow = [&](int64_t r) { return static_cast<int32_t>(r < 0 ? 0 : r >= c.height ? c.height - 1 : r); };
+  auto clampRow = [&](int64_t r) {
+    return static_cast<int32_t>(r < 0 ? 0 : r >= c.height ? c.height - 1 : r);
+  };
   // Loads virtual row v (clamped to the bitmap) into its slot.
   auto load = [&](int64_t v) -> int32_t {
     const int32_t st = ReadRow(c.conv, row.get(), clampRow(v), nullptr, nullptr);
@@ -101,8 +104,10 @@ int32_t Run(Context &c, const Rect &bounds) {
             img::LumaBack(yuv, c.max, &r, &g, &b);
             const int32_t out3[3] = {b, g, r};
             for (int32_t i = 0; i < 3; ++i) {
-              if (c.wide) reinterpret_cast<uint16_t *>(row.get())[x * c.channels + i] = static_cast<uint16_t>(out3[i]);
-              else row[x * c.channels + i] = static_cast<uint8_t>(out3[i]);
+              if (c.wide)
+                reinterpret_cast<uint16_t *>(row.get())[x * c.channels + i] = static_cast<uint16_t>(out3[i]);
+              else
+                row[x * c.channels + i] = static_cast<uint8_t>(out3[i]);
             }
           } else if (c.wide) {
             reinterpret_cast<uint16_t *>(row.get())[x * c.channels + p] = static_cast<uint16_t>(nv);

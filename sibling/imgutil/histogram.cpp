@@ -158,7 +158,6 @@ int32_t MinUpdate(int32_t oldMin, int32_t entering, int32_t leftOld, Search &&ab
   return above(oldMin);
 }
 
-
 // The byte samples of 8-bit gray, 24 and 32-bit pixels (all three colour
 // samples, or one channel; never the fourth) counted into four banks, so
 // that neighbouring equal samples do not wait for each other's increment;
@@ -174,7 +173,9 @@ int32_t CountBytes(const BitmapRecord *b, Kind kind, uint32_t channel, uint32_t 
       if (channel != LUT_CHANNEL_ALL && kind != Kind::Gray8) {
         // One sample of each pixel: red is byte 2 of blue-green-red pixels.
         const bool rgb = b->ColorOrder == ORDER_RGB;
-        const int32_t offset = channel == LUT_CHANNEL_GREEN ? 1 : ((channel == LUT_CHANNEL_RED) != rgb) ? 2 : 0;
+        const int32_t offset = channel == LUT_CHANNEL_GREEN            ? 1
+                               : ((channel == LUT_CHANNEL_RED) != rgb) ? 2
+                                                                       : 0;
         const int32_t step = kind == Kind::Color24 ? 3 : 4;
         const uint8_t *p = row + runs[r].Start * step + offset, *e = row + runs[r].End * step + offset;
         for (; p + 2 * step <= e; p += 2 * step) {

@@ -80,7 +80,8 @@ IMG_API int32_t ApplyLut(BitmapRecord *bitmap, const int32_t *table, uint32_t le
 IMG_API void ShiftLutForSigned(int32_t *table, uint32_t length);
 /* Entries first .. last - 1: firstValue + (lastValue - firstValue) *
  * (i - first) / (last - first), truncated toward zero. */
-IMG_API void FillLutSegment(int32_t first, int32_t last, int32_t firstValue, int32_t lastValue, int32_t *table);
+IMG_API void FillLutSegment(int32_t first, int32_t last, int32_t firstValue, int32_t lastValue,
+                            int32_t *table);
 IMG_API int32_t SignedToUnsigned(BitmapRecord *bitmap, int32_t reserved1, int32_t reserved2);
 IMG_API int32_t UnsignedToSigned(BitmapRecord *bitmap, int32_t reserved1, int32_t reserved2);
 
@@ -116,8 +117,10 @@ IMG_API int32_t HistogramMinUpdate(const uint32_t *counts, int32_t oldMin, int32
 #define HISTOGRAM16_BUCKET 257
 IMG_API int32_t Histogram16Max(const uint32_t *buckets);
 IMG_API int32_t Histogram16Min(const uint32_t *buckets);
-IMG_API int32_t Histogram16MaxUpdate(const uint32_t *buckets, int32_t oldMax, int32_t entering, int32_t leftOld);
-IMG_API int32_t Histogram16MinUpdate(const uint32_t *buckets, int32_t oldMin, int32_t entering, int32_t leftOld);
+IMG_API int32_t Histogram16MaxUpdate(const uint32_t *buckets, int32_t oldMax, int32_t entering,
+                                     int32_t leftOld);
+IMG_API int32_t Histogram16MinUpdate(const uint32_t *buckets, int32_t oldMin, int32_t entering,
+                                     int32_t leftOld);
 IMG_API void Histogram16Add(uint32_t *buckets, int32_t value);
 IMG_API void Histogram16Remove(uint32_t *buckets, int32_t value);
 

@@ -2,8 +2,8 @@
 // contrast-brightness-intensity, light control, automatic and manual levels.
 #include <cstring>
 
-#include "curves.h"
 #include "converter_guard.h"
+#include "curves.h"
 #include "ops_common.h"
 #include "pixels.h"
 
@@ -266,7 +266,8 @@ IMG_API int32_t LightControl(BitmapRecord *bitmap, const uint32_t *lower, const 
     return PerChannel(
         bitmap, 0, 100,
         [&](uint32_t channel, int32_t at) {
-          const int32_t status = ChannelHistogram(bitmap, histogram.get(), length, HistogramChannel(channel), at, at);
+          const int32_t status =
+              ChannelHistogram(bitmap, histogram.get(), length, HistogramChannel(channel), at, at);
           flat = !LightStatistics(histogram.get(), length, &lo, &mean, &hi);
           return status;
         },
@@ -306,23 +307,23 @@ IMG_API int32_t LightControl(BitmapRecord *bitmap, const uint32_t *lower, const 
       status = ReadRow(conv.get(), row.get(), y, runs.get(), &count);
       if (status != RC_SUCCESS) return status;
       for (int32_t k = 0; k < count; ++k)
-      for (int32_t x = runs[k].Start; x < runs[k].End; ++x) {
-        img::YuvPixel p = img::LumaForward(sample(3 * x + 2), sample(3 * x + 1), sample(3 * x), max);
-        if (pass == 0) {
-          yh[p.y]++;
-          continue;
+        for (int32_t x = runs[k].Start; x < runs[k].End; ++x) {
+          img::YuvPixel p = img::LumaForward(sample(3 * x + 2), sample(3 * x + 1), sample(3 * x), max);
+          if (pass == 0) {
+            yh[p.y]++;
+            continue;
+          }
+          p.y = curve[p.y];
+          int32_t r, g, b;
+          img::LumaBack(p, max, &r, &g, &b);
+          const int32_t v[3] = {b, g, r};
+          for (int c = 0; c < 3; ++c) {
+            if (wide)
+              reinterpret_cast<uint16_t *>(row.get())[3 * x + c] = static_cast<uint16_t>(v[c]);
+            else
+              row[3 * x + c] = static_cast<uint8_t>(v[c]);
+          }
         }
-        p.y = curve[p.y];
-        int32_t r, g, b;
-        img::LumaBack(p, max, &r, &g, &b);
-        const int32_t v[3] = {b, g, r};
-        for (int c = 0; c < 3; ++c) {
-          if (wide)
-            reinterpret_cast<uint16_t *>(row.get())[3 * x + c] = static_cast<uint16_t>(v[c]);
-          else
-            row[3 * x + c] = static_cast<uint8_t>(v[c]);
-        }
-      }
       if (pass == 1 && (status = WriteRow(conv.get(), row.get(), y, nullptr, nullptr)) != RC_SUCCESS)
         return status;
       const int32_t done = (y - bounds.Top + 1) * 50 / (rows ? rows : 1);
@@ -355,7 +356,8 @@ IMG_API int32_t AutoColorLevel(BitmapRecord *bitmap, uint32_t type, uint32_t bla
     return PerChannel(
         bitmap, 0, 100,
         [&](uint32_t channel, int32_t at) {
-          const int32_t status = ChannelHistogram(bitmap, histogram.get(), length, HistogramChannel(channel), at, at);
+          const int32_t status =
+              ChannelHistogram(bitmap, histogram.get(), length, HistogramChannel(channel), at, at);
           stretch = ClipRange(histogram.get(), length, blackClip, whiteClip, &lo, &hi);
           return status;
         },

@@ -178,7 +178,8 @@ __attribute__((target("avx2"))) void MapAvx2(const uint8_t *table, const uint8_t
 // bit of each sample picks the half. 64 samples a step.
 __attribute__((target("avx512f,avx512bw,avx512vbmi"))) void MapAvx512Vbmi(const uint8_t *table,
                                                                           const uint8_t *src, uint8_t *dst,
-                                                                          std::size_t count, bool keepFourth) {
+                                                                          std::size_t count,
+                                                                          bool keepFourth) {
   const __m512i q0 = _mm512_loadu_si512(table), q1 = _mm512_loadu_si512(table + 64);
   const __m512i q2 = _mm512_loadu_si512(table + 128), q3 = _mm512_loadu_si512(table + 192);
   const __mmask64 fourth = keepFourth ? 0x8888888888888888ull : 0;

@@ -14,7 +14,8 @@ namespace img {
 
 // Ways to run a 256-entry byte lookup. Every path gives the same bytes.
 enum class LutPath { Scalar = 0, Ssse3 = 1, Avx2 = 2, Avx512Vbmi = 3 };
-inline constexpr LutPath kAllLutPaths[] = {LutPath::Scalar, LutPath::Ssse3, LutPath::Avx2, LutPath::Avx512Vbmi};
+inline constexpr LutPath kAllLutPaths[] = {LutPath::Scalar, LutPath::Ssse3, LutPath::Avx2,
+                                           LutPath::Avx512Vbmi};
 
 // True when the running CPU can execute the path (Scalar always).
 bool LutPathAvailable(LutPath path);

@@ -29,7 +29,8 @@ int32_t WalkRows(BitmapRecord *b, int32_t layout, RowConverter *handleOut, Step 
   img::KernelBuffer<RowRun> runs;
   runs.adopt(AllocRunList(conv.get()), __LINE__, kSourceFile);
   if (!row || !runs) return RC_NO_MEMORY;
-  status = BitmapHasRegion(b) ? BeginRegionProgress(conv.get(), 0, 100) : BeginWholeBitmapProgress(conv.get(), 0, 100);
+  status = BitmapHasRegion(b) ? BeginRegionProgress(conv.get(), 0, 100)
+                              : BeginWholeBitmapProgress(conv.get(), 0, 100);
   if (status != RC_SUCCESS) return status;
   Rect bounds{};
   GetRegionBounds(b, nullptr, &bounds);
@@ -86,8 +87,10 @@ int32_t GrayInPlace(BitmapRecord *b, int32_t red, int32_t green, int32_t blue) {
       uint64_t s[3];
       for (int c = 0; c < 3; ++c) s[c] = wide ? Samples<uint16_t>(row.get())[3 * x + c] : row[3 * x + c];
       const uint64_t gray = (red * s[2] + green * s[1] + blue * s[0]) / 10000;
-      if (wide) img::Store16(out + 2 * x, static_cast<uint32_t>(gray));
-      else out[x] = static_cast<uint8_t>(gray);
+      if (wide)
+        img::Store16(out + 2 * x, static_cast<uint32_t>(gray));
+      else
+        out[x] = static_cast<uint8_t>(gray);
     }
     if ((status = progress.step((y + 1) * 100 / b->Height)) != RC_SUCCESS) return status;
   }
@@ -122,7 +125,8 @@ IMG_API int32_t GrayScaleExt(BitmapRecord *bitmap, int32_t red, int32_t green, i
       red + green + blue > 10000)
     return RC_INVALID_PARAMETER;
   if (bitmap->Flags & BITMAP_SIGNED) return RC_SIGNED_DATA_NOT_SUPPORTED;
-  if (bitmap->ColorOrder != ORDER_GRAY && !BitmapHasRegion(bitmap)) return GrayInPlace(bitmap, red, green, blue);
+  if (bitmap->ColorOrder != ORDER_GRAY && !BitmapHasRegion(bitmap))
+    return GrayInPlace(bitmap, red, green, blue);
   // With a region the kind stays: the pixels inside get their gray level in
   // all three colour samples. Gray bitmaps take sum(weights) / 10000 of
   // their sample.
@@ -140,8 +144,10 @@ IMG_API int32_t GrayScaleExt(BitmapRecord *bitmap, int32_t red, int32_t green, i
         const uint64_t gray = (red * s[2] + green * s[1] + blue * s[0]) / 10000;
         for (int c = 0; c < (n == 1 ? 1 : 3); ++c) {
           const int32_t i = n == 1 ? x : x * n + c;
-          if (wide) Samples<uint16_t>(row)[i] = static_cast<uint16_t>(gray);
-          else row[i] = static_cast<uint8_t>(gray);
+          if (wide)
+            Samples<uint16_t>(row)[i] = static_cast<uint16_t>(gray);
+          else
+            row[i] = static_cast<uint8_t>(gray);
         }
       }
   });
@@ -159,7 +165,8 @@ IMG_API int32_t IntensityDetect(BitmapRecord *bitmap, uint32_t low, uint32_t hig
                           (channel & DETECT_CHANNEL_RED) != 0};
 
   // Palette bitmaps without region: the palette entries are the pixels.
-  if (img::IsPaletteBitmap(bitmap) && !BitmapHasRegion(bitmap) && bitmap->Palette && bitmap->PaletteFlag == 0) {
+  if (img::IsPaletteBitmap(bitmap) && !BitmapHasRegion(bitmap) && bitmap->Palette &&
+      bitmap->PaletteFlag == 0) {
     uint32_t in[3], out[3];
     ColorSamples(inColor, false, in);
     ColorSamples(outColor, false, out);
@@ -184,8 +191,10 @@ IMG_API int32_t IntensityDetect(BitmapRecord *bitmap, uint32_t low, uint32_t hig
     const bool wide = RowBitsPerChannel(handle) == 16;
     auto get = [&](int32_t i) -> uint32_t { return wide ? Samples<uint16_t>(row)[i] : row[i]; };
     auto put = [&](int32_t i, uint32_t v) {
-      if (wide) Samples<uint16_t>(row)[i] = static_cast<uint16_t>(v);
-      else row[i] = static_cast<uint8_t>(v);
+      if (wide)
+        Samples<uint16_t>(row)[i] = static_cast<uint16_t>(v);
+      else
+        row[i] = static_cast<uint8_t>(v);
     };
     if (n == 1) {
       // Gray: the sample is tested; colours become their gray level on the

@@ -14,7 +14,8 @@ struct YuvPixel {
 // U = ((B - Y) * 16122) >> 15, V = ((R - Y) * 25203) >> 15 (arithmetic).
 inline YuvPixel LumaForward(int32_t r, int32_t g, int32_t b, int32_t max) {
   uint32_t y = (static_cast<uint32_t>(r) * 9798u + static_cast<uint32_t>(g) * 19235u +
-                static_cast<uint32_t>(b) * 3736u) >> 15;
+                static_cast<uint32_t>(b) * 3736u) >>
+               15;
   if (y > static_cast<uint32_t>(max)) y = static_cast<uint32_t>(max);
   const int32_t iy = static_cast<int32_t>(y);
   return YuvPixel{iy, ((b - iy) * 16122) >> 15, ((r - iy) * 25203) >> 15};

@@ -24,7 +24,8 @@ class KernelBuffer {
   }
   KernelBuffer(const KernelBuffer &) = delete;
   KernelBuffer &operator=(const KernelBuffer &) = delete;
-  KernelBuffer(KernelBuffer &&o) noexcept : ptr_(std::exchange(o.ptr_, nullptr)), line_(o.line_), file_(o.file_) {}
+  KernelBuffer(KernelBuffer &&o) noexcept
+      : ptr_(std::exchange(o.ptr_, nullptr)), line_(o.line_), file_(o.file_) {}
   KernelBuffer &operator=(KernelBuffer &&o) noexcept {
     if (this != &o) {
       reset();

@@ -18,7 +18,19 @@
 
 namespace img {
 
-enum class Kind { Invalid, Palette, Gray8, Gray12, Gray16, Gray32, Color16, Color24, Color32, Color48, Color64 };
+enum class Kind {
+  Invalid,
+  Palette,
+  Gray8,
+  Gray12,
+  Gray16,
+  Gray32,
+  Color16,
+  Color24,
+  Color32,
+  Color48,
+  Color64
+};
 
 inline bool IsBgrOrder(int32_t order) {
   return order == ORDER_BGR || order == ORDER_BGR_COLOR || order == ORDER_BGR_COLOR_WIDE;
@@ -29,20 +41,33 @@ inline Kind KindOf(int32_t bits, int32_t order) {
   const bool gray = order == ORDER_GRAY;
   if (!gray && !IsColorOrder(order)) return Kind::Invalid;
   switch (bits) {
-    case 1: case 2: case 4: return gray ? Kind::Invalid : Kind::Palette;
-    case 8: return gray ? Kind::Gray8 : Kind::Palette;
-    case 12: return gray ? Kind::Gray12 : Kind::Invalid;
-    case 16: return gray ? Kind::Gray16 : Kind::Color16;
-    case 24: return gray ? Kind::Invalid : Kind::Color24;
-    case 32: return gray ? Kind::Gray32 : Kind::Color32;
-    case 48: return gray ? Kind::Invalid : Kind::Color48;
-    case 64: return gray ? Kind::Invalid : Kind::Color64;
-    default: return Kind::Invalid;
+    case 1:
+    case 2:
+    case 4:
+      return gray ? Kind::Invalid : Kind::Palette;
+    case 8:
+      return gray ? Kind::Gray8 : Kind::Palette;
+    case 12:
+      return gray ? Kind::Gray12 : Kind::Invalid;
+    case 16:
+      return gray ? Kind::Gray16 : Kind::Color16;
+    case 24:
+      return gray ? Kind::Invalid : Kind::Color24;
+    case 32:
+      return gray ? Kind::Gray32 : Kind::Color32;
+    case 48:
+      return gray ? Kind::Invalid : Kind::Color48;
+    case 64:
+      return gray ? Kind::Invalid : Kind::Color64;
+    default:
+      return Kind::Invalid;
   }
 }
 inline Kind KindOf(const BitmapRecord *b) { return KindOf(b->BitsPerPixel, b->ColorOrder); }
 
-inline bool IsGrayKind(Kind k) { return k == Kind::Gray8 || k == Kind::Gray12 || k == Kind::Gray16 || k == Kind::Gray32; }
+inline bool IsGrayKind(Kind k) {
+  return k == Kind::Gray8 || k == Kind::Gray12 || k == Kind::Gray16 || k == Kind::Gray32;
+}
 
 // Bytes of one stored row: padded to a multiple of 4; 0 on overflow.
 // 12-bit gray samples are stored in 16-bit words.
@@ -65,10 +90,14 @@ inline uint8_t *ImageRow(const BitmapRecord *b, int32_t row) { return StoredRow(
 // Palette index of pixel x of a 1/2/4/8-bit row.
 inline uint32_t GetIndex(const uint8_t *row, int32_t x, int32_t bits) {
   switch (bits) {
-    case 1: return (row[x >> 3] >> (7 - (x & 7))) & 1u;
-    case 2: return (row[x >> 2] >> (6 - 2 * (x & 3))) & 3u;
-    case 4: return (row[x >> 1] >> (4 - 4 * (x & 1))) & 15u;
-    default: return row[x];
+    case 1:
+      return (row[x >> 3] >> (7 - (x & 7))) & 1u;
+    case 2:
+      return (row[x >> 2] >> (6 - 2 * (x & 3))) & 3u;
+    case 4:
+      return (row[x >> 1] >> (4 - 4 * (x & 1))) & 15u;
+    default:
+      return row[x];
   }
 }
 inline void SetIndex(uint8_t *row, int32_t x, int32_t bits, uint32_t v) {
@@ -88,7 +117,8 @@ inline void SetIndex(uint8_t *row, int32_t x, int32_t bits, uint32_t v) {
       row[x >> 1] = static_cast<uint8_t>((row[x >> 1] & ~(15u << s)) | ((v & 15u) << s));
       break;
     }
-    default: row[x] = static_cast<uint8_t>(v);
+    default:
+      row[x] = static_cast<uint8_t>(v);
   }
 }
 

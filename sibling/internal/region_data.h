@@ -16,13 +16,15 @@ struct ImgRegion {
   int32_t Bottom;     // one past the last row (Top when empty)
   int32_t Left;       // bounds of all runs
   int32_t Right;
-  uint64_t Area;      // pixels inside
-  int32_t MaxRuns;    // most runs in one row
+  uint64_t Area;    // pixels inside
+  int32_t MaxRuns;  // most runs in one row
   int32_t RunCount;
 };
 
 namespace img {
-inline const uint32_t *RegionRowStart(const ImgRegion *r) { return reinterpret_cast<const uint32_t *>(r + 1); }
+inline const uint32_t *RegionRowStart(const ImgRegion *r) {
+  return reinterpret_cast<const uint32_t *>(r + 1);
+}
 inline const RowRun *RegionRuns(const ImgRegion *r) {
   return reinterpret_cast<const RowRun *>(RegionRowStart(r) + (r->Bottom - r->Top + 1));
 }

@@ -29,7 +29,11 @@ std::ostream &operator<<(std::ostream &os, const Pixel &p) {
 
 std::string Spec::Name() const {
   std::ostringstream s;
-  s << bits << (IsGray() ? "gray" : IsPalette() ? "pal" : order == ORDER_RGB ? "rgb" : "bgr")
+  s << bits
+    << (IsGray()             ? "gray"
+        : IsPalette()        ? "pal"
+        : order == ORDER_RGB ? "rgb"
+                             : "bgr")
     << (orientation == ORIENT_BOTTOM_FIRST ? "_bottomup" : "") << (structSize == 176 ? "_176" : "");
   return s.str();
 }
@@ -47,7 +51,7 @@ uint32_t Spec::SampleMax() const {
 }
 
 std::vector<Spec> AllSpecs(bool orientations) {
-  std::vector<Spec> base = {{1, ORDER_BGR}, {2, ORDER_BGR}, {4, ORDER_BGR}, {8, ORDER_BGR},
+  std::vector<Spec> base = {{1, ORDER_BGR},  {2, ORDER_BGR},   {4, ORDER_BGR},  {8, ORDER_BGR},
                             {8, ORDER_GRAY}, {12, ORDER_GRAY}, {16, ORDER_GRAY}};
   for (const Spec &s : ColorSpecs()) base.push_back(s);
   if (!orientations) return base;
@@ -97,16 +101,27 @@ Pixel Bitmap::At(int32_t x, int32_t y) const {
   const int32_t bits = rec_.BitsPerPixel;
   Pixel p;
   if (rec_.ColorOrder == ORDER_GRAY) {
-    if (bits == 8) p.v[0] = row[x];
-    else if (bits == 32) std::memcpy(&p.v[0], row + 4 * x, 4);
-    else p.v[0] = Get16(row + 2 * x);
+    if (bits == 8)
+      p.v[0] = row[x];
+    else if (bits == 32)
+      std::memcpy(&p.v[0], row + 4 * x, 4);
+    else
+      p.v[0] = Get16(row + 2 * x);
     return p;
   }
   switch (bits) {
-    case 1: p.v[0] = (row[x >> 3] >> (7 - (x & 7))) & 1u; break;
-    case 2: p.v[0] = (row[x >> 2] >> (6 - 2 * (x & 3))) & 3u; break;
-    case 4: p.v[0] = (row[x >> 1] >> (4 - 4 * (x & 1))) & 15u; break;
-    case 8: p.v[0] = row[x]; break;
+    case 1:
+      p.v[0] = (row[x >> 3] >> (7 - (x & 7))) & 1u;
+      break;
+    case 2:
+      p.v[0] = (row[x >> 2] >> (6 - 2 * (x & 3))) & 3u;
+      break;
+    case 4:
+      p.v[0] = (row[x >> 1] >> (4 - 4 * (x & 1))) & 15u;
+      break;
+    case 8:
+      p.v[0] = row[x];
+      break;
     case 16: {
       const uint32_t w = Get16(row + 2 * x);
       p = Rgb((w >> 10) & 31u, (w >> 5) & 31u, w & 31u);
@@ -128,13 +143,18 @@ void Bitmap::Set(int32_t x, int32_t y, const Pixel &p) {
   uint8_t *row = RowOf(&rec_, y);
   const int32_t bits = rec_.BitsPerPixel;
   if (rec_.ColorOrder == ORDER_GRAY) {
-    if (bits == 8) row[x] = static_cast<uint8_t>(p.v[0]);
-    else if (bits == 32) std::memcpy(row + 4 * x, &p.v[0], 4);
-    else Put16(row + 2 * x, p.v[0]);
+    if (bits == 8)
+      row[x] = static_cast<uint8_t>(p.v[0]);
+    else if (bits == 32)
+      std::memcpy(row + 4 * x, &p.v[0], 4);
+    else
+      Put16(row + 2 * x, p.v[0]);
     return;
   }
   switch (bits) {
-    case 1: case 2: case 4: {
+    case 1:
+    case 2:
+    case 4: {
       const int32_t perByte = 8 / bits;
       const int32_t shift = (perByte - 1 - x % perByte) * bits;
       const uint32_t mask = ((1u << bits) - 1) << shift;
@@ -142,17 +162,23 @@ void Bitmap::Set(int32_t x, int32_t y, const Pixel &p) {
       byte = static_cast<uint8_t>((byte & ~mask) | ((p.v[0] << shift) & mask));
       break;
     }
-    case 8: row[x] = static_cast<uint8_t>(p.v[0]); break;
-    case 16: Put16(row + 2 * x, (p.v[2] & 31u) | ((p.v[1] & 31u) << 5) | ((p.v[0] & 31u) << 10)); break;
+    case 8:
+      row[x] = static_cast<uint8_t>(p.v[0]);
+      break;
+    case 16:
+      Put16(row + 2 * x, (p.v[2] & 31u) | ((p.v[1] & 31u) << 5) | ((p.v[0] & 31u) << 10));
+      break;
     default: {
       const int32_t n = bits / (bits >= 48 ? 16 : 8);
       const int32_t size = bits >= 48 ? 2 : 1;
       uint8_t *s = row + static_cast<int64_t>(x) * n * size;
-      const uint32_t c[4] = {Bgr(rec_.ColorOrder) ? p.v[2] : p.v[0], p.v[1], Bgr(rec_.ColorOrder) ? p.v[0] : p.v[2],
-                             p.v[3]};
+      const uint32_t c[4] = {Bgr(rec_.ColorOrder) ? p.v[2] : p.v[0], p.v[1],
+                             Bgr(rec_.ColorOrder) ? p.v[0] : p.v[2], p.v[3]};
       for (int32_t i = 0; i < n; ++i) {
-        if (size == 2) Put16(s + 2 * i, c[i]);
-        else s[i] = static_cast<uint8_t>(c[i]);
+        if (size == 2)
+          Put16(s + 2 * i, c[i]);
+        else
+          s[i] = static_cast<uint8_t>(c[i]);
       }
     }
   }
@@ -183,7 +209,8 @@ void Bitmap::Randomize(uint32_t seed) {
   for (int32_t y = 0; y < rec_.Height; ++y)
     for (int32_t x = 0; x < rec_.Width; ++x) {
       Pixel p;
-      for (int32_t c = 0; c < spec_.Channels(); ++c) p.v[c] = max == 0xFFFFFFFFu ? next() : next() % (max + 1);
+      for (int32_t c = 0; c < spec_.Channels(); ++c)
+        p.v[c] = max == 0xFFFFFFFFu ? next() : next() % (max + 1);
       Set(x, y, p);
     }
 }
@@ -197,7 +224,8 @@ std::vector<uint8_t> Bitmap::StoredBytes() const {
   return std::vector<uint8_t>(rec_.Pixels, rec_.Pixels + rec_.DataSize);
 }
 
-void SetRectRegion(BitmapRecord *b, int32_t left, int32_t top, int32_t right, int32_t bottom, uint32_t combine) {
+void SetRectRegion(BitmapRecord *b, int32_t left, int32_t top, int32_t right, int32_t bottom,
+                   uint32_t combine) {
   const Rect r{left, top, right, bottom};
   ASSERT_EQ(SetBitmapRegionRect(b, &r, combine), RC_SUCCESS);
 }

@@ -37,8 +37,8 @@ struct Spec {
   std::string Name() const;
   bool IsPalette() const { return bits <= 8 && order != ORDER_GRAY; }
   bool IsGray() const { return order == ORDER_GRAY; }
-  int32_t Channels() const;        // samples a pixel holds: 1 (palette, gray), 3 or 4
-  uint32_t SampleMax() const;      // largest sample value
+  int32_t Channels() const;    // samples a pixel holds: 1 (palette, gray), 3 or 4
+  uint32_t SampleMax() const;  // largest sample value
 };
 // Every kind the family stores, in both orientations when `orientations`.
 std::vector<Spec> AllSpecs(bool orientations = false);
@@ -214,7 +214,8 @@ int CheckCancellation(Setup setup, Call call, int32_t success, bool monotonic) {
       EXPECT_EQ(call(fixture), kCancel) << "cancel at report " << k << " of " << total;
       EXPECT_FALSE(reportedAfter) << "reports continued after cancel at " << k;
     }
-    EXPECT_EQ(detail::TrackedLive(), before) << "leak after cancel at " << k << "\n" << DescribeLiveAllocations();
+    EXPECT_EQ(detail::TrackedLive(), before) << "leak after cancel at " << k << "\n"
+                                             << DescribeLiveAllocations();
   }
   return static_cast<int>(total);
 }

@@ -37,7 +37,9 @@ ArgSpec LevelSet(const char *name, const char *help) {
           .maxCount = 5};
 }
 
-std::vector<uint32_t> Unsigned(const std::vector<int32_t> &v) { return std::vector<uint32_t>(v.begin(), v.end()); }
+std::vector<uint32_t> Unsigned(const std::vector<int32_t> &v) {
+  return std::vector<uint32_t>(v.begin(), v.end());
+}
 
 int32_t Levels(BitmapRecord *b, const ArgValues &a, std::ostream &) {
   ColorLevelRecord rec{};
@@ -81,82 +83,129 @@ const imgtool::Registrar kRegistrar{{
      .summary = "Brighten or darken by a share of full scale",
      .help = "Adds change x full scale / 1000 (rounded) to every colour sample, clamped.",
      .args = {Tenths("change", "tenths of a percent of full scale", "100")},
-     .call = [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
-       return Q_ChangeBitmapIntensity(b, a.Int("change"), 0);
-     }},
+     .call = [](BitmapRecord *b, const ArgValues &a,
+                std::ostream &) { return Q_ChangeBitmapIntensity(b, a.Int("change"), 0); }},
     {.name = "gray-ext",
      .exportName = "Q_GrayScaleBitmapExt",
      .summary = "Convert to gray with chosen weights",
      .help = "gray = (red x R + green x G + blue x B) / 10000. Without a region the bitmap becomes 8-bit (or "
              "16-bit) gray; with one, the pixels inside take their gray level and the kind stays.",
-     .args = {{.name = "red", .type = ArgType::Int, .min = 0, .max = 10000, .defaultValue = "2990",
+     .args = {{.name = "red",
+               .type = ArgType::Int,
+               .min = 0,
+               .max = 10000,
+               .defaultValue = "2990",
                .help = "weight of red, hundredths of a percent"},
-              {.name = "green", .type = ArgType::Int, .min = 0, .max = 10000, .defaultValue = "5870",
+              {.name = "green",
+               .type = ArgType::Int,
+               .min = 0,
+               .max = 10000,
+               .defaultValue = "5870",
                .help = "weight of green, hundredths of a percent"},
-              {.name = "blue", .type = ArgType::Int, .min = 0, .max = 10000, .defaultValue = "1140",
+              {.name = "blue",
+               .type = ArgType::Int,
+               .min = 0,
+               .max = 10000,
+               .defaultValue = "1140",
                .help = "weight of blue, hundredths of a percent (the three sum to at most 10000)"}},
-     .call = [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
-       return Q_GrayScaleBitmapExt(b, a.Int("red"), a.Int("green"), a.Int("blue"), 0);
-     }},
+     .call =
+         [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
+           return Q_GrayScaleBitmapExt(b, a.Int("red"), a.Int("green"), a.Int("blue"), 0);
+         }},
     {.name = "detect",
      .exportName = "Q_IntensityDetectBitmap",
      .summary = "Paint pixels inside and outside an intensity range",
      .help = "Pixels whose intensity (or selected channel) lies in [low, high] take the inside colour, the "
              "others the outside colour. Levels are on the bitmap's own scale (255, 4095, 65535).",
-     .args = {{.name = "low", .type = ArgType::UInt, .min = 0, .max = 65535, .defaultValue = "128",
+     .args = {{.name = "low",
+               .type = ArgType::UInt,
+               .min = 0,
+               .max = 65535,
+               .defaultValue = "128",
                .help = "lowest level inside"},
-              {.name = "high", .type = ArgType::UInt, .min = 0, .max = 65535, .defaultValue = "255",
+              {.name = "high",
+               .type = ArgType::UInt,
+               .min = 0,
+               .max = 65535,
+               .defaultValue = "255",
                .help = "highest level inside (at most full scale)"},
-              {.name = "inside", .type = ArgType::Colour, .min = 0, .max = 0xFFFFFF, .defaultValue = "#ffffff",
+              {.name = "inside",
+               .type = ArgType::Colour,
+               .min = 0,
+               .max = 0xFFFFFF,
+               .defaultValue = "#ffffff",
                .help = "colour of pixels inside the range"},
-              {.name = "outside", .type = ArgType::Colour, .min = 0, .max = 0xFFFFFF, .defaultValue = "#000000",
+              {.name = "outside",
+               .type = ArgType::Colour,
+               .min = 0,
+               .max = 0xFFFFFF,
+               .defaultValue = "#000000",
                .help = "colour of pixels outside the range"},
-              {.name = "channel", .type = ArgType::Enum, .defaultValue = "intensity", .help = "what is tested",
+              {.name = "channel",
+               .type = ArgType::Enum,
+               .defaultValue = "intensity",
+               .help = "what is tested",
                .values = kDetectChannels}},
      .kinds = imgtool::kAnyKind,
-     .call = [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
-       return Q_IntensityDetectBitmap(b, a.UInt("low"), a.UInt("high"), a.Colour("inside"), a.Colour("outside"),
-                                      static_cast<uint32_t>(a.Enum("channel")), 0);
-     }},
+     .call =
+         [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
+           return Q_IntensityDetectBitmap(b, a.UInt("low"), a.UInt("high"), a.Colour("inside"),
+                                          a.Colour("outside"), static_cast<uint32_t>(a.Enum("channel")), 0);
+         }},
     {.name = "gamma",
      .exportName = "Q_GammaCorrectBitmap",
      .summary = "Gamma-correct every colour sample",
      .help = "Every sample goes through full scale x (v / full scale)^(100 / gamma), rounded half to even.",
-     .args = {{.name = "gamma", .type = ArgType::UInt, .min = 1, .max = 100000, .defaultValue = "150",
+     .args = {{.name = "gamma",
+               .type = ArgType::UInt,
+               .min = 1,
+               .max = 100000,
+               .defaultValue = "150",
                .help = "gamma in hundredths (100 = no change)"}},
-     .call = [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
-       return Q_GammaCorrectBitmap(b, a.UInt("gamma"), 0);
-     }},
+     .call = [](BitmapRecord *b, const ArgValues &a,
+                std::ostream &) { return Q_GammaCorrectBitmap(b, a.UInt("gamma"), 0); }},
     {.name = "histogram",
      .exportName = "Q_GetBitmapHistogram",
      .summary = "Print the histogram of the bitmap's samples",
      .help = "Counts the samples of each value (channel all: blue, green and red) into the given number of "
              "bins and prints the non-empty ones.",
-     .args = {{.name = "bins", .type = ArgType::UInt, .min = 1, .max = 65536, .defaultValue = "256",
+     .args = {{.name = "bins",
+               .type = ArgType::UInt,
+               .min = 1,
+               .max = 65536,
+               .defaultValue = "256",
                .help = "number of bins"},
-              {.name = "channel", .type = ArgType::Enum, .defaultValue = "all", .help = "samples counted",
-               .values = {{"all", 0, "blue, green and red"}, {"red", 1, "red"}, {"green", 2, "green"},
+              {.name = "channel",
+               .type = ArgType::Enum,
+               .defaultValue = "all",
+               .help = "samples counted",
+               .values = {{"all", 0, "blue, green and red"},
+                          {"red", 1, "red"},
+                          {"green", 2, "green"},
                           {"blue", 3, "blue"}}}},
      .writesImage = false,
-     .call = [](BitmapRecord *b, const ArgValues &a, std::ostream &out) {
-       std::vector<uint32_t> counts(a.UInt("bins"));
-       const int32_t status = Q_GetBitmapHistogram(b, counts.data(), static_cast<uint32_t>(counts.size()),
-                                                   static_cast<uint32_t>(a.Enum("channel")));
-       if (status == RC_SUCCESS)
-         for (size_t i = 0; i < counts.size(); ++i)
-           if (counts[i]) out << "bin " << i << ": " << counts[i] << "\n";
-       return status;
-     }},
+     .call =
+         [](BitmapRecord *b, const ArgValues &a, std::ostream &out) {
+           std::vector<uint32_t> counts(a.UInt("bins"));
+           const int32_t status = Q_GetBitmapHistogram(b, counts.data(), static_cast<uint32_t>(counts.size()),
+                                                       static_cast<uint32_t>(a.Enum("channel")));
+           if (status == RC_SUCCESS)
+             for (size_t i = 0; i < counts.size(); ++i)
+               if (counts[i]) out << "bin " << i << ": " << counts[i] << "\n";
+           return status;
+         }},
     {.name = "cbi",
      .exportName = "Q_ContBrightIntBitmap",
      .summary = "Change contrast, brightness and intensity in one table",
      .help = "v' = ((v - mid) x (1000 + contrast) / 1000 + mid + brightness x full / 1000) x (1000 + "
              "intensity) / 1000, clamped.",
-     .args = {Tenths("contrast", "tenths of a percent"), Tenths("brightness", "tenths of a percent of full scale"),
+     .args = {Tenths("contrast", "tenths of a percent"),
+              Tenths("brightness", "tenths of a percent of full scale"),
               Tenths("intensity", "tenths of a percent")},
-     .call = [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
-       return Q_ContBrightIntBitmap(b, a.Int("contrast"), a.Int("brightness"), a.Int("intensity"), 0);
-     }},
+     .call =
+         [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
+           return Q_ContBrightIntBitmap(b, a.Int("contrast"), a.Int("brightness"), a.Int("intensity"), 0);
+         }},
     {.name = "light",
      .exportName = "Q_LightControlBitmap",
      .summary = "Move the dark, middle and bright tones to targets",
@@ -166,64 +215,104 @@ const imgtool::Registrar kRegistrar{{
      .args = {Targets("lower", "200,200,200", "targets of the dark mean (red,green,blue)"),
               Targets("middle", "500,500,500", "targets of the overall mean"),
               Targets("upper", "800,800,800", "targets of the bright mean"),
-              {.name = "type", .type = ArgType::Enum, .defaultValue = "channel", .help = "what is measured",
+              {.name = "type",
+               .type = ArgType::Enum,
+               .defaultValue = "channel",
+               .help = "what is measured",
                .values = {{"channel", LIGHT_CONTROL_PER_CHANNEL, "each channel on its own"},
                           {"luminance", LIGHT_CONTROL_LUMINANCE, "the luma, hues kept"}}}},
-     .call = [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
-       const auto lo = Unsigned(a.List("lower")), mid = Unsigned(a.List("middle")), hi = Unsigned(a.List("upper"));
-       return Q_LightControlBitmap(b, lo.data(), mid.data(), hi.data(), static_cast<uint32_t>(a.Enum("type")));
-     }},
+     .call =
+         [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
+           const auto lo = Unsigned(a.List("lower")), mid = Unsigned(a.List("middle")),
+                      hi = Unsigned(a.List("upper"));
+           return Q_LightControlBitmap(b, lo.data(), mid.data(), hi.data(),
+                                       static_cast<uint32_t>(a.Enum("type")));
+         }},
     {.name = "auto-level",
      .exportName = "Q_AutoColorLevelBitmap",
      .summary = "Stretch the occupied levels to full scale",
      .help = "Finds the levels below which black-clip and above which white-clip of the samples lie "
              "(hundredths of a percent) and stretches that range to full scale.",
-     .args = {{.name = "type", .type = ArgType::Enum, .defaultValue = "channel", .help = "where the range is found",
+     .args = {{.name = "type",
+               .type = ArgType::Enum,
+               .defaultValue = "channel",
+               .help = "where the range is found",
                .values = {{"channel", AUTO_LEVEL_PER_CHANNEL, "per channel"},
                           {"common", AUTO_LEVEL_COMMON, "one range for all channels"},
                           {"intensity", AUTO_LEVEL_INTENSITY, "on the intensity"}}},
-              {.name = "black-clip", .type = ArgType::UInt, .min = 0, .max = 9999, .defaultValue = "50",
+              {.name = "black-clip",
+               .type = ArgType::UInt,
+               .min = 0,
+               .max = 9999,
+               .defaultValue = "50",
                .help = "share clipped to black, hundredths of a percent"},
-              {.name = "white-clip", .type = ArgType::UInt, .min = 0, .max = 9999, .defaultValue = "50",
+              {.name = "white-clip",
+               .type = ArgType::UInt,
+               .min = 0,
+               .max = 9999,
+               .defaultValue = "50",
                .help = "share clipped to white, hundredths of a percent"}},
-     .call = [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
-       return Q_AutoColorLevelBitmap(b, static_cast<uint32_t>(a.Enum("type")), a.UInt("black-clip"),
-                                     a.UInt("white-clip"), 0);
-     }},
+     .call =
+         [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
+           return Q_AutoColorLevelBitmap(b, static_cast<uint32_t>(a.Enum("type")), a.UInt("black-clip"),
+                                         a.UInt("white-clip"), 0);
+         }},
     {.name = "levels",
      .exportName = "Q_ColorLevelBitmap",
      .summary = "Input and output levels with gamma, master then per channel",
      .help = "Each set is inlow,inhigh,outlow,outhigh,gamma on the bitmap's scale (gamma in hundredths); "
              "x = clamp((v - inlow) / (inhigh - inlow)), v' = outlow + x^(100 / gamma) x (outhigh - outlow). "
              "Sets left at -1 do not apply.",
-     .args = {LevelSet("master", "master set: inlow,inhigh,outlow,outhigh,gamma"), LevelSet("red", "red set"), LevelSet("green", "green set"),
-              LevelSet("blue", "blue set")},
+     .args = {LevelSet("master", "master set: inlow,inhigh,outlow,outhigh,gamma"), LevelSet("red", "red set"),
+              LevelSet("green", "green set"), LevelSet("blue", "blue set")},
      .call = Levels},
     {.name = "adaptive-contrast",
      .exportName = "Q_AdaptiveContrastBitmap",
      .summary = "Local contrast around the window mean",
      .help = "v' = m + (v - m) x (100 + amount) / 100 with m the mean of the square window around the pixel.",
-     .args = {{.name = "window", .type = ArgType::UInt, .min = 3, .max = 1001, .defaultValue = "15",
+     .args = {{.name = "window",
+               .type = ArgType::UInt,
+               .min = 3,
+               .max = 1001,
+               .defaultValue = "15",
                .help = "window side in pixels (odd)"},
-              {.name = "amount", .type = ArgType::UInt, .min = 0, .max = 1000, .defaultValue = "100",
+              {.name = "amount",
+               .type = ArgType::UInt,
+               .min = 0,
+               .max = 1000,
+               .defaultValue = "100",
                .help = "percent"},
-              {.name = "type", .type = ArgType::Enum, .defaultValue = "all", .help = "what is changed",
+              {.name = "type",
+               .type = ArgType::Enum,
+               .defaultValue = "all",
+               .help = "what is changed",
                .values = {{"all", ADAPTIVE_CONTRAST_ALL, "every channel"},
                           {"luminance", ADAPTIVE_CONTRAST_LUMINANCE, "the luma only"}}}},
-     .call = [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
-       return Q_AdaptiveContrastBitmap(b, a.UInt("window"), a.UInt("amount"), static_cast<uint32_t>(a.Enum("type")));
-     }},
+     .call =
+         [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
+           return Q_AdaptiveContrastBitmap(b, a.UInt("window"), a.UInt("amount"),
+                                           static_cast<uint32_t>(a.Enum("type")));
+         }},
     {.name = "gamma-ext",
      .exportName = "Q_GammaCorrectBitmapExt",
      .summary = "Gamma per channel or on the luma alone",
-     .help = "Space rgb corrects every channel; yuv corrects only the luma of an integer YUV form, keeping hues.",
-     .args = {{.name = "gamma", .type = ArgType::UInt, .min = 1, .max = 100000, .defaultValue = "150",
+     .help =
+         "Space rgb corrects every channel; yuv corrects only the luma of an integer YUV form, keeping hues.",
+     .args = {{.name = "gamma",
+               .type = ArgType::UInt,
+               .min = 1,
+               .max = 100000,
+               .defaultValue = "150",
                .help = "gamma in hundredths (100 = no change)"},
-              {.name = "space", .type = ArgType::Enum, .defaultValue = "yuv", .help = "where the curve applies",
+              {.name = "space",
+               .type = ArgType::Enum,
+               .defaultValue = "yuv",
+               .help = "where the curve applies",
                .values = {{"rgb", GAMMA_RGB, "every channel"}, {"yuv", GAMMA_YUV, "the luma only"}}}},
-     .call = [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
-       return Q_GammaCorrectBitmapExt(b, a.UInt("gamma"), static_cast<uint32_t>(a.Enum("space")));
-     }},
+     .call =
+         [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
+           return Q_GammaCorrectBitmapExt(b, a.UInt("gamma"), static_cast<uint32_t>(a.Enum("space")));
+         }},
     {.name = "auto-binary",
      .exportName = "Q_AutoBinaryBitmap",
      .summary = "Black and white at a threshold found between the histogram's peaks",
