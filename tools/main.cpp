@@ -264,7 +264,10 @@ std::string PixelText(const BitmapRecord *b, int32_t x, int32_t y) {
   const uint8_t *row = img::ImageRow(b, y);
   std::string s;
   auto add = [&s](const char *name, uint32_t v) {
-    s += (s.empty() ? "" : " ") + std::string(name) + "=" + std::to_string(v);
+    if (!s.empty()) s += ' ';
+    s += name;
+    s += '=';
+    s += std::to_string(v);
   };
   static const char *const kColour[] = {"blue", "green", "red", "fourth"};
   const bool rgb = b->ColorOrder == ORDER_RGB;
