@@ -12,10 +12,10 @@
 #include "kit.h"
 
 using kit::Bitmap;
+using kit::Format;
 using kit::Level;
 using kit::Pixel;
 using kit::Rgb;
-using kit::Spec;
 
 namespace {
 
@@ -82,19 +82,20 @@ TEST(ConvertBitmapFormat, EveryKindToEveryTarget) {
   const std::pair<int32_t, int32_t> targets[] = {{1, B},  {2, B},   {4, R},  {8, B},  {8, 4},   {8, G},
                                                  {12, G}, {16, G},  {16, B}, {16, 4}, {24, R},  {24, B},
                                                  {32, B}, {32, 20}, {48, 4}, {48, R}, {64, 20}, {64, R}};
-  for (const Spec &spec : kit::AllSpecs(true)) {
+  for (const Format &format : kit::AllFormats(true)) {
     for (const auto &[bits, order] : targets) {
-      SCOPED_TRACE(spec.Name() + " -> " + std::to_string(bits) + "/" + std::to_string(order));
+      SCOPED_TRACE(format.Name() + " -> " + std::to_string(bits) + "/" + std::to_string(order));
       kit::LeakGuard guard;
-      Bitmap src(spec, 13, 5), out;
-      src.Randomize(static_cast<uint32_t>(spec.bits * 100 + bits));
+      Bitmap src(format, 13, 5), out;
+      src.Randomize(static_cast<uint32_t>(format.bits * 100 + bits));
       const std::vector<uint8_t> before = Bytes(src.get());
       ASSERT_EQ(ConvertBitmapFormat(src, out, BITMAP_RECORD_SIZE, bits, order, nullptr, 0, 0), RC_SUCCESS);
       EXPECT_EQ(Bytes(src.get()), before) << "source changed";
       // Gray for 12 bits, order 2, and 8/16 bits of a gray source unless the
       // order (4, 20) forces colour; random colours are never all gray.
       const bool forced = order == 4 || order == 20;
-      const bool gray = order == G || bits == 12 || (!forced && spec.IsGray() && bits % 8 == 0 && bits <= 16);
+      const bool gray =
+          order == G || bits == 12 || (!forced && format.IsGray() && bits % 8 == 0 && bits <= 16);
       const bool palette = bits <= 8 && !gray;
       EXPECT_EQ(out->ColorOrder, gray ? G : palette ? out->ColorOrder : forced ? B : order);
       EXPECT_TRUE(gray || out->ColorOrder != G);
@@ -102,8 +103,8 @@ TEST(ConvertBitmapFormat, EveryKindToEveryTarget) {
       const int64_t line = (13 * (bits == 12 ? 16 : bits) + 31) / 32 * 4;
       EXPECT_EQ(std::vector<int64_t>({out->BitsPerPixel, out->Width, out->Height, out->Orientation,
                                       out->ColorsUsed, out->BytesPerLine}),
-                std::vector<int64_t>({bits, 13, 5, spec.orientation, palette ? 1 << bits : 0, line}));
-      const bool fourth = !spec.IsGray() && (spec.bits == 32 || spec.bits == 64);
+                std::vector<int64_t>({bits, 13, 5, format.orientation, palette ? 1 << bits : 0, line}));
+      const bool fourth = !format.IsGray() && (format.bits == 32 || format.bits == 64);
       for (int32_t i = 0; i < 65; ++i) {
         const auto [r, g, b, a4] = WideAt(src, i % 13, i / 13);
         const uint32_t a = fourth ? a4 : 0, i16 = (2 * r + 5 * g + b + 4) >> 3;
@@ -126,7 +127,7 @@ TEST(ConvertBitmapFormat, EveryKindToEveryTarget) {
 TEST(ConvertBitmapFormat, HandCheckedValues) {
   Settings plain(0, 0);
   struct Case {
-    Spec spec;
+    Format format;
     int32_t low, high;  // significant bits of the source (high -1: all)
     std::vector<Pixel> in;
     int32_t bits, order, resultOrder;
@@ -156,8 +157,8 @@ TEST(ConvertBitmapFormat, HandCheckedValues) {
       {{16, G}, 0, 11, {Level(4095)}, 48, 4, B, {Rgb(65520, 65520, 65520)}},
   };
   for (const Case &c : cases) {
-    SCOPED_TRACE(c.spec.Name() + " -> " + std::to_string(c.bits));
-    Bitmap bm(c.spec, static_cast<int32_t>(c.in.size()), 1, c.in);
+    SCOPED_TRACE(c.format.Name() + " -> " + std::to_string(c.bits));
+    Bitmap bm(c.format, static_cast<int32_t>(c.in.size()), 1, c.in);
     bm->SignificantLowBit = c.low;
     bm->SignificantHighBit = c.high;
     ASSERT_EQ(ConvertBitmapFormat(bm, bm, BITMAP_RECORD_SIZE, c.bits, c.order, nullptr, 0, 0), RC_SUCCESS);
@@ -172,12 +173,12 @@ TEST(ConvertBitmapDepth, PaletteChoice) {
   // All gray: an 8-bit gray result without palette.
   std::vector<Pixel> grays, colours;
   for (uint32_t i = 0; i < 40; ++i) grays.push_back(Rgb(i * 6, i * 6, i * 6));
-  Bitmap gray(Spec{24, B}, 8, 5, grays);
+  Bitmap gray(Format{24, B}, 8, 5, grays);
   ASSERT_EQ(ConvertBitmapDepth(gray, 8), RC_SUCCESS);
   EXPECT_TRUE(gray->ColorOrder == G && gray->Palette == nullptr);
   for (uint32_t i = 0; i < 40; ++i) EXPECT_EQ(gray.At(i % 8, i / 8), Level(i * 6));
   // 256 colours, not all gray: a palette reproducing every colour.
-  Bitmap colourful(Spec{48, R}, 16, 16);
+  Bitmap colourful(Format{48, R}, 16, 16);
   for (uint32_t i = 0; i < 256; ++i) {
     colours.push_back(Rgb(i, (i * 7) & 255, (i * 13 + 1) & 255));
     colourful.Set(i % 16, i / 16, Rgb(colours[i].v[0] * 257, colours[i].v[1] * 257, colours[i].v[2] * 257));
@@ -187,13 +188,13 @@ TEST(ConvertBitmapDepth, PaletteChoice) {
   for (uint32_t i = 0; i < 256; ++i) ASSERT_EQ(colourful.ColorAt(i % 16, i / 16), colours[i]) << i;
   // 257 colours do not fit: the fixed palette.
   colours.resize(260, Rgb(1, 2, 3));
-  Bitmap tooMany(Spec{24, B}, 20, 13, colours);
+  Bitmap tooMany(Format{24, B}, 20, 13, colours);
   ASSERT_EQ(ConvertBitmapDepth(tooMany, 8), RC_SUCCESS);
   const std::vector<PaletteEntry> cube = Cube();
   EXPECT_EQ(std::memcmp(tooMany->Palette, cube.data(), 256 * sizeof(PaletteEntry)), 0);
   // Few colours: setting second = 1 takes the fixed palette anyway; second = 0
   // their own colours in order of first appearance.
-  Bitmap few(Spec{24, B}, 4, 1, {Rgb(1, 2, 3), Rgb(200, 10, 10), Rgb(1, 2, 3), Rgb(5, 250, 7)}), copy;
+  Bitmap few(Format{24, B}, 4, 1, {Rgb(1, 2, 3), Rgb(200, 10, 10), Rgb(1, 2, 3), Rgb(5, 250, 7)}), copy;
   Settings fixed(0, 1);
   ASSERT_EQ(ConvertBitmapFormat(few, copy, BITMAP_RECORD_SIZE, 8, B, nullptr, 0, 0), RC_SUCCESS);
   EXPECT_EQ(std::memcmp(copy->Palette, cube.data(), 256 * sizeof(PaletteEntry)), 0);
@@ -203,7 +204,7 @@ TEST(ConvertBitmapDepth, PaletteChoice) {
   EXPECT_EQ(few.Pixels(), (std::vector<Pixel>{Level(0), Level(1), Level(0), Level(2)}));
   EXPECT_EQ(few.ColorAt(3, 0), Rgb(5, 250, 7));
   // A palette source keeps its indices when they fit: 4 -> 8 -> 4 bits gives back the original.
-  Bitmap indices(Spec{4, B}, 37, 3);
+  Bitmap indices(Format{4, B}, 37, 3);
   indices.Randomize(7);
   const std::vector<Pixel> original = indices.Pixels();
   ASSERT_EQ(ConvertBitmapDepth(indices, 8) + ConvertBitmapDepth(indices, 4), 2 * RC_SUCCESS);
@@ -212,7 +213,7 @@ TEST(ConvertBitmapDepth, PaletteChoice) {
 
 TEST(ConvertBitmapDepth, DitheringOnlyWhenAsked) {
   // A flat colour not in the fixed palette above a gradient: too many colours for their own palette.
-  Bitmap src(Spec{24, B}, 32, 32);
+  Bitmap src(Format{24, B}, 32, 32);
   for (int i = 0; i < 1024; ++i) {
     const int x = i % 32, y = i / 32;
     src.Set(x, y, y < 16 ? Rgb(100, 150, 200) : Rgb(x * 8, y * 4, 255 - x * 8));
@@ -241,23 +242,23 @@ TEST(ConvertBitmapDepth, DitheringOnlyWhenAsked) {
 }
 
 TEST(ConvertBitmapDepth, OwnDepthChangesNothing) {
-  for (const Spec &spec : kit::AllSpecs()) {
-    Bitmap bm(spec, 9, 3);
+  for (const Format &format : kit::AllFormats()) {
+    Bitmap bm(format, 9, 3);
     bm.Randomize(3);
-    bm->SignificantHighBit = spec.IsGray() ? 6 : -1;
+    bm->SignificantHighBit = format.IsGray() ? 6 : -1;
     bm->Flags |= BITMAP_SIGNED;
     const BitmapRecord record = *bm.get();
     const std::vector<uint8_t> before = Bytes(bm.get());
-    EXPECT_EQ(ConvertBitmapDepth(bm, spec.bits), RC_SUCCESS) << spec.Name();
+    EXPECT_EQ(ConvertBitmapDepth(bm, format.bits), RC_SUCCESS) << format.Name();
     EXPECT_TRUE(std::memcmp(&record, bm.get(), sizeof record) == 0 && Bytes(bm.get()) == before)
-        << spec.Name();
+        << format.Name();
     bm->Flags &= ~BITMAP_SIGNED;
   }
 }
 
 TEST(ConvertBitmapFormat, RegionAndAttachedTable) {
   Settings plain(0, 0);
-  Bitmap bm(Spec{16, G, ORIENT_BOTTOM_FIRST}, 10, 8), out;
+  Bitmap bm(Format{16, G, ORIENT_BOTTOM_FIRST}, 10, 8), out;
   bm.Randomize(5);
   kit::SetRectRegion(bm, 2, 1, 7, 5);
   int32_t *lut = static_cast<int32_t *>(AllocZeroed(65536, 4, __LINE__, L"tests/convert_test"));
@@ -339,15 +340,15 @@ TEST(ConvertRowBuffer, HandCheckedRows) {
 
 TEST(ChangeOrientation, RoundTripKeepsImageAndRegion) {
   kit::LeakGuard guard;
-  for (const Spec &spec : kit::AllSpecs(true)) {
-    SCOPED_TRACE(spec.Name());
-    Bitmap bm(spec, 7, 5), copy;
+  for (const Format &format : kit::AllFormats(true)) {
+    SCOPED_TRACE(format.Name());
+    Bitmap bm(format, 7, 5), copy;
     bm.Randomize(9);
     kit::SetRectRegion(bm, 1, 0, 4, 2);
     const std::vector<Pixel> image = bm.Pixels();
     const std::vector<uint8_t> stored = Bytes(bm.get());
-    const int32_t other = ORIENT_TOP_FIRST + ORIENT_BOTTOM_FIRST - spec.orientation;
-    ASSERT_EQ(ChangeOrientation(nullptr, bm, BITMAP_RECORD_SIZE, spec.orientation, 0), RC_SUCCESS);
+    const int32_t other = ORIENT_TOP_FIRST + ORIENT_BOTTOM_FIRST - format.orientation;
+    ASSERT_EQ(ChangeOrientation(nullptr, bm, BITMAP_RECORD_SIZE, format.orientation, 0), RC_SUCCESS);
     EXPECT_EQ(Bytes(bm.get()), stored);
     ASSERT_EQ(ChangeOrientation(nullptr, bm, BITMAP_RECORD_SIZE, other, 0), RC_SUCCESS);
     EXPECT_EQ(bm->Orientation, other);
@@ -356,8 +357,8 @@ TEST(ChangeOrientation, RoundTripKeepsImageAndRegion) {
               0);  // rows reversed
     EXPECT_TRUE(kit::InRegion(bm, 1, 0) && !kit::InRegion(bm, 1, 4));
     // Into another record: the source stays as it is.
-    ASSERT_EQ(ChangeOrientation(copy, bm, BITMAP_RECORD_SIZE, spec.orientation, 0), RC_SUCCESS);
-    EXPECT_TRUE(copy->Orientation == spec.orientation && Bytes(copy.get()) == stored &&
+    ASSERT_EQ(ChangeOrientation(copy, bm, BITMAP_RECORD_SIZE, format.orientation, 0), RC_SUCCESS);
+    EXPECT_TRUE(copy->Orientation == format.orientation && Bytes(copy.get()) == stored &&
                 bm->Orientation == other);
   }
 }
@@ -365,10 +366,10 @@ TEST(ChangeOrientation, RoundTripKeepsImageAndRegion) {
 TEST(FillBitmap, EveryKindWithAndWithoutRegion) {
   const uint32_t colour = 30u | (120u << 8) | (240u << 16);  // red 30, green 120, blue 240
   const uint32_t level = (2 * 30 + 5 * 120 + 240 + 4) >> 3;  // 113
-  for (const Spec &spec : kit::AllSpecs(true)) {
+  for (const Format &format : kit::AllFormats(true)) {
     for (bool region : {false, true}) {
-      SCOPED_TRACE(spec.Name() + (region ? " region" : ""));
-      Bitmap bm(spec, 11, 6);
+      SCOPED_TRACE(format.Name() + (region ? " region" : ""));
+      Bitmap bm(format, 11, 6);
       bm.Randomize(21);
       const std::vector<Pixel> before = bm.Pixels();
       if (region) kit::SetEllipseRegion(bm, 1, 0, 10, 6);
@@ -377,47 +378,47 @@ TEST(FillBitmap, EveryKindWithAndWithoutRegion) {
       for (int i = 0; i < 66; ++i) {
         const Pixel old = before[i];
         const int x = i % 11, y = i / 11;
-        const int32_t bits = spec.bits;
+        const int32_t bits = format.bits;
         const Pixel want = !kit::InRegion(bm, x, y) ? old
-                           : spec.IsPalette()       ? Nearest(bm->Palette, bm->ColorsUsed, 30, 120, 240)
-                           : spec.IsGray()          ? Level(level * (bits == 8    ? 1
+                           : format.IsPalette()     ? Nearest(bm->Palette, bm->ColorsUsed, 30, 120, 240)
+                           : format.IsGray()        ? Level(level * (bits == 8    ? 1
                                                                      : bits == 12 ? 16
                                                                                   : 257))
                            : bits == 16             ? Rgb(30 >> 3, 120 >> 3, 240 >> 3)
                            : bits <= 32             ? Rgb(30, 120, 240, old.v[3])
                                                     : Rgb(30 * 257, 120 * 257, 240 * 257, old.v[3]);
-        ASSERT_EQ(spec.IsPalette() && kit::InRegion(bm, x, y) ? bm.ColorAt(x, y) : bm.At(x, y), want)
+        ASSERT_EQ(format.IsPalette() && kit::InRegion(bm, x, y) ? bm.ColorAt(x, y) : bm.At(x, y), want)
             << x << "," << y;
       }
     }
   }
   // COLOR_GRAY_LEVEL: bits 8-15 are a gray level.
-  Bitmap rgb(Spec{24, R}, 2, 2);
+  Bitmap rgb(Format{24, R}, 2, 2);
   ASSERT_EQ(FillBitmap(rgb, COLOR_GRAY_LEVEL | (77u << 8) | 5u), RC_SUCCESS);
   EXPECT_EQ(rgb.At(1, 1), Rgb(77, 77, 77));
 }
 
 TEST(CountBitmapColors, EveryKind) {
   kit::LeakGuard guard;
-  for (const Spec &spec : kit::AllSpecs()) {
-    SCOPED_TRACE(spec.Name());
-    Bitmap bm(spec, 10, 4);
+  for (const Format &format : kit::AllFormats()) {
+    SCOPED_TRACE(format.Name());
+    Bitmap bm(format, 10, 4);
     // k distinct values, each at least twice; the fourth sample varies.
-    const uint32_t k = spec.IsPalette() ? std::min(1u << spec.bits, 8u) : 7, max = spec.SampleMax();
+    const uint32_t k = format.IsPalette() ? std::min(1u << format.bits, 8u) : 7, max = format.SampleMax();
     for (uint32_t i = 0; i < 40; ++i)
       bm.Set(i % 10, i / 10,
-             spec.Channels() == 1 ? Level(i % k * (spec.IsGray() ? max / k : 1))
-                                  : Rgb(i % k, i % k % 2, 3, i % 10));
+             format.Channels() == 1 ? Level(i % k * (format.IsGray() ? max / k : 1))
+                                    : Rgb(i % k, i % k % 2, 3, i % 10));
     uint32_t count = 0;
     ASSERT_EQ(CountBitmapColors(bm, &count, 0), RC_SUCCESS);
     EXPECT_EQ(count, k);
-    bm.Set(0, 0, spec.Channels() == 1 ? Level(max) : Rgb(max, 0, 0));
+    bm.Set(0, 0, format.Channels() == 1 ? Level(max) : Rgb(max, 0, 0));
     ASSERT_EQ(CountBitmapColors(bm, &count, 0), RC_SUCCESS);
-    EXPECT_EQ(count, k + (spec.IsPalette() && spec.bits <= 2 ? 0 : 1));
+    EXPECT_EQ(count, k + (format.IsPalette() && format.bits <= 2 ? 0 : 1));
   }
   // Palette entries of the same colour count once; unused entries not at all.
   const PaletteEntry pal[4] = {{1, 2, 3, 0}, {1, 2, 3, 9}, {9, 9, 9, 0}, {4, 4, 4, 0}};
-  Bitmap two(Spec{2, B}, 3, 1, {Level(0), Level(1), Level(3)}, pal);
+  Bitmap two(Format{2, B}, 3, 1, {Level(0), Level(1), Level(3)}, pal);
   uint32_t count = 0;
   ASSERT_EQ(CountBitmapColors(two, &count, 0), RC_SUCCESS);
   EXPECT_EQ(count, 2u);
@@ -442,7 +443,7 @@ TEST(Conversions, AllocationFailures) {
     return CountBitmapColors(f.bm, &n, 0);
   };
   const struct {
-    Spec spec;
+    Format format;
     int32_t dither, choice;
     Call call;
   } cases[] = {
@@ -456,11 +457,11 @@ TEST(Conversions, AllocationFailures) {
       {{64, R}, 0, 0, count},
   };
   for (const auto &c : cases) {
-    SCOPED_TRACE(c.spec.Name());
+    SCOPED_TRACE(c.format.Name());
     Settings s(c.dither, c.choice);
     const int failures = kit::CheckAllocationFailures(
         [&] {
-          Fixture f{Bitmap(c.spec, 40, 9), Bitmap(), {}};
+          Fixture f{Bitmap(c.format, 40, 9), Bitmap(), {}};
           f.bm.Randomize(11);
           kit::SetRectRegion(f.bm, 1, 1, 30, 8);
           f.before = Bytes(f.bm.get());
@@ -482,7 +483,7 @@ TEST(Conversions, AllocationFailures) {
 
 // Status checks in order for every export.
 TEST(Conversions, Statuses) {
-  Bitmap bm(Spec{24, B}, 4, 4), gray(Spec{16, G}, 4, 4);
+  Bitmap bm(Format{24, B}, 4, 4), gray(Format{16, G}, 4, 4);
   gray->Flags |= BITMAP_SIGNED;
   BitmapRecord empty{}, badSize = *bm.get();
   ResetBitmap(&empty, BITMAP_RECORD_SIZE, 0, 0, 0);

@@ -12,7 +12,7 @@ namespace {
 using kit::Pixel;
 using kit::Rgb;
 
-kit::Spec Kind(int32_t bits, int32_t order = ORDER_BGR) { return kit::Spec{bits, order}; }
+kit::Format Kind(int32_t bits, int32_t order = ORDER_BGR) { return kit::Format{bits, order}; }
 
 // A palette that is not a gray ramp, so that the bitmap counts as colour.
 std::vector<PaletteEntry> ColourPalette() {
@@ -26,10 +26,10 @@ uint32_t Mid(uint32_t a, uint32_t b, uint32_t c) { return (std::max({a, b, c}) +
 
 // The lightness of a pixel on the kind's own scale; the fourth sample stays.
 // 16-bit colour: 5-bit samples widened to 8 bits for the work, narrowed by 3.
-Pixel Expected(const kit::Spec &spec, const Pixel &p) {
+Pixel Expected(const kit::Format &format, const Pixel &p) {
   const auto widen = [](uint32_t v) { return (v << 3) | (v >> 2); };
   const uint32_t v =
-      spec.bits == 16 ? Mid(widen(p.v[0]), widen(p.v[1]), widen(p.v[2])) >> 3 : Mid(p.v[0], p.v[1], p.v[2]);
+      format.bits == 16 ? Mid(widen(p.v[0]), widen(p.v[1]), widen(p.v[2])) >> 3 : Mid(p.v[0], p.v[1], p.v[2]);
   return Rgb(v, v, v, p.v[3]);
 }
 
@@ -80,32 +80,32 @@ TEST(Desaturate, RowSamples) {
                                      Rgb(200, 10, 100, 201), Rgb(255, 255, 254, 1), Rgb(77, 77, 77, 201)};
   const std::vector<Pixel> wide = {Rgb(1, 65535, 0, 4321), Rgb(65535, 65535, 65534, 9), Rgb(3, 3, 3, 0)};
   const std::vector<uint32_t> narrowOut = {105, 127, 127, 105, 254, 77}, wideOut = {32767, 65534, 3};
-  for (const kit::Spec &spec : kit::ColorSpecs()) {
-    if (spec.bits == 16) continue;  // 5-bit samples: EveryKind
-    SCOPED_TRACE(spec.Name());
-    const auto &in = spec.bits >= 48 ? wide : narrow;
-    const auto &out = spec.bits >= 48 ? wideOut : narrowOut;
-    kit::Bitmap bmp(spec, static_cast<int32_t>(in.size()), 1, in);
+  for (const kit::Format &format : kit::ColorFormats()) {
+    if (format.bits == 16) continue;  // 5-bit samples: EveryKind
+    SCOPED_TRACE(format.Name());
+    const auto &in = format.bits >= 48 ? wide : narrow;
+    const auto &out = format.bits >= 48 ? wideOut : narrowOut;
+    kit::Bitmap bmp(format, static_cast<int32_t>(in.size()), 1, in);
     ASSERT_EQ(Q_DesaturateBitmap(bmp, 0), RC_SUCCESS);
     for (int32_t x = 0; x < static_cast<int32_t>(in.size()); ++x)
-      EXPECT_EQ(bmp.At(x, 0), Rgb(out[x], out[x], out[x], spec.Channels() == 4 ? in[x].v[3] : 0)) << x;
+      EXPECT_EQ(bmp.At(x, 0), Rgb(out[x], out[x], out[x], format.Channels() == 4 ? in[x].v[3] : 0)) << x;
   }
 }
 
 TEST(Desaturate, EveryKind) {
   const auto palette = ColourPalette();
-  for (const kit::Spec &spec : kit::AllSpecs(true)) {
-    SCOPED_TRACE(spec.Name());
-    kit::Bitmap bmp(spec, 7, 5, spec.IsPalette() ? palette.data() : nullptr);
+  for (const kit::Format &format : kit::AllFormats(true)) {
+    SCOPED_TRACE(format.Name());
+    kit::Bitmap bmp(format, 7, 5, format.IsPalette() ? palette.data() : nullptr);
     bmp.Randomize(11);
     const auto before = bmp.Pixels();
-    ASSERT_EQ(Q_DesaturateBitmap(bmp, 0), spec.IsGray() ? RC_UNSUPPORTED_BITMAP : RC_SUCCESS);
-    if (spec.IsGray() || spec.IsPalette()) {
+    ASSERT_EQ(Q_DesaturateBitmap(bmp, 0), format.IsGray() ? RC_UNSUPPORTED_BITMAP : RC_SUCCESS);
+    if (format.IsGray() || format.IsPalette()) {
       EXPECT_EQ(bmp.Pixels(), before) << "levels and indices stay";
     } else {
-      for (int32_t i = 0; i < 35; ++i) EXPECT_EQ(bmp.At(i % 7, i / 7), Expected(spec, before[i])) << i;
+      for (int32_t i = 0; i < 35; ++i) EXPECT_EQ(bmp.At(i % 7, i / 7), Expected(format, before[i])) << i;
     }
-    if (!spec.IsPalette()) continue;
+    if (!format.IsPalette()) continue;
     for (int32_t i = 0; i < bmp->ColorsUsed; ++i) {  // the reserved byte is left as it is
       const PaletteEntry &o = palette[i], &n = bmp->Palette[i];
       const uint32_t v = Mid(o.Blue, o.Green, o.Red);
@@ -122,9 +122,9 @@ TEST(Desaturate, RegionLimitsTheChange) {
     int32_t l, t, r, b;
   } cases[] = {{false, 2, 3, 9, 8}, {true, 1, 1, 11, 9}, {false, 2, 2, 2, 2}};
   for (const Case &c : cases)
-    for (const kit::Spec &spec : {Kind(24), Kind(48, ORDER_RGB)}) {
-      SCOPED_TRACE(testing::Message() << c.ellipse << " " << c.r - c.l << " " << spec.Name());
-      kit::Bitmap bmp(spec, 12, 10);
+    for (const kit::Format &format : {Kind(24), Kind(48, ORDER_RGB)}) {
+      SCOPED_TRACE(testing::Message() << c.ellipse << " " << c.r - c.l << " " << format.Name());
+      kit::Bitmap bmp(format, 12, 10);
       bmp.Randomize(5);
       (c.ellipse ? kit::SetEllipseRegion : kit::SetRectRegion)(bmp, c.l, c.t, c.r, c.b, REGION_SET);
       const auto before = bmp.Pixels();
@@ -135,7 +135,7 @@ TEST(Desaturate, RegionLimitsTheChange) {
         const bool in = kit::InRegion(bmp, x, y);
         inside += in;
         boxKept += !in && x >= c.l && x < c.r && y >= c.t && y < c.b;
-        EXPECT_EQ(bmp.At(x, y), in ? Expected(spec, before[i]) : before[i]) << x << "," << y;
+        EXPECT_EQ(bmp.At(x, y), in ? Expected(format, before[i]) : before[i]) << x << "," << y;
       }
       EXPECT_EQ(inside + boxKept, (c.r - c.l) * (c.b - c.t));
       EXPECT_EQ(boxKept > 0, c.ellipse);
@@ -153,13 +153,13 @@ struct Fixture {
 TEST(Desaturate, AllocationFailuresAndNoProgress) {
   const auto palette = ColourPalette();
   struct Case {
-    kit::Spec spec;
+    kit::Format format;
     bool region;
   } cases[] = {{Kind(24), false}, {Kind(64), false}, {Kind(48), true}, {Kind(16), true}, {Kind(8), false}};
   for (const Case &c : cases) {
-    SCOPED_TRACE(c.spec.Name());
+    SCOPED_TRACE(c.format.Name());
     const auto setup = [&] {
-      Fixture f{kit::Bitmap(c.spec, 9, 6, c.spec.IsPalette() ? palette.data() : nullptr), {}};
+      Fixture f{kit::Bitmap(c.format, 9, 6, c.format.IsPalette() ? palette.data() : nullptr), {}};
       f.bmp.Randomize(2);
       if (c.region) kit::SetEllipseRegion(f.bmp, 0, 0, 9, 6);
       f.before = f.bmp.Pixels();
@@ -175,7 +175,7 @@ TEST(Desaturate, AllocationFailuresAndNoProgress) {
       return status;
     };
     EXPECT_GE(kit::CheckAllocationFailures(setup, call, {RC_NO_MEMORY, RC_SUCCESS}), 1);
-    EXPECT_EQ(quiet, c.spec.IsPalette() ? 0 : 1);
+    EXPECT_EQ(quiet, c.format.IsPalette() ? 0 : 1);
     EXPECT_EQ(kit::CheckCancellation(setup, [](Fixture &f) { return Q_DesaturateBitmap(f.bmp, 0); }), 0);
   }
 }

@@ -4,14 +4,14 @@
 #include "kit.h"
 
 using kit::Bitmap;
-using kit::Spec;
+using kit::Format;
 
 TEST(EntryFrame, ChecksRunInOrder) {
   kit::LeakGuard guard;
-  Bitmap color(Spec{24, ORDER_BGR}, 2, 2);
-  Bitmap gray32(Spec{32, ORDER_GRAY}, 2, 2);
-  Bitmap old(Spec{24, ORDER_BGR, ORIENT_TOP_FIRST, 176}, 2, 2);
-  Bitmap sgn(Spec{8, ORDER_GRAY}, 2, 2);
+  Bitmap color(Format{24, ORDER_BGR}, 2, 2);
+  Bitmap gray32(Format{32, ORDER_GRAY}, 2, 2);
+  Bitmap old(Format{24, ORDER_BGR, ORIENT_TOP_FIRST, 176}, 2, 2);
+  Bitmap sgn(Format{8, ORDER_GRAY}, 2, 2);
   sgn->Flags |= BITMAP_SIGNED;
   BitmapRecord badSize = *color.get();
   badSize.StructSize = 200;

@@ -4,15 +4,15 @@
 #include "kit.h"
 
 using kit::Bitmap;
+using kit::Format;
 using kit::Level;
 using kit::Pixel;
 using kit::Rgb;
-using kit::Spec;
 
 TEST(GammaExt, ChecksInOrder) {
   kit::LeakGuard guard;
-  Bitmap b(Spec{24, ORDER_BGR}, 2, 2);
-  Bitmap gray32(Spec{32, ORDER_GRAY}, 2, 2);
+  Bitmap b(Format{24, ORDER_BGR}, 2, 2);
+  Bitmap gray32(Format{32, ORDER_GRAY}, 2, 2);
   BitmapRecord bad = *b.get();
   bad.StructSize = 200;
   kit::ExpectStatuses({
@@ -28,7 +28,7 @@ TEST(GammaExt, ChecksInOrder) {
 
 TEST(GammaExt, PerChannelPathAlwaysReportsSuccess) {
   kit::LeakGuard guard;
-  Bitmap b(Spec{24, ORDER_BGR}, 1, 1, {Rgb(64, 64, 64)});
+  Bitmap b(Format{24, ORDER_BGR}, 1, 1, {Rgb(64, 64, 64)});
   ASSERT_EQ(Q_GammaCorrectBitmapExt(b, 200, GAMMA_RGB), RC_SUCCESS);
   EXPECT_EQ(b.At(0, 0), Rgb(128, 128, 128));
   // A bitmap whose pixels are gone makes the forwarded gamma fail; the
@@ -38,26 +38,26 @@ TEST(GammaExt, PerChannelPathAlwaysReportsSuccess) {
   EXPECT_EQ(Q_GammaCorrectBitmap(&empty, 200, 0), RC_NO_BITMAP);
   EXPECT_EQ(Q_GammaCorrectBitmapExt(&empty, 200, GAMMA_RGB), RC_SUCCESS);
   // Signed data goes per channel even when the luma is asked for.
-  Bitmap s(Spec{8, ORDER_GRAY}, 1, 1, {Level(0x40)});
+  Bitmap s(Format{8, ORDER_GRAY}, 1, 1, {Level(0x40)});
   s->Flags |= BITMAP_SIGNED;
   ASSERT_EQ(Q_GammaCorrectBitmapExt(s, 200, GAMMA_YUV), RC_SUCCESS);
   EXPECT_NE(s.At(0, 0).v[0], 0x40u);
 }
 
 TEST(GammaExt, LumaPathKeepsHueAndMatchesTheIntegerForm) {
-  for (const Spec &spec :
-       {Spec{24, ORDER_BGR}, Spec{32, ORDER_RGB}, Spec{48, ORDER_BGR}, Spec{8, ORDER_GRAY}}) {
+  for (const Format &format :
+       {Format{24, ORDER_BGR}, Format{32, ORDER_RGB}, Format{48, ORDER_BGR}, Format{8, ORDER_GRAY}}) {
     for (uint32_t gamma : {100u, 50u, 220u}) {
-      SCOPED_TRACE(spec.Name() + " gamma " + std::to_string(gamma));
+      SCOPED_TRACE(format.Name() + " gamma " + std::to_string(gamma));
       kit::LeakGuard guard;
-      Bitmap b(spec, 6, 5);
+      Bitmap b(format, 6, 5);
       b.Randomize(gamma);
       const std::vector<Pixel> before = b.Pixels();
       kit::SetEllipseRegion(b, 0, 0, 6, 5);
       const uint32_t updates = b->UpdateCount;
       ASSERT_EQ(Q_GammaCorrectBitmapExt(b, gamma, GAMMA_YUV), RC_SUCCESS);
       EXPECT_EQ(b->UpdateCount, updates + 1);
-      const int32_t max = spec.bits >= 48 ? 65535 : 255;
+      const int32_t max = format.bits >= 48 ? 65535 : 255;
       std::vector<int32_t> table(static_cast<size_t>(max) + 1);
       img::BuildGammaTable(gamma, static_cast<uint32_t>(max) + 1, table.data());
       for (int32_t y = 0; y < 5; ++y)
@@ -65,7 +65,7 @@ TEST(GammaExt, LumaPathKeepsHueAndMatchesTheIntegerForm) {
           const Pixel p = before[y * 6 + x];
           Pixel want = p;
           if (kit::InRegion(b, x, y)) {
-            const bool gray = spec.IsGray();
+            const bool gray = format.IsGray();
             img::YuvPixel yuv =
                 img::LumaForward(static_cast<int32_t>(p.v[0]), static_cast<int32_t>(gray ? p.v[0] : p.v[1]),
                                  static_cast<int32_t>(gray ? p.v[0] : p.v[2]), max);
@@ -92,7 +92,7 @@ TEST(GammaExt, LumaPathKeepsHueAndMatchesTheIntegerForm) {
 
 TEST(GammaExt, LifecycleOfTheLumaPath) {
   auto setup = [] {
-    auto b = std::make_unique<Bitmap>(Spec{24, ORDER_BGR}, 9, 7);
+    auto b = std::make_unique<Bitmap>(Format{24, ORDER_BGR}, 9, 7);
     b->Randomize(2);
     return b;
   };
@@ -135,21 +135,21 @@ TEST(AutoBinary, ThresholdSearch) {
 
 TEST(AutoBinary, PaintsWhiteAtOrAboveTheThreshold) {
   kit::LeakGuard guard;
-  Bitmap hi(Spec{8, ORDER_GRAY}, 3, 2, std::vector<Pixel>(6, Level(100)));
+  Bitmap hi(Format{8, ORDER_GRAY}, 3, 2, std::vector<Pixel>(6, Level(100)));
   ASSERT_EQ(Q_AutoBinaryBitmap(hi, 0), RC_SUCCESS);
   EXPECT_EQ(hi.Pixels(), std::vector<Pixel>(6, Level(255)));
-  Bitmap lo(Spec{24, ORDER_BGR}, 3, 2, std::vector<Pixel>(6, Rgb(3, 3, 3)));
+  Bitmap lo(Format{24, ORDER_BGR}, 3, 2, std::vector<Pixel>(6, Rgb(3, 3, 3)));
   ASSERT_EQ(Q_AutoBinaryBitmap(lo, 0), RC_SUCCESS);
   EXPECT_EQ(lo.Pixels(), std::vector<Pixel>(6, Rgb(0, 0, 0)));
   // 12-bit gray: threshold 5 becomes 80 on the 12-bit scale, the top 4095.
-  Bitmap g12(Spec{12, ORDER_GRAY}, 3, 1, {Level(79), Level(80), Level(81)});
+  Bitmap g12(Format{12, ORDER_GRAY}, 3, 1, {Level(79), Level(80), Level(81)});
   ASSERT_EQ(Q_AutoBinaryBitmap(g12, 0), RC_SUCCESS);
   EXPECT_EQ(g12.At(0, 0).v[0], 0u);
   EXPECT_EQ(g12.At(1, 0).v[0], 4095u);
   EXPECT_EQ(g12.At(2, 0).v[0], 4095u);
-  Bitmap sgn(Spec{8, ORDER_GRAY}, 1, 1);
+  Bitmap sgn(Format{8, ORDER_GRAY}, 1, 1);
   sgn->Flags |= BITMAP_SIGNED;
-  Bitmap g32(Spec{32, ORDER_GRAY}, 1, 1);
+  Bitmap g32(Format{32, ORDER_GRAY}, 1, 1);
   kit::ExpectStatuses({
       {"flags", [&] { return Q_AutoBinaryBitmap(nullptr, 1); }, RC_INVALID_PARAMETER},
       {"null read by the worker", [&] { return Q_AutoBinaryBitmap(nullptr, 0); }, RC_NO_BITMAP},
@@ -157,7 +157,7 @@ TEST(AutoBinary, PaintsWhiteAtOrAboveTheThreshold) {
       {"signed", [&] { return Q_AutoBinaryBitmap(sgn, 0); }, RC_SIGNED_DATA_NOT_SUPPORTED},
   });
   auto setup = [] {
-    auto b = std::make_unique<Bitmap>(Spec{24, ORDER_BGR}, 20, 10);
+    auto b = std::make_unique<Bitmap>(Format{24, ORDER_BGR}, 20, 10);
     b->Randomize(9);
     kit::SetEllipseRegion(b->get(), 2, 2, 18, 9);
     return b;

@@ -11,7 +11,7 @@
 
 namespace {
 
-using kit::Pixel, kit::Spec;
+using kit::Pixel, kit::Format;
 
 // Every kind and orientation (signed data counts by its stored pattern),
 // region shape and channel: GetHistogram adds v * length / range (v itself
@@ -22,7 +22,7 @@ using kit::Pixel, kit::Spec;
 TEST(Histograms, MatchCountsOfPixelValues) {
   kit::LeakGuard guard;
   uint32_t seed = 100;
-  for (const Spec &s : kit::AllSpecs(true))
+  for (const Format &s : kit::AllFormats(true))
     for (int shape = 0; shape < 3; ++shape)
       for (uint32_t channel = 0; channel <= 3; ++channel) {
         SCOPED_TRACE(s.Name() + " shape " + std::to_string(shape) + " channel " + std::to_string(channel));

@@ -10,7 +10,7 @@ namespace {
 using kit::Rgb;
 using namespace img::hsi;
 
-kit::Spec Kind(int32_t bits, int32_t order = ORDER_BGR) { return kit::Spec{bits, order}; }
+kit::Format Kind(int32_t bits, int32_t order = ORDER_BGR) { return kit::Format{bits, order}; }
 
 HueSatIntRange Band(int32_t os, int32_t oe, int32_t is, int32_t ie, int32_t hue = 0, int32_t sat = 0,
                     int32_t in = 0) {
@@ -138,10 +138,10 @@ TEST(Hsi, PixelsAndPalettes) {
 }
 
 TEST(Hsi, IntensityExtremesInsideTheRegion) {
-  for (const kit::Spec &spec : {Kind(24), Kind(24, ORDER_RGB), Kind(32), Kind(48), Kind(64, ORDER_RGB)}) {
-    SCOPED_TRACE(spec.Name());
-    const uint32_t top = spec.SampleMax(), fourth = spec.Channels() == 4 ? 3 : 0;
-    kit::Bitmap bmp(spec, 16, 10);
+  for (const kit::Format &format : {Kind(24), Kind(24, ORDER_RGB), Kind(32), Kind(48), Kind(64, ORDER_RGB)}) {
+    SCOPED_TRACE(format.Name());
+    const uint32_t top = format.SampleMax(), fourth = format.Channels() == 4 ? 3 : 0;
+    kit::Bitmap bmp(format, 16, 10);
     bmp.Randomize(11);
     const auto before = bmp.Pixels();
     kit::SetEllipseRegion(bmp, 1, 1, 15, 9);
@@ -153,16 +153,16 @@ TEST(Hsi, IntensityExtremesInsideTheRegion) {
             << x << "," << y;
       }
     // -1000 subtracts one less than full scale: white becomes 1, darker becomes 0.
-    kit::Bitmap dim(spec, 2, 1, {Rgb(top, top, top, 3), Rgb(top / 2, top / 3, top / 4, 3)});
+    kit::Bitmap dim(format, 2, 1, {Rgb(top, top, top, 3), Rgb(top / 2, top / 3, top / 4, 3)});
     ASSERT_EQ(Call(dim, 0, 0, -1000), RC_SUCCESS);
     EXPECT_EQ(dim.Pixels(), (std::vector<kit::Pixel>{Rgb(1, 1, 1, fourth), Rgb(0, 0, 0, fourth)}));
   }
 }
 
 TEST(Hsi, CancellationAndAllocationFailures) {
-  const auto rows = [](kit::Spec spec, bool region) {
+  const auto rows = [](kit::Format format, bool region) {
     return [=] {
-      kit::Bitmap b(spec, 6, 8);
+      kit::Bitmap b(format, 6, 8);
       b.Randomize(9);
       if (region) kit::SetRectRegion(b, 1, 2, 5, 6);
       return b;

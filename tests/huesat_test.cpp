@@ -12,7 +12,7 @@ using kit::Rgb;
 using Pixels = std::vector<kit::Pixel>;
 using namespace img::huesat;
 
-kit::Spec Kind(int32_t bits, int32_t order = ORDER_BGR) { return kit::Spec{bits, order}; }
+kit::Format Kind(int32_t bits, int32_t order = ORDER_BGR) { return kit::Format{bits, order}; }
 uint32_t Pack(uint32_t r, uint32_t g, uint32_t b) { return r | (g << 8) | (b << 16); }
 using Op = std::function<int32_t(BitmapRecord *)>;
 Op Hue(int32_t angle) {
@@ -85,7 +85,7 @@ TEST(HueSatPixel, Saturation) {
 }
 
 TEST(HueSatExports, ChecksInOrder) {
-  kit::Bitmap bmp(Kind(24), 4, 2), old(kit::Spec{24, ORDER_BGR, ORIENT_TOP_FIRST, 176}, 2, 2);
+  kit::Bitmap bmp(Kind(24), 4, 2), old(kit::Format{24, ORDER_BGR, ORIENT_TOP_FIRST, 176}, 2, 2);
   kit::Bitmap big(Kind(24), 2, 2), zero(Kind(24), 2, 2), gray32(Kind(32, ORDER_GRAY), 2, 2);
   kit::Bitmap signedBmp(Kind(24), 2, 2);
   big->StructSize = 200;
@@ -120,14 +120,14 @@ TEST(HueSatExports, ChecksInOrder) {
 }
 
 TEST(HueSatExports, GrayAndRefusedCallsLeavePixels) {
-  for (const kit::Spec &spec :
+  for (const kit::Format &format :
        {Kind(8, ORDER_GRAY), Kind(12, ORDER_GRAY), Kind(16, ORDER_GRAY), Kind(24), Kind(48)}) {
-    SCOPED_TRACE(spec.Name());
-    const uint32_t top = spec.SampleMax();
+    SCOPED_TRACE(format.Name());
+    const uint32_t top = format.SampleMax();
     Pixels in;
     for (uint32_t v : {0u, 1u, top / 3, top / 2, top - 1, top})
-      in.push_back(spec.IsGray() ? kit::Level(v) : Rgb(v, v, v));
-    kit::Bitmap bmp(spec, 6, 1, in);
+      in.push_back(format.IsGray() ? kit::Level(v) : Rgb(v, v, v));
+    kit::Bitmap bmp(format, 6, 1, in);
     for (const Op &op : {Hue(77), Sat(1000), Sat(-700), Remap(65536)}) EXPECT_EQ(op(bmp), RC_SUCCESS);
     EXPECT_EQ(bmp.Pixels(), in);
   }
@@ -162,15 +162,15 @@ TEST(HueSatExports, EveryRowKind) {
   std::vector<int32_t> sel(256, 0), hue(256), sat(256), val(256), full(65536, 65535);
   for (int i = 0; i < 256; ++i) hue[i] = i, sat[i] = i, val[i] = i;
   sel[0] = 1, hue[0] = 85, sat[0] = 255, val[255] = 128;  // red to green, gray saturated, full value halved
-  const std::vector<kit::Spec> k8 = {Kind(24), Kind(24, ORDER_RGB), Kind(32), Kind(32, ORDER_RGB)};
-  const std::vector<kit::Spec> k16 = {Kind(48), Kind(48, ORDER_RGB), Kind(64)};
+  const std::vector<kit::Format> k8 = {Kind(24), Kind(24, ORDER_RGB), Kind(32), Kind(32, ORDER_RGB)};
+  const std::vector<kit::Format> k16 = {Kind(48), Kind(48, ORDER_RGB), Kind(64)};
   const kit::Pixel r8 = Rgb(255, 0, 0), g8 = Rgb(0, 255, 0), b8 = Rgb(0, 0, 255), gray = Rgb(77, 77, 77);
   const kit::Pixel r16 = Rgb(65535, 0, 0), gray16 = Rgb(30000, 30000, 30000), g2 = Rgb(2, 255, 0);
   const kit::Pixel a = Rgb(200, 100, 100), sa = Rgb(250, 50, 50);
   const Pixels rgbw = {r8, g8, b8, gray}, same = {r8, g2, b8, gray};
   const Op selected = Remap(256, sel.data(), hue.data(), sat.data(), val.data());
   const Op saturated = Remap(65536, nullptr, nullptr, full.data());
-  const std::tuple<std::vector<kit::Spec>, Op, Pixels, Pixels> cases[] = {
+  const std::tuple<std::vector<kit::Format>, Op, Pixels, Pixels> cases[] = {
       {k8, Hue(0), rgbw, same},
       {k8, Hue(-1), rgbw, same},
       {k8, Hue(360), rgbw, same},
@@ -187,14 +187,14 @@ TEST(HueSatExports, EveryRowKind) {
       {{Kind(48)}, Remap(65536), {r16}, {Rgb(65535, 384, 0)}},
       {{Kind(64), Kind(64, ORDER_RGB)}, saturated, {Rgb(1000, 2000, 3000)}, {Rgb(1000, 2000, 0)}},
   };
-  for (const auto &[specs, op, in, out] : cases)
-    for (const kit::Spec &spec : specs) {
-      SCOPED_TRACE(spec.Name() + " " + testing::PrintToString(in));
+  for (const auto &[formats, op, in, out] : cases)
+    for (const kit::Format &format : formats) {
+      SCOPED_TRACE(format.Name() + " " + testing::PrintToString(in));
       const auto fourth = [&](Pixels p) {  // the fourth sample is kept
-        for (kit::Pixel &x : p) x.v[3] = spec.Channels() == 4 ? 77 : 0;
+        for (kit::Pixel &x : p) x.v[3] = format.Channels() == 4 ? 77 : 0;
         return p;
       };
-      kit::Bitmap bmp(spec, static_cast<int32_t>(in.size()), 1, fourth(in));
+      kit::Bitmap bmp(format, static_cast<int32_t>(in.size()), 1, fourth(in));
       ASSERT_EQ(op(bmp), RC_SUCCESS);
       EXPECT_EQ(bmp.Pixels(), fourth(out));
     }
@@ -263,9 +263,9 @@ TEST(HueSatExports, ProgressAndBrokenPalettes) {
 }
 
 TEST(HueSatExports, EllipseRegionLimitsTheChange) {
-  for (const kit::Spec &spec : {Kind(24), Kind(48), Kind(32)}) {
-    SCOPED_TRACE(spec.Name());
-    kit::Bitmap bmp(spec, 20, 12), whole(spec, 20, 12);
+  for (const kit::Format &format : {Kind(24), Kind(48), Kind(32)}) {
+    SCOPED_TRACE(format.Name());
+    kit::Bitmap bmp(format, 20, 12), whole(format, 20, 12);
     bmp.Randomize(5);
     whole.Randomize(5);
     kit::SetEllipseRegion(bmp, 2, 1, 17, 11);
@@ -279,9 +279,9 @@ TEST(HueSatExports, EllipseRegionLimitsTheChange) {
 }
 
 TEST(HueSatExports, AllocationFailures) {
-  const auto rows = [](kit::Spec spec) {
-    return [spec] {
-      kit::Bitmap b(spec, 9, 7);
+  const auto rows = [](kit::Format format) {
+    return [format] {
+      kit::Bitmap b(format, 9, 7);
       b.Randomize(1);
       kit::SetEllipseRegion(b, 1, 1, 8, 6);
       return b;

@@ -5,34 +5,34 @@
 #include "kit.h"
 
 using kit::Bitmap;
+using kit::Format;
 using kit::Pixel;
 using kit::Rgb;
-using kit::Spec;
 
 namespace {
 
-Bitmap Gradient(const Spec &spec, int32_t w = 8, int32_t h = 4, uint32_t seed = 7) {
-  Bitmap b(spec, w, h);
+Bitmap Gradient(const Format &format, int32_t w = 8, int32_t h = 4, uint32_t seed = 7) {
+  Bitmap b(format, w, h);
   b.Randomize(seed);
   return b;
 }
 
-uint32_t Full(const Spec &s) {
+uint32_t Full(const Format &s) {
   return s.bits >= 48 ? 65535 : s.IsGray() && s.bits != 8 ? (s.bits == 12 ? 4095 : 65535) : 255;
 }
 
 // Applies f to every colour sample of the expected pixels (palette bitmaps:
 // to the palette instead).
 template <class F>
-void ExpectSampleMap(const Spec &spec, F op, std::function<uint32_t(uint32_t, uint32_t)> f) {
-  SCOPED_TRACE(spec.Name());
+void ExpectSampleMap(const Format &format, F op, std::function<uint32_t(uint32_t, uint32_t)> f) {
+  SCOPED_TRACE(format.Name());
   kit::LeakGuard guard;
-  Bitmap b = Gradient(spec);
+  Bitmap b = Gradient(format);
   const std::vector<Pixel> before = b.Pixels();
   std::vector<PaletteEntry> pal(b->Palette ? b->Palette : nullptr,
                                 b->Palette ? b->Palette + b->ColorsUsed : nullptr);
   ASSERT_EQ(op(b.get()), RC_SUCCESS);
-  if (spec.IsPalette()) {
+  if (format.IsPalette()) {
     EXPECT_EQ(b.Pixels(), before);
     for (size_t i = 0; i < pal.size(); ++i) {
       EXPECT_EQ(b->Palette[i].Red, f(pal[i].Red, 255));
@@ -40,12 +40,12 @@ void ExpectSampleMap(const Spec &spec, F op, std::function<uint32_t(uint32_t, ui
     }
     return;
   }
-  const uint32_t full = spec.bits == 16 && !spec.IsGray() ? 255 : Full(spec);
+  const uint32_t full = format.bits == 16 && !format.IsGray() ? 255 : Full(format);
   for (size_t i = 0; i < before.size(); ++i) {
     Pixel want = before[i];
-    const int channels = spec.IsGray() ? 1 : 3;
+    const int channels = format.IsGray() ? 1 : 3;
     for (int c = 0; c < channels; ++c) {
-      if (spec.bits == 16 && !spec.IsGray()) {  // 5-5-5: through 8-bit samples
+      if (format.bits == 16 && !format.IsGray()) {  // 5-5-5: through 8-bit samples
         const uint32_t wide = (want.v[c] << 3) | (want.v[c] >> 2);
         want.v[c] = f(wide, full) >> 3;
       } else {
@@ -60,7 +60,7 @@ void ExpectSampleMap(const Spec &spec, F op, std::function<uint32_t(uint32_t, ui
 
 TEST(Forwarding, FlagsAndConstants) {
   kit::LeakGuard guard;
-  Bitmap b = Gradient(Spec{24, ORDER_BGR});
+  Bitmap b = Gradient(Format{24, ORDER_BGR});
   const std::vector<Pixel> before = b.Pixels();
   uint32_t hist[256] = {};
   const uint32_t targets[3] = {0, 500, 1000};
@@ -95,21 +95,21 @@ TEST(Forwarding, FlagsAndConstants) {
 }
 
 TEST(TableOperations, EveryKind) {
-  for (const Spec &spec : kit::AllSpecs(true)) {
+  for (const Format &format : kit::AllFormats(true)) {
     ExpectSampleMap(
-        spec, [](BitmapRecord *b) { return Q_InvertBitmap(b, 0); },
+        format, [](BitmapRecord *b) { return Q_InvertBitmap(b, 0); },
         [](uint32_t v, uint32_t full) { return full - v; });
     ExpectSampleMap(
-        spec, [](BitmapRecord *b) { return Q_ChangeBitmapIntensity(b, 100, 0); },
+        format, [](BitmapRecord *b) { return Q_ChangeBitmapIntensity(b, 100, 0); },
         [](uint32_t v, uint32_t full) {
           const int64_t d = (100 * static_cast<int64_t>(full) + 500) / 1000;  // half away
           return static_cast<uint32_t>(std::min<int64_t>(v + d, full));
         });
     ExpectSampleMap(
-        spec, [](BitmapRecord *b) { return Q_ChangeBitmapIntensity(b, -1000, 0); },
+        format, [](BitmapRecord *b) { return Q_ChangeBitmapIntensity(b, -1000, 0); },
         [](uint32_t, uint32_t) { return 0u; });
     ExpectSampleMap(
-        spec, [](BitmapRecord *b) { return Q_GammaCorrectBitmap(b, 200, 0); },
+        format, [](BitmapRecord *b) { return Q_GammaCorrectBitmap(b, 200, 0); },
         [](uint32_t v, uint32_t full) {
           return static_cast<uint32_t>(std::nearbyint(full * std::sqrt(double(v) / full)));
         });
@@ -137,11 +137,11 @@ TEST(TableOperations, FormulasAtTheirEdges) {
   };
   for (const Case &c : cases) {
     kit::LeakGuard guard;
-    Bitmap b(Spec{8, ORDER_GRAY}, 1, 1, {kit::Level(c.v)});
+    Bitmap b(Format{8, ORDER_GRAY}, 1, 1, {kit::Level(c.v)});
     ASSERT_EQ(Q_ContBrightIntBitmap(b, c.c, c.b, c.i, 0), RC_SUCCESS);
     EXPECT_EQ(b.At(0, 0).v[0], c.want) << c.c << " " << c.b << " " << c.i << " on " << c.v;
   }
-  Bitmap b(Spec{24, ORDER_BGR}, 2, 2);
+  Bitmap b(Format{24, ORDER_BGR}, 2, 2);
   kit::ExpectStatuses({
       {"contrast 1001", [&] { return Q_ContBrightIntBitmap(b, 1001, 0, 0, 0); }, RC_INVALID_PARAMETER},
       {"intensity -1001", [&] { return Q_ChangeBitmapIntensity(b, -1001, 0); }, RC_INVALID_PARAMETER},
@@ -152,7 +152,8 @@ TEST(TableOperations, FormulasAtTheirEdges) {
 TEST(TableOperations, SignedAttachedAndRegion) {
   kit::LeakGuard guard;
   // Signed 8-bit gray: inverting the offset value maps s to -1 - s.
-  Bitmap s(Spec{8, ORDER_GRAY}, 4, 1, {kit::Level(0x80), kit::Level(0xFF), kit::Level(0), kit::Level(0x7F)});
+  Bitmap s(Format{8, ORDER_GRAY}, 4, 1,
+           {kit::Level(0x80), kit::Level(0xFF), kit::Level(0), kit::Level(0x7F)});
   s->Flags |= BITMAP_SIGNED;
   ASSERT_EQ(Q_InvertBitmap(s, 0), RC_SUCCESS);
   EXPECT_EQ(s.At(0, 0).v[0], 0x7Fu);  // -128 -> 127
@@ -160,7 +161,7 @@ TEST(TableOperations, SignedAttachedAndRegion) {
   EXPECT_EQ(s.At(2, 0).v[0], 0xFFu);  // 0 -> -1
   EXPECT_EQ(s.At(3, 0).v[0], 0x80u);  // 127 -> -128
   // Attached table: the pixels stay, the table changes.
-  Bitmap a(Spec{8, ORDER_GRAY}, 2, 1, {kit::Level(3), kit::Level(4)});
+  Bitmap a(Format{8, ORDER_GRAY}, 2, 1, {kit::Level(3), kit::Level(4)});
   a->AttachedLut = static_cast<int32_t *>(AllocZeroed(256, 4, __LINE__, L"tests/intensity"));
   a->AttachedLutLength = 256;
   for (int i = 0; i < 256; ++i) a->AttachedLut[i] = i / 2;
@@ -169,7 +170,7 @@ TEST(TableOperations, SignedAttachedAndRegion) {
   EXPECT_EQ(a.At(0, 0).v[0], 3u);
   EXPECT_EQ(a->AttachedLut[10], 255 - 5);
   // Region: an ellipse; pixels outside keep their value.
-  Bitmap r = Gradient(Spec{48, ORDER_BGR}, 9, 9);
+  Bitmap r = Gradient(Format{48, ORDER_BGR}, 9, 9);
   const std::vector<Pixel> before = r.Pixels();
   kit::SetEllipseRegion(r, 1, 1, 8, 8);
   ASSERT_EQ(Q_InvertBitmap(r, 0), RC_SUCCESS);
@@ -184,17 +185,17 @@ TEST(TableOperations, SignedAttachedAndRegion) {
 
 TEST(GrayScaleExt, ConvertsWithoutRegionAndPaintsWithOne) {
   kit::LeakGuard guard;
-  Bitmap c(Spec{24, ORDER_RGB, ORIENT_BOTTOM_FIRST}, 2, 1, {Rgb(200, 100, 50), Rgb(255, 255, 255)});
+  Bitmap c(Format{24, ORDER_RGB, ORIENT_BOTTOM_FIRST}, 2, 1, {Rgb(200, 100, 50), Rgb(255, 255, 255)});
   ASSERT_EQ(Q_GrayScaleBitmapExt(c, 2990, 5870, 1140, 0), RC_SUCCESS);
   EXPECT_EQ(c->BitsPerPixel, 8);
   EXPECT_EQ(c->ColorOrder, ORDER_GRAY);
   EXPECT_EQ(c.At(0, 0).v[0], (2990u * 200 + 5870 * 100 + 1140 * 50) / 10000);
   EXPECT_EQ(c.At(1, 0).v[0], 255u);
-  Bitmap w(Spec{64, ORDER_BGR}, 1, 1, {Rgb(65535, 0, 1000, 7)});
+  Bitmap w(Format{64, ORDER_BGR}, 1, 1, {Rgb(65535, 0, 1000, 7)});
   ASSERT_EQ(Q_GrayScaleBitmapExt(w, 5000, 0, 5000, 0), RC_SUCCESS);
   EXPECT_EQ(w->BitsPerPixel, 16);
   EXPECT_EQ(w.At(0, 0).v[0], (65535u + 1000) / 2);
-  Bitmap r(Spec{32, ORDER_BGR}, 3, 1, {Rgb(10, 20, 30, 9), Rgb(10, 20, 30, 9), Rgb(1, 2, 3, 4)});
+  Bitmap r(Format{32, ORDER_BGR}, 3, 1, {Rgb(10, 20, 30, 9), Rgb(10, 20, 30, 9), Rgb(1, 2, 3, 4)});
   kit::SetRectRegion(r, 1, 0, 2, 1);
   ASSERT_EQ(Q_GrayScaleBitmapExt(r, 10000, 0, 0, 0), RC_SUCCESS);
   EXPECT_EQ(r->BitsPerPixel, 32);
@@ -207,19 +208,19 @@ TEST(GrayScaleExt, ConvertsWithoutRegionAndPaintsWithOne) {
 TEST(IntensityDetect, SelectorsAndScales) {
   kit::LeakGuard guard;
   const uint32_t white = 0xFFFFFF, red = 0x0000FF;
-  Bitmap c(Spec{24, ORDER_BGR}, 3, 1, {Rgb(100, 100, 100), Rgb(10, 200, 10), Rgb(250, 0, 0)});
+  Bitmap c(Format{24, ORDER_BGR}, 3, 1, {Rgb(100, 100, 100), Rgb(10, 200, 10), Rgb(250, 0, 0)});
   ASSERT_EQ(Q_IntensityDetectBitmap(c, 100, 255, white, red, 0x111, 0), RC_SUCCESS);
   EXPECT_EQ(c.At(0, 0), Rgb(255, 255, 255));  // intensity 100
   EXPECT_EQ(c.At(1, 0), Rgb(255, 255, 255));  // (20 + 1000 + 10) >> 3 = 128
   EXPECT_EQ(c.At(2, 0), Rgb(255, 0, 0));      // 62: outside -> red
-  Bitmap s(Spec{24, ORDER_BGR}, 2, 1, {Rgb(200, 5, 6), Rgb(50, 5, 6)});
+  Bitmap s(Format{24, ORDER_BGR}, 2, 1, {Rgb(200, 5, 6), Rgb(50, 5, 6)});
   ASSERT_EQ(Q_IntensityDetectBitmap(s, 128, 255, white, 0, DETECT_CHANNEL_RED, 0), RC_SUCCESS);
   EXPECT_EQ(s.At(0, 0), Rgb(255, 5, 6));
   EXPECT_EQ(s.At(1, 0), Rgb(0, 5, 6));
-  Bitmap w(Spec{48, ORDER_RGB}, 1, 1, {Rgb(40000, 40000, 40000)});
+  Bitmap w(Format{48, ORDER_RGB}, 1, 1, {Rgb(40000, 40000, 40000)});
   ASSERT_EQ(Q_IntensityDetectBitmap(w, 30000, 65535, 0x010203, 0, 0x111, 0), RC_SUCCESS);
   EXPECT_EQ(w.At(0, 0), Rgb(3 * 257, 2 * 257, 1 * 257));
-  Bitmap g12(Spec{12, ORDER_GRAY}, 2, 1, {kit::Level(4000), kit::Level(100)});
+  Bitmap g12(Format{12, ORDER_GRAY}, 2, 1, {kit::Level(4000), kit::Level(100)});
   ASSERT_EQ(Q_IntensityDetectBitmap(g12, 2048, 4095, white, 0, 0x111, 0), RC_SUCCESS);
   EXPECT_EQ(g12.At(0, 0).v[0], 4095u);
   EXPECT_EQ(g12.At(1, 0).v[0], 0u);
@@ -237,7 +238,7 @@ TEST(IntensityDetect, SelectorsAndScales) {
 TEST(Levels, LightControlAutoLevelAndColorLevel) {
   kit::LeakGuard guard;
   // Two levels: mean 100, mean below 50, mean at or above 150.
-  Bitmap g(Spec{8, ORDER_GRAY}, 2, 1, {kit::Level(50), kit::Level(150)});
+  Bitmap g(Format{8, ORDER_GRAY}, 2, 1, {kit::Level(50), kit::Level(150)});
   const uint32_t lower[3] = {100, 100, 100}, middle[3] = {500, 500, 500}, upper[3] = {900, 900, 900};
   ASSERT_EQ(Q_LightControlBitmap(g, lower, middle, upper, LIGHT_CONTROL_PER_CHANNEL), RC_SUCCESS);
   EXPECT_EQ(g.At(0, 0).v[0], 25u);   // 100 * 255 / 1000
@@ -248,7 +249,7 @@ TEST(Levels, LightControlAutoLevelAndColorLevel) {
 
   std::vector<Pixel> px;
   for (uint32_t v = 50; v <= 200; ++v) px.push_back(Rgb(v, v, v));
-  Bitmap a(Spec{24, ORDER_BGR}, static_cast<int32_t>(px.size()), 1, px);
+  Bitmap a(Format{24, ORDER_BGR}, static_cast<int32_t>(px.size()), 1, px);
   ASSERT_EQ(Q_AutoColorLevelBitmap(a, AUTO_LEVEL_COMMON, 0, 0, 0), RC_SUCCESS);
   EXPECT_EQ(a.At(0, 0), Rgb(0, 0, 0));
   EXPECT_EQ(a.At(150, 0), Rgb(255, 255, 255));
@@ -260,7 +261,7 @@ TEST(Levels, LightControlAutoLevelAndColorLevel) {
   levels.StructSize = sizeof levels;
   levels.Master = {0, 255, 255, 0, 100};  // inversion
   levels.Red = {0, 100, 0, 255, 100};
-  Bitmap c(Spec{24, ORDER_BGR}, 1, 1, {Rgb(230, 100, 5)});
+  Bitmap c(Format{24, ORDER_BGR}, 1, 1, {Rgb(230, 100, 5)});
   ASSERT_EQ(Q_ColorLevelBitmap(c, &levels, COLOR_LEVEL_MASTER | COLOR_LEVEL_RED), RC_SUCCESS);
   EXPECT_EQ(c.At(0, 0), Rgb(64, 155, 250));  // red: 25 -> 25 * 255 / 100 = 63.75
   levels.Green = {10, 10, 0, 0, 100};
@@ -269,21 +270,21 @@ TEST(Levels, LightControlAutoLevelAndColorLevel) {
 }
 
 TEST(AdaptiveContrast, MatchesBruteForceWindowMeans) {
-  for (const Spec &spec : {Spec{24, ORDER_BGR}, Spec{8, ORDER_GRAY}, Spec{48, ORDER_RGB}}) {
+  for (const Format &format : {Format{24, ORDER_BGR}, Format{8, ORDER_GRAY}, Format{48, ORDER_RGB}}) {
     for (uint32_t dim : {3u, 5u, 9u}) {
-      SCOPED_TRACE(spec.Name() + " dim " + std::to_string(dim));
+      SCOPED_TRACE(format.Name() + " dim " + std::to_string(dim));
       kit::LeakGuard guard;
-      Bitmap b = Gradient(spec, 7, 6, dim);
+      Bitmap b = Gradient(format, 7, 6, dim);
       const std::vector<Pixel> before = b.Pixels();
       kit::SetRectRegion(b, 1, 1, 6, 5);
       ASSERT_EQ(Q_AdaptiveContrastBitmap(b, dim, 50, ADAPTIVE_CONTRAST_ALL), RC_SUCCESS);
       const int h = static_cast<int>(dim) / 2;
-      const int64_t full = Full(spec);
+      const int64_t full = Full(format);
       for (int y = 0; y < 6; ++y)
         for (int x = 0; x < 7; ++x) {
           Pixel want = before[y * 7 + x];
           if (kit::InRegion(b, x, y))
-            for (int c = 0; c < spec.Channels() && c < 3; ++c) {
+            for (int c = 0; c < format.Channels() && c < 3; ++c) {
               int64_t sum = 0;
               for (int dy = -h; dy <= h; ++dy)
                 for (int dx = -h; dx <= h; ++dx) {
@@ -323,7 +324,7 @@ TEST(Lifecycle, LeaksFaultsAndCancellation) {
   for (auto &[name, op] : ops) {
     SCOPED_TRACE(name);
     auto setup = [] {
-      auto b = std::make_unique<Bitmap>(Spec{24, ORDER_BGR}, 16, 12);
+      auto b = std::make_unique<Bitmap>(Format{24, ORDER_BGR}, 16, 12);
       b->Randomize(5);
       kit::SetEllipseRegion(b->get(), 2, 1, 14, 11);
       return b;

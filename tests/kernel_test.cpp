@@ -7,7 +7,7 @@
 #include "kit.h"
 
 using kit::Bitmap;
-using kit::Spec;
+using kit::Format;
 
 static constexpr const wchar_t *kSourceFile = L"tests/kernel_test";
 
@@ -143,7 +143,7 @@ TEST(Storage, EveryKindStoresAsDocumented) {
   // Pixel (1, 0) of a 3 x 2 bitmap set through the kit must land at the
   // documented bytes of stored row 0 (top-first) or stored row 1 (bottom-first).
   struct Case {
-    Spec spec;
+    Format format;
     kit::Pixel pixel;
     std::vector<uint8_t> row;  // first stored bytes of the pixel's row
   } cases[] = {
@@ -163,11 +163,11 @@ TEST(Storage, EveryKindStoresAsDocumented) {
   };
   for (const Case &c : cases) {
     for (int32_t orientation : {ORIENT_TOP_FIRST, ORIENT_BOTTOM_FIRST}) {
-      Spec spec = c.spec;
-      spec.orientation = orientation;
-      SCOPED_TRACE(spec.Name());
+      Format format = c.format;
+      format.orientation = orientation;
+      SCOPED_TRACE(format.Name());
       kit::LeakGuard guard;
-      Bitmap bmp(spec, 3, 2);
+      Bitmap bmp(format, 3, 2);
       EXPECT_EQ(bmp->BytesPerLine % 4, 0u);
       bmp.Set(1, 0, c.pixel);
       std::vector<uint8_t> stored(bmp->BytesPerLine);
@@ -218,7 +218,7 @@ TEST(Records, OldRecordSizeIsNeverOverrun) {
 
 TEST(Records, CopyIsDeepAndFreeReleasesEverything) {
   kit::LeakGuard guard;
-  Bitmap src(Spec{8, ORDER_GRAY}, 4, 3);
+  Bitmap src(Format{8, ORDER_GRAY}, 4, 3);
   src.Randomize(3);
   src->AttachedLut = static_cast<int32_t *>(AllocZeroed(256, 4, __LINE__, kSourceFile));
   src->AttachedLutLength = 256;
@@ -245,7 +245,7 @@ TEST(Records, CopyIsDeepAndFreeReleasesEverything) {
 TEST(Records, CopyAndAllocateSurviveAllocationFailure) {
   kit::CheckAllocationFailures(
       [] {
-        auto b = std::make_unique<Bitmap>(Spec{8, ORDER_BGR}, 5, 5);
+        auto b = std::make_unique<Bitmap>(Format{8, ORDER_BGR}, 5, 5);
         kit::SetRectRegion(b->get(), 0, 0, 2, 2);
         return b;
       },
@@ -280,7 +280,7 @@ TEST(Records, HeaderResetAccessAndUpdate) {
   EXPECT_EQ(InitBitmapHeader(&rec, 208, 0, 3, 24), RC_INVALID_PARAMETER);
   EXPECT_EQ(ResetBitmap(&rec, 99, 0, 0, 0), RC_INVALID_STRUCT_SIZE);
   kit::LeakGuard guard;
-  Bitmap bmp(Spec{24, ORDER_BGR}, 2, 2);
+  Bitmap bmp(Format{24, ORDER_BGR}, 2, 2);
   const int32_t token = AccessBitmap(bmp);
   EXPECT_EQ(token, 0);
   EXPECT_EQ(AccessBitmap(bmp), 1);
@@ -295,17 +295,17 @@ TEST(Records, HeaderResetAccessAndUpdate) {
 TEST(Records, IsGrayBitmapByKind) {
   kit::LeakGuard guard;
   struct Case {
-    Spec spec;
+    Format format;
     bool gray;
   } cases[] = {{{8, ORDER_GRAY}, true},  {{12, ORDER_GRAY}, true}, {{16, ORDER_GRAY}, true},
                {{1, ORDER_BGR}, true},   {{4, ORDER_BGR}, true},   {{16, ORDER_BGR}, false},
                {{24, ORDER_BGR}, false}, {{64, ORDER_RGB}, false}};
   for (const Case &c : cases) {
-    Bitmap b(c.spec, 2, 2);
-    EXPECT_EQ(IsGrayBitmap(b) != 0, c.gray) << c.spec.Name();
+    Bitmap b(c.format, 2, 2);
+    EXPECT_EQ(IsGrayBitmap(b) != 0, c.gray) << c.format.Name();
   }
   PaletteEntry pal[2] = {{0, 0, 0, 0}, {0, 0, 255, 0}};
-  Bitmap red(Spec{1, ORDER_BGR}, 2, 2, pal);
+  Bitmap red(Format{1, ORDER_BGR}, 2, 2, pal);
   EXPECT_FALSE(IsGrayBitmap(red));
   red->PaletteFlag = PALETTE_FLAG_NONE;
   EXPECT_TRUE(IsGrayBitmap(red));
@@ -346,7 +346,7 @@ TEST(Helpers, KernelSettingsSwapAndRestore) {
 
 TEST(Lists, InsertRemoveAndNeverFreePixels) {
   kit::LeakGuard guard;
-  Bitmap a(Spec{24, ORDER_BGR}, 2, 2), b(Spec{8, ORDER_GRAY}, 3, 3);
+  Bitmap a(Format{24, ORDER_BGR}, 2, 2), b(Format{8, ORDER_GRAY}, 3, 3);
   BitmapList list = nullptr;
   ASSERT_EQ(CreateBitmapList(&list), RC_SUCCESS);
   for (int i = 0; i < 10; ++i)

@@ -13,7 +13,7 @@
 namespace {
 
 using kit::Bitmap;
-using kit::Spec;
+using kit::Format;
 using Entries = std::vector<std::pair<int32_t, int32_t>>;  // index, value
 
 TEST(LutBuilders, LengthFollowsKindAndSignificantBits) {
@@ -160,10 +160,10 @@ TEST(LutBuilders, MathLogic) {
 
 TEST(LutExports, EntryChecksInOrder) {
   kit::LeakGuard guard;
-  Bitmap color(Spec{24, ORDER_BGR}, 4, 2);
-  Bitmap gray32(Spec{32, ORDER_GRAY}, 4, 2), gray12(Spec{12, ORDER_GRAY}, 4, 2),
-      gray8(Spec{8, ORDER_GRAY}, 4, 2);
-  Bitmap bad(Spec{24, ORDER_BGR}, 4, 2), bad32(Spec{32, ORDER_GRAY}, 4, 2);
+  Bitmap color(Format{24, ORDER_BGR}, 4, 2);
+  Bitmap gray32(Format{32, ORDER_GRAY}, 4, 2), gray12(Format{12, ORDER_GRAY}, 4, 2),
+      gray8(Format{8, ORDER_GRAY}, 4, 2);
+  Bitmap bad(Format{24, ORDER_BGR}, 4, 2), bad32(Format{32, ORDER_GRAY}, 4, 2);
   bad->StructSize = 200;
   bad32->StructSize = 0;
   const int32_t table[256] = {};
@@ -211,7 +211,7 @@ TEST(LutExports, EntryChecksInOrder) {
   });
   bad->StructSize = bad32->StructSize = BITMAP_RECORD_SIZE;  // so that the bitmaps can be freed
   // Zero changes leave the bitmap alone; contrast reports nothing, histogram contrast 0 and 100.
-  Bitmap b(Spec{24, ORDER_BGR}, 5, 3);
+  Bitmap b(Format{24, ORDER_BGR}, 5, 3);
   b.Randomize(3);
   const auto before = b.Pixels();
   kit::ScopedCallback cb([](int32_t) { return RC_SUCCESS; });
@@ -223,7 +223,7 @@ TEST(LutExports, EntryChecksInOrder) {
 }
 
 // Expected sample after the table, on the bitmap's own scale.
-uint32_t Mapped(const Spec &s, const std::vector<int32_t> &t, uint32_t v) {
+uint32_t Mapped(const Format &s, const std::vector<int32_t> &t, uint32_t v) {
   const uint32_t mask = s.IsGray() ? s.SampleMax() : (s.bits >= 48 ? 0xFFFFu : 0xFFu);
   return v < t.size() ? static_cast<uint32_t>(t[v]) & mask : v;
 }
@@ -247,36 +247,38 @@ const std::vector<std::tuple<std::string, Call, Build>> kTableCases = {
 // Every kind, inside an ellipse region where the kind keeps pixels (palettes
 // change their entries instead). 5-bit colour is checked by inversion only.
 TEST(LutExports, EveryKindMapsThroughTheTable) {
-  for (const Spec &spec : kit::AllSpecs(true))
+  for (const Format &format : kit::AllFormats(true))
     for (const auto &[name, call, build] : kTableCases) {
-      const bool fiveBit = spec.bits == 16 && !spec.IsGray();
+      const bool fiveBit = format.bits == 16 && !format.IsGray();
       if (fiveBit && name != "solarize 0") continue;
-      SCOPED_TRACE(spec.Name() + " " + name);
+      SCOPED_TRACE(format.Name() + " " + name);
       kit::LeakGuard guard;
-      Bitmap b(spec, 7, 5);
+      Bitmap b(format, 7, 5);
       b.Randomize(11);
-      if (!spec.IsPalette()) kit::SetEllipseRegion(b, 1, 0, 7, 5);
+      if (!format.IsPalette()) kit::SetEllipseRegion(b, 1, 0, 7, 5);
       const auto before = b.Pixels();
       std::vector<kit::Pixel> colors;
-      for (int32_t i = 0; i < 35 && spec.IsPalette(); ++i) colors.push_back(b.ColorAt(i % 7, i / 7));
-      std::vector<int32_t> t(spec.IsGray() ? spec.SampleMax() + 1 : (spec.bits >= 48 ? 65536u : 256u), 0);
+      for (int32_t i = 0; i < 35 && format.IsPalette(); ++i) colors.push_back(b.ColorAt(i % 7, i / 7));
+      std::vector<int32_t> t(format.IsGray() ? format.SampleMax() + 1 : (format.bits >= 48 ? 65536u : 256u),
+                             0);
       build(t.data(), static_cast<uint32_t>(t.size()));
       ASSERT_EQ(call(b), RC_SUCCESS);
       for (int32_t i = 0, y = 0; y < 5; ++y)
         for (int32_t x = 0; x < 7; ++x, ++i) {
           kit::Pixel want = before[i];
-          for (int k = 0; k < (spec.IsGray() ? 1 : 3) && kit::InRegion(b, x, y) && !spec.IsPalette(); ++k)
-            want.v[k] = fiveBit ? 31 - want.v[k] : Mapped(spec, t, want.v[k]);
+          for (int k = 0; k < (format.IsGray() ? 1 : 3) && kit::InRegion(b, x, y) && !format.IsPalette(); ++k)
+            want.v[k] = fiveBit ? 31 - want.v[k] : Mapped(format, t, want.v[k]);
           EXPECT_EQ(b.At(x, y), want) << x << "," << y;  // palettes: the indices stay
-          for (int k = 0; k < 3 && spec.IsPalette(); ++k)
-            EXPECT_EQ(b.ColorAt(x, y).v[k], Mapped(spec, t, colors[i].v[k])) << x << "," << y;
+          for (int k = 0; k < 3 && format.IsPalette(); ++k)
+            EXPECT_EQ(b.ColorAt(x, y).v[k], Mapped(format, t, colors[i].v[k])) << x << "," << y;
         }
     }
 }
 
 TEST(LutExports, GraySpansAndSignificantBits) {
   // High bit 11 gives 4096 entries: a threshold of 4095 inverts only the largest value.
-  Bitmap g(Spec{12, ORDER_GRAY}, 4, 1, {kit::Level(0), kit::Level(100), kit::Level(4094), kit::Level(4095)});
+  Bitmap g(Format{12, ORDER_GRAY}, 4, 1,
+           {kit::Level(0), kit::Level(100), kit::Level(4094), kit::Level(4095)});
   g->SignificantLowBit = 0, g->SignificantHighBit = 11;
   ASSERT_EQ(Q_SolarizeBitmap(g, 4095, 0), RC_SUCCESS);
   EXPECT_EQ(g.Pixels(),
@@ -284,14 +286,14 @@ TEST(LutExports, GraySpansAndSignificantBits) {
   // The histogram exports find the occupied span: 50..200 is stretched as in the table above.
   std::vector<kit::Pixel> px;
   for (uint32_t v = 50; v <= 200; ++v) px.push_back(kit::Level(v));
-  Bitmap b(Spec{8, ORDER_GRAY}, static_cast<int32_t>(px.size()), 1, px);
+  Bitmap b(Format{8, ORDER_GRAY}, static_cast<int32_t>(px.size()), 1, px);
   ASSERT_EQ(Q_StretchBitmapIntensity(b, 0), RC_SUCCESS);
   EXPECT_EQ(std::vector<kit::Pixel>({b.At(0, 0), b.At(75, 0), b.At(76, 0), b.At(150, 0)}),
             std::vector<kit::Pixel>({kit::Level(0), kit::Level(126), kit::Level(128), kit::Level(255)}));
-  Bitmap flat(Spec{24, ORDER_BGR}, 4, 4, std::vector<kit::Pixel>(16, kit::Rgb(70, 70, 70)));
+  Bitmap flat(Format{24, ORDER_BGR}, 4, 4, std::vector<kit::Pixel>(16, kit::Rgb(70, 70, 70)));
   ASSERT_EQ(Q_StretchBitmapIntensity(flat, 0), RC_SUCCESS);
   EXPECT_EQ(flat.Pixels(), std::vector<kit::Pixel>(16, kit::Rgb(70, 70, 70)));
-  Bitmap full(Spec{8, ORDER_GRAY}, 3, 1, {kit::Level(0), kit::Level(164), kit::Level(255)});
+  Bitmap full(Format{8, ORDER_GRAY}, 3, 1, {kit::Level(0), kit::Level(164), kit::Level(255)});
   ASSERT_EQ(Q_HistoContrastBitmap(full, 1000, 0), RC_SUCCESS);
   EXPECT_EQ(full.At(1, 0), kit::Level(255 * 132 / 133));
 }
@@ -300,7 +302,7 @@ TEST(LutExports, SignedAttachedAndCallersTables) {
   kit::LeakGuard guard;
   // Tables are built over offset values (0 = most negative): inversion maps
   // s to -1 - s, doubling maps s to min(2 (s + 128), 255) - 128.
-  Bitmap b(Spec{8, ORDER_GRAY}, 4, 1, {kit::Level(0), kit::Level(5), kit::Level(0x80), kit::Level(0xFF)});
+  Bitmap b(Format{8, ORDER_GRAY}, 4, 1, {kit::Level(0), kit::Level(5), kit::Level(0x80), kit::Level(0xFF)});
   b->Flags |= BITMAP_SIGNED;
   ASSERT_EQ(Q_SolarizeBitmap(b, 0, 0), RC_SUCCESS);
   EXPECT_EQ(b.Pixels(),
@@ -308,7 +310,7 @@ TEST(LutExports, SignedAttachedAndCallersTables) {
   ASSERT_EQ(Q_MultiplyBitmap(b, 200, 0), RC_SUCCESS);  // -1, -6, 127, 0
   EXPECT_EQ(b.Pixels(), (std::vector<kit::Pixel>{kit::Level(0x7E), kit::Level(0x74), kit::Level(0x7F),
                                                  kit::Level(0x7F)}));
-  Bitmap w(Spec{48, ORDER_BGR}, 1, 1, {kit::Rgb(0x8000, 0x7FFF, 0)});
+  Bitmap w(Format{48, ORDER_BGR}, 1, 1, {kit::Rgb(0x8000, 0x7FFF, 0)});
   w->Flags |= BITMAP_SIGNED;
   ASSERT_EQ(Q_SolarizeBitmap(w, 0, 0), RC_SUCCESS);
   EXPECT_EQ(w.At(0, 0), kit::Rgb(0x7FFF, 0x8000, 0xFFFF));
@@ -317,7 +319,7 @@ TEST(LutExports, SignedAttachedAndCallersTables) {
   ASSERT_EQ(Q_ApplyMathLogicBitmap(b, 0, 0x2000), RC_SUCCESS);
   EXPECT_EQ(b.Pixels(), std::vector<kit::Pixel>(4, b.At(0, 0)));
   // An attached table changes instead of the pixels.
-  Bitmap a(Spec{8, ORDER_GRAY}, 4, 1, {kit::Level(1), kit::Level(2), kit::Level(3), kit::Level(4)});
+  Bitmap a(Format{8, ORDER_GRAY}, 4, 1, {kit::Level(1), kit::Level(2), kit::Level(3), kit::Level(4)});
   const int32_t n = 16;
   a->AttachedLut = static_cast<int32_t *>(AllocZeroed(n, sizeof(int32_t), __LINE__, L"tests/lut_clr_test"));
   a->AttachedLutLength = n;
@@ -332,7 +334,7 @@ TEST(LutExports, SignedAttachedAndCallersTables) {
   // The caller's table goes to ApplyLut as it is.
   int32_t t[256];
   for (int32_t i = 0; i < 256; ++i) t[i] = (i * 7) & 0xFF;
-  Bitmap c(Spec{24, ORDER_RGB}, 2, 1, {kit::Rgb(1, 2, 3), kit::Rgb(40, 50, 60)});
+  Bitmap c(Format{24, ORDER_RGB}, 2, 1, {kit::Rgb(1, 2, 3), kit::Rgb(40, 50, 60)});
   ASSERT_EQ(Q_RemapBitmapIntensity(c, t, 256, LUT_INDEX_BY_VALUE | LUT_CHANNEL_GREEN), RC_SUCCESS);
   EXPECT_EQ(c.Pixels(), (std::vector<kit::Pixel>{kit::Rgb(1, 14, 3), kit::Rgb(40, 350 & 0xFF, 60)}));
 }
@@ -345,11 +347,11 @@ TEST(LutExports, CancellationAndAllocationFailures) {
       {"histo contrast 0", [](BitmapRecord *b) { return Q_HistoContrastBitmap(b, 0, 0); }},
       {"stretch", [](BitmapRecord *b) { return Q_StretchBitmapIntensity(b, 0); }}};
   for (const auto &[name, call, build] : kTableCases) all.emplace_back(name, call);
-  for (const Spec &spec : {Spec{24, ORDER_BGR}, Spec{48, ORDER_RGB}, Spec{16, ORDER_GRAY}})
+  for (const Format &format : {Format{24, ORDER_BGR}, Format{48, ORDER_RGB}, Format{16, ORDER_GRAY}})
     for (const auto &[name, call] : all) {
-      SCOPED_TRACE(spec.Name() + " " + name);
-      auto setup = [spec] {
-        Bitmap b(spec, 9, 7);
+      SCOPED_TRACE(format.Name() + " " + name);
+      auto setup = [format] {
+        Bitmap b(format, 9, 7);
         b.Randomize(4);
         return b;
       };

@@ -11,7 +11,7 @@
 
 namespace {
 
-using kit::Pixel, kit::Spec;
+using kit::Pixel, kit::Format;
 // Pixels and palette colours of a bitmap.
 using State = std::pair<std::vector<Pixel>, std::vector<Pixel>>;
 
@@ -41,7 +41,7 @@ uint32_t Nearest(const std::vector<Pixel> &pal, uint32_t current, const Pixel &c
 // through f (5-5-5 widened and narrowed); palette bitmaps map their palette
 // without a region and take the nearest colour with one.
 State Expect(const kit::Bitmap &bm, uint32_t channel, const std::function<uint32_t(uint32_t)> &f) {
-  const Spec &s = bm.spec();
+  const Format &s = bm.format();
   const bool region = BitmapHasRegion(bm.get()) != 0;
   auto map = [&](Pixel p) {  // v[0] red, v[1] green, v[2] blue
     for (uint32_t c = 0; c < 3; ++c)
@@ -61,7 +61,7 @@ State Expect(const kit::Bitmap &bm, uint32_t channel, const std::function<uint32
   return e;
 }
 
-uint32_t FullLength(const Spec &s) { return s.bits >= 48 ? 65536 : s.IsGray() ? 1u << s.bits : 256; }
+uint32_t FullLength(const Format &s) { return s.bits >= 48 ? 65536 : s.IsGray() ? 1u << s.bits : 256; }
 
 // The byte paths this machine can run.
 const std::vector<img::LutPath> kPaths = [] {
@@ -78,7 +78,7 @@ TEST(ApplyLut, MatchesSampleRuleOnEveryKind) {
   kit::LeakGuard guard;
   std::vector<uint8_t> bytes(256);
   uint32_t seed = 1;
-  for (const Spec &s : kit::AllSpecs(true))
+  for (const Format &s : kit::AllFormats(true))
     for (int shape = 0; shape < 3; ++shape)
       for (uint32_t channel = 0; channel <= 3; ++channel)
         for (uint32_t length : {FullLength(s), FullLength(s) / 2 + 3})
@@ -174,7 +174,7 @@ TEST(ApplyLut, AttachedTableMaskingAndShortTables) {
 // samples included, modulo 2^significant bits; UnsignedToSigned undoes it.
 TEST(ApplyLut, SignedData) {
   kit::LeakGuard guard;
-  for (const Spec &s : kit::AllSpecs()) {
+  for (const Format &s : kit::AllFormats()) {
     if (s.IsPalette()) continue;
     kit::Bitmap bm(s, 33, 3);
     bm.Randomize(21);
@@ -220,7 +220,7 @@ TEST(ApplyLut, SignedData) {
 TEST(Lut, LengthsAndStatuses) {
   kit::LeakGuard guard;
   const struct {
-    Spec spec;
+    Format format;
     int32_t low, high;
     uint32_t length;
   } cases[] = {
@@ -231,11 +231,11 @@ TEST(Lut, LengthsAndStatuses) {
   int32_t *table = nullptr;
   uint32_t length = 0;
   for (const auto &c : cases) {
-    kit::Bitmap bm(c.spec, 2, 2);
+    kit::Bitmap bm(c.format, 2, 2);
     bm->SignificantLowBit = c.low;
     bm->SignificantHighBit = c.high;
     ASSERT_EQ(AllocBitmapLut(bm, &table, &length), RC_SUCCESS);
-    EXPECT_EQ(length, c.length) << c.spec.Name() << " high " << c.high;
+    EXPECT_EQ(length, c.length) << c.format.Name() << " high " << c.high;
     EXPECT_EQ(std::count(table, table + length, 0), static_cast<std::ptrdiff_t>(length));
     FreeMemory(table, __LINE__, L"tests/lut");
   }
@@ -290,7 +290,7 @@ TEST(ApplyLut, ProgressCancellationAndAllocationFailures) {
   for (int32_t y = 0; y < 10; ++y)
     EXPECT_EQ(bm.At(0, y), y < 5 ? kit::Rgb(255, 255, 255) : kit::Rgb(0, 0, 0)) << y;
 
-  for (const Spec &s : {Spec{48, ORDER_BGR}, Spec{16, ORDER_GRAY}, Spec{4, ORDER_BGR}}) {
+  for (const Format &s : {Format{48, ORDER_BGR}, Format{16, ORDER_GRAY}, Format{4, ORDER_BGR}}) {
     const bool region = !s.IsGray(), words = s.bits >= 16;  // run list, 16-bit table
     auto setup = [&] {
       kit::Bitmap b(s, 9, 12);

@@ -9,7 +9,7 @@
 namespace {
 
 using kit::Bitmap;
-using kit::Spec;
+using kit::Format;
 
 // Square i^2 f / 10000, root sqrt(i) f / 16, log ln(i) f / 10 (ln 0 is 0), sine and cosine
 // (trig(i f / 100 degrees) + 1) * 128 (sin 255 = -0.9659: 4.36); limited to the top, rounded half
@@ -41,7 +41,8 @@ TEST(MathFunctionTable, Edges) {
 }
 
 TEST(MathFunctionExport, Checks) {
-  Bitmap color(Spec{24, ORDER_BGR}, 3, 2), gray32(Spec{32, ORDER_GRAY}, 3, 2), bad(Spec{24, ORDER_BGR}, 3, 2);
+  Bitmap color(Format{24, ORDER_BGR}, 3, 2), gray32(Format{32, ORDER_GRAY}, 3, 2),
+      bad(Format{24, ORDER_BGR}, 3, 2);
   bad->StructSize = 0;
   kit::ExpectStatuses({
       {"flags", [] { return Q_MathFunctionBitmap(nullptr, 9, 0, 1); }, RC_INVALID_PARAMETER},
@@ -55,43 +56,44 @@ TEST(MathFunctionExport, Checks) {
 }
 
 TEST(MathFunctionExport, EveryKindInsideTheRegion) {
-  for (const Spec &spec : kit::AllSpecs(true)) {
-    SCOPED_TRACE(spec.Name());
+  for (const Format &format : kit::AllFormats(true)) {
+    SCOPED_TRACE(format.Name());
     kit::LeakGuard guard;
-    Bitmap b(spec, 7, 5);
+    Bitmap b(format, 7, 5);
     b.Randomize(8);
     kit::SetEllipseRegion(b, 1, 0, 7, 5);
     const auto before = b.Pixels();
-    const bool wide = spec.bits >= 48 || (spec.IsGray() && spec.bits == 16);
+    const bool wide = format.bits >= 48 || (format.IsGray() && format.bits == 16);
     ASSERT_EQ(Q_MathFunctionBitmap(b, MATHFUNC_SQUARE, wide ? 2560000 : 10000, 0), RC_SUCCESS);
     // Palette, 5-bit colour and 12-bit gray go through wider working samples:
     // only the outside is checked there.
-    const bool exact = wide || spec.bits == 24 || spec.bits == 32 || (spec.IsGray() && spec.bits == 8);
+    const bool exact =
+        wide || format.bits == 24 || format.bits == 32 || (format.IsGray() && format.bits == 8);
     for (int32_t i = 0, y = 0; y < 5; ++y)
       for (int32_t x = 0; x < 7; ++x, ++i) {
         kit::Pixel want = before[i];
         if (kit::InRegion(b, x, y) && !exact) continue;
-        for (int k = 0; k < spec.Channels() && kit::InRegion(b, x, y); ++k)
+        for (int k = 0; k < format.Channels() && kit::InRegion(b, x, y); ++k)
           want.v[k] =
               static_cast<uint32_t>(std::min<uint64_t>(uint64_t{want.v[k]} * want.v[k], wide ? 65535 : 255));
         EXPECT_EQ(b.At(x, y), want) << x << "," << y;
       }
   }
   // Signed 16-bit samples index the rotated table by their bit pattern.
-  Bitmap s(Spec{48, ORDER_BGR}, 1, 1, {kit::Rgb(0x8000, 0, 0x7FFF)});
+  Bitmap s(Format{48, ORDER_BGR}, 1, 1, {kit::Rgb(0x8000, 0, 0x7FFF)});
   s->Flags |= BITMAP_SIGNED;
   ASSERT_EQ(Q_MathFunctionBitmap(s, MATHFUNC_ROOT, 1, 0), RC_SUCCESS);
   EXPECT_EQ(s.At(0, 0), kit::Rgb(0, 181, 256));  // sqrt of 0, 32768, 65535
 }
 
 TEST(MathFunctionExport, CancellationAndAllocationFailures) {
-  for (const Spec &spec :
-       {Spec{24, ORDER_BGR}, Spec{64, ORDER_RGB}, Spec{8, ORDER_BGR}, Spec{32, ORDER_BGR}}) {
-    SCOPED_TRACE(spec.Name());
-    auto setup = [spec] {
-      Bitmap b(spec, 6, 9);
+  for (const Format &format :
+       {Format{24, ORDER_BGR}, Format{64, ORDER_RGB}, Format{8, ORDER_BGR}, Format{32, ORDER_BGR}}) {
+    SCOPED_TRACE(format.Name());
+    auto setup = [format] {
+      Bitmap b(format, 6, 9);
       b.Randomize(1);
-      if (spec.bits == 32) kit::SetEllipseRegion(b, 0, 0, 6, 9);  // progress by region rows
+      if (format.bits == 32) kit::SetEllipseRegion(b, 0, 0, 6, 9);  // progress by region rows
       return b;
     };
     auto run = [](Bitmap &b) { return Q_MathFunctionBitmap(b, MATHFUNC_COSINE, 300, 0); };
@@ -101,7 +103,7 @@ TEST(MathFunctionExport, CancellationAndAllocationFailures) {
 }
 
 TEST(ColorCount, CountsThroughTheKernel) {
-  Bitmap b(Spec{24, ORDER_BGR}, 3, 1, {kit::Rgb(1, 2, 3), kit::Rgb(1, 2, 3), kit::Rgb(9, 9, 9)});
+  Bitmap b(Format{24, ORDER_BGR}, 3, 1, {kit::Rgb(1, 2, 3), kit::Rgb(1, 2, 3), kit::Rgb(9, 9, 9)});
   uint32_t count = 0;
   ASSERT_EQ(Q_GetBitmapColorCount(b, &count, 0), RC_SUCCESS);
   EXPECT_EQ(count, 2u);

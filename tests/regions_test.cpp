@@ -237,7 +237,7 @@ TEST(RegionCombine, EveryModeOnOverlappingShapes) {
   kit::LeakGuard guard;
   // Mask of vertical stripes, three columns wide, shifting every other row.
   const InFn stripes = [](int32_t x, int32_t y) { return (x / 3 + y / 2) % 2 == 1; };
-  kit::Bitmap mask(kit::Spec{8, ORDER_GRAY}, 22, 14);
+  kit::Bitmap mask(kit::Format{8, ORDER_GRAY}, 22, 14);
   for (int32_t y = 0; y < 14; ++y)
     for (int32_t x = 0; x < 22; ++x) mask.Set(x, y, kit::Level(stripes(x, y) ? 200 : 0));
   // An empty rectangle sets an empty region; "none" leaves the bitmap without
@@ -288,27 +288,27 @@ TEST(RegionQueries, WithoutRegionAndZeroSize) {
 
 TEST(RegionMask, EveryKindBothOrientations) {
   kit::LeakGuard guard;
-  for (const kit::Spec &spec : kit::AllSpecs(true)) {
+  for (const kit::Format &format : kit::AllFormats(true)) {
     // The mask is wider and shorter than the bitmap: only the overlap counts.
     // Colour pixels have one sample at a time non-zero, so that each counts
     // alone; a non-zero fourth sample alone does not count.
-    kit::Bitmap mask(spec, 23, 9);
+    kit::Bitmap mask(format, 23, 9);
     Grid want(19 * 12, 0);
-    const uint32_t max = spec.SampleMax();
+    const uint32_t max = format.SampleMax();
     for (uint32_t n = 0; n < 23 * 9; ++n) {
       const int32_t x = static_cast<int32_t>(n % 23), y = static_cast<int32_t>(n / 23);
       const uint32_t k = n * 13 + static_cast<uint32_t>(y);
       kit::Pixel p;
-      if (spec.Channels() == 1)
+      if (format.Channels() == 1)
         p.v[0] = k % 3 == 0 ? 0 : 1 + (k * 7919u) % max;
       else if (k % 5 != 0)
-        p.v[k % 5 - 1] = k % 5 == 4 ? (spec.Channels() == 4 ? max : 0) : k % 5 == 3 ? 1 : 1 + k % max;
+        p.v[k % 5 - 1] = k % 5 == 4 ? (format.Channels() == 4 ? max : 0) : k % 5 == 3 ? 1 : 1 + k % max;
       mask.Set(x, y, p);
       if (x < 19) want[static_cast<size_t>(y) * 19 + x] = (p.v[0] | p.v[1] | p.v[2]) != 0;
     }
     Canvas canvas(19, 12);
-    ASSERT_EQ(SetBitmapRegionMask(canvas.get(), mask.get(), REGION_SET), RC_SUCCESS) << spec.Name();
-    ExpectRegion(canvas.get(), want, spec.Name());
+    ASSERT_EQ(SetBitmapRegionMask(canvas.get(), mask.get(), REGION_SET), RC_SUCCESS) << format.Name();
+    ExpectRegion(canvas.get(), want, format.Name());
   }
 }
 
@@ -347,7 +347,7 @@ TEST(RegionArguments, Statuses) {
   BitmapRecord *c = canvas.get();
   Rect r{1, 1, 5, 5}, negW{5, 1, 4, 5}, negH{1, 5, 5, 4}, bounds{};
   const Point pts[] = {{0, 0}, {5, 0}, {0, 5}};
-  kit::Bitmap mask(kit::Spec{8, ORDER_GRAY}, 4, 4);
+  kit::Bitmap mask(kit::Format{8, ORDER_GRAY}, 4, 4);
   BitmapRecord maskBadSize = *mask.get(), maskBadKind = *mask.get();
   maskBadSize.StructSize = 0;
   maskBadKind.BitsPerPixel = 3;

@@ -5,7 +5,7 @@
 #include "imgutil.h"
 #include "kit.h"
 
-using kit::Bitmap, kit::Pixel, kit::Spec;
+using kit::Bitmap, kit::Pixel, kit::Format;
 
 namespace {
 
@@ -20,37 +20,37 @@ Pixel PaletteColor(const BitmapRecord *b, uint32_t i) {
 }
 
 // Kinds whose NATIVE working samples are 16-bit.
-bool Wide(const Spec &spec) { return spec.IsGray() ? spec.bits > 8 : spec.bits >= 48; }
+bool Wide(const Format &format) { return format.IsGray() ? format.bits > 8 : format.bits >= 48; }
 
 // The working samples of pixel (x, y) for a layout, from the pixel values.
 std::vector<uint32_t> ExpectRead(const Bitmap &bm, int32_t x, int32_t y, int32_t layout) {
-  const Spec &spec = bm.spec();
-  Pixel p = spec.IsPalette() ? PaletteColor(bm.get(), bm.At(x, y).v[0]) : bm.At(x, y);
-  const int shift = layout == ROW_LAYOUT_BGR8 && Wide(spec) ? 8 : 0;
-  if (spec.IsGray()) {
-    const uint32_t s = spec.bits == 12 ? p.v[0] * 16 : p.v[0];
+  const Format &format = bm.format();
+  Pixel p = format.IsPalette() ? PaletteColor(bm.get(), bm.At(x, y).v[0]) : bm.At(x, y);
+  const int shift = layout == ROW_LAYOUT_BGR8 && Wide(format) ? 8 : 0;
+  if (format.IsGray()) {
+    const uint32_t s = format.bits == 12 ? p.v[0] * 16 : p.v[0];
     if (layout == ROW_LAYOUT_NATIVE || layout == ROW_LAYOUT_GRAY) return {s};
     return {s >> shift, s >> shift, s >> shift};
   }
-  for (int c = 0; spec.bits == 16 && c < 3; ++c) p.v[c] = (p.v[c] << 3) | (p.v[c] >> 2);
+  for (int c = 0; format.bits == 16 && c < 3; ++c) p.v[c] = (p.v[c] << 3) | (p.v[c] >> 2);
   const uint32_t b = p.v[2] >> shift, g = p.v[1] >> shift, r = p.v[0] >> shift;
   if (layout == ROW_LAYOUT_GRAY) return {Intensity(b, g, r)};
-  if (layout == ROW_LAYOUT_NATIVE && (spec.bits == 32 || spec.bits == 64)) return {b, g, r, p.v[3]};
+  if (layout == ROW_LAYOUT_NATIVE && (format.bits == 32 || format.bits == 64)) return {b, g, r, p.v[3]};
   return {b, g, r};
 }
 
 // Stored pixel after writing working samples w over `old`.
 Pixel ExpectStored(const Bitmap &bm, int32_t layout, const std::vector<uint32_t> &w, const Pixel &old) {
-  const Spec &spec = bm.spec();
-  const uint32_t widen = layout == ROW_LAYOUT_BGR8 && Wide(spec) ? 257 : 1;
-  if (spec.IsGray()) {
+  const Format &format = bm.format();
+  const uint32_t widen = layout == ROW_LAYOUT_BGR8 && Wide(format) ? 257 : 1;
+  if (format.IsGray()) {
     const bool three = layout == ROW_LAYOUT_BGR || layout == ROW_LAYOUT_BGR8;
     const uint32_t v = three ? Intensity(w[0], w[1], w[2]) * widen : w[0];
-    return kit::Level(spec.bits == 12 ? v >> 4 : v);
+    return kit::Level(format.bits == 12 ? v >> 4 : v);
   }
   const bool one = layout == ROW_LAYOUT_GRAY;
   const uint32_t b = w[0] * widen, g = w[one ? 0 : 1] * widen, r = w[one ? 0 : 2] * widen;
-  if (spec.IsPalette()) {  // nearest colour, lowest index on ties, the old index when exact
+  if (format.IsPalette()) {  // nearest colour, lowest index on ties, the old index when exact
     auto dist = [&](uint32_t i) {
       const Pixel e = PaletteColor(bm.get(), i);
       const int32_t d[3] = {int32_t(e.v[0] - r), int32_t(e.v[1] - g), int32_t(e.v[2] - b)};
@@ -58,10 +58,10 @@ Pixel ExpectStored(const Bitmap &bm, int32_t layout, const std::vector<uint32_t>
     };
     if (dist(old.v[0]) == 0) return old;
     uint32_t best = 0;
-    for (uint32_t i = 1; i < (1u << spec.bits); ++i) best = dist(i) < dist(best) ? i : best;
+    for (uint32_t i = 1; i < (1u << format.bits); ++i) best = dist(i) < dist(best) ? i : best;
     return kit::Level(best);
   }
-  if (spec.bits == 16) return kit::Rgb(r >> 3, g >> 3, b >> 3);
+  if (format.bits == 16) return kit::Rgb(r >> 3, g >> 3, b >> 3);
   return kit::Rgb(r, g, b, w.size() == 4 ? w[3] : old.v[3]);
 }
 
@@ -76,15 +76,16 @@ std::vector<uint32_t> Samples(const void *row, int32_t bits, size_t channels, in
 // A randomised bitmap; palette kinds get a palette whose last entry repeats
 // entry 0, with pixel (0, 0) on that last index (the nearest search alone
 // would never pick it), or PALETTE_FLAG_NONE with `noPalette`.
-Bitmap MakeBitmap(const Spec &spec, int32_t width, int32_t height, uint32_t seed, bool noPalette = false) {
+Bitmap MakeBitmap(const Format &format, int32_t width, int32_t height, uint32_t seed,
+                  bool noPalette = false) {
   PaletteEntry pal[256];
   for (uint32_t i = 0; i < 256; ++i)
     pal[i] = PaletteEntry{uint8_t(i * 97 + seed), uint8_t(i * 57 + 3 * seed), uint8_t(i * 211 + 7 * seed), 0};
-  const uint32_t last = spec.IsPalette() ? (1u << spec.bits) - 1 : 0;
+  const uint32_t last = format.IsPalette() ? (1u << format.bits) - 1 : 0;
   pal[last] = pal[0];
-  Bitmap bm(spec, width, height, spec.IsPalette() ? pal : nullptr);
+  Bitmap bm(format, width, height, format.IsPalette() ? pal : nullptr);
   bm.Randomize(seed);
-  if (spec.IsPalette()) bm.Set(0, 0, kit::Level(last));
+  if (format.IsPalette()) bm.Set(0, 0, kit::Level(last));
   if (noPalette) bm->PaletteFlag = PALETTE_FLAG_NONE;
   return bm;
 }
@@ -112,16 +113,16 @@ struct Converter {
 TEST(RowConverter, EveryKindInEveryLayout) {
   kit::LeakGuard guard;
   constexpr int32_t kW = 11, kH = 4;
-  for (const Spec &spec : kit::AllSpecs(true))
-    for (int noPalette = 0; noPalette <= spec.IsPalette(); ++noPalette)
+  for (const Format &format : kit::AllFormats(true))
+    for (int noPalette = 0; noPalette <= format.IsPalette(); ++noPalette)
       for (int32_t layout : {ROW_LAYOUT_NATIVE, ROW_LAYOUT_BGR, ROW_LAYOUT_BGR8, ROW_LAYOUT_GRAY}) {
-        SCOPED_TRACE(spec.Name() + (noPalette ? " no palette" : "") + " layout " + std::to_string(layout));
-        Bitmap bm = MakeBitmap(spec, kW, kH, 3 + layout, noPalette);
-        if (spec.bits == 16 && !spec.IsGray()) bm->Pixels[1] |= 0x80;  // unused top bit of a 5-5-5 word
+        SCOPED_TRACE(format.Name() + (noPalette ? " no palette" : "") + " layout " + std::to_string(layout));
+        Bitmap bm = MakeBitmap(format, kW, kH, 3 + layout, noPalette);
+        if (format.bits == 16 && !format.IsGray()) bm->Pixels[1] |= 0x80;  // unused top bit of a 5-5-5 word
         const std::vector<uint8_t> stored = bm.StoredBytes();
         Converter conv(bm, layout);
         ASSERT_NE(conv.buffer, nullptr);
-        const int32_t bits = layout == ROW_LAYOUT_BGR8 || !Wide(spec) ? 8 : 16,
+        const int32_t bits = layout == ROW_LAYOUT_BGR8 || !Wide(format) ? 8 : 16,
                       size = PrepareRowConverter(conv.handle);
         const size_t channels = ExpectRead(bm, 0, 0, layout).size();
         EXPECT_TRUE(RowChannelCount(conv.handle) == static_cast<int32_t>(channels) &&
@@ -134,7 +135,7 @@ TEST(RowConverter, EveryKindInEveryLayout) {
           ASSERT_EQ(conv.Write(y), RC_SUCCESS);
         }
         const bool lossless =
-            (layout != ROW_LAYOUT_BGR8 || !Wide(spec)) && (layout != ROW_LAYOUT_GRAY || spec.IsGray());
+            (layout != ROW_LAYOUT_BGR8 || !Wide(format)) && (layout != ROW_LAYOUT_GRAY || format.IsGray());
         EXPECT_TRUE(!lossless || bm.StoredBytes() == stored) << "read/write round trip changed the storage";
 
         const std::vector<Pixel> before = bm.Pixels();
@@ -154,7 +155,7 @@ TEST(RowConverter, EveryKindInEveryLayout) {
 // Hand-computed working samples of single stored pixels.
 TEST(RowConverter, KnownPixels) {
   const struct {
-    Spec spec;
+    Format format;
     Pixel stored;
     int32_t layout;
     std::vector<uint32_t> want;
@@ -173,14 +174,14 @@ TEST(RowConverter, KnownPixels) {
       {{4, ORDER_BGR}, kit::Level(7), ROW_LAYOUT_GRAY, {119}, false, true},
   };
   for (const auto &c : cases) {
-    Bitmap bm(c.spec, 3, 2);
+    Bitmap bm(c.format, 3, 2);
     bm.Set(1, 1, c.stored);
     if (c.isSigned) bm->Flags |= BITMAP_SIGNED;
     if (c.noPalette) bm->PaletteFlag = PALETTE_FLAG_NONE;
     Converter conv(bm, c.layout);
     ASSERT_EQ(conv.Read(1), RC_SUCCESS);
     EXPECT_EQ(Samples(conv.buffer, RowBitsPerChannel(conv.handle), c.want.size(), 1), c.want)
-        << c.spec.Name();
+        << c.format.Name();
   }
 }
 
@@ -230,12 +231,13 @@ TEST(RowConverter, WalksWriteOnlyTheirColumns) {
   kit::LeakGuard guard;
   enum Walk { kL, kEllipse, kWhole, kRect, kRectAfterFailure };
   const Rect rect{-3, 2, 5, 100}, empty{4, 4, 4, 8};
-  for (const Spec &spec : {Spec{8, ORDER_GRAY, ORIENT_BOTTOM_FIRST}, Spec{24, ORDER_BGR, ORIENT_BOTTOM_FIRST},
-                           Spec{64, ORDER_RGB}, Spec{16, ORDER_GRAY}})
+  for (const Format &format :
+       {Format{8, ORDER_GRAY, ORIENT_BOTTOM_FIRST}, Format{24, ORDER_BGR, ORIENT_BOTTOM_FIRST},
+        Format{64, ORDER_RGB}, Format{16, ORDER_GRAY}})
     for (int walk = kL; walk <= kRectAfterFailure; ++walk)
       for (bool withRuns : {false, true}) {
-        SCOPED_TRACE(spec.Name() + " walk " + std::to_string(walk) + (withRuns ? " with runs" : ""));
-        Bitmap bm(spec, 20, 12);
+        SCOPED_TRACE(format.Name() + " walk " + std::to_string(walk) + (withRuns ? " with runs" : ""));
+        Bitmap bm(format, 20, 12);
         kit::SetRectRegion(bm, 2, 1, 10, 4);
         kit::SetRectRegion(bm, 2, 4, 6, 10, REGION_OR);
         if (walk == kEllipse) kit::SetEllipseRegion(bm, 3, 1, 17, 11);
@@ -250,8 +252,8 @@ TEST(RowConverter, WalksWriteOnlyTheirColumns) {
         const int32_t two = 2;
         for (int32_t y = 0; y < 12; ++y)
           ASSERT_EQ(WriteRow(conv.handle, conv.buffer, y, withRuns ? runs : nullptr, &two), RC_SUCCESS);
-        const uint32_t v = spec.bits == 64 || spec.bits == 16 ? 0x5A * 257 : 0x5A;
-        const Pixel painted = spec.IsGray() ? kit::Level(v) : kit::Rgb(v, v, v);
+        const uint32_t v = format.bits == 64 || format.bits == 16 ? 0x5A * 257 : 0x5A;
+        const Pixel painted = format.IsGray() ? kit::Level(v) : kit::Rgb(v, v, v);
         for (int32_t y = 0; y < 12; ++y)
           for (int32_t x = 0; x < 20; ++x) {
             bool in = walk == kWhole || (walk >= kRect ? x < 5 && y >= 2 : kit::InRegion(bm, x, y));

@@ -9,10 +9,10 @@ namespace {
 
 using kit::Rgb;
 
-kit::Spec Kind(int32_t bits, int32_t order = ORDER_BGR) { return kit::Spec{bits, order}; }
+kit::Format Kind(int32_t bits, int32_t order = ORDER_BGR) { return kit::Format{bits, order}; }
 
 TEST(Tint, ChecksInOrder) {
-  kit::Bitmap bmp(Kind(24), 3, 2), old(kit::Spec{24, ORDER_BGR, ORIENT_TOP_FIRST, 176}, 3, 2);
+  kit::Bitmap bmp(Kind(24), 3, 2), old(kit::Format{24, ORDER_BGR, ORIENT_TOP_FIRST, 176}, 3, 2);
   kit::Bitmap bad(Kind(24), 3, 2), gray32(Kind(32, ORDER_GRAY), 3, 2), signedBmp(Kind(24), 3, 2);
   kit::Bitmap gray(Kind(8, ORDER_GRAY), 3, 2), gray16(Kind(16, ORDER_GRAY), 3, 2);
   bad->StructSize = 200;
@@ -65,7 +65,7 @@ TEST(Tint, NoChangeAndNoProgress) {
 //  (48-bit) (51200, 0, 0), theta 9000 + 100 -> -8900: B = trunc(51200 cos 89 + 0.5) = 894.
 TEST(Tint, AngleShifts) {
   struct Case {
-    kit::Spec spec;
+    kit::Format format;
     kit::Pixel in;
     int32_t theta, phi;
     kit::Pixel out;
@@ -80,8 +80,8 @@ TEST(Tint, AngleShifts) {
       {Kind(64, ORDER_RGB), Rgb(32768, 32768, 32768, 7), 3527, 0, Rgb(40133, 40132, 0, 7)},
   };
   for (const Case &c : cases) {
-    SCOPED_TRACE(testing::Message() << c.spec.Name() << " " << c.in << " " << c.theta << "," << c.phi);
-    kit::Bitmap bmp(c.spec, 2, 1, {c.in, c.in});
+    SCOPED_TRACE(testing::Message() << c.format.Name() << " " << c.in << " " << c.theta << "," << c.phi);
+    kit::Bitmap bmp(c.format, 2, 1, {c.in, c.in});
     ASSERT_EQ(Q_AdjustBitmapTint(bmp, c.theta, c.phi, 0), RC_SUCCESS);
     EXPECT_EQ(bmp.Pixels(), std::vector<kit::Pixel>(2, c.out));
   }
@@ -113,13 +113,13 @@ TEST(Tint, RegionsGoByRows) {
   EXPECT_EQ(bmp->Palette[0].Red, 128);
   EXPECT_EQ(bmp.Pixels(),
             (std::vector<kit::Pixel>{kit::Level(0), kit::Level(1), kit::Level(1), kit::Level(0)}));
-  for (const kit::Spec &spec : {Kind(24), Kind(48)}) {
-    SCOPED_TRACE(spec.Name());
-    const uint32_t mid = spec.bits == 48 ? 32768 : 128;
-    kit::Bitmap b(spec, 18, 11, std::vector<kit::Pixel>(18 * 11, Rgb(mid, mid, mid)));
+  for (const kit::Format &format : {Kind(24), Kind(48)}) {
+    SCOPED_TRACE(format.Name());
+    const uint32_t mid = format.bits == 48 ? 32768 : 128;
+    kit::Bitmap b(format, 18, 11, std::vector<kit::Pixel>(18 * 11, Rgb(mid, mid, mid)));
     kit::SetEllipseRegion(b, 0, 0, 18, 11);
     ASSERT_EQ(Q_AdjustBitmapTint(b, 3527, 0, 0), RC_SUCCESS);
-    const kit::Pixel tinted = spec.bits == 48 ? Rgb(40133, 40132, 0) : Rgb(157, 156, 0);
+    const kit::Pixel tinted = format.bits == 48 ? Rgb(40133, 40132, 0) : Rgb(157, 156, 0);
     for (int32_t y = 0; y < 11; ++y)
       for (int32_t x = 0; x < 18; ++x)
         EXPECT_EQ(b.At(x, y), kit::InRegion(b, x, y) ? tinted : Rgb(mid, mid, mid)) << x << "," << y;

@@ -13,7 +13,7 @@ namespace {
 using kit::Pixel;
 using kit::Rgb;
 
-kit::Spec Kind(int32_t bits, int32_t order = ORDER_BGR) { return kit::Spec{bits, order}; }
+kit::Format Kind(int32_t bits, int32_t order = ORDER_BGR) { return kit::Format{bits, order}; }
 
 constexpr uint32_t kRed = 0x0000FFu, kBlue = 0xFF0000u, kWhite = 0xFFFFFFu;
 
@@ -107,7 +107,7 @@ TEST(ToneExports, ChecksInOrder) {
 // Only gray pixels in the region change; 12- and 16-bit kinds are widened outside it too.
 TEST(ToneRows, RegionAndWidenedKinds) {
   struct Case {
-    kit::Spec spec;
+    kit::Format format;
     Pixel in;
     uint32_t wide;  // the value after widening
   } cases[] = {
@@ -117,12 +117,12 @@ TEST(ToneRows, RegionAndWidenedKinds) {
       {Kind(16), Rgb(9, 9, 9), 74 * 257},                 // 5-bit 9 -> 8-bit 74 -> 16-bit
   };
   for (const Case &c : cases) {
-    SCOPED_TRACE(c.spec.Name());
-    kit::Bitmap bmp(c.spec, 10, 8, std::vector<Pixel>(80, c.in));
+    SCOPED_TRACE(c.format.Name());
+    kit::Bitmap bmp(c.format, 10, 8, std::vector<Pixel>(80, c.in));
     kit::SetEllipseRegion(bmp, 1, 1, 9, 7);
     ASSERT_EQ(Duotone(bmp, kRed, 1), RC_SUCCESS);
     ASSERT_FALSE(kit::InRegion(bmp, 1, 1)) << "a corner of the ellipse's box";
-    const Pixel tinted = c.spec.bits != 24 ? RedOnSixteen(c.wide) : Rgb(255, 128, 128);
+    const Pixel tinted = c.format.bits != 24 ? RedOnSixteen(c.wide) : Rgb(255, 128, 128);
     for (int32_t i = 0; i < 80; ++i) {
       const int32_t x = i % 10, y = i / 10;
       EXPECT_EQ(bmp.At(x, y), kit::InRegion(bmp, x, y) ? tinted : Rgb(c.wide, c.wide, c.wide))
@@ -224,34 +224,35 @@ TEST(ToneMultitone, Products) {
 }
 
 // What mode 1 with red makes of a gray level on the kind's own scale.
-Pixel RedOut(const kit::Spec &spec, const Pixel &in) {
+Pixel RedOut(const kit::Format &format, const Pixel &in) {
   const uint32_t v = in.v[0];
-  if (spec.bits == 1) return v ? Rgb(255, 0, 0) : Rgb(0, 0, 0);  // (black, colour)
-  if (spec.IsPalette()) return Rgb(255, v * 255 / spec.SampleMax(), v * 255 / spec.SampleMax());  // ramp
-  if (spec.bits == 8) return Rgb(255, v, v);  // 8-bit gray, now a palette
-  if (spec.bits == 12) return RedOnSixteen(v << 4);
-  if (spec.bits == 16) return RedOnSixteen(spec.IsGray() ? v : ((v << 3) | (v >> 2)) * 257);
-  if (spec.bits >= 48) return RedOnSixteen(v, spec.bits == 64 ? 33 : 0);
-  return Rgb(255, v, v, spec.bits == 32 ? 33 : 0);
+  if (format.bits == 1) return v ? Rgb(255, 0, 0) : Rgb(0, 0, 0);  // (black, colour)
+  if (format.IsPalette())
+    return Rgb(255, v * 255 / format.SampleMax(), v * 255 / format.SampleMax());  // ramp
+  if (format.bits == 8) return Rgb(255, v, v);                                    // 8-bit gray, now a palette
+  if (format.bits == 12) return RedOnSixteen(v << 4);
+  if (format.bits == 16) return RedOnSixteen(format.IsGray() ? v : ((v << 3) | (v >> 2)) * 257);
+  if (format.bits >= 48) return RedOnSixteen(v, format.bits == 64 ? 33 : 0);
+  return Rgb(255, v, v, format.bits == 32 ? 33 : 0);
 }
 
 // Every kind, mode 1: 12- and 16-bit ones end up 48-bit, 8-bit gray ones an
 // 8-bit palette whose index is the former level; other palettes keep indices.
 TEST(ToneExports, EveryKind) {
-  for (const kit::Spec &spec : kit::AllSpecs(true)) {
-    SCOPED_TRACE(spec.Name());
+  for (const kit::Format &format : kit::AllFormats(true)) {
+    SCOPED_TRACE(format.Name());
     std::vector<Pixel> in;
     for (uint32_t i = 0; i < 12; ++i) {
-      const uint32_t v = (i * 5557 + 3) % (spec.SampleMax() + 1);
-      in.push_back(spec.Channels() == 1 ? kit::Level(v) : Rgb(v, v, v, 33));
+      const uint32_t v = (i * 5557 + 3) % (format.SampleMax() + 1);
+      in.push_back(format.Channels() == 1 ? kit::Level(v) : Rgb(v, v, v, 33));
     }
-    kit::Bitmap bmp(spec, 4, 3, in);
+    kit::Bitmap bmp(format, 4, 3, in);
     ASSERT_EQ(Duotone(bmp, kRed, 1), RC_SUCCESS);
-    EXPECT_EQ(bmp->BitsPerPixel, spec.bits == 12 || spec.bits == 16 ? 48 : spec.bits);
+    EXPECT_EQ(bmp->BitsPerPixel, format.bits == 12 || format.bits == 16 ? 48 : format.bits);
     EXPECT_NE(bmp->ColorOrder, ORDER_GRAY);
     const bool palette = bmp->BitsPerPixel <= 8;
     for (int32_t i = 0; i < 12; ++i) {
-      EXPECT_EQ(palette ? bmp.ColorAt(i % 4, i / 4) : bmp.At(i % 4, i / 4), RedOut(spec, in[i])) << i;
+      EXPECT_EQ(palette ? bmp.ColorAt(i % 4, i / 4) : bmp.At(i % 4, i / 4), RedOut(format, in[i])) << i;
       EXPECT_TRUE(!palette || bmp.At(i % 4, i / 4) == in[i]) << "index " << i;
     }
   }
@@ -259,14 +260,14 @@ TEST(ToneExports, EveryKind) {
 
 TEST(ToneExports, AllocationFailuresAndNoProgress) {
   const uint32_t colors[4] = {kRed, kBlue, 0x00FF00u, COLOR_GRAY_LEVEL | 0x8000u};
-  for (const kit::Spec &spec : {Kind(24), Kind(48), Kind(16, ORDER_GRAY), Kind(12, ORDER_GRAY),
-                                Kind(8, ORDER_GRAY), Kind(8), Kind(4)})
+  for (const kit::Format &format : {Kind(24), Kind(48), Kind(16, ORDER_GRAY), Kind(12, ORDER_GRAY),
+                                    Kind(8, ORDER_GRAY), Kind(8), Kind(4)})
     for (bool multitone : {false, true}) {
-      SCOPED_TRACE(testing::Message() << spec.Name() << (multitone ? " multitone" : " duotone"));
+      SCOPED_TRACE(testing::Message() << format.Name() << (multitone ? " multitone" : " duotone"));
       const auto setup = [&] {
-        kit::Bitmap bmp(spec, 7, 5);
+        kit::Bitmap bmp(format, 7, 5);
         bmp.Randomize(8);
-        if (spec.bits >= 24) kit::SetEllipseRegion(bmp, 0, 0, 7, 5);
+        if (format.bits >= 24) kit::SetEllipseRegion(bmp, 0, 0, 7, 5);
         return bmp;
       };
       const auto call = [&](kit::Bitmap &b) {

@@ -233,8 +233,8 @@ Registrar::Registrar(std::vector<OpDescriptor> descriptors) {
 
 // ---- Argument parsing ----------------------------------------------------------
 
-std::string TypeName(const ArgSpec &spec) {
-  switch (spec.type) {
+std::string TypeName(const ArgSpec &arg) {
+  switch (arg.type) {
     case ArgType::Int:
       return "int";
     case ArgType::UInt:
@@ -251,47 +251,47 @@ std::string TypeName(const ArgSpec &spec) {
   return "?";
 }
 
-std::string RangeText(const ArgSpec &spec) {
-  switch (spec.type) {
+std::string RangeText(const ArgSpec &arg) {
+  switch (arg.type) {
     case ArgType::Int:
     case ArgType::UInt:
-      return std::to_string(spec.min) + ".." + std::to_string(spec.max);
+      return std::to_string(arg.min) + ".." + std::to_string(arg.max);
     case ArgType::Bool:
       return "true or false";
     case ArgType::Enum: {
       std::string s = "one of: ";
-      for (size_t i = 0; i < spec.values.size(); ++i) s += (i ? ", " : "") + spec.values[i].name;
+      for (size_t i = 0; i < arg.values.size(); ++i) s += (i ? ", " : "") + arg.values[i].name;
       return s;
     }
     case ArgType::Colour:
       return "#RRGGBB or a number 0..0xFFFFFFFF";
     case ArgType::IntList: {
-      const std::string count = spec.minCount == spec.maxCount
-                                    ? std::to_string(spec.minCount)
-                                    : std::to_string(spec.minCount) + " to " + std::to_string(spec.maxCount);
-      return count + " comma-separated values, each " + std::to_string(spec.min) + ".." +
-             std::to_string(spec.max);
+      const std::string count = arg.minCount == arg.maxCount
+                                    ? std::to_string(arg.minCount)
+                                    : std::to_string(arg.minCount) + " to " + std::to_string(arg.maxCount);
+      return count + " comma-separated values, each " + std::to_string(arg.min) + ".." +
+             std::to_string(arg.max);
     }
   }
   return "";
 }
 
-bool ParseArg(const ArgSpec &spec, std::string_view text, ArgValues &values, std::string &error) {
-  const std::string where = "--" + spec.name + ": ";
-  const std::string expect = " (expected " + RangeText(spec) + ")";
+bool ParseArg(const ArgSpec &arg, std::string_view text, ArgValues &values, std::string &error) {
+  const std::string where = "--" + arg.name + ": ";
+  const std::string expect = " (expected " + RangeText(arg) + ")";
   int64_t v = 0;
-  switch (spec.type) {
+  switch (arg.type) {
     case ArgType::Int:
     case ArgType::UInt:
       if (!ParseNumber(text, v)) {
         error = where + Quoted(text) + " is not a number" + expect;
         return false;
       }
-      if (v < spec.min || v > spec.max) {
+      if (v < arg.min || v > arg.max) {
         error = where + Quoted(text) + " is out of range" + expect;
         return false;
       }
-      values.Set(spec.name, v);
+      values.Set(arg.name, v);
       return true;
     case ArgType::Bool: {
       const std::string s = Lower(Trim(text));
@@ -303,14 +303,14 @@ bool ParseArg(const ArgSpec &spec, std::string_view text, ArgValues &values, std
         error = where + Quoted(text) + " is not a truth value" + expect;
         return false;
       }
-      values.Set(spec.name, v);
+      values.Set(arg.name, v);
       return true;
     }
     case ArgType::Enum: {
       const std::string s = Lower(Trim(text));
-      for (const EnumValue &e : spec.values) {
+      for (const EnumValue &e : arg.values) {
         if (e.name == s) {
-          values.Set(spec.name, e.value);
+          values.Set(arg.name, e.value);
           return true;
         }
       }
@@ -322,7 +322,7 @@ bool ParseArg(const ArgSpec &spec, std::string_view text, ArgValues &values, std
         error = where + Quoted(text) + " is not a colour" + expect;
         return false;
       }
-      values.Set(spec.name, v);
+      values.Set(arg.name, v);
       return true;
     case ArgType::IntList: {
       std::vector<int32_t> list;
@@ -335,7 +335,7 @@ bool ParseArg(const ArgSpec &spec, std::string_view text, ArgValues &values, std
           error = where + Quoted(item) + " is not a number" + expect;
           return false;
         }
-        if (v < spec.min || v > spec.max) {
+        if (v < arg.min || v > arg.max) {
           error = where + "element " + std::to_string(list.size() + 1) + " (" + Trim(item) +
                   ") is out of range" + expect;
           return false;
@@ -344,12 +344,12 @@ bool ParseArg(const ArgSpec &spec, std::string_view text, ArgValues &values, std
         if (comma == std::string_view::npos) break;
         start = comma + 1;
       }
-      if (static_cast<int64_t>(list.size()) < spec.minCount ||
-          static_cast<int64_t>(list.size()) > spec.maxCount) {
+      if (static_cast<int64_t>(list.size()) < arg.minCount ||
+          static_cast<int64_t>(list.size()) > arg.maxCount) {
         error = where + "got " + std::to_string(list.size()) + " values" + expect;
         return false;
       }
-      values.SetList(spec.name, std::move(list));
+      values.SetList(arg.name, std::move(list));
       return true;
     }
   }

@@ -129,13 +129,13 @@ class Registrar {
 
 // Parses `text` as a value of the argument into `values`. On failure returns false
 // and sets `error` to a message that names the argument and its range.
-bool ParseArg(const ArgSpec &spec, std::string_view text, ArgValues &values, std::string &error);
+bool ParseArg(const ArgSpec &arg, std::string_view text, ArgValues &values, std::string &error);
 // Fills every argument of `op` that `values` lacks with its default.
 void ApplyDefaults(const OpDescriptor &op, ArgValues &values);
 // "int", "uint", "bool", "enum", "colour", "int list".
-std::string TypeName(const ArgSpec &spec);
+std::string TypeName(const ArgSpec &arg);
 // The accepted range of an argument in words: "0..255", "one of: a, b", ...
-std::string RangeText(const ArgSpec &spec);
+std::string RangeText(const ArgSpec &arg);
 
 // Parses a signed decimal or 0x-prefixed hexadecimal number; false when the
 // text is not a number or does not fit in 64 bits.

@@ -27,7 +27,7 @@ std::ostream &operator<<(std::ostream &os, const Pixel &p) {
   return os << "(" << p.v[0] << "," << p.v[1] << "," << p.v[2] << "," << p.v[3] << ")";
 }
 
-std::string Spec::Name() const {
+std::string Format::Name() const {
   std::ostringstream s;
   s << bits
     << (IsGray()             ? "gray"
@@ -38,54 +38,57 @@ std::string Spec::Name() const {
   return s.str();
 }
 
-int32_t Spec::Channels() const {
+int32_t Format::Channels() const {
   if (IsPalette() || IsGray()) return 1;
   return (bits == 32 || bits == 64) ? 4 : 3;
 }
 
-uint32_t Spec::SampleMax() const {
+uint32_t Format::SampleMax() const {
   if (IsPalette()) return (1u << bits) - 1;
   if (IsGray()) return bits == 12 ? 4095u : bits == 32 ? 0xFFFFFFFFu : (1u << bits) - 1;
   if (bits == 16) return 31;
   return bits >= 48 ? 65535u : 255u;
 }
 
-std::vector<Spec> AllSpecs(bool orientations) {
-  std::vector<Spec> base = {{1, ORDER_BGR},  {2, ORDER_BGR},   {4, ORDER_BGR},  {8, ORDER_BGR},
-                            {8, ORDER_GRAY}, {12, ORDER_GRAY}, {16, ORDER_GRAY}};
-  for (const Spec &s : ColorSpecs()) base.push_back(s);
+std::vector<Format> AllFormats(bool orientations) {
+  std::vector<Format> base = {{1, ORDER_BGR},  {2, ORDER_BGR},   {4, ORDER_BGR},  {8, ORDER_BGR},
+                              {8, ORDER_GRAY}, {12, ORDER_GRAY}, {16, ORDER_GRAY}};
+  for (const Format &s : ColorFormats()) base.push_back(s);
   if (!orientations) return base;
-  std::vector<Spec> all = base;
-  for (Spec s : base) {
+  std::vector<Format> all = base;
+  for (Format s : base) {
     s.orientation = ORIENT_BOTTOM_FIRST;
     all.push_back(s);
   }
   return all;
 }
 
-std::vector<Spec> ColorSpecs() {
+std::vector<Format> ColorFormats() {
   return {{16, ORDER_BGR}, {24, ORDER_BGR}, {24, ORDER_RGB}, {32, ORDER_BGR}, {32, ORDER_RGB},
           {48, ORDER_BGR}, {48, ORDER_RGB}, {64, ORDER_BGR}, {64, ORDER_RGB}};
 }
 
-Bitmap::Bitmap(const Spec &spec, int32_t width, int32_t height, const PaletteEntry *palette) : spec_(spec) {
-  const int32_t status = AllocateBitmap(&rec_, spec.structSize, MEMORY_CONVENTIONAL, width, height, spec.bits,
-                                        spec.order, palette, spec.orientation, nullptr, 0);
-  EXPECT_EQ(status, RC_SUCCESS) << "AllocateBitmap " << spec.Name();
+Bitmap::Bitmap(const Format &format, int32_t width, int32_t height, const PaletteEntry *palette)
+    : format_(format) {
+  const int32_t status = AllocateBitmap(&rec_, format.structSize, MEMORY_CONVENTIONAL, width, height,
+                                        format.bits, format.order, palette, format.orientation, nullptr, 0);
+  EXPECT_EQ(status, RC_SUCCESS) << "AllocateBitmap " << format.Name();
 }
 
-Bitmap::Bitmap(const Spec &spec, int32_t width, int32_t height, const std::vector<Pixel> &pixels,
+Bitmap::Bitmap(const Format &format, int32_t width, int32_t height, const std::vector<Pixel> &pixels,
                const PaletteEntry *palette)
-    : Bitmap(spec, width, height, palette) {
+    : Bitmap(format, width, height, palette) {
   Fill(pixels);
 }
 
-Bitmap::Bitmap(Bitmap &&o) noexcept : spec_(o.spec_), rec_(o.rec_) { std::memset(&o.rec_, 0, sizeof o.rec_); }
+Bitmap::Bitmap(Bitmap &&o) noexcept : format_(o.format_), rec_(o.rec_) {
+  std::memset(&o.rec_, 0, sizeof o.rec_);
+}
 
 Bitmap &Bitmap::operator=(Bitmap &&o) noexcept {
   if (this != &o) {
     if (rec_.StructSize) FreeBitmap(&rec_);
-    spec_ = o.spec_;
+    format_ = o.format_;
     rec_ = o.rec_;
     std::memset(&o.rec_, 0, sizeof o.rec_);
   }
@@ -205,11 +208,11 @@ void Bitmap::Randomize(uint32_t seed) {
     state = state * 1664525u + 1013904223u;
     return state >> 8;
   };
-  const uint32_t max = spec_.SampleMax();
+  const uint32_t max = format_.SampleMax();
   for (int32_t y = 0; y < rec_.Height; ++y)
     for (int32_t x = 0; x < rec_.Width; ++x) {
       Pixel p;
-      for (int32_t c = 0; c < spec_.Channels(); ++c)
+      for (int32_t c = 0; c < format_.Channels(); ++c)
         p.v[c] = max == 0xFFFFFFFFu ? next() : next() % (max + 1);
       Set(x, y, p);
     }

@@ -29,7 +29,7 @@ inline Pixel Level(uint32_t v) { return Pixel{{v, 0, 0, 0}}; }
 std::ostream &operator<<(std::ostream &os, const Pixel &p);
 
 // A kind of bitmap.
-struct Spec {
+struct Format {
   int32_t bits = 24;
   int32_t order = ORDER_BGR;
   int32_t orientation = ORIENT_TOP_FIRST;
@@ -41,17 +41,17 @@ struct Spec {
   uint32_t SampleMax() const;  // largest sample value
 };
 // Every kind the family stores, in both orientations when `orientations`.
-std::vector<Spec> AllSpecs(bool orientations = false);
-std::vector<Spec> ColorSpecs();  // 16, 24, 32, 48, 64 in both orders
+std::vector<Format> AllFormats(bool orientations = false);
+std::vector<Format> ColorFormats();  // 16, 24, 32, 48, 64 in both orders
 
 // Owns a BitmapRecord allocated through imgkernel; frees it on destruction.
 class Bitmap {
  public:
   Bitmap() = default;
   // Allocates a zeroed bitmap; fails the test on error.
-  Bitmap(const Spec &spec, int32_t width, int32_t height, const PaletteEntry *palette = nullptr);
+  Bitmap(const Format &format, int32_t width, int32_t height, const PaletteEntry *palette = nullptr);
   // Allocates and fills row-major from `pixels` (width * height values).
-  Bitmap(const Spec &spec, int32_t width, int32_t height, const std::vector<Pixel> &pixels,
+  Bitmap(const Format &format, int32_t width, int32_t height, const std::vector<Pixel> &pixels,
          const PaletteEntry *palette = nullptr);
   Bitmap(const Bitmap &) = delete;
   Bitmap &operator=(const Bitmap &) = delete;
@@ -73,10 +73,10 @@ class Bitmap {
   // Palette colour of a palette pixel, as Rgb(r, g, b).
   Pixel ColorAt(int32_t x, int32_t y) const;
   std::vector<uint8_t> StoredBytes() const;  // all stored rows
-  const Spec &spec() const { return spec_; }
+  const Format &format() const { return format_; }
 
  private:
-  Spec spec_;
+  Format format_;
   BitmapRecord rec_{};
 };
 
