@@ -36,17 +36,6 @@ inline void ShiftPixel(uint8_t *p, int32_t thetaShift, int32_t phiShift) {
   std::memcpy(p + 2, &f, 2);
 }
 
-template <class T>
-void Pack3(const T *row, T *packed, int32_t channels, int32_t left, int32_t right) {
-  for (int32_t x = left; x < right; ++x)
-    for (int32_t k = 0; k < 3; ++k) packed[3 * x + k] = row[channels * x + k];
-}
-template <class T>
-void Unpack3(const T *packed, T *row, int32_t channels, int32_t left, int32_t right) {
-  for (int32_t x = left; x < right; ++x)
-    for (int32_t k = 0; k < 3; ++k) row[channels * x + k] = packed[3 * x + k];
-}
-
 int32_t PalettePath(BitmapRecord *bitmap, int32_t thetaShift, int32_t phiShift) {
   const int32_t count = bitmap->ColorsUsed;
   PaletteEntry entries[256];

@@ -61,6 +61,20 @@ int32_t BuildLabTables(LabTableSet *set);
 // Frees every table that is not null and clears the record; null is ignored.
 void FreeLabTables(LabTableSet *set);
 
+// The row conversions take three samples a pixel. Rows of four samples (32
+// and 64-bit pixels) are gathered into a three-sample row for pixels
+// [left, right) and scattered back after; the fourth sample stays in the row.
+template <class T>
+void Pack3(const T *row, T *packed, int32_t channels, int32_t left, int32_t right) {
+  for (int32_t x = left; x < right; ++x)
+    for (int32_t k = 0; k < 3; ++k) packed[3 * x + k] = row[channels * x + k];
+}
+template <class T>
+void Unpack3(const T *packed, T *row, int32_t channels, int32_t left, int32_t right) {
+  for (int32_t x = left; x < right; ++x)
+    for (int32_t k = 0; k < 3; ++k) row[channels * x + k] = packed[3 * x + k];
+}
+
 namespace clrspc_detail {
 
 // Instruction-set paths of the row forms that have more than one. Every path

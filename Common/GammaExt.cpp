@@ -59,28 +59,15 @@ extern "C" IMG_API int32_t Q_GammaCorrectBitmapExt(BitmapRecord *bitmap, uint32_
   row.adopt(static_cast<uint8_t *>(AllocRowBuffer(conv.get())), __LINE__, L"imgutil/rows");
   if (!row) return RC_NO_MEMORY;
 
-  Rect bounds{};
-  GetRegionBounds(bitmap, nullptr, &bounds);
-  status = BitmapHasRegion(bitmap) ? BeginRegion(conv.get()) : BeginWholeBitmap(conv.get());
-  if (status != RC_SUCCESS) return status;
-
   const int32_t m = 1 << depth;
   IMG_BUFFER(uint16_t, table, static_cast<size_t>(m));
   if (!table) return RC_NO_MEMORY;
   img::BuildGammaTable(gamma, static_cast<uint32_t>(m), table.get());
-
   const int32_t max = m - 1;
-  for (int32_t y = bounds.Top; y < bounds.Bottom; ++y) {
-    status = ReadRow(conv.get(), row.get(), y, nullptr, nullptr);
-    if (status != RC_SUCCESS) return status;
+  return img::WalkBounds(bitmap, conv.get(), row.get(), [&](void *samples, int32_t left, int32_t right) {
     if (depth == 16)
-      CorrectRow(reinterpret_cast<uint16_t *>(row.get()), channels, bounds.Left, bounds.Right, table.get(),
-                 max);
+      CorrectRow(static_cast<uint16_t *>(samples), channels, left, right, table.get(), max);
     else
-      CorrectRow(row.get(), channels, bounds.Left, bounds.Right, table.get(), max);
-    status = WriteRow(conv.get(), row.get(), y, nullptr, nullptr);
-    if (status != RC_SUCCESS) return status;
-  }
-  UpdateBitmapInfo(bitmap);
-  return RC_SUCCESS;
+      CorrectRow(static_cast<uint8_t *>(samples), channels, left, right, table.get(), max);
+  });
 }

@@ -177,19 +177,6 @@ int32_t RowStep(T *rgb, uint8_t *hsv, uint8_t *hls, int32_t *index, const HueCha
   return RC_SUCCESS;
 }
 
-// Pixels [left, right) of a row of `channels` samples a pixel to and from a
-// row of three (the fourth sample stays in the row).
-template <class T>
-void Pack3(const T *row, T *packed, int32_t channels, int32_t left, int32_t right) {
-  for (int32_t x = left; x < right; ++x)
-    for (int32_t k = 0; k < 3; ++k) packed[3 * x + k] = row[channels * x + k];
-}
-template <class T>
-void Unpack3(const T *packed, T *row, int32_t channels, int32_t left, int32_t right) {
-  for (int32_t x = left; x < right; ++x)
-    for (int32_t k = 0; k < 3; ++k) row[channels * x + k] = packed[3 * x + k];
-}
-
 // Each palette entry as one pixel through the 8-bit sequence.
 int32_t PaletteStep(BitmapRecord *bitmap, PaletteEntry *entries, const HueChange *table) {
   const int32_t count = bitmap->ColorsUsed;

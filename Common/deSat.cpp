@@ -71,22 +71,12 @@ int32_t DesaturateRows(BitmapRecord *bitmap) {
   // Without a row buffer the bitmap is left as it is and the call succeeds:
   // callers rely on this quiet success.
   if (!row) return RC_SUCCESS;
-  status = BitmapHasRegion(bitmap) ? BeginRegion(converter.get()) : BeginWholeBitmap(converter.get());
-  if (status != RC_SUCCESS) return status;
-  Rect bounds{};
-  GetRegionBounds(bitmap, nullptr, &bounds);
-  for (int32_t y = bounds.Top; y < bounds.Bottom; ++y) {
-    status = ReadRow(converter.get(), row.get(), y, nullptr, nullptr);
-    if (status != RC_SUCCESS) return status;
+  return WalkBounds(bitmap, converter.get(), row.get(), [&](void *samples, int32_t left, int32_t right) {
     if (wide)
-      DesaturateRow(reinterpret_cast<uint16_t *>(row.get()), channels, bounds.Left, bounds.Right);
+      DesaturateRow(static_cast<uint16_t *>(samples), channels, left, right);
     else
-      DesaturateRow(row.get(), channels, bounds.Left, bounds.Right);
-    status = WriteRow(converter.get(), row.get(), y, nullptr, nullptr);
-    if (status != RC_SUCCESS) return status;
-  }
-  UpdateBitmapInfo(bitmap);
-  return RC_SUCCESS;
+      DesaturateRow(static_cast<uint8_t *>(samples), channels, left, right);
+  });
 }
 
 int32_t Desaturate(BitmapRecord *bitmap) {

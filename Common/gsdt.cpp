@@ -177,22 +177,12 @@ int32_t ApplyRows(BitmapRecord *bitmap, PaletteEntry *table, uint32_t color, uin
     table = ramp.get();
   }
   if (mode == 0) ScaleTableByLevel(table);  // a caller's table too
-  status = BitmapHasRegion(bitmap) ? BeginRegion(converter.get()) : BeginWholeBitmap(converter.get());
-  if (status != RC_SUCCESS) return status;
-  Rect bounds{};
-  GetRegionBounds(bitmap, nullptr, &bounds);
-  for (int32_t y = bounds.Top; y < bounds.Bottom; ++y) {
-    status = ReadRow(converter.get(), row.get(), y, nullptr, nullptr);
-    if (status != RC_SUCCESS) return status;
+  return WalkBounds(bitmap, converter.get(), row.get(), [&](void *samples, int32_t left, int32_t right) {
     if (wide)
-      ToneRow16(reinterpret_cast<uint16_t *>(row.get()), channels, bounds.Left, bounds.Right, table);
+      ToneRow16(static_cast<uint16_t *>(samples), channels, left, right, table);
     else
-      ToneRow8(row.get(), channels, bounds.Left, bounds.Right, table);
-    status = WriteRow(converter.get(), row.get(), y, nullptr, nullptr);
-    if (status != RC_SUCCESS) return status;
-  }
-  UpdateBitmapInfo(bitmap);
-  return RC_SUCCESS;
+      ToneRow8(static_cast<uint8_t *>(samples), channels, left, right, table);
+  });
 }
 
 // This kernel keeps 8-bit gray bitmaps without a palette. They become 8-bit

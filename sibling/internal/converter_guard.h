@@ -21,3 +21,27 @@ class ConverterGuard {
 };
 
 }  // namespace img
+
+namespace img {
+
+// The common row pass of the operations: begins the walk (writing back only
+// the region when the bitmap has one), then reads each row of the region's
+// bounds, calls step(row, left, right) and writes the row back. After a
+// complete pass the bitmap's information is updated. Returns the first
+// status other than 1.
+template <class Step>
+int32_t WalkBounds(BitmapRecord *bitmap, RowConverter converter, void *row, Step &&step) {
+  int32_t status = BitmapHasRegion(bitmap) ? BeginRegion(converter) : BeginWholeBitmap(converter);
+  if (status != RC_SUCCESS) return status;
+  Rect bounds{};
+  GetRegionBounds(bitmap, nullptr, &bounds);
+  for (int32_t y = bounds.Top; y < bounds.Bottom; ++y) {
+    if ((status = ReadRow(converter, row, y, nullptr, nullptr)) != RC_SUCCESS) return status;
+    step(row, bounds.Left, bounds.Right);
+    if ((status = WriteRow(converter, row, y, nullptr, nullptr)) != RC_SUCCESS) return status;
+  }
+  UpdateBitmapInfo(bitmap);
+  return RC_SUCCESS;
+}
+
+}  // namespace img
