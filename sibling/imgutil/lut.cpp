@@ -146,7 +146,7 @@ int32_t MapSamples(BitmapRecord *b, Kind kind, const CompactTables &t, uint32_t 
       return rows.run(start, end, [&](uint8_t *row, const RowRun *runs, int32_t n) {
         uint16_t *w = reinterpret_cast<uint16_t *>(row);
         for (int32_t r = 0; r < n; ++r)
-          for (int32_t x = runs[r].Start; x < runs[r].End; ++x) w[x] = t16[w[x]];
+          img::MapWords(path, t16, w + runs[r].Start, runs[r].End - runs[r].Start, false);
       });
     case Kind::Color16: {
       // 5-bit tables per colour field: widen, map, narrow.
@@ -193,14 +193,8 @@ int32_t MapSamples(BitmapRecord *b, Kind kind, const CompactTables &t, uint32_t 
           const std::size_t words = static_cast<std::size_t>(runs[r].End - runs[r].Start) * step;
           if (channel != LUT_CHANNEL_ALL) {
             for (std::size_t i = offset; i < words; i += step) p[i] = t16[p[i]];
-          } else if (step == 3) {
-            for (std::size_t i = 0; i < words; ++i) p[i] = t16[p[i]];
           } else {
-            for (std::size_t i = 0; i < words; i += 4) {
-              p[i] = t16[p[i]];
-              p[i + 1] = t16[p[i + 1]];
-              p[i + 2] = t16[p[i + 2]];
-            }
+            img::MapWords(path, t16, p, words, step == 4);
           }
         }
       });
@@ -248,7 +242,7 @@ int32_t ApplyLutImpl(BitmapRecord *b, const int32_t *table, uint32_t length, uin
   CompactTables t{};
   img::KernelBuffer<uint16_t> words;
   if (WideSamples(kind)) {
-    words = img::KernelBuffer<uint16_t>(65536, __LINE__, kSourceFile);
+    words = img::KernelBuffer<uint16_t>(img::kWordTableEntries, __LINE__, kSourceFile);
     if (!words) return RC_NO_MEMORY;
     for (uint32_t v = 0; v < 65536; ++v) words[v] = static_cast<uint16_t>(entry(v));
     t.word = words.get();
@@ -366,7 +360,7 @@ IMG_API int32_t ApplyByteLut(BitmapRecord *bitmap, const uint8_t *table, uint32_
   CompactTables t{};
   img::KernelBuffer<uint16_t> words;
   if (WideSamples(kind)) {
-    words = img::KernelBuffer<uint16_t>(65536, __LINE__, kSourceFile);
+    words = img::KernelBuffer<uint16_t>(img::kWordTableEntries, __LINE__, kSourceFile);
     if (!words) return RC_NO_MEMORY;
     for (uint32_t v = 0; v < 65536; ++v) words[v] = static_cast<uint16_t>(entry(v));
     t.word = words.get();
