@@ -1,6 +1,5 @@
 // Extended gamma correction and automatic binarisation.
 #include "autoseg.h"
-#include "curves.h"
 #include "kit.h"
 
 using kit::Bitmap;
@@ -13,8 +12,9 @@ TEST(GammaExt, ChecksInOrder) {
   kit::LeakGuard guard;
   Bitmap b(Format{24, ORDER_BGR}, 2, 2);
   Bitmap gray32(Format{32, ORDER_GRAY}, 2, 2);
-  BitmapRecord bad = *b.get();
+  BitmapRecord bad = *b.get(), empty = *b.get();
   bad.StructSize = 200;
+  empty.Flags = 0;  // no pixels
   kit::ExpectStatuses({
       {"size before gamma", [&] { return Q_GammaCorrectBitmapExt(&bad, 0, 9); }, RC_INVALID_STRUCT_SIZE},
       {"gray32 before gamma", [&] { return Q_GammaCorrectBitmapExt(gray32, 0, 9); }, RC_GRAY32_NOT_SUPPORTED},
@@ -23,81 +23,51 @@ TEST(GammaExt, ChecksInOrder) {
       {"gamma 0", [&] { return Q_GammaCorrectBitmapExt(b, 0, GAMMA_YUV); }, RC_INVALID_PARAMETER},
       {"space 3", [&] { return Q_GammaCorrectBitmapExt(b, 100, 3); }, RC_INVALID_PARAMETER},
       {"space 0", [&] { return Q_GammaCorrectBitmapExt(b, 100, 0); }, RC_INVALID_PARAMETER},
+      {"no pixels: forwarded gamma fails", [&] { return Q_GammaCorrectBitmap(&empty, 200, 0); },
+       RC_NO_BITMAP},
+      {"no pixels: per channel still 1 (kept)",
+       [&] { return Q_GammaCorrectBitmapExt(&empty, 200, GAMMA_RGB); }, RC_SUCCESS},
   });
 }
 
-TEST(GammaExt, PerChannelPathAlwaysReportsSuccess) {
-  kit::LeakGuard guard;
-  Bitmap b(Format{24, ORDER_BGR}, 1, 1, {Rgb(64, 64, 64)});
-  ASSERT_EQ(Q_GammaCorrectBitmapExt(b, 200, GAMMA_RGB), RC_SUCCESS);
-  EXPECT_EQ(b.At(0, 0), Rgb(128, 128, 128));
-  // A bitmap whose pixels are gone makes the forwarded gamma fail; the
-  // export still answers 1 (kept).
-  BitmapRecord empty = *b.get();
-  empty.Flags = 0;
-  EXPECT_EQ(Q_GammaCorrectBitmap(&empty, 200, 0), RC_NO_BITMAP);
-  EXPECT_EQ(Q_GammaCorrectBitmapExt(&empty, 200, GAMMA_RGB), RC_SUCCESS);
-  // Signed data goes per channel even when the luma is asked for.
-  Bitmap s(Format{8, ORDER_GRAY}, 1, 1, {Level(0x40)});
-  s->Flags |= BITMAP_SIGNED;
-  ASSERT_EQ(Q_GammaCorrectBitmapExt(s, 200, GAMMA_YUV), RC_SUCCESS);
-  EXPECT_NE(s.At(0, 0).v[0], 0x40u);
-}
-
-TEST(GammaExt, LumaPathKeepsHueAndMatchesTheIntegerForm) {
-  for (const Format &format :
-       {Format{24, ORDER_BGR}, Format{32, ORDER_RGB}, Format{48, ORDER_BGR}, Format{8, ORDER_GRAY}}) {
-    for (uint32_t gamma : {100u, 50u, 220u}) {
-      SCOPED_TRACE(format.Name() + " gamma " + std::to_string(gamma));
-      kit::LeakGuard guard;
-      Bitmap b(format, 6, 5);
-      b.Randomize(gamma);
-      const std::vector<Pixel> before = b.Pixels();
-      kit::SetEllipseRegion(b, 0, 0, 6, 5);
-      const uint32_t updates = b->UpdateCount;
-      ASSERT_EQ(Q_GammaCorrectBitmapExt(b, gamma, GAMMA_YUV), RC_SUCCESS);
-      EXPECT_EQ(b->UpdateCount, updates + 1);
-      const int32_t max = format.bits >= 48 ? 65535 : 255;
-      std::vector<int32_t> table(static_cast<size_t>(max) + 1);
-      img::BuildGammaTable(gamma, static_cast<uint32_t>(max) + 1, table.data());
-      for (int32_t y = 0; y < 5; ++y)
-        for (int32_t x = 0; x < 6; ++x) {
-          const Pixel p = before[y * 6 + x];
-          Pixel want = p;
-          if (kit::InRegion(b, x, y)) {
-            const bool gray = format.IsGray();
-            img::YuvPixel yuv =
-                img::LumaForward(static_cast<int32_t>(p.v[0]), static_cast<int32_t>(gray ? p.v[0] : p.v[1]),
-                                 static_cast<int32_t>(gray ? p.v[0] : p.v[2]), max);
-            if (gamma == 100) {
-              EXPECT_EQ(table[yuv.y], yuv.y);
-            }
-            yuv.y = table[yuv.y];
-            int32_t r, g, bl;
-            img::LumaBack(yuv, max, &r, &g, &bl);
-            if (gray)
-              want.v[0] = static_cast<uint32_t>((g * 5 + r * 2 + bl) >> 3);
-            else
-              want = Rgb(r, g, bl, p.v[3]);
-          }
-          ASSERT_EQ(b.At(x, y), want) << x << "," << y;
-        }
-    }
-  }
-  // 16-bit colour near white: the products stay inside 32 bits.
-  img::YuvPixel blue = img::LumaForward(0, 0, 65535, 65535);
-  EXPECT_EQ(blue.y, 7471);
-  EXPECT_EQ(blue.u, 28567);
-}
-
-TEST(GammaExt, LifecycleOfTheLumaPath) {
-  auto setup = [] {
-    auto b = std::make_unique<Bitmap>(Format{24, ORDER_BGR}, 9, 7);
-    b->Randomize(2);
-    return b;
+TEST(GammaExt, PerChannelOrThroughTheIntegerLumaForm) {
+  // Worked out from the integer YUV form, whose constants do not invert each other
+  // exactly: at gamma 100, (200, 100, 50) gives Y 124, U -37, V 58, back (189, 105, 48).
+  struct Case {
+    Format format;
+    uint32_t gamma;
+    Pixel in, want;
+    uint32_t space = GAMMA_YUV;
+    bool sign = false;
+  } cases[] = {
+      {{24, ORDER_BGR}, 200, Rgb(64, 64, 64), Rgb(128, 128, 128), GAMMA_RGB},  // 255 * sqrt(64 / 255) = 127.7
+      // Signed data goes per channel even for the luma: +64 is 192 offset, 221 after, so +93.
+      {{8, ORDER_GRAY}, 200, Level(0x40), Level(0x5D), GAMMA_YUV, true},
+      {{24, ORDER_BGR}, 100, Rgb(200, 100, 50), Rgb(189, 105, 48)},
+      {{24, ORDER_RGB}, 200, Rgb(200, 100, 50), Rgb(243, 159, 102)},
+      {{32, ORDER_RGB}, 50, Rgb(10, 200, 30, 77), Rgb(0, 127, 0, 77)},     // fourth sample kept
+      {{48, ORDER_BGR}, 220, Rgb(0, 0, 65535), Rgb(17869, 16461, 65535)},  // products near 2^31
+      {{64, ORDER_RGB}, 100, Rgb(40000, 1000, 20000, 9), Rgb(36816, 2631, 20002, 9)},
+      {{8, ORDER_GRAY}, 200, Level(64), Level(128)},
+      {{16, ORDER_GRAY}, 200, Level(1000), Level(8095)},  // 65535 * sqrt(1000 / 65535) = 8095.3
   };
-  kit::CheckAllocationFailures(
-      setup, [](std::unique_ptr<Bitmap> &b) { return Q_GammaCorrectBitmapExt(b->get(), 150, GAMMA_YUV); });
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.format.Name() + " gamma " + std::to_string(c.gamma));
+    kit::LeakGuard guard;
+    Bitmap b(c.format, 3, 2, std::vector<Pixel>(6, c.in));
+    kit::SetRectRegion(b, 1, 0, 3, 2);
+    kit::SetRectRegion(b, 2, 1, 3, 2, REGION_XOR);
+    if (c.sign) b->Flags |= BITMAP_SIGNED;
+    const uint32_t updates = b->UpdateCount;
+    ASSERT_EQ(Q_GammaCorrectBitmapExt(b, c.gamma, c.space), RC_SUCCESS);
+    if (c.space == GAMMA_YUV && !c.sign) {
+      EXPECT_EQ(b->UpdateCount, updates + 1);
+    }
+    for (int32_t y = 0; y < 2; ++y)
+      for (int32_t x = 0; x < 3; ++x) EXPECT_EQ(b.At(x, y), kit::InRegion(b, x, y) ? c.want : c.in);
+  }
+  auto fresh = [] { return Bitmap(Format{24, ORDER_BGR}, 9, 7); };
+  kit::CheckAllocationFailures(fresh, [](Bitmap &b) { return Q_GammaCorrectBitmapExt(b, 150, GAMMA_YUV); });
 }
 
 TEST(AutoBinary, ThresholdSearch) {
@@ -105,6 +75,7 @@ TEST(AutoBinary, ThresholdSearch) {
     const char *name;
     std::vector<std::pair<int, uint32_t>> counts;
     int32_t threshold;
+    bool ones = false;  // levels 6..249 hold one each before `counts`
   } cases[] = {
       {"uniform level 100", {{100, 50}}, 5},
       {"uniform level 3", {{3, 50}}, 5},
@@ -113,40 +84,35 @@ TEST(AutoBinary, ThresholdSearch) {
       {"equal highest peaks: lower wins", {{40, 10}, {200, 10}, {120, 1}}, 41},
       {"adjacent peaks", {{50, 10}, {51, 9}}, 50},
       {"valley with a strictly smaller count", {{20, 100}, {21, 5}, {22, 4}, {23, 4}, {200, 90}}, 24},
+      // Level 250 scores 245^2 * 71555 = 4295088875, which wraps to 121579 and
+      // loses against level 100 (95^2 * 40 = 361000): the valley lies below 100.
+      {"score wraps in 32 bits", {{5, 100000}, {100, 40}, {200, 0}, {250, 71555}}, 6, true},
+      {"no wrap: 250 is the second peak", {{5, 100000}, {100, 40}, {200, 0}, {250, 1000}}, 200, true},
   };
   for (const Case &c : cases) {
     uint32_t h[256] = {};
+    for (int v = 6; c.ones && v < 250; ++v) h[v] = 1;
     for (auto [level, count] : c.counts) h[level] = count;
     EXPECT_EQ(img::AutoBinaryThreshold(h), c.threshold) << c.name;
   }
-  // The distance-weighted score wraps in 32 bits: level 250 scores
-  // 245^2 * 71555 = 4295088875, which wraps to 121579 and loses against
-  // level 100 (95^2 * 40 = 361000); the valley is then searched below 100.
-  uint32_t h[256] = {};
-  for (int v = 6; v < 250; ++v) h[v] = 1;
-  h[5] = 100000;
-  h[100] = 40;
-  h[200] = 0;
-  h[250] = 71555;
-  EXPECT_EQ(img::AutoBinaryThreshold(h), 6);
-  h[250] = 1000;  // no wrap: 250 is the second peak and 200 the valley
-  EXPECT_EQ(img::AutoBinaryThreshold(h), 200);
 }
 
 TEST(AutoBinary, PaintsWhiteAtOrAboveTheThreshold) {
   kit::LeakGuard guard;
-  Bitmap hi(Format{8, ORDER_GRAY}, 3, 2, std::vector<Pixel>(6, Level(100)));
-  ASSERT_EQ(Q_AutoBinaryBitmap(hi, 0), RC_SUCCESS);
-  EXPECT_EQ(hi.Pixels(), std::vector<Pixel>(6, Level(255)));
-  Bitmap lo(Format{24, ORDER_BGR}, 3, 2, std::vector<Pixel>(6, Rgb(3, 3, 3)));
-  ASSERT_EQ(Q_AutoBinaryBitmap(lo, 0), RC_SUCCESS);
-  EXPECT_EQ(lo.Pixels(), std::vector<Pixel>(6, Rgb(0, 0, 0)));
-  // 12-bit gray: threshold 5 becomes 80 on the 12-bit scale, the top 4095.
-  Bitmap g12(Format{12, ORDER_GRAY}, 3, 1, {Level(79), Level(80), Level(81)});
-  ASSERT_EQ(Q_AutoBinaryBitmap(g12, 0), RC_SUCCESS);
-  EXPECT_EQ(g12.At(0, 0).v[0], 0u);
-  EXPECT_EQ(g12.At(1, 0).v[0], 4095u);
-  EXPECT_EQ(g12.At(2, 0).v[0], 4095u);
+  struct Case {
+    Format format;
+    std::vector<Pixel> in, want;
+  } cases[] = {
+      {{8, ORDER_GRAY}, {Level(100), Level(100)}, {Level(255), Level(255)}},  // threshold 5
+      {{24, ORDER_BGR}, {Rgb(3, 3, 3), Rgb(3, 3, 3)}, {Rgb(0, 0, 0), Rgb(0, 0, 0)}},
+      // 12-bit: threshold 5 becomes 80 on the 12-bit scale, white is 4095.
+      {{12, ORDER_GRAY}, {Level(79), Level(80), Level(81)}, {Level(0), Level(4095), Level(4095)}},
+  };
+  for (const Case &c : cases) {
+    Bitmap b(c.format, static_cast<int32_t>(c.in.size()), 1, c.in);
+    ASSERT_EQ(Q_AutoBinaryBitmap(b, 0), RC_SUCCESS);
+    EXPECT_EQ(b.Pixels(), c.want) << c.format.Name();
+  }
   Bitmap sgn(Format{8, ORDER_GRAY}, 1, 1);
   sgn->Flags |= BITMAP_SIGNED;
   Bitmap g32(Format{32, ORDER_GRAY}, 1, 1);
@@ -157,12 +123,12 @@ TEST(AutoBinary, PaintsWhiteAtOrAboveTheThreshold) {
       {"signed", [&] { return Q_AutoBinaryBitmap(sgn, 0); }, RC_SIGNED_DATA_NOT_SUPPORTED},
   });
   auto setup = [] {
-    auto b = std::make_unique<Bitmap>(Format{24, ORDER_BGR}, 20, 10);
-    b->Randomize(9);
-    kit::SetEllipseRegion(b->get(), 2, 2, 18, 9);
+    Bitmap b(Format{24, ORDER_BGR}, 20, 10);
+    b.Randomize(9);
+    kit::SetEllipseRegion(b, 2, 2, 18, 9);
     return b;
   };
-  auto call = [](std::unique_ptr<Bitmap> &b) { return Q_AutoBinaryBitmap(b->get(), 0); };
+  auto call = [](Bitmap &b) { return Q_AutoBinaryBitmap(b, 0); };
   kit::CheckAllocationFailures(setup, call);
   // The histogram reports 0..20, then the detection its own 0..100.
   EXPECT_GT(kit::CheckCancellation(setup, call, RC_SUCCESS, false), 0);
