@@ -311,20 +311,11 @@ void BuildSignedMathLogicLut(int32_t *table, uint32_t length, int32_t value, uin
   }
 }
 
-HistogramSpan OccupiedSpan(const uint32_t *counts, uint32_t length) {
+HistogramSpan OccupiedSpan(int32_t lowest, int32_t highest, uint32_t length) {
   const uint32_t max = length - 1;
-  HistogramSpan span{max, 0};
-  for (uint32_t i = 0; i < max; ++i)
-    if (counts[i] != 0) {
-      span.first = i;
-      break;
-    }
-  for (uint32_t i = max; i > 0; --i)
-    if (counts[i] != 0) {
-      span.last = i;
-      break;
-    }
-  return span;
+  const bool below = lowest >= 0 && static_cast<uint32_t>(lowest) < max;
+  return HistogramSpan{below ? static_cast<uint32_t>(lowest) : max,
+                       highest > 0 ? static_cast<uint32_t>(highest) : 0u};
 }
 
 bool BuildStretchLut(int32_t *table, uint32_t length, uint32_t first, uint32_t last) {
@@ -383,21 +374,21 @@ void BuildHistoContrastLut(int32_t *table, uint32_t length, uint32_t first, uint
 
 namespace {
 
-// Allocates table and histogram, fills the histogram (progress 0..50), lets
-// `build` fill the table from the occupied span and applies it (51..100).
+// Allocates the table, finds the occupied span of the samples (progress
+// 0..50), lets `build` fill the table from it and applies it (51..100).
 // `build` returns false when there is nothing to change.
 template <class Build>
 int32_t RunHistogramOperation(BitmapRecord *bitmap, Build build) {
   KernelBuffer<int32_t> table;
   uint32_t length = 0;
   if (const int32_t status = AllocOperationLut(bitmap, table, length); status != RC_SUCCESS) return status;
-  IMG_BUFFER(uint32_t, counts, length);
-  if (!counts) return RC_NO_MEMORY;
-  if (const int32_t status = ::GetHistogram(bitmap, counts.get(), length, 0, 0, 50); status != RC_SUCCESS)
+  // The span of the samples' histogram (progress 0..50), in offset form for
+  // signed data so that index 0 is the most negative value, as the table is
+  // built. Only its ends are used, so no counts are kept.
+  int32_t lowest = -1, highest = -1;
+  if (const int32_t status = ::GetSampleRange(bitmap, 0, &lowest, &highest, 0, 50); status != RC_SUCCESS)
     return status;
-  // Index 0 becomes the most negative value, as the table is built.
-  if (IsSigned(bitmap)) ::ShiftLutForSigned(reinterpret_cast<int32_t *>(counts.get()), length);
-  const HistogramSpan span = OccupiedSpan(counts.get(), length);
+  const HistogramSpan span = OccupiedSpan(lowest, highest, length);
   if (!build(table.get(), length, span)) return RC_SUCCESS;
   return ApplyOperationLut(bitmap, table.get(), length, 51, 100);
 }

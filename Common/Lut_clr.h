@@ -55,14 +55,15 @@ void BuildMathLogicLut(int32_t *table, uint32_t length, int32_t value, uint32_t 
 // the table must come zeroed.
 void BuildSignedMathLogicLut(int32_t *table, uint32_t length, int32_t value, uint32_t operation);
 
-// Occupied span of a histogram: first is the lowest occupied index below
-// length - 1 (length - 1 when none), last the highest occupied index above 0
-// (0 when none).
+// Occupied span of the histogram of the samples: first is the lowest
+// occupied value below length - 1 (length - 1 when none), last the highest
+// occupied value above 0 (0 when none). Taken from the lowest and highest
+// sample (-1, -1 for no sample): the span needs no counts.
 struct HistogramSpan {
   uint32_t first;
   uint32_t last;
 };
-HistogramSpan OccupiedSpan(const uint32_t *counts, uint32_t length);
+HistogramSpan OccupiedSpan(int32_t lowest, int32_t highest, uint32_t length);
 
 // Spreads first..last over the whole range. Returns false, leaving the table
 // alone, when the span holds a single value (nothing to stretch).

@@ -68,6 +68,42 @@ TEST(Histograms, MatchCountsOfPixelValues) {
 
 // Statuses in check order; cancelled at every report and with the region's
 // run list failing, nothing leaks.
+TEST(Histograms, SampleRangeIsTheOccupiedSpanOfTheHistogram) {
+  // Every kind, both orientations, with and without a region and signed
+  // data, each channel: the range must be the lowest and highest occupied
+  // bin of the full-length histogram (rotated to offset form when signed).
+  for (const Format &f : kit::AllFormats(true))
+    for (int variant = 0; variant < 4; ++variant) {
+      SCOPED_TRACE(f.Name() + " variant " + std::to_string(variant));
+      kit::LeakGuard guard;
+      kit::Bitmap b(f, 37, 5);
+      b.Randomize(static_cast<uint32_t>(variant * 31 + f.bits));
+      if (variant & 1) kit::SetEllipseRegion(b, 3, 1, 30, 5);
+      if (variant & 2) b->Flags |= BITMAP_SIGNED;
+      const uint32_t length = f.bits >= 48 ? 65536u : f.IsGray() ? f.SampleMax() + 1 : 256u;
+      for (uint32_t channel = 0; channel < 4; ++channel) {
+        std::vector<uint32_t> h(length, 0);
+        ASSERT_EQ(GetHistogram(b, h.data(), length, channel, 0, 100), RC_SUCCESS);
+        if (variant & 2) std::rotate(h.begin(), h.begin() + length / 2, h.end());
+        int32_t lo = -2, hi = -2, wantLo = -1, wantHi = -1;
+        for (uint32_t v = 0; v < length; ++v)
+          if (h[v]) {
+            if (wantLo < 0) wantLo = static_cast<int32_t>(v);
+            wantHi = static_cast<int32_t>(v);
+          }
+        ASSERT_EQ(GetSampleRange(b, channel, &lo, &hi, 0, 100), RC_SUCCESS);
+        EXPECT_EQ(std::pair(lo, hi), std::pair(wantLo, wantHi)) << "channel " << channel;
+      }
+    }
+  kit::Bitmap b(Format{24, ORDER_BGR}, 4, 4);
+  kit::SetRectRegion(b, 1, 1, 1, 1);  // set but empty
+  int32_t lo = 0, hi = 0;
+  EXPECT_EQ(GetSampleRange(b, 0, &lo, &hi, 0, 100), RC_SUCCESS);
+  EXPECT_EQ(std::pair(lo, hi), std::pair(-1, -1));
+  EXPECT_EQ(GetSampleRange(b, 4, &lo, &hi, 0, 100), RC_INVALID_PARAMETER);
+  EXPECT_EQ(GetSampleRange(b, 0, nullptr, &hi, 0, 100), RC_NULL_OPTIONS);
+}
+
 TEST(Histograms, StatusesCancellationAndAllocationFailure) {
   kit::Bitmap bm({24, ORDER_BGR}, 4, 4);
   BitmapRecord badSize = *bm.get(), empty = *bm.get();

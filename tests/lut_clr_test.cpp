@@ -90,12 +90,14 @@ TEST(LutBuilders, Entries) {
   expect("0x3000", {{999, static_cast<int32_t>(0xE7E7E7E7u)}});
   // a = 1: low rounds 0.032 to 0; g = 1.5^log2(0.128) * 5.34 = 1.6 -> high 255.
   EXPECT_EQ(std::pair(img::ContrastLimits(1).low, img::ContrastLimits(1).high), std::pair(0, 255));
-  // The empty histogram gives first 255, last 0.
-  std::vector<uint32_t> counts(256, 0);
-  img::HistogramSpan span = img::OccupiedSpan(counts.data(), 256);
+  // No sample gives first 255, last 0; samples at the top only, 255 and 255;
+  // at 0 only, 0 and 0.
+  img::HistogramSpan span = img::OccupiedSpan(-1, -1, 256);
   EXPECT_EQ(std::pair(span.first, span.last), std::pair(255u, 0u));
-  counts[255] = 3, span = img::OccupiedSpan(counts.data(), 256);
+  span = img::OccupiedSpan(255, 255, 256);
   EXPECT_EQ(std::pair(span.first, span.last), std::pair(255u, 255u));
+  span = img::OccupiedSpan(0, 0, 256);
+  EXPECT_EQ(std::pair(span.first, span.last), std::pair(0u, 0u));
   // Posterize gives exactly the levels, from 0 to L - 1.
   for (uint32_t length : {256u, 4096u, 65536u})
     for (uint32_t levels : {2u, 5u, 64u}) {

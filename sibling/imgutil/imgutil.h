@@ -90,6 +90,14 @@ IMG_API int32_t UnsignedToSigned(BitmapRecord *bitmap, int32_t reserved1, int32_
  * a gray bitmap counts its sample. Counts are added to (not cleared). */
 IMG_API int32_t GetHistogram(BitmapRecord *bitmap, uint32_t *counts, uint32_t length, uint32_t channel,
                              int32_t start, int32_t end);
+/* Lowest and highest sample value inside the region, with the values
+ * GetHistogram(bitmap, counts, length, channel, ...) would count (length:
+ * the bitmap's sample range, values at or above it left out); signed
+ * samples in offset form (0 = the most negative). Both are -1 when the
+ * region holds no pixel. One pass without counting: what an occupied span
+ * needs. */
+IMG_API int32_t GetSampleRange(BitmapRecord *bitmap, uint32_t channel, int32_t *lowest, int32_t *highest,
+                               int32_t start, int32_t end);
 /* 256 bins of the intensity (2R + 5G + B) >> 3 (8-bit samples); channel 1..3
  * counts that channel alone. Counts are cleared first. */
 IMG_API int32_t ComputeHistogram(BitmapRecord *bitmap, uint32_t *counts, uint32_t channel, int32_t start,
