@@ -71,14 +71,6 @@ void BuildMathFunctionLut(int32_t *table, int32_t depth, uint32_t function, uint
 
 namespace {
 
-// Maps the samples of columns left..right - 1 of one working row.
-template <class Sample>
-void MapRow(Sample *row, int32_t left, int32_t right, int32_t channels, const int32_t *table) {
-  Sample *p = row + static_cast<std::size_t>(left) * channels;
-  const std::size_t count = static_cast<std::size_t>(right - left) * channels;
-  for (std::size_t i = 0; i < count; ++i) p[i] = static_cast<Sample>(table[p[i]]);
-}
-
 int32_t RunMathFunction(BitmapRecord *bitmap, uint32_t function, uint32_t factor) {
   ConverterGuard guard;
   if (const int32_t status = ::CreateRowConverter(bitmap, guard.place(), ROW_LAYOUT_NATIVE);
@@ -102,6 +94,20 @@ int32_t RunMathFunction(BitmapRecord *bitmap, uint32_t function, uint32_t factor
   // Index by the stored pattern; a signed 16-bit sample read as signed plus
   // 65536 when negative is that same pattern.
   if (bitmap->Flags & BITMAP_SIGNED) ::ShiftLutForSigned(table.get(), count);
+  // The samples take the low byte (8-bit rows) or the low 16 bits of their
+  // entry: narrowed once, the rows run through imgutil's sample maps.
+  KernelBuffer<uint16_t> words;
+  if (depth == 16) {
+    words = KernelBuffer<uint16_t>(MAP_WORD_TABLE_ENTRIES, __LINE__, kSourceFile);
+    if (!words) return RC_NO_MEMORY;
+  }
+  uint8_t bytes[256];
+  for (uint32_t i = 0; i < count; ++i) {
+    if (depth == 16)
+      words[i] = static_cast<uint16_t>(table[i]);
+    else
+      bytes[i] = static_cast<uint8_t>(table[i]);
+  }
 
   const int32_t left = bounds.Left < 0 ? 0 : bounds.Left;
   const int32_t right = bounds.Right > bitmap->Width ? bitmap->Width : bounds.Right;
@@ -110,10 +116,12 @@ int32_t RunMathFunction(BitmapRecord *bitmap, uint32_t function, uint32_t factor
         status != RC_SUCCESS)
       return status;
     if (left < right) {
+      const std::size_t first = static_cast<std::size_t>(left) * channels;
+      const std::size_t samples = static_cast<std::size_t>(right - left) * channels;
       if (depth == 16)
-        MapRow(reinterpret_cast<uint16_t *>(buffer.get()), left, right, channels, table.get());
+        ::MapSampleWords(words.get(), reinterpret_cast<uint16_t *>(buffer.get()) + first, samples);
       else
-        MapRow(buffer.get(), left, right, channels, table.get());
+        ::MapSampleBytes(bytes, buffer.get() + first, samples);
     }
     if (const int32_t status = ::WriteRow(converter, buffer.get(), row, nullptr, nullptr);
         status != RC_SUCCESS)

@@ -82,6 +82,13 @@ IMG_API void ShiftLutForSigned(int32_t *table, uint32_t length);
  * (i - first) / (last - first), truncated toward zero. */
 IMG_API void FillLutSegment(int32_t first, int32_t last, int32_t firstValue, int32_t lastValue,
                             int32_t *table);
+/* Maps `count` 8-bit samples in place through a 256-entry byte table, with
+ * the fastest byte-lookup instructions the processor has. */
+IMG_API void MapSampleBytes(const uint8_t *table, uint8_t *samples, size_t count);
+/* The same for 16-bit samples; the table has MAP_WORD_TABLE_ENTRIES entries
+ * (65536 and one spare that the wide path may read but never uses). */
+#define MAP_WORD_TABLE_ENTRIES 65537u
+IMG_API void MapSampleWords(const uint16_t *table, uint16_t *samples, size_t count);
 IMG_API int32_t SignedToUnsigned(BitmapRecord *bitmap, int32_t reserved1, int32_t reserved2);
 IMG_API int32_t UnsignedToSigned(BitmapRecord *bitmap, int32_t reserved1, int32_t reserved2);
 

@@ -300,3 +300,15 @@ void MapBytesKeepFourth(LutPath path, const uint8_t *table, const uint8_t *src, 
 }
 
 }  // namespace img
+
+extern "C" {
+
+IMG_API void MapSampleBytes(const uint8_t *table, uint8_t *samples, size_t count) {
+  if (table && samples) img::MapBytes(img::FastestLutPath(), table, samples, samples, count);
+}
+
+IMG_API void MapSampleWords(const uint16_t *table, uint16_t *samples, size_t count) {
+  if (table && samples) img::MapWords(img::FastestLutPath(), table, samples, count, false);
+}
+
+}  // extern "C"

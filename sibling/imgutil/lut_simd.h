@@ -33,7 +33,7 @@ void MapBytesKeepFourth(LutPath path, const uint8_t *table, const uint8_t *src, 
 // keepFourth every word at an offset of 3 modulo 4 stays. The table must
 // have 65537 entries (the wide path reads two bytes past the last one).
 void MapWords(LutPath path, const uint16_t *table, uint16_t *p, std::size_t count, bool keepFourth);
-inline constexpr uint32_t kWordTableEntries = 65537;
+inline constexpr uint32_t kWordTableEntries = MAP_WORD_TABLE_ENTRIES;
 
 // ApplyLut with the byte lookups forced onto one path (tests compare paths).
 int32_t ApplyLutWithPath(BitmapRecord *bitmap, const int32_t *table, uint32_t length, uint32_t mode,
