@@ -145,8 +145,8 @@ Rgb16 HsvToRgb16(int32_t h, int32_t s, int32_t v) {
 }
 
 int32_t HueStep(int32_t angle) {
-  // The product wraps in 32 bits, as the original arithmetic does for angles
-  // beyond about 8.3 million degrees.
+  // The product is kept in 32 bits: it wraps for angles beyond about
+  // 8.3 million degrees.
   const int32_t scaled = static_cast<int32_t>(static_cast<uint32_t>(angle) * 256u);
   return scaled / 360;
 }

@@ -305,7 +305,7 @@ void BuildSignedMathLogicLut(int32_t *table, uint32_t length, int32_t value, uin
     int64_t r = MathLogicResult(op, input, x, value, bottom, top);
     if (output == MATHLOGIC_OUT_INVERT) r = max - r;
     // Centred positions: c >= 0 at c, c < 0 at max + c (one short of the
-    // two's-complement position). Kept as the operation has always stored it.
+    // two's-complement position). Kept so on purpose.
     const int64_t position = c >= 0 ? c : max + c;
     table[position] = static_cast<int32_t>(r < 0 ? max + r : r);
   }
