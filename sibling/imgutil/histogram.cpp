@@ -212,6 +212,19 @@ int32_t CountBytes(const BitmapRecord *b, Kind kind, uint32_t channel, uint32_t 
   return RC_SUCCESS;
 }
 
+// Lowest and highest of the samples [p, e) after XOR with flip (without the
+// fourth of each four when skipFourth), folded into *lo and *hi.
+template <class Sample>
+void ScalarExtremes(const Sample *p, const Sample *e, uint32_t flip, bool skipFourth, uint32_t *lo,
+                    uint32_t *hi) {
+  for (int32_t i = 0; p < e; ++p, ++i) {
+    if (skipFourth && (i & 3) == 3) continue;
+    const uint32_t v = *p ^ flip;
+    *lo = v < *lo ? v : *lo;
+    *hi = v > *hi ? v : *hi;
+  }
+}
+
 // Running minimum and maximum of byte samples (offset form when flip is
 // 0x80). SSE2 is part of every x86-64 processor: 16 samples a step.
 struct ByteRange {
@@ -229,12 +242,7 @@ struct ByteRange {
       lo = _mm_min_epu8(lo, skipFourth ? _mm_or_si128(v, fourth) : v);
       hi = _mm_max_epu8(hi, skipFourth ? _mm_andnot_si128(fourth, v) : v);
     }
-    for (int32_t i = 0; p < e; ++p, ++i) {
-      if (skipFourth && (i & 3) == 3) continue;
-      const uint32_t v = *p ^ flip;
-      sLo = v < sLo ? v : sLo;
-      sHi = v > sHi ? v : sHi;
-    }
+    ScalarExtremes(p, e, flip, skipFourth, &sLo, &sHi);
   }
   void Result(int32_t *low, int32_t *high) const {
     if (!any) return;
@@ -274,12 +282,7 @@ struct WordRange {
         hi = _mm_max_epi16(hi, v);
       }
     }
-    for (int32_t i = 0; p < e; ++p, ++i) {
-      if (skipFourth && (i & 3) == 3) continue;
-      const uint32_t v = *p ^ flip;
-      sLo = v < sLo ? v : sLo;
-      sHi = v > sHi ? v : sHi;
-    }
+    ScalarExtremes(p, e, flip, skipFourth, &sLo, &sHi);
   }
   void Result(int32_t *low, int32_t *high) const {
     if (!any) return;

@@ -217,6 +217,25 @@ int32_t MapAttached(BitmapRecord *b, const int32_t *table, uint32_t length, int3
   return progress.step(end);
 }
 
+// Builds the compact table of new sample values, entry(v) for every stored
+// value v (a 65536-word table for 16-bit samples, 256 bytes otherwise), and
+// runs it over the samples inside the region.
+template <class Entry>
+int32_t MapThroughEntries(BitmapRecord *b, Kind kind, uint32_t channel, int32_t start, int32_t end,
+                          img::LutPath path, Entry &&entry) {
+  CompactTables t{};
+  img::KernelBuffer<uint16_t> words;
+  if (WideSamples(kind)) {
+    words = img::KernelBuffer<uint16_t>(img::kWordTableEntries, __LINE__, kSourceFile);
+    if (!words) return RC_NO_MEMORY;
+    for (uint32_t v = 0; v < 65536; ++v) words[v] = static_cast<uint16_t>(entry(v));
+    t.word = words.get();
+  } else {
+    for (uint32_t v = 0; v < 256; ++v) t.byte[v] = static_cast<uint8_t>(entry(v));
+  }
+  return MapSamples(b, kind, t, channel, start, end, path);
+}
+
 int32_t ApplyLutImpl(BitmapRecord *b, const int32_t *table, uint32_t length, uint32_t mode, int32_t start,
                      int32_t end, img::LutPath path) {
   int32_t status = CheckBitmap(b);
@@ -239,17 +258,7 @@ int32_t ApplyLutImpl(BitmapRecord *b, const int32_t *table, uint32_t length, uin
   auto entry = [&](uint32_t v) -> uint32_t {
     return v < length ? ((static_cast<uint32_t>(table[v]) ^ half) & mask) : v;
   };
-  CompactTables t{};
-  img::KernelBuffer<uint16_t> words;
-  if (WideSamples(kind)) {
-    words = img::KernelBuffer<uint16_t>(img::kWordTableEntries, __LINE__, kSourceFile);
-    if (!words) return RC_NO_MEMORY;
-    for (uint32_t v = 0; v < 65536; ++v) words[v] = static_cast<uint16_t>(entry(v));
-    t.word = words.get();
-  } else {
-    for (uint32_t v = 0; v < 256; ++v) t.byte[v] = static_cast<uint8_t>(entry(v));
-  }
-  return MapSamples(b, kind, t, channel, start, end, path);
+  return MapThroughEntries(b, kind, channel, start, end, path, entry);
 }
 
 // 8-bit view of a sample of `bits` significant bits, and back.
@@ -357,17 +366,7 @@ IMG_API int32_t ApplyByteLut(BitmapRecord *bitmap, const uint8_t *table, uint32_
   const int32_t bits = SampleBits(bitmap, kind);
   const uint32_t top = (1u << bits) - 1u;
   auto entry = [&](uint32_t v) -> uint32_t { return v > top ? v : Widen(table[Narrow(v, bits)], bits); };
-  CompactTables t{};
-  img::KernelBuffer<uint16_t> words;
-  if (WideSamples(kind)) {
-    words = img::KernelBuffer<uint16_t>(img::kWordTableEntries, __LINE__, kSourceFile);
-    if (!words) return RC_NO_MEMORY;
-    for (uint32_t v = 0; v < 65536; ++v) words[v] = static_cast<uint16_t>(entry(v));
-    t.word = words.get();
-  } else {
-    for (uint32_t v = 0; v < 256; ++v) t.byte[v] = static_cast<uint8_t>(entry(v));
-  }
-  return MapSamples(bitmap, kind, t, channel, start, end, img::FastestLutPath());
+  return MapThroughEntries(bitmap, kind, channel, start, end, img::FastestLutPath(), entry);
 }
 
 IMG_API int32_t SignedToUnsigned(BitmapRecord *bitmap, int32_t, int32_t) { return ShiftSamples(bitmap); }
