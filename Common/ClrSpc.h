@@ -81,7 +81,9 @@ namespace clrspc_detail {
 // gives bit-identical results; tests force each supported one in turn. Scalar
 // also keeps the table-driven Lab rows in their plain table-reading form, the
 // reference for the faster ones.
-enum class Path : int32_t { Auto = 0, Scalar = 1, Avx2 = 2 };
+// Avx512 runs the AVX-512 loops where there are some (YCrCb and table-driven
+// Lab, both ways) and the AVX2 ones elsewhere.
+enum class Path : int32_t { Auto = 0, Scalar = 1, Avx2 = 2, Avx512 = 3 };
 // Whether the processor runs the path.
 bool PathSupported(Path path);
 // Same as ConvertColorRow8/16 but with a chosen path (Auto picks the best).

@@ -19,7 +19,7 @@ namespace {
 
 using img::clrspc_detail::Path;
 constexpr uint32_t kInv = COLORSPACE_TO_RGB;
-constexpr Path kPaths[] = {Path::Scalar, Path::Auto, Path::Avx2};
+constexpr Path kPaths[] = {Path::Scalar, Path::Auto, Path::Avx2, Path::Avx512};
 
 // Debug builds visit every seventh value of the outer loops of the exhaustive checks.
 #ifdef NDEBUG
