@@ -67,8 +67,6 @@ int32_t RowPath(BitmapRecord *bitmap, RowConverter converter, uint8_t *row, uint
     packed = KernelBuffer<T>(static_cast<size_t>(bitmap->Width) * 3, __LINE__, kSourceFile);
     if (!packed) return RC_NO_MEMORY;
   }
-  int32_t status = BitmapHasRegion(bitmap) ? BeginRegion(converter) : BeginWholeBitmap(converter);
-  if (status != RC_SUCCESS) return status;
   T *samples = reinterpret_cast<T *>(row);
   T *rgb = packed ? packed.get() : samples;
   const auto convert = [&](uint32_t code) {
@@ -77,22 +75,15 @@ int32_t RowPath(BitmapRecord *bitmap, RowConverter converter, uint8_t *row, uint
     else
       return ConvertColorRow8(code, rgb, sphere, nullptr, bounds.Left, bounds.Right);
   };
-  for (int32_t y = bounds.Top; y < bounds.Bottom; ++y) {
-    status = ReadRow(converter, row, y, nullptr, nullptr);
+  return WalkBounds(bitmap, converter, row, [&](void *, int32_t left, int32_t right) {
+    if (packed) Pack3(samples, rgb, channels, left, right);
+    int32_t status = convert(COLORSPACE_SPHERICAL);
     if (status != RC_SUCCESS) return status;
-    if (packed) Pack3(samples, rgb, channels, bounds.Left, bounds.Right);
-    status = convert(COLORSPACE_SPHERICAL);
-    if (status != RC_SUCCESS) return status;
-    for (int32_t x = bounds.Left; x < bounds.Right; ++x)
-      ShiftPixel(sphere + x * kSize + kAngles, thetaShift, phiShift);
+    for (int32_t x = left; x < right; ++x) ShiftPixel(sphere + x * kSize + kAngles, thetaShift, phiShift);
     status = convert(COLORSPACE_SPHERICAL + COLORSPACE_TO_RGB);
-    if (status != RC_SUCCESS) return status;
-    if (packed) Unpack3(rgb, samples, channels, bounds.Left, bounds.Right);
-    status = WriteRow(converter, row, y, nullptr, nullptr);
-    if (status != RC_SUCCESS) return status;
-  }
-  UpdateBitmapInfo(bitmap);
-  return RC_SUCCESS;
+    if (status == RC_SUCCESS && packed) Unpack3(rgb, samples, channels, left, right);
+    return status;
+  });
 }
 
 int32_t Worker(BitmapRecord *bitmap, int32_t thetaShift, int32_t phiShift) {

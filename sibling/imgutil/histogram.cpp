@@ -225,6 +225,23 @@ void ScalarExtremes(const Sample *p, const Sample *e, uint32_t flip, bool skipFo
   }
 }
 
+// Folds the lanes of the vector minimum and maximum (each lane XOR flip)
+// with the scalar tail's extremes.
+template <class Lane>
+void FoldLanes(__m128i lo, __m128i hi, uint32_t flip, uint32_t a, uint32_t b, int32_t *low, int32_t *high) {
+  constexpr int kLanes = 16 / sizeof(Lane);
+  alignas(16) Lane l[kLanes], h[kLanes];
+  _mm_store_si128(reinterpret_cast<__m128i *>(l), lo);
+  _mm_store_si128(reinterpret_cast<__m128i *>(h), hi);
+  for (int i = 0; i < kLanes; ++i) {
+    const uint32_t vl = l[i] ^ flip, vh = h[i] ^ flip;
+    a = vl < a ? vl : a;
+    b = vh > b ? vh : b;
+  }
+  *low = static_cast<int32_t>(a);
+  *high = static_cast<int32_t>(b);
+}
+
 // Running minimum and maximum of byte samples (offset form when flip is
 // 0x80). SSE2 is part of every x86-64 processor: 16 samples a step.
 struct ByteRange {
@@ -245,17 +262,7 @@ struct ByteRange {
     ScalarExtremes(p, e, flip, skipFourth, &sLo, &sHi);
   }
   void Result(int32_t *low, int32_t *high) const {
-    if (!any) return;
-    alignas(16) uint8_t l[16], h[16];
-    _mm_store_si128(reinterpret_cast<__m128i *>(l), lo);
-    _mm_store_si128(reinterpret_cast<__m128i *>(h), hi);
-    uint32_t a = sLo, b = sHi;
-    for (int i = 0; i < 16; ++i) {
-      a = l[i] < a ? l[i] : a;
-      b = h[i] > b ? h[i] : b;
-    }
-    *low = static_cast<int32_t>(a);
-    *high = static_cast<int32_t>(b);
+    if (any) FoldLanes<uint8_t>(lo, hi, 0, sLo, sHi, low, high);
   }
 };
 
@@ -285,18 +292,7 @@ struct WordRange {
     ScalarExtremes(p, e, flip, skipFourth, &sLo, &sHi);
   }
   void Result(int32_t *low, int32_t *high) const {
-    if (!any) return;
-    alignas(16) uint16_t l[8], h[8];
-    _mm_store_si128(reinterpret_cast<__m128i *>(l), lo);
-    _mm_store_si128(reinterpret_cast<__m128i *>(h), hi);
-    uint32_t a = sLo, b = sHi;
-    for (int i = 0; i < 8; ++i) {
-      const uint32_t vl = l[i] ^ 0x8000u, vh = h[i] ^ 0x8000u;
-      a = vl < a ? vl : a;
-      b = vh > b ? vh : b;
-    }
-    *low = static_cast<int32_t>(a);
-    *high = static_cast<int32_t>(b);
+    if (any) FoldLanes<uint16_t>(lo, hi, 0x8000u, sLo, sHi, low, high);
   }
 };
 
