@@ -98,4 +98,14 @@ class Progress {
 inline bool IsPaletteBitmap(const BitmapRecord *b) { return b->BitsPerPixel < 9; }
 inline bool ValidRecordSize(uint32_t s) { return s == BITMAP_RECORD_SIZE || s == BITMAP_RECORD_SIZE_OLD; }
 
+// The palette entries a palette path of a bitmap with BitsPerPixel below 9
+// reads and writes: ColorsUsed, when it lies within the palette's capacity
+// (1 .. 2^BitsPerPixel entries). A count outside it (or a depth below 1)
+// cannot be read and gives RC_NO_BITMAP, before anything is allocated.
+inline int32_t PaletteCount(const BitmapRecord *b) {
+  if (b->BitsPerPixel < 1 || b->BitsPerPixel > 8) return RC_NO_BITMAP;
+  const int32_t count = b->ColorsUsed;
+  return count >= 1 && count <= (1 << b->BitsPerPixel) ? count : RC_NO_BITMAP;
+}
+
 }  // namespace img
