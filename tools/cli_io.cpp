@@ -35,12 +35,16 @@ std::string ResolvedPath(const std::string &path) {
 // A temporary file beside the final one, removed unless committed.
 class TempFile {
  public:
+  TempFile() = default;
+  TempFile(const TempFile &) = delete;
+  TempFile &operator=(const TempFile &) = delete;
   ~TempFile() {
     if (fp_) std::fclose(fp_);
     if (!path_.empty()) ::unlink(path_.c_str());
   }
-  // Creates ".NAME.PID.N.tmp" in the directory of `target`, with `mode`
-  // (reduced by the umask when the file is new); false with errno set.
+  // Creates ".NAME.PID.N.tmp" in the directory of `target`, with the owner
+  // and permissions of the file it replaces (`existing`), or 0666 less the
+  // umask for a new one; false with errno set.
   bool Create(const std::string &target, const struct stat *existing) {
     const size_t slash = target.find_last_of('/');
     const std::string dir = slash == std::string::npos ? "" : target.substr(0, slash + 1);
@@ -74,6 +78,7 @@ class TempFile {
   // errno set.
   bool Commit(const std::string &target) {
     int error = 0;
+    errno = 0;
     if (std::fflush(fp_) != 0 || std::ferror(fp_) || ::fsync(::fileno(fp_)) != 0) error = errno ? errno : EIO;
     if (std::fclose(fp_) != 0 && error == 0) error = errno;
     fp_ = nullptr;
@@ -213,6 +218,10 @@ void ReadInput(const Input &in, Bitmap &bitmap) {
 
 namespace {
 
+struct CloseFile {
+  void operator()(FILE *fp) const { std::fclose(fp); }
+};
+
 // Encodes to `fp`; throws Failure naming the output. When the stream failed,
 // the system's reason is clearer than the encoder's.
 void Encode(FILE *fp, const Output &out, const BitmapRecord *bitmap) {
@@ -237,7 +246,7 @@ void WriteOutput(const Output &out, const BitmapRecord *bitmap) {
   if (exists && S_ISDIR(st.st_mode)) throw Failure{out.path + ": is a directory"};
   if (exists && !S_ISREG(st.st_mode)) {
     // A device or a pipe: nothing to replace, so it is written directly.
-    std::unique_ptr<FILE, int (*)(FILE *)> fp(std::fopen(target.c_str(), "wb"), &std::fclose);
+    const std::unique_ptr<FILE, CloseFile> fp(std::fopen(target.c_str(), "wb"));
     if (!fp) throw Failure{out.path + ": " + ErrnoText()};
     Encode(fp.get(), out, bitmap);
     if (std::fflush(fp.get()) != 0 || std::ferror(fp.get()))
