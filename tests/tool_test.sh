@@ -59,7 +59,7 @@ same() {
 }
 
 # ---- The sample photograph -------------------------------------------------------
-run "info on the built-in sample" 0 info
+run "info on the built-in sample" 0 info sample:
 expect "sample size" '^size: +451 x 300$'
 expect "sample depth" '^depth: +24 bits per pixel \(8-bit samples\)$'
 expect "sample kind" '^kind: +colour$'
@@ -71,16 +71,17 @@ sample_sum=$(sed -n 's/^checksum: *//p' out)
 run "info on data/chelsea.png" 0 info "$DATA/chelsea.png"
 expect "file size" '^size: +451 x 300$'
 same "embedded sample equals data/chelsea.png" "$sample_sum" "$(sed -n 's/^checksum: *//p' out)"
-run "'-' names the sample" 0 info -
-same "'-' checksum" "$sample_sum" "$(sed -n 's/^checksum: *//p' out)"
+run "info on standard input" 0 info - <"$DATA/chelsea.png"
+expect "standard input named" '^file: +standard input$'
+same "standard input checksum" "$sample_sum" "$(sed -n 's/^checksum: *//p' out)"
 
 # ---- Conversions -------------------------------------------------------------------
-run "convert to 48 bits" 0 convert - deep.png --depth 48
+run "convert to 48 bits" 0 convert sample: deep.png --depth 48
 run "info on the 48-bit file" 0 info deep.png --pixel 0,0
 expect "48 bits, 16-bit samples" '^depth: +48 bits per pixel \(16-bit samples\)$'
 # Widening 8-bit samples to 16 bits multiplies by 257: every sample v*257
 # has equal high and low bytes.
-sample_px=$(field - "pixel 0,0" --pixel 0,0)
+sample_px=$(field sample: "pixel 0,0" --pixel 0,0)
 b8=$(echo "$sample_px" | sed 's/.*blue=\([0-9]*\).*/\1/')
 expect "48-bit sample is 8-bit sample * 257" "blue=$((b8 * 257)) "
 
@@ -92,19 +93,19 @@ same "PNG round trip keeps the pixels" "$sample_sum" "$(field copy.png checksum)
 run "48-bit round trip" 0 convert deep.png deep2.png
 same "48-bit round trip keeps the pixels" "$(field deep.png checksum)" "$(field deep2.png checksum)"
 
-run "convert to 8-bit gray" 0 convert - gray.png --gray
+run "convert to 8-bit gray" 0 convert sample: gray.png --gray
 run "info on gray" 0 info gray.png
 expect "gray depth" '^depth: +8 bits per pixel \(8-bit samples\)$'
 expect "gray kind" '^kind: +gray$'
 run "gray round trip" 0 convert gray.png gray2.png
 same "gray round trip" "$(field gray.png checksum)" "$(field gray2.png checksum)"
 
-run "convert to 16-bit gray" 0 convert - gray16.png --gray --depth 16
+run "convert to 16-bit gray" 0 convert sample: gray16.png --gray --depth 16
 run "info on 16-bit gray" 0 info gray16.png
 expect "16-bit gray depth" '^depth: +16 bits per pixel \(16-bit samples\)$'
 
 # 12-bit gray is written as 16-bit gray scaled by 16.
-run "convert to 12-bit gray" 0 convert - gray12.png --gray --depth 12
+run "convert to 12-bit gray" 0 convert sample: gray12.png --gray --depth 12
 run "info on 12-bit gray" 0 info gray12.png --pixel 0,0 --pixel 200,150 --pixel 450,299
 expect "12-bit gray read back as 16 bits" '^depth: +16 bits per pixel'
 bad=$(sed -n 's/^pixel .*gray=\([0-9]*\)$/\1/p' out | while read -r v; do [ $((v % 16)) -ne 0 ] && echo "$v"; done)
@@ -112,44 +113,44 @@ same "12-bit samples scaled by 16" "none" "${bad:-none}"
 
 # 5-5-5 colour is written as 24-bit RGB with each 5-bit value v widened to
 # (v << 3) | (v >> 2): the low 3 bits repeat the top 3.
-run "convert to 16-bit colour" 0 convert - c555.png --depth 16
+run "convert to 16-bit colour" 0 convert sample: c555.png --depth 16
 run "info on 5-5-5" 0 info c555.png --pixel 0,0 --pixel 100,100
 expect "5-5-5 written as 24 bits" '^depth: +24 bits per pixel'
 bad=$(sed -n 's/^pixel [^:]*: //p' out | tr ' ' '\n' | sed 's/.*=//' | while read -r v; do
   [ $((v & 7)) -ne $((v >> 5)) ] && echo "$v"; done)
 same "5-5-5 samples widened by bit replication" "none" "${bad:-none}"
 
-run "convert to an 8-bit palette" 0 convert - pal.png --depth 8
+run "convert to an 8-bit palette" 0 convert sample: pal.png --depth 8
 run "info on palette" 0 info pal.png
 expect "palette kind" '^kind: +palette$'
 expect "palette depth" '^depth: +8 bits per pixel \(palette of'
 run "palette round trip" 0 convert pal.png pal2.png
 same "palette round trip" "$(field pal.png checksum)" "$(field pal2.png checksum)"
-run "convert to a 4-bit palette" 0 convert - pal4.png --depth 4
+run "convert to a 4-bit palette" 0 convert sample: pal4.png --depth 4
 run "4-bit palette round trip" 0 convert pal4.png pal4b.png
 same "4-bit palette round trip" "$(field pal4.png checksum)" "$(field pal4b.png checksum)"
 run "info on 4-bit palette" 0 info pal4b.png
 expect "4-bit palette kept" '^depth: +4 bits per pixel \(palette of 16 entries\)$'
 
 # ---- JPEG ------------------------------------------------------------------------------
-run "convert to JPEG" 0 convert - photo.jpg
+run "convert to JPEG" 0 convert sample: photo.jpg
 run "info on JPEG" 0 info photo.jpg --pixel 200,150
 expect "JPEG is 24-bit colour" '^depth: +24 bits per pixel'
 expect "JPEG size" '^size: +451 x 300$'
 # Quality 92 keeps a photo's samples close: compare one pixel within 24 levels.
-orig=$(field - "pixel 200,150" --pixel 200,150)
+orig=$(field sample: "pixel 200,150" --pixel 200,150)
 jpeg=$(sed -n 's/^pixel 200,150: //p' out)
 far=$(printf '%s\n%s\n' "$orig" "$jpeg" | tr ' ' '\n' | sed 's/.*=//' | paste - - - - - - 2>/dev/null |
   awk '{ for (i = 1; i <= 3; i++) { d = $i - $(i + 3); if (d < 0) d = -d; if (d > 24) print d } }')
 same "JPEG close to the original" "none" "${far:-none}"
-run "convert to gray JPEG" 0 convert - gray.jpeg --gray
+run "convert to gray JPEG" 0 convert sample: gray.jpeg --gray
 run "info on gray JPEG" 0 info gray.jpeg
 expect "gray JPEG is 8-bit gray" '^kind: +gray$'
 run "48-bit bitmap to JPEG" 0 convert deep.png deep.jpg
 run "info on 48-bit JPEG" 0 info deep.jpg
 expect "48-bit written as 24-bit JPEG" '^depth: +24 bits per pixel'
 run "palette bitmap to JPEG" 0 convert pal.png pal.jpg
-run "12-bit gray to JPEG" 0 convert - g12.jpg --gray --depth 12
+run "12-bit gray to JPEG" 0 convert sample: g12.jpg --gray --depth 12
 run "info on 12-bit gray JPEG" 0 info g12.jpg
 expect "12-bit gray written as 8-bit gray JPEG" '^depth: +8 bits per pixel \(8-bit samples\)$'
 run "JPEG to PNG" 0 convert photo.jpg photo.png
@@ -203,6 +204,11 @@ for x0, y0, dx, dy in passes:
 ihdr = struct.pack('>IIBBBBB', w, h, 8, 2, 0, 0, 1)
 open('adam7.png', 'wb').write(b'\x89PNG\r\n\x1a\n' + chunk(b'IHDR', ihdr) + chunk(b'IDAT', zlib.compress(raw)) +
                               chunk(b'IEND', b''))
+
+# 4000 x 3000 RGB: large enough that an operation runs for several spinner turns.
+row = b'\0' + bytes((7 * x) & 255 for x in range(3 * 4000))
+head = b'\x89PNG\r\n\x1a\n' + chunk(b'IHDR', struct.pack('>IIBBBBB', 4000, 3000, 8, 2, 0, 0, 0))
+open('big.png', 'wb').write(head + chunk(b'IDAT', zlib.compress(row * 3000, 1)) + chunk(b'IEND', b''))
 
 # A PNG whose image data chunk has a wrong checksum.
 good = open('g8.png', 'rb').read()
@@ -262,27 +268,27 @@ expect "help gives type, range and default" 'colour, .*default #FFFFFF'
 
 # #RRGGBB gives red 0x10, green 0x20, blue 0x30; the family value holds red
 # lowest, so 0x302010 is the same colour.
-run "fill with #RRGGBB" 0 fill filled.png --color '#102030' --quiet
+run "fill with #RRGGBB" 0 fill sample: filled.png --color '#102030' --quiet
 run "info on filled" 0 info filled.png --pixel 0,0 --pixel 450,299
 expect "filled top left" '^pixel 0,0: blue=48 green=32 red=16$'
 expect "filled bottom right" '^pixel 450,299: blue=48 green=32 red=16$'
 run "filled is one colour" 0 count-colors filled.png
 expect "one colour" '^colors: 1$'
-run "fill with a number" 0 fill - filled2.png --color=0x302010
+run "fill with a number" 0 fill sample: filled2.png --color=0x302010
 same "number and #RRGGBB agree" "$(field filled.png checksum)" "$(field filled2.png checksum)"
-run "default colour is white" 0 fill white.png
+run "default colour is white" 0 fill sample: white.png
 if [ -s err ]; then fail "no progress output when stderr is not a terminal"; else pass; fi
 run "info on white" 0 info white.png --pixel 5,5
 expect "white" '^pixel 5,5: blue=255 green=255 red=255$'
 
-orig_5=$(field - "pixel 5,5" --pixel 5,5)
-orig_90=$(field - "pixel 90,90" --pixel 90,90)
-orig_200=$(field - "pixel 200,200" --pixel 200,200)
+orig_5=$(field sample: "pixel 5,5" --pixel 5,5)
+orig_90=$(field sample: "pixel 90,90" --pixel 90,90)
+orig_200=$(field sample: "pixel 200,200" --pixel 200,200)
 red='blue=0 green=0 red=255'
 # Each row: region options | pixels inside | pixels outside (x,y;x,y)
 while IFS='|' read -r opts inside outside; do
   # shellcheck disable=SC2086
-  run "fill $opts" 0 fill region.png --color '#FF0000' $opts
+  run "fill $opts" 0 fill sample: region.png --color '#FF0000' $opts
   for p in $(echo "$inside" | tr ';' ' '); do
     same "$opts: $p inside" "$red" "$(field region.png "pixel $p" --pixel "$p")"
   done
@@ -300,7 +306,7 @@ EOF
 
 # A library failure: a rectangle of negative size is an invalid parameter of
 # SetBitmapRegionRect (-13); nothing is written.
-run "region refused by the library" 1 fill refused.png --rect 50,50,10,10
+run "region refused by the library" 1 fill sample: refused.png --rect 50,50,10,10
 expect "library status named" '^imgcolor: --rect: failed with status -13 \(invalid parameter\)$' err
 if [ -e refused.png ]; then fail "no output after a library failure"; else pass; fi
 
@@ -325,14 +331,100 @@ truncated.jpg|corrupt JPEG data
 missing.png|No such file or directory
 adir|is a directory
 EOF
-run "output into a missing directory" 1 convert - nodir/out.png
+run "output into a missing directory" 1 convert sample: nodir/out.png
 expect "output error names the file" '^imgcolor: nodir/out\.png: No such file or directory$' err
 if [ -w /dev/full ]; then
   # Every write to /dev/full fails with "no space left on device".
   ln -s /dev/full full.png
-  run "write failure" 1 convert - full.png
+  run "write failure" 1 convert sample: full.png
   expect "write failure message" '^imgcolor: full\.png: .*(No space left on device|Write Error)' err
   if [ -c full.png ]; then pass; else fail "a device output is never removed"; fi
+fi
+
+# ---- Naming inputs and outputs: nothing is written that the command line does not name ---
+cp "$DATA/chelsea.png" coffee.png
+ln -s coffee.png link.png
+ln coffee.png hard.png
+keep=$(cksum <coffee.png)
+listing=$(ls -A | grep -v '^out$\|^err$')
+# Each row: arguments | message | u when the usage line follows it
+while IFS='|' read -r args pattern usage; do
+  # shellcheck disable=SC2086
+  run "refused: $args" 2 $args
+  expect "message for: $args" "^imgcolor: $pattern" err
+  [ -z "$usage" ] || expect "usage line for: $args" '^usage: imgcolor [a-z-]+ (IN|FILE)' err
+  same "coffee.png untouched by: $args" "$keep" "$(cksum <coffee.png)"
+  same "no file created by: $args" "$listing" "$(ls -A | grep -v '^out$\|^err$')"
+done <<'EOF'
+contrast coffee.png|contrast: missing OUT|u
+contrast|contrast: missing IN and OUT|u
+convert coffee.png|convert: missing OUT|u
+count-colors|count-colors: missing IN|u
+info|info: missing FILE|u
+hue coffee.png coffee.png|coffee\.png: is the input file coffee\.png; refusing to overwrite it \(--in-place
+hue coffee.png ./coffee.png|\./coffee\.png: is the input file
+hue ./coffee.png link.png|link\.png: is the input file
+convert link.png coffee.png|coffee\.png: is the input file
+hue coffee.png hard.png|hard\.png: is the input file
+hue coffee.png -|-: standard output needs --format png or --format jpeg
+hue coffee.png - --format gif|--format: 'gif' is not a format
+hue coffee.png new.jpg --format png|--format png contradicts the extension of new\.jpg
+hue sample:cat new.png|unknown built-in image 'sample:cat'
+count-colors coffee.png --in-place|count-colors: unknown option --in-place
+hue coffee.png new.png --quiet --progress|--quiet and --progress exclude each other
+EOF
+
+# Standard input and output, PNG and JPEG, against the same work on files.
+run "hue of a file" 0 hue coffee.png hue.png --angle 30
+run "hue of standard input" 0 hue - hue-in.png --angle 30 <coffee.png
+same "standard input reads like the file" "$(field hue.png checksum)" "$(field hue-in.png checksum)"
+"$TOOL" hue coffee.png - --angle 30 --format png >hue-out.png 2>err
+same "standard output writes like the file" "$(field hue.png checksum)" "$(field hue-out.png checksum)"
+same "a filter between pipes" "$(field hue.png checksum)" \
+  "$("$TOOL" convert - - --format png <coffee.png | "$TOOL" hue - - --angle 30 --format png | field - checksum)"
+run "JPEG from standard input" 0 info - <photo.jpg
+same "JPEG from standard input" "$(field photo.jpg checksum)" "$(sed -n 's/^checksum: *//p' out)"
+"$TOOL" convert sample: - --format jpg >piped.jpg 2>err
+same "JPEG to standard output" "$(field photo.jpg checksum)" "$(field piped.jpg checksum)"
+
+# --in-place replaces the file (through a link too: the link stays) and keeps its permissions.
+chmod 640 coffee.png
+run "--in-place" 0 hue coffee.png coffee.png --angle 30 --in-place
+same "--in-place result" "$(field hue.png checksum)" "$(field coffee.png checksum)"
+same "--in-place keeps the permissions" "-rw-r-----" "$(ls -l coffee.png | cut -c1-10)"
+run "--in-place through a link" 0 hue link.png link.png --angle 330 --in-place
+same "the link is kept" "link.png -> coffee.png" "$(ls -l link.png | sed 's/.* link/link/')"
+run "the same from a file" 0 hue hue.png hue-back.png --angle 330
+same "the linked file changed" "$(field hue-back.png checksum)" "$(field coffee.png checksum)"
+
+# A failed run leaves an existing output as it was, and no temporary file.
+keep=$(cksum <hue.png)
+run "failed read" 1 hue empty.png hue.png
+run "failed operation" 1 fill sample: hue.png --rect 50,50,10,10
+# A file size limit makes the write fail half way (the signal it raises is ignored).
+(trap '' XFSZ && ulimit -f 20 && "$TOOL" convert sample: hue.png >out 2>err)
+expect "write failure reported" '^imgcolor: hue\.png: write failed: File too large$' err
+same "hue.png untouched by failed runs" "$keep" "$(cksum <hue.png)"
+same "no temporary file left" "none" "$(ls -A | grep '\.tmp$' || echo none)"
+
+# ---- Progress bar: stderr, off when not a terminal unless --progress ----------------------
+run "forced progress" 0 fill sample: bar.png --progress
+tr '\r' '\n' <err >bar
+while IFS='|' read -r phase pattern; do
+  expect "progress: $phase" "$pattern" bar
+done <<'EOF'
+reading|^\[\.{10}\] +0% [-|/\\] reading
+operation|^\[#\.{9}\] +10% [-|/\\] fill
+writing|^\[#{9}\.\] +90% [-|/\\] writing
+done|^\[#{10}\] 100% [-|/\\] done
+EOF
+run "--quiet" 0 fill sample: bar.png --quiet
+if [ -s err ]; then fail "--quiet draws no bar"; else pass; fi
+if [ -f big.png ]; then
+  # The hue row path reports no progress: the spinner turns while the bar stays at 10 %.
+  "$TOOL" hue big.png - --angle 90 --format png --progress >/dev/null 2>err
+  turns=$(tr '\r' '\n' <err | sed -n 's/^.* 10% \(.\) hue *$/\1/p' | sort -u | wc -l)
+  if [ "$turns" -ge 2 ]; then pass; else fail "the spinner turns during hue (saw $turns positions)"; fi
 fi
 
 # ---- Bad arguments: exit status 2 -----------------------------------------------------
@@ -346,24 +438,22 @@ nosuch|unknown command 'nosuch'
 help nosuch|unknown operation 'nosuch'
 info a.png b.png|info takes one FILE
 info --bogus|unknown option --bogus
-convert - out.png --depth 7|--depth: '7' is not a depth
-convert - out.png --depth|--depth: missing value
-convert - out.gif|out\.gif: unknown output format
-convert - out.png --gray --depth 24|--depth: 24 with --gray
-convert -|convert takes IN and OUT
-fill|fill takes \[IN\] OUT
-fill a.png b.png c.png|fill takes \[IN\] OUT
-fill out.png --nosuch 1|unknown option --nosuch
-fill out.png --color #12345|--color: '#12345' is not a colour
-fill out.png --color #GG0000|--color: '#GG0000' is not a colour
-fill out.png --color 0x100000000|--color: .* \(expected #RRGGBB or a number 0\.\.0xFFFFFFFF\)
-fill out.png --color 1 --color 2|--color: given more than once
-fill out.png --rect 1,2,3|--rect: expected 4 comma-separated values
-fill out.png --rect 1,2,x,4|--rect: 'x' is not a coordinate
-fill out.png --polygon 1,2,3,4|--polygon: expected at least 3 points
-fill out.png --polygon 1,2,3,4,5,6,7|--polygon: expected at least 3 points
-count-colors a.png b.png|count-colors takes \[IN\]
-info - --pixel 451,0|--pixel: 451,0 is outside the 451 x 300 image
+convert sample: out.png --depth 7|--depth: '7' is not a depth
+convert sample: out.png --depth|--depth: missing value
+convert sample: out.gif|out\.gif: unknown output format
+convert sample: out.png --gray --depth 24|--depth: 24 with --gray
+fill a.png b.png c.png|fill takes IN and OUT, got 3 file arguments
+fill sample: out.png --nosuch 1|unknown option --nosuch
+fill sample: out.png --color #12345|--color: '#12345' is not a colour
+fill sample: out.png --color #GG0000|--color: '#GG0000' is not a colour
+fill sample: out.png --color 0x100000000|--color: .* \(expected #RRGGBB or a number 0\.\.0xFFFFFFFF\)
+fill sample: out.png --color 1 --color 2|--color: given more than once
+fill sample: out.png --rect 1,2,3|--rect: expected 4 comma-separated values
+fill sample: out.png --rect 1,2,x,4|--rect: 'x' is not a coordinate
+fill sample: out.png --polygon 1,2,3,4|--polygon: expected at least 3 points
+fill sample: out.png --polygon 1,2,3,4,5,6,7|--polygon: expected at least 3 points
+count-colors a.png b.png|count-colors takes IN, got 2 file arguments
+info sample: --pixel 451,0|--pixel: 451,0 is outside the 451 x 300 image
 EOF
 if [ -e out.png ]; then fail "no output after argument errors"; else pass; fi
 

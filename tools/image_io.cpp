@@ -30,33 +30,9 @@ class File {
   File(const File &) = delete;
   File &operator=(const File &) = delete;
   FILE *get() const { return fp_; }
-  // Closes the file; false when buffered data could not be written.
-  bool close() {
-    const int rc = std::fclose(fp_);
-    fp_ = nullptr;
-    return rc == 0;
-  }
 
  private:
   FILE *fp_;
-};
-
-// Removes a partly written output file unless the write was committed. Only
-// regular files are removed (never a device such as /dev/full).
-class OutputGuard {
- public:
-  explicit OutputGuard(const std::string &path) : path_(path) {}
-  ~OutputGuard() {
-    struct stat st;
-    if (!committed_ && ::stat(path_.c_str(), &st) == 0 && S_ISREG(st.st_mode)) std::remove(path_.c_str());
-  }
-  OutputGuard(const OutputGuard &) = delete;
-  OutputGuard &operator=(const OutputGuard &) = delete;
-  void commit() { committed_ = true; }
-
- private:
-  std::string path_;
-  bool committed_ = false;
 };
 
 const char *StatusText(int32_t status) {
@@ -565,8 +541,7 @@ bool ReadImageFile(const std::string &path, Bitmap &bitmap, std::string &error) 
   return ReadImageMemory(bytes.data(), bytes.size(), bitmap, error);
 }
 
-bool WriteImageFile(const std::string &path, FileFormat format, const BitmapRecord *bitmap,
-                    std::string &error) {
+bool WriteImage(FILE *fp, FileFormat format, const BitmapRecord *bitmap, std::string &error) {
   if (format == FileFormat::Unknown) {
     error = "unknown output format (use .png, .jpg or .jpeg)";
     return false;
@@ -597,21 +572,7 @@ bool WriteImageFile(const std::string &path, FileFormat format, const BitmapReco
     source = converted.get();
   }
 
-  OutputGuard guard(path);
-  File file(path, "wb");
-  if (!file.get()) {
-    error = std::strerror(errno);
-    return false;
-  }
-  const bool ok =
-      format == FileFormat::Png ? WritePng(file.get(), source, error) : WriteJpeg(file.get(), source, error);
-  if (!ok) return false;
-  if (std::ferror(file.get()) || !file.close()) {
-    error = std::string("write failed: ") + std::strerror(errno);
-    return false;
-  }
-  guard.commit();
-  return true;
+  return format == FileFormat::Png ? WritePng(fp, source, error) : WriteJpeg(fp, source, error);
 }
 
 }  // namespace imgtool

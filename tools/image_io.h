@@ -15,6 +15,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <string>
 
 #include "imgkernel.h"
@@ -49,8 +50,7 @@ class Bitmap {
 // the file name) and the bitmap is left empty.
 bool ReadImageFile(const std::string &path, Bitmap &bitmap, std::string &error);
 bool ReadImageMemory(const uint8_t *data, size_t size, Bitmap &bitmap, std::string &error);
-// Writes in `format`; a partly written file is removed on failure.
-bool WriteImageFile(const std::string &path, FileFormat format, const BitmapRecord *bitmap,
-                    std::string &error);
+// Encodes in `format` to the stream; the caller flushes, checks and closes it.
+bool WriteImage(FILE *fp, FileFormat format, const BitmapRecord *bitmap, std::string &error);
 
 }  // namespace imgtool

@@ -4,21 +4,18 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <iostream>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "cli_io.h"
 #include "image_io.h"
 #include "imgdisplay.h"
 #include "pixels.h"
 #include "progress.h"
 #include "registry.h"
-
-namespace imgtool {
-extern const uint8_t kSamplePhoto[];
-extern const std::size_t kSamplePhotoSize;
-}  // namespace imgtool
 
 namespace {
 
@@ -26,21 +23,16 @@ using imgtool::ArgSpec;
 using imgtool::ArgType;
 using imgtool::ArgValues;
 using imgtool::Bitmap;
+using imgtool::Failure;
+using imgtool::Input;
+using imgtool::IoOptions;
 using imgtool::OpDescriptor;
+using imgtool::Option;
+using imgtool::Output;
+using imgtool::UsageError;
 
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
-constexpr const char *kSampleName = "chelsea.png (built-in sample)";
-
-// Thrown for command-line mistakes; main prints it and exits with 2.
-struct UsageError {
-  std::string message;
-};
-
-// Thrown for file and library failures; main prints it and exits with 1.
-struct Failure {
-  std::string message;
-};
 
 std::string StatusMeaning(int32_t status) {
   switch (status) {
@@ -75,22 +67,28 @@ void Usage(std::ostream &out) {
   out << "usage: imgcolor COMMAND [ARGUMENTS]\n"
          "\n"
          "commands:\n"
-         "  info [FILE] [--pixel X,Y ...]  describe an image; --pixel prints its samples\n"
+         "  info FILE [--pixel X,Y ...]    describe an image; --pixel prints its samples\n"
          "  convert IN OUT [--depth N] [--gray]\n"
          "                                 convert a file, optionally to another depth or to gray\n"
          "  list                           list the operations\n"
          "  help [OP]                      this text, or an operation's arguments\n"
-         "  OP [IN] OUT [--ARG VALUE ...]  run an operation and write the result\n"
+         "  OP IN OUT [--ARG VALUE ...]    run an operation and write the result\n"
+         "  OP IN [--ARG VALUE ...]        run an operation that reports values\n"
          "\n"
-         "IN (and FILE) default to the built-in sample photograph; '-' also means it.\n"
-         "OUT's extension chooses the format: .png, .jpg or .jpeg.\n"
+         "IN (and FILE): a file, - for standard input, sample: for the built-in photograph.\n"
+         "OUT: a file or - for standard output. OUT is never IN's file unless --in-place.\n"
          "\n"
          "options of every operation:\n"
          "  --rect L,T,R,B                 limit the operation to a rectangle (right, bottom exclusive)\n"
          "  --ellipse L,T,R,B              ... to the ellipse inscribed in the rectangle\n"
          "  --polygon X1,Y1,X2,Y2,X3,Y3... ... to a polygon (even-odd rule)\n"
          "                                 region options repeat; the shapes are combined (union)\n"
-         "  --quiet                        no progress bar\n";
+         "options of convert and the operations:\n"
+         "  --format png|jpeg              OUT's format (needed for -; else OUT's extension: .png, .jpg, "
+         ".jpeg)\n"
+         "  --in-place                     allow OUT to be IN's file and replace it\n"
+         "  --quiet                        no progress bar\n"
+         "  --progress                     the progress bar even when stderr is not a terminal\n";
 }
 
 // Word-wraps text at `width` columns, each line starting with `indent`.
@@ -123,9 +121,15 @@ std::string ArgPlaceholder(const ArgSpec &a) {
   }
 }
 
+// The usage line of an operation, shown by its help and under a mistake.
+std::string OperationUsage(const OpDescriptor &op) {
+  return "imgcolor " + op.name + (op.writesImage ? " IN OUT" : " IN") +
+         (op.args.empty() ? "" : " [--ARG VALUE ...]") + " [region options]" +
+         (op.writesImage ? " [--format png|jpeg] [--in-place]" : "") + " [--quiet|--progress]";
+}
+
 void OperationHelp(const OpDescriptor &op, std::ostream &out) {
-  out << "usage: imgcolor " << op.name << (op.writesImage ? " [IN] OUT" : " [IN]");
-  out << (op.args.empty() ? "" : " [--ARG VALUE ...]") << " [region options] [--quiet]\n\n";
+  out << "usage: " << OperationUsage(op) << "\n\n";
   out << op.summary << " (" << op.exportName << ").\n";
   if (!op.help.empty()) out << "\n" << Wrap(op.help, "");
   out << "\n" << Wrap("accepts: " + imgtool::KindNames(op.kinds), "");
@@ -140,68 +144,6 @@ void OperationHelp(const OpDescriptor &op, std::ostream &out) {
         << "\n";
     out << Wrap(a.help, "      ");
     for (const imgtool::EnumValue &e : a.values) out << Wrap(e.name + ": " + e.help, "        ");
-  }
-}
-
-// ---- Loading and saving --------------------------------------------------------------
-
-bool IsSample(const std::string &path) { return path.empty() || path == "-"; }
-
-std::string DisplayName(const std::string &path) { return IsSample(path) ? kSampleName : path; }
-
-void Load(const std::string &path, Bitmap &bitmap) {
-  std::string error;
-  const bool ok = IsSample(path) ? imgtool::ReadImageMemory(imgtool::kSamplePhoto, imgtool::kSamplePhotoSize,
-                                                            bitmap, error)
-                                 : imgtool::ReadImageFile(path, bitmap, error);
-  if (!ok) throw Failure{DisplayName(path) + ": " + error};
-}
-
-imgtool::FileFormat OutputFormat(const std::string &path) {
-  const imgtool::FileFormat format = imgtool::FormatFromExtension(path);
-  if (format == imgtool::FileFormat::Unknown)
-    throw UsageError{path + ": unknown output format (use .png, .jpg or .jpeg)"};
-  return format;
-}
-
-void Save(const std::string &path, imgtool::FileFormat format, const BitmapRecord *bitmap) {
-  std::string error;
-  if (!imgtool::WriteImageFile(path, format, bitmap, error)) throw Failure{path + ": " + error};
-}
-
-// ---- Option scanning --------------------------------------------------------------------
-
-struct Option {
-  std::string name;
-  std::string value;
-  bool hasValue = false;
-};
-
-// Splits arguments into positionals and options. `takesValue(name)` says
-// whether --name consumes the next argument when written without '='.
-template <class TakesValue>
-void Scan(const std::vector<std::string> &args, TakesValue takesValue, std::vector<std::string> &positional,
-          std::vector<Option> &options) {
-  for (size_t i = 0; i < args.size(); ++i) {
-    const std::string &a = args[i];
-    if (a.size() > 2 && a.compare(0, 2, "--") == 0) {
-      Option o;
-      const size_t eq = a.find('=');
-      o.name = a.substr(2, eq == std::string::npos ? std::string::npos : eq - 2);
-      if (eq != std::string::npos) {
-        o.value = a.substr(eq + 1);
-        o.hasValue = true;
-      } else if (takesValue(o.name)) {
-        if (i + 1 >= args.size()) throw UsageError{"--" + o.name + ": missing value"};
-        o.value = args[++i];
-        o.hasValue = true;
-      }
-      options.push_back(o);
-    } else if (a.size() > 1 && a[0] == '-' && !(a[1] >= '0' && a[1] <= '9')) {
-      throw UsageError{"unknown option " + a};
-    } else {
-      positional.push_back(a);
-    }
   }
 }
 
@@ -321,8 +263,12 @@ std::string PixelText(const BitmapRecord *b, int32_t x, int32_t y) {
   return s;
 }
 
-int Info(const std::vector<std::string> &positional, const std::vector<Option> &options) {
-  if (positional.size() > 1) throw UsageError{"info takes one FILE"};
+int Info(const std::vector<std::string> &args) {
+  const std::string usage = "imgcolor info FILE [--pixel X,Y ...]";
+  std::vector<std::string> positional;
+  std::vector<Option> options;
+  imgtool::Scan(
+      args, [](const std::string &name) { return name == "pixel"; }, positional, options);
   std::vector<std::pair<int64_t, int64_t>> pixels;
   for (const Option &o : options) {
     if (o.name == "pixel" && o.hasValue) {
@@ -333,12 +279,15 @@ int Info(const std::vector<std::string> &positional, const std::vector<Option> &
         throw UsageError{"--pixel: '" + o.value + "' is not X,Y"};
       pixels.emplace_back(x, y);
     } else if (o.name != "quiet" || o.hasValue) {
-      throw UsageError{"info: unknown option --" + o.name};
+      throw UsageError{"info: unknown option --" + o.name, usage};
     }
   }
-  const std::string path = positional.empty() ? "-" : positional[0];
+  if (positional.empty())
+    throw UsageError{"info: missing FILE (sample: names the built-in photograph)", usage};
+  if (positional.size() > 1) throw UsageError{"info takes one FILE", usage};
+  const Input in = imgtool::ParseInput(positional[0]);
   Bitmap bitmap;
-  Load(path, bitmap);
+  imgtool::ReadInput(in, bitmap);
   const BitmapRecord *b = bitmap.get();
   for (const auto &[x, y] : pixels)
     if (x < 0 || y < 0 || x >= b->Width || y >= b->Height)
@@ -348,7 +297,7 @@ int Info(const std::vector<std::string> &positional, const std::vector<Option> &
   uint32_t colours = 0;
   const int32_t countStatus = CountBitmapColors(b, &colours, 0);
   const char *order = b->ColorOrder == ORDER_GRAY ? "gray" : b->ColorOrder == ORDER_RGB ? "RGB" : "BGR";
-  std::cout << "file:        " << DisplayName(path) << "\n"
+  std::cout << "file:        " << in.Name() << "\n"
             << "size:        " << b->Width << " x " << b->Height << "\n"
             << "depth:       " << b->BitsPerPixel << " bits per pixel (" << SampleText(b) << ")\n"
             << "kind:        "
@@ -374,19 +323,56 @@ int Info(const std::vector<std::string> &positional, const std::vector<Option> &
   return 0;
 }
 
-bool IsRegionOption(const std::string &name) {
-  return name == "rect" || name == "ellipse" || name == "polygon";
+// ---- reading, working, writing ------------------------------------------------------------
+
+// Checks the number of file arguments against `names` ("IN", "OUT"). A
+// missing one is a mistake shown with the usage line: the tool never guesses
+// an input or an output.
+void ExpectFiles(const std::string &command, const std::vector<std::string> &positional,
+                 const std::vector<std::string> &names, const std::string &usage) {
+  if (positional.size() == names.size()) return;
+  std::string all;
+  for (size_t i = 0; i < names.size(); ++i) all += (i == 0 ? "" : " and ") + names[i];
+  if (positional.size() > names.size())
+    throw UsageError{
+        command + " takes " + all + ", got " + std::to_string(positional.size()) + " file arguments", usage};
+  std::string missing;
+  for (size_t i = positional.size(); i < names.size(); ++i)
+    missing += (i == positional.size() ? "" : " and ") + names[i];
+  throw UsageError{command + ": missing " + missing + " (nothing was read or written)", usage};
+}
+
+// Reads IN, runs `work` on the bitmap and writes OUT (when given), with the
+// progress bar over the three phases: reading 0-10 %, the work 10-90 % (to
+// 100 % without OUT), writing 90-100 %.
+void Process(const Input &in, const Output *out, const IoOptions &io, const std::string &phase,
+             const std::function<void(Bitmap &)> &work) {
+  imgtool::ProgressBar progress(io.ProgressWanted());
+  progress.Phase("reading", 0, 10);
+  Bitmap bitmap;
+  imgtool::ReadInput(in, bitmap);
+  progress.Phase(phase, 10, out ? 90 : 100);
+  work(bitmap);
+  if (out) {
+    progress.Phase("writing", 90, 100);
+    imgtool::WriteOutput(*out, bitmap.get());
+  }
+  progress.Finish();
 }
 
 // ---- convert -------------------------------------------------------------------------------
 
 int Convert(const std::vector<std::string> &args) {
+  const std::string usage =
+      "imgcolor convert IN OUT [--depth N] [--gray] [--format png|jpeg] [--in-place] [--quiet|--progress]";
   std::vector<std::string> positional;
   std::vector<Option> options;
-  Scan(
-      args, [](const std::string &name) { return name == "depth"; }, positional, options);
+  imgtool::Scan(
+      args, [](const std::string &name) { return name == "depth" || imgtool::IsIoValueOption(name); },
+      positional, options);
   int64_t depth = 0;
-  bool gray = false, quiet = false;
+  bool gray = false;
+  IoOptions io;
   for (const Option &o : options) {
     if (o.name == "depth") {
       if (!imgtool::ParseNumber(o.value, depth) ||
@@ -396,32 +382,31 @@ int Convert(const std::vector<std::string> &args) {
                          "' is not a depth (expected one of 1, 2, 4, 8, 12, 16, 24, 32, 48, 64)"};
     } else if (o.name == "gray" && !o.hasValue) {
       gray = true;
-    } else if (o.name == "quiet" && !o.hasValue) {
-      quiet = true;
-    } else {
-      throw UsageError{"convert: unknown option --" + o.name};
+    } else if (!imgtool::TakeIoOption(o, true, io)) {
+      throw UsageError{"convert: unknown option --" + o.name, usage};
     }
   }
   if (gray && depth != 0 && depth != 8 && depth != 12 && depth != 16)
     throw UsageError{"--depth: " + std::to_string(depth) + " with --gray (expected 8, 12 or 16)"};
-  if (positional.size() != 2) throw UsageError{"convert takes IN and OUT"};
-  const imgtool::FileFormat format = OutputFormat(positional[1]);
-  Bitmap bitmap;
-  Load(positional[0], bitmap);
-  if (gray || depth != 0) {
-    imgtool::ProgressBar progress(!quiet);
+  ExpectFiles("convert", positional, {"IN", "OUT"}, usage);
+  const Input in = imgtool::ParseInput(positional[0]);
+  const Output out = imgtool::ParseOutput(positional[1], in, io);
+  Process(in, &out, io, "converting", [&](Bitmap &bitmap) {
+    if (!gray && depth == 0) return;
     const int32_t status =
         gray ? ConvertBitmapFormat(bitmap.get(), bitmap.get(), BITMAP_RECORD_SIZE,
                                    static_cast<int32_t>(depth ? depth : 8), ORDER_GRAY, nullptr, 0, 0)
              : ConvertBitmapDepth(bitmap.get(), static_cast<int32_t>(depth));
-    progress.Finish();
     if (status < RC_SUCCESS) throw Failure{"convert: " + StatusText(status)};
-  }
-  Save(positional[1], format, bitmap.get());
+  });
   return 0;
 }
 
 // ---- operations ----------------------------------------------------------------------------
+
+bool IsRegionOption(const std::string &name) {
+  return name == "rect" || name == "ellipse" || name == "polygon";
+}
 
 struct Shape {
   std::string kind;
@@ -477,10 +462,10 @@ int RunOperation(const OpDescriptor &op, const std::vector<std::string> &args) {
   };
   std::vector<std::string> positional;
   std::vector<Option> options;
-  Scan(
+  imgtool::Scan(
       args,
       [&](const std::string &name) {
-        if (IsRegionOption(name)) return true;
+        if (IsRegionOption(name) || (op.writesImage && imgtool::IsIoValueOption(name))) return true;
         const ArgSpec *a = findArg(name);
         return a && a->type != ArgType::Bool;
       },
@@ -488,12 +473,9 @@ int RunOperation(const OpDescriptor &op, const std::vector<std::string> &args) {
 
   ArgValues values;
   std::vector<Shape> shapes;
-  bool quiet = false;
+  IoOptions io;
   for (const Option &o : options) {
-    if (o.name == "quiet" && !o.hasValue) {
-      quiet = true;
-      continue;
-    }
+    if (imgtool::TakeIoOption(o, op.writesImage, io)) continue;
     if (IsRegionOption(o.name)) {
       shapes.push_back(ParseShape(o));
       continue;
@@ -515,35 +497,26 @@ int RunOperation(const OpDescriptor &op, const std::vector<std::string> &args) {
   }
   imgtool::ApplyDefaults(op, values);
 
-  std::string in = "-", out;
-  if (op.writesImage) {
-    if (positional.empty() || positional.size() > 2) throw UsageError{op.name + " takes [IN] OUT"};
-    if (positional.size() == 2) in = positional[0];
-    out = positional.back();
-  } else {
-    if (positional.size() > 1) throw UsageError{op.name + " takes [IN] and writes no image"};
-    if (positional.size() == 1) in = positional[0];
-  }
-  const imgtool::FileFormat format = op.writesImage ? OutputFormat(out) : imgtool::FileFormat::Unknown;
-
-  Bitmap bitmap;
-  Load(in, bitmap);
-  const uint32_t kind = imgtool::KindBitOf(bitmap.get());
-  if ((kind & op.kinds) == 0)
-    throw Failure{op.name + ": " + DisplayName(in) + " is a " + imgtool::KindNames(kind) + " bitmap; " +
-                  op.name + " accepts " + imgtool::KindNames(op.kinds) + " (see imgcolor convert --depth)"};
-  ApplyShapes(bitmap.get(), shapes);
+  if (op.writesImage)
+    ExpectFiles(op.name, positional, {"IN", "OUT"}, OperationUsage(op));
+  else
+    ExpectFiles(op.name, positional, {"IN"}, OperationUsage(op));
+  const Input in = imgtool::ParseInput(positional[0]);
+  Output out;
+  if (op.writesImage) out = imgtool::ParseOutput(positional[1], in, io);
 
   std::ostringstream report;
-  int32_t status;
-  {
-    imgtool::ProgressBar progress(!quiet);
-    status = op.call(bitmap.get(), values, report);
-    progress.Finish();
-  }
-  if (status < RC_SUCCESS) throw Failure{op.name + ": " + StatusText(status)};
-  std::cout << report.str();
-  if (op.writesImage) Save(out, format, bitmap.get());
+  Process(in, op.writesImage ? &out : nullptr, io, op.name, [&](Bitmap &bitmap) {
+    const uint32_t kind = imgtool::KindBitOf(bitmap.get());
+    if ((kind & op.kinds) == 0)
+      throw Failure{op.name + ": " + in.Name() + " is a " + imgtool::KindNames(kind) + " bitmap; " + op.name +
+                    " accepts " + imgtool::KindNames(op.kinds) + " (see imgcolor convert --depth)"};
+    ApplyShapes(bitmap.get(), shapes);
+    const int32_t status = op.call(bitmap.get(), values, report);
+    if (status < RC_SUCCESS) throw Failure{op.name + ": " + StatusText(status)};
+  });
+  // Reported values never mix with an image written to standard output.
+  (out.toStdout ? std::cerr : std::cout) << report.str();
   return 0;
 }
 
@@ -579,13 +552,7 @@ int Run(const std::vector<std::string> &argv) {
   }
   const std::string &command = argv[0];
   const std::vector<std::string> rest(argv.begin() + 1, argv.end());
-  if (command == "info") {
-    std::vector<std::string> positional;
-    std::vector<Option> options;
-    Scan(
-        rest, [](const std::string &name) { return name == "pixel"; }, positional, options);
-    return Info(positional, options);
-  }
+  if (command == "info") return Info(rest);
   if (command == "convert") return Convert(rest);
   if (command == "list") {
     if (!rest.empty()) throw UsageError{"list takes no arguments"};
@@ -603,6 +570,7 @@ int main(int argc, char **argv) {
     return Run(std::vector<std::string>(argv + 1, argv + argc));
   } catch (const UsageError &e) {
     std::cerr << "imgcolor: " << e.message << "\n";
+    if (!e.usage.empty()) std::cerr << "usage: " << e.usage << "\n";
     return kExitUsage;
   } catch (const Failure &e) {
     std::cerr << "imgcolor: " << e.message << "\n";

@@ -1,16 +1,22 @@
-// A progress bar on stderr driven by the kernel's status callback.
+// A progress bar on stderr covering a command's phases (reading, the
+// operation, writing), driven by the kernel's status callback.
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
 
 #include "imgkernel.h"
 
 namespace imgtool {
 
-// While alive, installs itself as the thread's status callback and restores
-// the previous one afterwards. Draws "[#####.....]  45%" in place when
-// enabled and stderr is a terminal; otherwise draws nothing, so that logs
-// stay clean. The callback always answers 1 (continue).
+// While alive, installs itself as the thread's status callback (which always
+// answers 1, continue) and restores the previous one afterwards. When enabled
+// it draws "[####......]  40% / hue" in place: the percentage of the whole
+// command, a spinner that a timer thread turns every 100 ms so that the bar
+// moves even while an operation reports no progress, and the phase's name.
 class ProgressBar {
  public:
   explicit ProgressBar(bool enabled);
@@ -18,21 +24,35 @@ class ProgressBar {
   ProgressBar(const ProgressBar &) = delete;
   ProgressBar &operator=(const ProgressBar &) = delete;
 
-  // Ends the bar's line (if one was drawn) so that later output starts fresh.
+  // Starts a phase that fills the bar from `from` to `to` percent; the status
+  // callback's 0..100 maps onto that span. The bar never moves back.
+  void Phase(const std::string &name, int32_t from, int32_t to);
+  // Draws the full bar and ends its line. Without it (a failed command) the
+  // line ends where the bar stopped.
   void Finish();
 
-  // The bar's text for a percentage, clamped to 0..100.
-  static void Format(int32_t percent, char (&text)[32]);
+  // The bar's text for a percentage (clamped to 0..100), a spinner character
+  // and a phase name.
+  static std::string Format(int32_t percent, char spinner, const std::string &phase);
 
  private:
   static int32_t Callback(int32_t percent, void *user);
-  void Draw(int32_t percent);
+  void Turn();  // the timer thread
+  void StopTimer();
+  void DrawLocked();
 
-  bool enabled_;
-  bool drawn_ = false;
-  int32_t last_ = -1;
+  const bool enabled_;
   StatusCallback previous_ = nullptr;
   void *previousUser_ = nullptr;
+  std::mutex mutex_;  // guards everything below and the drawing
+  std::condition_variable wake_;
+  std::thread timer_;
+  bool stop_ = false;
+  std::string phase_;
+  int32_t from_ = 0, to_ = 0, percent_ = 0;
+  uint32_t turns_ = 0;
+  size_t width_ = 0;  // length of the last text drawn, to blank its leftovers
+  bool drawn_ = false;
 };
 
 }  // namespace imgtool

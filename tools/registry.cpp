@@ -42,7 +42,8 @@ bool IsReservedCommand(const std::string &name) {
   return name == "info" || name == "convert" || name == "list" || name == "help";
 }
 bool IsReservedOption(const std::string &name) {
-  return name == "rect" || name == "ellipse" || name == "polygon" || name == "quiet" || name == "help";
+  return name == "rect" || name == "ellipse" || name == "polygon" || name == "quiet" || name == "help" ||
+         name == "progress" || name == "format" || name == "in-place";
 }
 
 void CheckDescriptor(const OpDescriptor &op) {
