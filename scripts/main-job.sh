@@ -4,7 +4,9 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh
-cmake --preset release -DIMG_BUILD_TESTS=OFF >/dev/null
+# The release folder is shared with the test command, which then builds only
+# the tests on top: configure it as that command does and build the tool.
+cmake --preset release -DIMG_BUILD_TESTS=ON -DIMG_BUILD_TOOLS=ON >/dev/null
 cmake --build --preset release --target imgcolor_tool
 tool=build/release/tools/imgcolor
 in=data/chelsea.png

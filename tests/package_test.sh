@@ -1,19 +1,53 @@
 #!/bin/sh
-# Installs the family from the build tree into a scratch prefix and builds a
-# small C program against it with find_package(imgcolor) and with pkg-config.
-# Usage: package_test.sh SOURCE_DIR BUILD_DIR
+# Installs the family from the build tree into a scratch prefix and moves that
+# prefix elsewhere (an install must work wherever it is put). Then, without
+# LD_LIBRARY_PATH, builds and runs a small C program against it with
+# find_package(imgcolor) (shared and static) and with pkg-config, and runs the
+# installed tool; every family library a program loads must come from the
+# moved prefix.
+# Usage: package_test.sh SOURCE_DIR BUILD_DIR TOOL_BUILT(0|1)
 set -eu
-src=$1 build=$2
+src=$1 build=$2 tool=$3
+unset LD_LIBRARY_PATH
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-cmake --install "$build" --prefix "$work/prefix" >/dev/null
-cmake -S "$src/tests/package" -B "$work/consumer" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
+cmake --install "$build" --prefix "$work/staged" >/dev/null
+mv "$work/staged" "$work/prefix"
+p=$work/prefix
+pcdir=$(dirname "$(find "$p" -name imgcolor.pc)")
+
+# Runs a program and checks that each libimg* it loads resolves inside $p.
+run() {
+  deps=$(ldd "$1" | grep 'libimg') || deps=""
+  if printf '%s\n' "$deps" | grep -v "=> $p/" | grep -q .; then
+    echo "FAIL: $1 loads a family library from outside the prefix:"; echo "$deps"; exit 1
+  fi
+  "$@"
+}
+
+cmake -S "$src/tests/package" -B "$work/consumer" -DCMAKE_PREFIX_PATH="$p" >/dev/null
 cmake --build "$work/consumer" >/dev/null
-LD_LIBRARY_PATH="$work/prefix/lib" "$work/consumer/consumer"
-if command -v pkg-config >/dev/null; then
-  flags=$(PKG_CONFIG_PATH="$work/prefix/lib/pkgconfig" pkg-config --define-prefix --cflags --libs imgcolor)
-  cc $(echo "$flags" | sed "s#/usr/local#$work/prefix#g") -o "$work/pc" "$src/tests/package/main.c" \
-    -L"$work/prefix/lib" -limgcolor -limgutil -limgdisplay -limgkernel
-  LD_LIBRARY_PATH="$work/prefix/lib" "$work/pc"
+run "$work/consumer/consumer"
+# The static program needs none of the shared libraries.
+if ldd "$work/consumer/consumer_static" | grep -q libimg; then
+  echo "FAIL: consumer_static loads a shared family library"; exit 1
 fi
+run "$work/consumer/consumer_static"
+
+export PKG_CONFIG_PATH="$pcdir"
+case $(pkg-config --variable=prefix imgcolor) in
+  "$p"/*) ;;
+  *) echo "FAIL: pkg-config prefix $(pkg-config --variable=prefix imgcolor) is not under $p"; exit 1 ;;
+esac
+cc -o "$work/pc" "$src/tests/package/main.c" $(pkg-config --cflags --libs imgcolor) \
+  -Wl,-rpath,"$(pkg-config --variable=libdir imgcolor)"
+run "$work/pc"
+
+if [ "$tool" = 1 ]; then
+  run "$p/bin/imgcolor" list >"$work/list"
+  grep -q . "$work/list" || { echo "FAIL: the installed tool lists no operation"; exit 1; }
+fi
+for f in LICENSE README.md; do
+  [ -f "$p/share/doc/imgcolor/$f" ] || { echo "FAIL: $f not installed"; exit 1; }
+done
 echo "package: ok"
