@@ -107,20 +107,14 @@ TEST(TableOperations, EightBitGrayByItsLevels) {
   const std::pair<const char *, Op> ops[] = {
       {"invert", [](BitmapRecord *b) { return Q_InvertBitmap(b, 0); }},
       {"contrast", [](BitmapRecord *b) { return Q_ChangeBitmapContrast(b, 300, 0); }},
-      {"solarize", [](BitmapRecord *b) { return Q_SolarizeBitmap(b, 100, 0); }},
-      {"posterize", [](BitmapRecord *b) { return Q_PosterizeBitmap(b, 4, 0); }},
       {"histogram contrast", [](BitmapRecord *b) { return Q_HistoContrastBitmap(b, 500, 0); }},
-      {"stretch", [](BitmapRecord *b) { return Q_StretchBitmapIntensity(b, 0); }},
       {"auto level", [](BitmapRecord *b) { return Q_AutoColorLevelBitmap(b, 0, 100, 100, 0); }},
       {"detect", [](BitmapRecord *b) { return Q_IntensityDetectBitmap(b, 60, 180, 0xFFFFFF, 0, 0x111, 0); }},
       {"auto binary", [](BitmapRecord *b) { return Q_AutoBinaryBitmap(b, 0); }},
   };
   std::vector<Pixel> levels, grays;
-  for (uint32_t i = 0; i < 60; ++i) {
-    const uint32_t v = (i * 97 + 11) % 200 + 20;
-    levels.push_back(Level(v));
-    grays.push_back(Rgb(v, v, v));
-  }
+  for (uint32_t i = 0, v = 20; i < 60; ++i, v = (i * 97 + 11) % 200 + 20)
+    levels.push_back(Level(v)), grays.push_back(Rgb(v, v, v));
   PaletteEntry colours[256];
   for (int i = 0; i < 256; ++i) colours[i] = PaletteEntry{uint8_t(i), uint8_t(255 - i), 7, 0};
   kit::LeakGuard guard;
