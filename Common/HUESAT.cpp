@@ -327,6 +327,7 @@ int32_t PalettePath(BitmapRecord *bitmap, const Op &op) {
     entries[i].Blue = static_cast<uint8_t>(b);
   }
   SetPalette(bitmap, 0, count, entries);  // result not checked
+  SettleGrayPalette(bitmap);              // coloured 8-bit gray becomes a palette bitmap
   return progress.active() ? progress.report(100) : RC_SUCCESS;
 }
 

@@ -102,7 +102,7 @@ namespace {
 // Two palette entries: the dark one at the index that is dark now. A gray
 // bitmap (index 0 black) gets black then the colour, any other the colour
 // then black; a table's two entries are used as they stand or swapped. The
-// status is SetPalette's answer.
+// status is SetPalette's answer, which is 1 once the palette was counted.
 int32_t ApplyOneBit(BitmapRecord *bitmap, const PaletteEntry *table, uint32_t color) {
   const PaletteEntry black{0, 0, 0, 0};
   const PaletteEntry tint = ColorEntry(color);
@@ -119,10 +119,11 @@ int32_t ApplyOneBit(BitmapRecord *bitmap, const PaletteEntry *table, uint32_t co
   return status;
 }
 
-// Palette bitmaps of 2 to 8 bits: the table is indexed by palette index.
-int32_t ApplyPalette(BitmapRecord *bitmap, const PaletteEntry *table, uint32_t color, uint32_t mode) {
-  const int32_t count = bitmap->ColorsUsed;
-  const std::size_t entryCount = count > 0 ? static_cast<std::size_t>(count) : 0;
+// Palette bitmaps of 2 to 8 bits, 8-bit gray included: the table is indexed
+// by palette index. `count` is the checked palette count (1 .. 2^bits).
+int32_t ApplyPalette(BitmapRecord *bitmap, const PaletteEntry *table, uint32_t color, uint32_t mode,
+                     int32_t count) {
+  const auto entryCount = static_cast<std::size_t>(count);
   KernelBuffer<PaletteEntry> ramp;
   if (!table) {
     ramp = KernelBuffer<PaletteEntry>(entryCount, __LINE__, kSourceFile);
@@ -146,8 +147,10 @@ int32_t ApplyPalette(BitmapRecord *bitmap, const PaletteEntry *table, uint32_t c
       entries[i] = PaletteEntry{table[i].Blue, table[i].Green, table[i].Red, 0};
   }
   // A palette that cannot be written gives 0, not an error code (kept as the
-  // exports have always answered).
+  // exports have always answered). With the count checked before the call,
+  // SetPalette has nothing to refuse on a bitmap that holds a palette.
   if (SetPalette(bitmap, 0, count, entries.get()) == 0) return 0;
+  SettleGrayPalette(bitmap);  // 8-bit gray with a tinted palette becomes a palette bitmap
   return FinishOperation();
 }
 
@@ -185,19 +188,6 @@ int32_t ApplyRows(BitmapRecord *bitmap, PaletteEntry *table, uint32_t color, uin
   });
 }
 
-// This kernel keeps 8-bit gray bitmaps without a palette. They become 8-bit
-// palette bitmaps whose palette is the gray ramp, so that index = level and
-// the palette path tints them as it tints any gray palette.
-int32_t GrayToPalette(BitmapRecord *bitmap) {
-  PaletteEntry ramp[256];
-  for (uint32_t i = 0; i < 256; ++i) {
-    const auto v = static_cast<uint8_t>(i);
-    ramp[i] = PaletteEntry{v, v, v, 0};
-  }
-  const PlainKernelSettings plain;
-  return ConvertBitmapFormat(bitmap, bitmap, BITMAP_RECORD_SIZE, 8, ORDER_BGR_COLOR, ramp, 256, 0);
-}
-
 }  // namespace
 
 int32_t ApplyToneTable(BitmapRecord *bitmap, PaletteEntry *table, uint32_t color, uint32_t mode,
@@ -205,13 +195,15 @@ int32_t ApplyToneTable(BitmapRecord *bitmap, PaletteEntry *table, uint32_t color
   if (mode > 1) return RC_INVALID_PARAMETER;
   // The entry checks let a null bitmap through; this is where it is first read.
   if (!bitmap) return RC_NO_BITMAP;
-  if (bitmap->BitsPerPixel == 1) return ApplyOneBit(bitmap, table, color);
   if (bitmap->BitsPerPixel < 9) {
-    if (bitmap->ColorOrder == ORDER_GRAY) {
-      const int32_t status = GrayToPalette(bitmap);
-      if (status != RC_SUCCESS) return status;
-    }
-    return ApplyPalette(bitmap, table, color, mode);
+    // The palette is counted before anything is allocated or read: a
+    // ColorsUsed outside 1 .. 2^bits, or no palette at all, cannot be read
+    // (-2). Neither the caller's table nor the palette is read beyond it.
+    const int32_t count = PaletteCount(bitmap);
+    if (count < 0) return count;
+    if (!GetPaletteRaw(bitmap)) return RC_NO_BITMAP;
+    if (bitmap->BitsPerPixel == 1) return ApplyOneBit(bitmap, table, color);
+    return ApplyPalette(bitmap, table, color, mode, count);
   }
   return ApplyRows(bitmap, table, color, mode);
 }

@@ -40,8 +40,11 @@ void ToneRow16(uint16_t *row, int32_t channels, int32_t left, int32_t right, con
 
 // The shared applier. `table` may be null (then a ramp from `color` is built
 // with as many entries as the bitmap needs); mode 0 blends, 1 uses the table
-// as it stands. 12- and 16-bit bitmaps come back with 48 bits per pixel and
-// 8-bit gray bitmaps as 8-bit palette bitmaps. The progress range is accepted
+// as it stands. Bitmaps of 8 bits or fewer (8-bit gray too) have their
+// palette tinted and keep their pixels; a palette count outside 1 .. 2^bits
+// gives RC_NO_BITMAP before anything is read. An 8-bit gray bitmap whose
+// palette is no longer the gray ramp becomes ORDER_BGR. 12- and 16-bit
+// bitmaps come back with 48 bits per pixel. The progress range is accepted
 // for the callers' sake; the walk reports nothing.
 int32_t ApplyToneTable(BitmapRecord *bitmap, PaletteEntry *table, uint32_t color, uint32_t mode,
                        int32_t progressStart, int32_t progressEnd);

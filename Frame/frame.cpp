@@ -17,4 +17,18 @@ int32_t CheckEntry(const EntryChecks &checks, uint32_t flags, BitmapRecord *bitm
   return 0;
 }
 
+void SettleGrayPalette(BitmapRecord *bitmap) {
+  if (bitmap->ColorOrder != ORDER_GRAY || bitmap->BitsPerPixel != 8) return;
+  const PaletteEntry *palette = GetPaletteRaw(bitmap);
+  const int32_t count = PaletteCount(bitmap);
+  if (!palette || count < 0) return;
+  for (int32_t i = 0; i < count; ++i) {
+    const PaletteEntry &e = palette[i];
+    if (e.Blue != i || e.Green != i || e.Red != i) {
+      bitmap->ColorOrder = ORDER_BGR;
+      return;
+    }
+  }
+}
+
 }  // namespace img

@@ -19,4 +19,10 @@ struct EntryChecks {
 // Returns 0 when every check passed, else the status to return.
 int32_t CheckEntry(const EntryChecks &checks, uint32_t flags, BitmapRecord *bitmap);
 
+// Called after a palette course wrote a bitmap's palette: an 8-bit gray
+// bitmap whose palette is no longer the gray ramp becomes an 8-bit palette
+// bitmap (ColorOrder ORDER_BGR), so that its pixels are read as indices into
+// the new colours. Any other bitmap is left as it is.
+void SettleGrayPalette(BitmapRecord *bitmap);
+
 }  // namespace img

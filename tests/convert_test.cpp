@@ -93,7 +93,8 @@ TEST(ConvertBitmapFormat, EveryKindToEveryTarget) {
       const int64_t line = (13 * (bits == 12 ? 16 : bits) + 31) / 32 * 4;
       EXPECT_EQ(std::vector<int64_t>({out->BitsPerPixel, out->Width, out->Height, out->Orientation,
                                       out->ColorsUsed, out->BytesPerLine}),
-                std::vector<int64_t>({bits, 13, 5, format.orientation, palette ? 1 << bits : 0, line}));
+                std::vector<int64_t>({bits, 13, 5, format.orientation, bits <= 8 ? 1 << bits : 0, line}));
+      EXPECT_TRUE(!gray || bits != 8 || kit::HasGrayRamp(out)) << "8-bit gray carries the ramp";
       for (int32_t i = 0; i < 65; ++i) {
         const auto [r, g, b, a] = WideAt(src, i % 13, i / 13);
         const uint32_t i16 = (2 * r + 5 * g + b + 4) >> 3;
@@ -142,10 +143,10 @@ TEST(ConvertBitmapDepth, PaletteChoiceAndDithering) {
     colours.push_back(Rgb(i, (i * 7) & 255, (i * 13 + 1) & 255));
     wide.push_back(Rgb(colours[i].v[0] * 257, colours[i].v[1] * 257, colours[i].v[2] * 257));
   }
-  // All gray: an 8-bit gray result without palette.
+  // All gray: an 8-bit gray result with the gray ramp as palette.
   Bitmap gray(Format{24, B}, 16, 16, grays);
   ASSERT_EQ(ConvertBitmapDepth(gray, 8), RC_SUCCESS);
-  EXPECT_TRUE(gray->ColorOrder == G && gray->Palette == nullptr);
+  EXPECT_TRUE(gray->ColorOrder == G && kit::HasGrayRamp(gray));
   EXPECT_EQ(gray.Pixels(), levels);
   // 256 colours, not all gray: a palette reproducing every colour.
   Bitmap colourful(Format{48, R}, 16, 16, wide);

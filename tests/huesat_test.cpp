@@ -130,6 +130,8 @@ TEST(HueSatExports, GrayAndRefusedCallsLeavePixels) {
     kit::Bitmap bmp(format, 6, 1, in);
     for (const Op &op : {Hue(77), Sat(1000), Sat(-700), Remap(65536)}) EXPECT_EQ(op(bmp), RC_SUCCESS);
     EXPECT_EQ(bmp.Pixels(), in);
+    EXPECT_EQ(bmp->ColorOrder, format.order);
+    EXPECT_TRUE(format.bits != 8 || kit::HasGrayRamp(bmp)) << "8-bit gray: its ramp is the palette path";
   }
   // 16-bit rows need remap tables of 4096 or at least 65536 entries; 8-bit rows only 256.
   kit::Bitmap bmp(Kind(48), 3, 3);
@@ -231,6 +233,18 @@ TEST(HueSatExports, PaletteEntriesGoLikeRowPixels) {
   EXPECT_EQ(bmp.StoredBytes(), stored);
   EXPECT_EQ(bmp->Palette[0].Red, 255);  // the palette is not the path
   bmp->PaletteFlag = 0;
+  // 8-bit gray goes by its ramp: a remap that colours it makes it an 8-bit palette bitmap
+  // (ORDER_BGR) whose pixels, unchanged, index the new colours.
+  std::vector<int32_t> fullSaturation(256, 255);
+  Pixels levels, grays;
+  for (uint32_t v : {0u, 100u, 255u}) levels.push_back(kit::Level(v)), grays.push_back(Rgb(v, v, v));
+  kit::Bitmap gray(Kind(8, ORDER_GRAY), 3, 1, levels), rows(Kind(24), 3, 1, grays);
+  const Op colour = Remap(256, nullptr, nullptr, fullSaturation.data());
+  ASSERT_EQ(colour(gray) * 10 + colour(rows), 11);
+  EXPECT_EQ(gray->ColorOrder, ORDER_BGR);
+  EXPECT_EQ(gray.Pixels(), levels);
+  for (int32_t x = 0; x < 3; ++x) EXPECT_EQ(gray.ColorAt(x, 0), rows.At(x, 0)) << x;
+  EXPECT_NE(rows.At(1, 0), grays[1]);
 }
 
 TEST(HueSatExports, ProgressAndBrokenPalettes) {

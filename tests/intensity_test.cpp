@@ -1,5 +1,6 @@
 // The forwarded intensity operations of imgutil and their imgcolor exports.
 #include <cmath>
+#include <cstring>
 #include <numeric>
 
 #include "kit.h"
@@ -23,7 +24,8 @@ Bitmap Gradient(const Format &format, int32_t w = 8, int32_t h = 4, uint32_t see
 
 // Checks that op maps every colour sample v to f(v, full scale): palette
 // bitmaps through their palette, 5-5-5 samples through their 8-bit widening
-// (full scale 255), the others inside an ellipse region only.
+// (full scale 255), the others inside an ellipse region only; 8-bit gray by
+// its levels, keeping its ramp palette.
 template <class F>
 void ExpectSampleMap(const Format &format, Op op, F f) {
   SCOPED_TRACE(format.Name());
@@ -35,7 +37,7 @@ void ExpectSampleMap(const Format &format, Op op, F f) {
   ASSERT_EQ(op(b.get()), RC_SUCCESS);
   for (size_t i = 0; i < pal.size(); ++i)
     for (auto m : {&PaletteEntry::Red, &PaletteEntry::Green, &PaletteEntry::Blue})
-      EXPECT_EQ(b->Palette[i].*m, f(pal[i].*m, 255)) << "entry " << i;
+      EXPECT_EQ(b->Palette[i].*m, format.IsPalette() ? f(pal[i].*m, 255) : pal[i].*m) << "entry " << i;
   const bool narrow = format.bits == 16 && !format.IsGray();
   const int channels = format.IsPalette() ? 0 : format.IsGray() ? 1 : 3;
   for (int32_t i = 0; i < 32; ++i)
@@ -99,6 +101,37 @@ TEST(TableOperations, EveryKind) {
     for (const auto &[op, map] : ops) ExpectSampleMap(format, op, map);
 }
 
+// Point, histogram and intensity operations read 8-bit gray by its levels whatever its palette
+// holds: the result is that of the same levels as 24-bit gray pixels, and the palette stays.
+TEST(TableOperations, EightBitGrayByItsLevels) {
+  const std::pair<const char *, Op> ops[] = {
+      {"invert", [](BitmapRecord *b) { return Q_InvertBitmap(b, 0); }},
+      {"contrast", [](BitmapRecord *b) { return Q_ChangeBitmapContrast(b, 300, 0); }},
+      {"histogram contrast", [](BitmapRecord *b) { return Q_HistoContrastBitmap(b, 500, 0); }},
+      {"auto level", [](BitmapRecord *b) { return Q_AutoColorLevelBitmap(b, 0, 100, 100, 0); }},
+      {"detect", [](BitmapRecord *b) { return Q_IntensityDetectBitmap(b, 60, 180, 0xFFFFFF, 0, 0x111, 0); }},
+      {"auto binary", [](BitmapRecord *b) { return Q_AutoBinaryBitmap(b, 0); }},
+  };
+  std::vector<Pixel> levels, grays;
+  for (uint32_t i = 0, v = 20; i < 60; ++i, v = (i * 97 + 11) % 200 + 20)
+    levels.push_back(Level(v)), grays.push_back(Rgb(v, v, v));
+  PaletteEntry colours[256];
+  for (int i = 0; i < 256; ++i) colours[i] = PaletteEntry{uint8_t(i), uint8_t(255 - i), 7, 0};
+  kit::LeakGuard guard;
+  for (const auto &[name, op] : ops)
+    for (const PaletteEntry *palette : std::initializer_list<const PaletteEntry *>{nullptr, colours}) {
+      SCOPED_TRACE(testing::Message() << name << (palette ? ", coloured palette" : ", gray ramp"));
+      Bitmap gray(Format{8, ORDER_GRAY}, 10, 6, levels, palette), colour(Format{24, ORDER_BGR}, 10, 6, grays);
+      ASSERT_EQ(op(gray) * 10 + op(colour), 11);
+      std::vector<Pixel> asColour;
+      for (const Pixel &p : gray.Pixels()) asColour.push_back(Rgb(p.v[0], p.v[0], p.v[0]));
+      EXPECT_EQ(asColour, colour.Pixels());
+      EXPECT_EQ(gray->ColorOrder, ORDER_GRAY);
+      EXPECT_TRUE(palette ? std::memcmp(gray->Palette, colours, sizeof colours) == 0
+                          : kit::HasGrayRamp(gray));
+    }
+}
+
 TEST(TableOperations, EdgesSignedDataAndAttachedTable) {
   kit::LeakGuard guard;
   struct Case {
@@ -140,10 +173,12 @@ TEST(GrayScaleExt, ConvertsWithoutRegionAndPaintsWithOne) {
   Bitmap c(Format{24, ORDER_RGB, ORIENT_BOTTOM_FIRST}, 2, 1, {Rgb(200, 100, 50), Rgb(255, 255, 255)});
   ASSERT_EQ(Q_GrayScaleBitmapExt(c, 2990, 5870, 1140, 0), RC_SUCCESS);
   EXPECT_EQ(std::make_pair(c->BitsPerPixel, c->ColorOrder), std::make_pair(8, ORDER_GRAY));
+  EXPECT_TRUE(kit::HasGrayRamp(c)) << "8-bit gray carries the ramp";
   EXPECT_EQ(c.Pixels(), (std::vector<Pixel>{Level(124), Level(255)}));  // 1242000 / 10000
   Bitmap w(Format{64, ORDER_BGR}, 1, 1, {Rgb(65535, 0, 1000, 7)});
   ASSERT_EQ(Q_GrayScaleBitmapExt(w, 5000, 0, 5000, 0), RC_SUCCESS);
   EXPECT_EQ(std::make_pair(w->BitsPerPixel, w.At(0, 0)), std::make_pair(16, Level(33267)));  // 66535 / 2
+  EXPECT_TRUE(w->Palette == nullptr && w->ColorsUsed == 0);
   Bitmap r(Format{32, ORDER_BGR}, 3, 1, {Rgb(10, 20, 30, 9), Rgb(10, 20, 30, 9), Rgb(1, 2, 3, 4)});
   kit::SetRectRegion(r, 1, 0, 2, 1);
   ASSERT_EQ(Q_GrayScaleBitmapExt(r, 10000, 0, 0, 0), RC_SUCCESS);

@@ -64,18 +64,26 @@ TEST(Memory, TrackingCallbackAndSettingsArePerThread) {
 
 TEST(AllocateBitmap, RefusesBadArgumentsAndLeavesRecordEmpty) {
   kit::LeakGuard guard;
+  // Data must fill the padded rows exactly: 3 x 2 at 24 bits is 2 x 12 bytes, at 8 bits 2 x 4.
   struct Case {
     const char *name;
     int32_t kind, w, h, bits, order, orient;
-  } cases[] = {{"width 0", 1, 0, 5, 24, 1, 1},     {"height -1", 1, 5, -1, 24, 1, 1},
-               {"depth 7", 1, 5, 5, 7, 1, 1},      {"12 colour", 1, 5, 5, 12, 1, 1},
-               {"order 3", 1, 5, 5, 24, 3, 1},     {"gray 24", 1, 5, 5, 24, ORDER_GRAY, 1},
-               {"orient 2", 1, 5, 5, 24, 1, 2},    {"kind 2", 2, 5, 5, 24, 1, 1},
-               {"row", 1, INT32_MAX, 1, 64, 1, 1}, {"total", 1, 1 << 20, 1 << 30, 32, 1, 1}};
+    int64_t dataSize = -1;  // -1: no data
+  } cases[] = {{"width 0", 1, 0, 5, 24, 1, 1},       {"height -1", 1, 5, -1, 24, 1, 1},
+               {"depth 7", 1, 5, 5, 7, 1, 1},        {"12 colour", 1, 5, 5, 12, 1, 1},
+               {"order 3", 1, 5, 5, 24, 3, 1},       {"gray 24", 1, 5, 5, 24, ORDER_GRAY, 1},
+               {"orient 2", 1, 5, 5, 24, 1, 2},      {"kind 2", 2, 5, 5, 24, 1, 1},
+               {"row", 1, INT32_MAX, 1, 64, 1, 1},   {"total", 1, 1 << 20, 1 << 30, 32, 1, 1},
+               {"packed", 1, 3, 2, 24, 1, 1, 18},    {"a byte more", 1, 3, 2, 24, 1, 1, 25},
+               {"packed gray", 1, 3, 2, 8, 2, 4, 6}, {"size 0", 1, 3, 2, 24, 1, 1, 0}};
   BitmapRecord r;
+  const uint8_t data[32] = {};
   for (const Case &c : cases) {
     std::memset(&r, 0xAB, sizeof r);
-    EXPECT_EQ(AllocateBitmap(&r, 208, c.kind, c.w, c.h, c.bits, c.order, nullptr, c.orient, nullptr, 0), kBad)
+    EXPECT_EQ(AllocateBitmap(&r, 208, c.kind, c.w, c.h, c.bits, c.order, nullptr, c.orient,
+                             c.dataSize < 0 ? nullptr : data,
+                             static_cast<uint64_t>(c.dataSize < 0 ? 99 : c.dataSize)),
+              kBad)
         << c.name;
     EXPECT_TRUE(!r.Flags && !r.Pixels && !r.Width && r.StructSize == 208) << c.name;  // cleared, size kept
   }
@@ -86,8 +94,8 @@ TEST(AllocateBitmap, RefusesBadArgumentsAndLeavesRecordEmpty) {
 TEST(AllocateBitmap, DefaultsPalettesAndData) {
   kit::LeakGuard guard;
   BitmapRecord rec{};
-  ASSERT_EQ(AllocateBitmap(&rec, 208, MEMORY_LARGE, 3, 2, 0, ORDER_BGR, nullptr, 4, nullptr, 0), RC_SUCCESS);
-  // Depth 0 means 8 bits; memory kind 128 marks the bitmap.
+  ASSERT_EQ(AllocateBitmap(&rec, 208, MEMORY_LARGE, 3, 2, 0, ORDER_BGR, nullptr, 4, nullptr, 99), RC_SUCCESS);
+  // Depth 0 means 8 bits; memory kind 128 marks the bitmap; without data the size is ignored.
   EXPECT_EQ(std::tuple(rec.BitsPerPixel, rec.BytesPerLine, rec.ColorsUsed, rec.Flags),
             std::tuple(8, 4u, 256, BITMAP_ALLOCATED | BITMAP_LARGE_MEMORY));
   EXPECT_TRUE(IsGrayBitmap(&rec));  // the gray ramp palette
@@ -116,6 +124,28 @@ TEST(AllocateBitmap, DefaultsPalettesAndData) {
   EXPECT_EQ(GetBitmapRow(&rec, nullptr, 0, 3), kBad);
   FreeBitmap(&rec);
   EXPECT_EQ(GetBitmapRow(&rec, row, 0, 3), RC_NO_BITMAP);
+}
+
+// 8-bit gray carries the gray ramp (a caller's palette instead when given); its palette is read and
+// written like any other. Colours written into it leave it gray: the pixels remain gray levels.
+TEST(AllocateBitmap, EightBitGrayCarriesTheRamp) {
+  kit::LeakGuard guard;
+  PaletteEntry own[256];
+  for (int i = 0; i < 256; ++i) own[i] = PaletteEntry{uint8_t(255 - i), 0, uint8_t(i), 0};
+  for (const PaletteEntry *palette : std::initializer_list<const PaletteEntry *>{nullptr, own}) {
+    SCOPED_TRACE(palette ? "caller's palette" : "no palette");
+    Bitmap gray(Format{8, ORDER_GRAY}, 5, 2, palette);
+    EXPECT_EQ(gray->ColorsUsed, 256);
+    EXPECT_EQ(kit::HasGrayRamp(gray), palette == nullptr);
+    EXPECT_EQ(GetPaletteRaw(gray), gray->Palette);
+    PaletteEntry e[256];
+    ASSERT_EQ(GetPalette(gray, 0, 256, e), 256);
+    EXPECT_EQ(std::memcmp(e, palette ? own : gray->Palette, sizeof e), 0);
+    e[40] = PaletteEntry{1, 2, 3, 0};
+    ASSERT_NE(SetPalette(gray, 40, 1, &e[40]), 0);
+    EXPECT_EQ(GetPaletteRaw(gray)[40].Red, 3);
+    EXPECT_TRUE(IsGrayBitmap(gray) && gray->ColorOrder == ORDER_GRAY);
+  }
 }
 
 TEST(Storage, EveryKindStoresAsDocumented) {
@@ -199,6 +229,7 @@ TEST(Records, CopyIsDeepAndFreeReleasesEverything) {
   BitmapRecord dst{};
   ASSERT_EQ(CopyBitmap(&dst, src, 208), RC_SUCCESS);
   EXPECT_TRUE(dst.Pixels != src->Pixels && dst.AttachedLut != src->AttachedLut && dst.Region != src->Region);
+  EXPECT_TRUE(dst.Palette != src->Palette && kit::HasGrayRamp(&dst));
   EXPECT_EQ(dst.AttachedLut[9], 99);
   EXPECT_EQ(std::memcmp(dst.Pixels, src->Pixels, src->DataSize), 0);
   EXPECT_TRUE(BitmapHasRegion(&dst) && IsPointInRegion(&dst, 1, 2) && !IsPointInRegion(&dst, 0, 0));

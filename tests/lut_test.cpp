@@ -50,7 +50,7 @@ State Expect(const kit::Bitmap &bm, uint32_t channel, const std::function<uint32
     return p;
   };
   State e = StateOf(bm);
-  for (Pixel &p : e.second) p = region ? p : map(p);
+  for (Pixel &p : e.second) p = region || !s.IsPalette() ? p : map(p);  // 8-bit gray keeps its ramp
   for (int32_t y = 0; y < bm.get()->Height; ++y)
     for (int32_t x = 0; x < bm.get()->Width; ++x) {
       Pixel &p = e.first[y * bm.get()->Width + x];

@@ -49,7 +49,9 @@ TEST(ToneTables, Ramp) {
   }
 }
 
-// Status order of both exports, with SetPalette's refusal (0, kept) and null gradients after the tables.
+// Status order of both exports, a palette count outside the palette refused (-2) before anything
+// is read (the caller's table holds exactly the entries of a 4-bit palette), and null gradients
+// after the tables.
 TEST(ToneExports, ChecksInOrder) {
   kit::Bitmap bmp(Kind(24), 3, 2), size0(Kind(24), 1, 1), size200(Kind(24), 1, 1), size176(Kind(24), 1, 1);
   kit::Bitmap signedBmp(Kind(24), 1, 1), gray32(Kind(32), 2, 2), oneBit(Kind(1), 8, 1), pal(Kind(4), 2, 1);
@@ -62,6 +64,9 @@ TEST(ToneExports, ChecksInOrder) {
   pal->ColorsUsed = 17;    // more than a 4-bit palette holds
   oneBit->ColorsUsed = 3;  // more than a 1-bit palette holds
   const PaletteEntry fifth = pal->Palette[5];
+  const std::vector<PaletteEntry> sixteen(16, PaletteEntry{1, 2, 3, 0});
+  BitmapRecord bare = *pal.get();  // a record without palette block
+  bare.Palette = nullptr, bare.ColorsUsed = 16;
   const uint32_t colors[4] = {kRed, kBlue, kWhite, kRed};
   auto g0 = Uniform({1, 2, 3, 0});
   PaletteEntry *oneMissing[2] = {g0.data(), nullptr};
@@ -78,8 +83,14 @@ TEST(ToneExports, ChecksInOrder) {
       {"duo mode 2", [&] { return Duotone(bmp, kRed, 2); }, RC_INVALID_PARAMETER},
       {"duo null, mode 2", [] { return Duotone(nullptr, kRed, 2); }, RC_INVALID_PARAMETER},
       {"duo null", [] { return Duotone(nullptr, kRed, 1); }, RC_NO_BITMAP},
-      {"duo unwritable palette", [&] { return Duotone(pal, kRed, 1); }, 0},
-      {"duo unwritable 1-bit palette", [&] { return Duotone(oneBit, kRed, 1); }, 0},
+      {"duo 17 entries on 4 bits", [&] { return Duotone(pal, kRed, 1); }, RC_NO_BITMAP},
+      {"duo 17 entries, 16-entry table",
+       [&] { return Q_GrayScaleToDuotone(pal, const_cast<PaletteEntry *>(sixteen.data()), 0, 1); },
+       RC_NO_BITMAP},
+      {"duo 3 entries on 1 bit", [&] { return Duotone(oneBit, kRed, 1); }, RC_NO_BITMAP},
+      {"duo no palette", [&] { return Duotone(&bare, kRed, 0); }, RC_NO_BITMAP},
+      {"multi 17 entries on 4 bits", [&] { return Q_GrayScaleToMultitone(pal, 0, 0, colors, nullptr, 1); },
+       RC_NO_BITMAP},
       {"multi size 200", [&] { return multi(size200, 9, 0, nullptr, 0); }, RC_INVALID_STRUCT_SIZE},
       {"multi gray32", [&] { return multi(gray32, 9, 0, nullptr, 0); }, RC_GRAY32_NOT_SUPPORTED},
       {"multi signed", [&] { return multi(signedBmp, 9, 0, nullptr, 0); }, RC_SIGNED_DATA_NOT_SUPPORTED},
@@ -167,6 +178,34 @@ TEST(TonePalette, RampAndBlend) {
   EXPECT_TRUE(Same(bmp->Palette[3], {2, 4, 6, 0}));  // 51 * 10 / 255 etc., rounded
 }
 
+// 8-bit gray takes the palette path, inside a region too: its ramp is tinted and its pixels (the
+// indices) stay. A palette that is no longer the ramp makes it an 8-bit palette bitmap (ORDER_BGR);
+// white in mode 0 gives the ramp back and it stays gray. Mode 1 with red: see EveryKind.
+TEST(TonePalette, EightBitGrayTintsItsRamp) {
+  struct Case {
+    uint32_t colors[2], mode;
+    bool multitone;
+    PaletteEntry entry100;
+  } cases[] = {{{kRed}, 0, false, {39, 39, 100, 0}},  // (100 * 100 + 128) / 255, (100 * 255 + 128) / 255
+               {{kWhite}, 0, false, {100, 100, 100, 0}},
+               {{kRed, kBlue}, 1, true, {100, 39, 100, 0}}};  // the red ramp times the blue one
+  std::vector<Pixel> levels;
+  for (uint32_t i = 0; i < 256; ++i) levels.push_back(kit::Level(i));
+  for (const Case &c : cases) {
+    SCOPED_TRACE(testing::Message() << c.colors[0] << (c.multitone ? " multitone" : " duotone"));
+    kit::Bitmap bmp(Kind(8, ORDER_GRAY), 16, 16, levels);
+    kit::SetEllipseRegion(bmp, 2, 2, 9, 9);
+    ASSERT_EQ(c.multitone ? Q_GrayScaleToMultitone(bmp, 1, 0, c.colors, nullptr, c.mode)
+                          : Duotone(bmp, c.colors[0], c.mode),
+              RC_SUCCESS);
+    const bool gray = Same(c.entry100, {100, 100, 100, 0});
+    EXPECT_EQ(bmp->ColorOrder, gray ? ORDER_GRAY : ORDER_BGR);
+    EXPECT_EQ((IsGrayBitmap(bmp) != 0) + kit::HasGrayRamp(bmp.get()), gray ? 2 : 0);
+    EXPECT_TRUE(Same(bmp->Palette[100], c.entry100) && bmp->ColorsUsed == 256);
+    EXPECT_EQ(bmp.Pixels(), levels);
+  }
+}
+
 // Multitone ignores tones, type and mode here: its two colours apply in mode 0.
 TEST(ToneOneBit, EntriesFollowTheDarkIndex) {
   const PaletteEntry black{0, 0, 0, 0}, green{0, 255, 0, 0}, red{0, 0, 255, 0}, blue{255, 0, 0, 0};
@@ -229,7 +268,7 @@ Pixel RedOut(const kit::Format &format, const Pixel &in) {
   if (format.bits == 1) return v ? Rgb(255, 0, 0) : Rgb(0, 0, 0);  // (black, colour)
   if (format.IsPalette())
     return Rgb(255, v * 255 / format.SampleMax(), v * 255 / format.SampleMax());  // ramp
-  if (format.bits == 8) return Rgb(255, v, v);                                    // 8-bit gray, now a palette
+  if (format.bits == 8) return Rgb(255, v, v);  // 8-bit gray: its ramp tinted
   if (format.bits == 12) return RedOnSixteen(v << 4);
   if (format.bits == 16) return RedOnSixteen(format.IsGray() ? v : ((v << 3) | (v >> 2)) * 257);
   if (format.bits >= 48) return RedOnSixteen(v, format.bits == 64 ? 33 : 0);
@@ -237,7 +276,7 @@ Pixel RedOut(const kit::Format &format, const Pixel &in) {
 }
 
 // Every kind, mode 1: 12- and 16-bit ones end up 48-bit, 8-bit gray ones an
-// 8-bit palette whose index is the former level; other palettes keep indices.
+// 8-bit palette bitmap whose index is the level; every palette keeps indices.
 TEST(ToneExports, EveryKind) {
   for (const kit::Format &format : kit::AllFormats(true)) {
     SCOPED_TRACE(format.Name());

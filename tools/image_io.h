@@ -1,12 +1,14 @@
 // Reading and writing PNG and JPEG files into and from the family's bitmaps.
 //
-// Read: 8-bit gray -> 8 bits ORDER_GRAY; 16-bit gray -> 16 bits ORDER_GRAY;
+// Read: 8-bit gray -> 8 bits ORDER_GRAY (with the gray ramp as its palette,
+// as AllocateBitmap gives it); 16-bit gray -> 16 bits ORDER_GRAY;
 // 1/2/4-bit gray -> 8-bit gray; RGB -> 24 ORDER_BGR; RGBA (and gray+alpha)
 // -> 32 ORDER_BGR with alpha as the fourth byte; 16-bit RGB/RGBA -> 48/64;
 // palette -> palette bitmap of the file's depth with its palette. Rows are
 // stored top first. JPEG: gray -> 8-bit gray, colour -> 24 ORDER_BGR.
 //
-// Write: every kind of bitmap. PNG keeps palettes and 16-bit samples; 12-bit
+// Write: every kind of bitmap. 8-bit gray is written as its gray levels,
+// whatever its palette holds. PNG keeps palettes and 16-bit samples; 12-bit
 // gray is written as 16-bit gray scaled by 16, 5-5-5 colour as 24-bit RGB; a
 // 32/64-bit bitmap whose fourth samples are all zero is written without
 // alpha (the fourth sample is then padding, not transparency). JPEG (quality

@@ -58,7 +58,9 @@ int32_t DescribeBitmap(BitmapRecord *b, uint32_t size, int32_t width, int32_t he
   b->ColorOrder = NormalizeOrder(order);
   b->Orientation = orientation;
   b->BytesPerLine = static_cast<uint32_t>(line);
-  b->ColorsUsed = bits <= 8 && order != ORDER_GRAY ? (1 << bits) : 0;
+  // Every kind of 8 bits or fewer has a palette, 8-bit gray included (its
+  // entries are the gray ramp, so that index and level agree).
+  b->ColorsUsed = bits <= 8 ? (1 << bits) : 0;
   b->SignificantLowBit = 0;
   b->SignificantHighBit = -1;
   return RC_SUCCESS;
@@ -83,6 +85,12 @@ IMG_API int32_t AllocateBitmap(BitmapRecord *bitmap, uint32_t structSize, int32_
   }
   bitmap->MemoryKind = memoryKind;
   const uint64_t bytes = static_cast<uint64_t>(bitmap->BytesPerLine) * static_cast<uint64_t>(height);
+  // Pixel data must come in the stored layout (padded rows): a buffer of any
+  // other size, such as tightly packed rows, would be read sheared.
+  if (data && dataSize != bytes) {
+    ClearRecord(bitmap, structSize);
+    return RC_INVALID_PARAMETER;
+  }
   img::KernelBuffer<uint8_t> pixels(bytes, __LINE__, kSourceFile);
   img::KernelBuffer<PaletteEntry> pal;
   if (bitmap->ColorsUsed > 0) pal = img::KernelBuffer<PaletteEntry>(256, __LINE__, kSourceFile);
@@ -96,7 +104,7 @@ IMG_API int32_t AllocateBitmap(BitmapRecord *bitmap, uint32_t structSize, int32_
     else
       img::GrayRamp(pal.get(), bitmap->BitsPerPixel);
   }
-  if (data && dataSize) std::memcpy(pixels.get(), data, dataSize < bytes ? dataSize : bytes);
+  if (data) std::memcpy(pixels.get(), data, bytes);
   bitmap->Pixels = pixels.release();
   bitmap->Palette = pal.release();
   bitmap->DataSize = bytes;

@@ -523,7 +523,13 @@ int32_t Convert(BitmapRecord *src, BitmapRecord *dst, uint32_t structSize, Kind 
   img::KernelBuffer<int32_t> errors;
   int32_t paletteCount = 0;
   const bool toPalette = t.kind == Kind::Palette;
-  if (toPalette) {
+  const bool toGray8 = t.kind == Kind::Gray8;
+  if (toGray8) {
+    // 8-bit gray carries the gray ramp as its palette: index = level.
+    pal = img::KernelBuffer<PaletteEntry>(256, __LINE__, kSourceFile);
+    if (!pal) return RC_NO_MEMORY;
+    img::GrayRamp(pal.get(), 8);
+  } else if (toPalette) {
     pal = img::KernelBuffer<PaletteEntry>(256, __LINE__, kSourceFile);
     indices = img::KernelBuffer<uint8_t>(static_cast<size_t>(width), __LINE__, kSourceFile);
     if (!pal || !indices) return RC_NO_MEMORY;
@@ -617,7 +623,7 @@ int32_t Convert(BitmapRecord *src, BitmapRecord *dst, uint32_t structSize, Kind 
   dst->BytesPerLine = static_cast<uint32_t>(line);
   dst->BitsPerPixel = t.bits;
   dst->ColorOrder = t.order;
-  dst->ColorsUsed = toPalette ? (1 << t.bits) : 0;
+  dst->ColorsUsed = toPalette || toGray8 ? (1 << t.bits) : 0;
   dst->PaletteFlag = 0;
   dst->SignificantLowBit = 0;
   dst->SignificantHighBit = -1;

@@ -104,7 +104,7 @@ typedef struct BitmapRecord {
   int32_t ColorsUsed;         /* palette entries of a palette bitmap */
   int32_t Orientation;        /* ORIENT_TOP_FIRST or ORIENT_BOTTOM_FIRST */
   uint32_t BytesPerLine;      /* stored row size, a multiple of 4 */
-  PaletteEntry *Palette;      /* 1 << BitsPerPixel entries for palette bitmaps */
+  PaletteEntry *Palette;      /* 256-entry block for bitmaps of 8 bits or fewer */
   uint8_t *Pixels;            /* Height * BytesPerLine bytes */
   uint64_t DataSize;          /* bytes at Pixels */
   int32_t MemoryKind;         /* MEMORY_CONVENTIONAL or MEMORY_LARGE */
@@ -165,6 +165,15 @@ IMG_API StatusCallback GetStatusCallback(void **userData);
 IMG_API int32_t SwapKernelSettings(int32_t first, int32_t second, int32_t *oldFirst, int32_t *oldSecond);
 
 /* ---- Bitmaps ---------------------------------------------------------------- */
+/* Fills the record and allocates zeroed pixel memory of Height * BytesPerLine
+ * bytes (rows padded to a multiple of 4). Bitmaps of 8 bits or fewer get a
+ * palette of 2^bits entries (ColorsUsed): `palette` when given, else the gray
+ * ramp of the depth; an 8-bit ORDER_GRAY bitmap thus has the 256-entry ramp,
+ * entry i = (i, i, i), and its pixels are both indices and gray levels.
+ * `data`, when given, must hold exactly Height * BytesPerLine bytes in the
+ * stored layout; any other dataSize (such as tightly packed rows) is refused
+ * with RC_INVALID_PARAMETER and the record cleared. Without data, dataSize
+ * is ignored. */
 IMG_API int32_t AllocateBitmap(BitmapRecord *bitmap, uint32_t structSize, int32_t memoryKind, int32_t width,
                                int32_t height, int32_t bitsPerPixel, int32_t colorOrder,
                                const PaletteEntry *palette, int32_t orientation, const void *data,
@@ -178,7 +187,12 @@ IMG_API int32_t InitBitmapHeader(BitmapRecord *bitmap, uint32_t structSize, int3
 /* Stored rows (not image rows): returns the bytes copied, or a status < 0. */
 IMG_API int32_t GetBitmapRow(const BitmapRecord *bitmap, void *buffer, int32_t row, uint32_t bytes);
 IMG_API int32_t PutBitmapRow(BitmapRecord *bitmap, const void *buffer, int32_t row, uint32_t bytes);
-/* Returns the number of entries copied; 0 on failure. */
+/* Palettes of bitmaps of 8 bits or fewer, 8-bit gray included: any range
+ * inside 2^bits entries. Writing colours into an ORDER_GRAY bitmap keeps it
+ * gray: IsGrayBitmap still answers 1 and conversions, row converters, tables
+ * and histograms still read its pixels as gray levels; set ColorOrder to
+ * ORDER_BGR to make it a colour palette bitmap.
+ * Returns the number of entries copied; 0 on failure. */
 IMG_API int32_t GetPalette(const BitmapRecord *bitmap, int32_t first, int32_t count, PaletteEntry *entries);
 /* Non-zero on success, 0 on failure. */
 IMG_API int32_t SetPalette(BitmapRecord *bitmap, int32_t first, int32_t count, const PaletteEntry *entries);

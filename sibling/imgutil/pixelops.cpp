@@ -75,7 +75,11 @@ int32_t GrayInPlace(BitmapRecord *b, int32_t red, int32_t green, int32_t blue) {
   img::KernelBuffer<uint8_t> row;
   row.adopt(static_cast<uint8_t *>(AllocRowBuffer(conv.get())), __LINE__, kSourceFile);
   IMG_BUFFER(uint8_t, pixels, line * static_cast<uint64_t>(b->Height));
-  if (!row || !pixels) return RC_NO_MEMORY;
+  // 8-bit gray carries the gray ramp as its palette; 16-bit gray has none.
+  img::KernelBuffer<PaletteEntry> ramp;
+  if (!wide) ramp = img::KernelBuffer<PaletteEntry>(256, __LINE__, kSourceFile);
+  if (!row || !pixels || (!wide && !ramp)) return RC_NO_MEMORY;
+  if (ramp) img::GrayRamp(ramp.get(), 8);
   status = BeginWholeBitmap(conv.get());
   if (status != RC_SUCCESS) return status;
   img::Progress progress;
@@ -98,7 +102,7 @@ int32_t GrayInPlace(BitmapRecord *b, int32_t red, int32_t green, int32_t blue) {
   if (b->Palette) IMG_FREE(b->Palette);
   if (b->AttachedLut) IMG_FREE(b->AttachedLut);
   IMG_FREE(b->Pixels);
-  b->Palette = nullptr;
+  b->Palette = ramp.release();
   b->AttachedLut = nullptr;
   b->AttachedLutLength = 0;
   b->Flags &= ~BITMAP_USE_ATTACHED_LUT;
@@ -107,7 +111,7 @@ int32_t GrayInPlace(BitmapRecord *b, int32_t red, int32_t green, int32_t blue) {
   b->BytesPerLine = static_cast<uint32_t>(line);
   b->BitsPerPixel = bits;
   b->ColorOrder = ORDER_GRAY;
-  b->ColorsUsed = 0;
+  b->ColorsUsed = wide ? 0 : 256;
   b->PaletteFlag = 0;
   b->SignificantLowBit = 0;
   b->SignificantHighBit = -1;
@@ -165,7 +169,8 @@ IMG_API int32_t IntensityDetect(BitmapRecord *bitmap, uint32_t low, uint32_t hig
                           (channel & DETECT_CHANNEL_RED) != 0};
 
   // Palette bitmaps without region: the palette entries are the pixels.
-  if (img::IsPaletteBitmap(bitmap) && !BitmapHasRegion(bitmap) && bitmap->Palette &&
+  // 8-bit gray has the gray ramp as palette but goes by its levels (rows).
+  if (img::KindOf(bitmap) == img::Kind::Palette && !BitmapHasRegion(bitmap) && bitmap->Palette &&
       bitmap->PaletteFlag == 0) {
     uint32_t in[3], out[3];
     ColorSamples(inColor, false, in);

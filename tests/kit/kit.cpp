@@ -50,6 +50,15 @@ uint32_t Format::SampleMax() const {
   return bits >= 48 ? 65535u : 255u;
 }
 
+bool HasGrayRamp(const BitmapRecord *b) {
+  if (b->BitsPerPixel != 8 || b->ColorsUsed != 256 || !b->Palette) return false;
+  for (int i = 0; i < 256; ++i) {
+    const PaletteEntry &e = b->Palette[i];
+    if (e.Blue != i || e.Green != i || e.Red != i) return false;
+  }
+  return true;
+}
+
 std::vector<Format> AllFormats(bool orientations) {
   std::vector<Format> base = {{1, ORDER_BGR},  {2, ORDER_BGR},   {4, ORDER_BGR},  {8, ORDER_BGR},
                               {8, ORDER_GRAY}, {12, ORDER_GRAY}, {16, ORDER_GRAY}};

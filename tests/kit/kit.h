@@ -40,6 +40,10 @@ struct Format {
   int32_t Channels() const;    // samples a pixel holds: 1 (palette, gray), 3 or 4
   uint32_t SampleMax() const;  // largest sample value
 };
+// True when the bitmap has 8 bits per pixel and its 256 palette entries
+// (ColorsUsed 256) are the gray ramp (i, i, i): what 8-bit gray carries.
+bool HasGrayRamp(const BitmapRecord *b);
+
 // Every kind the family stores, in both orientations when `orientations`.
 std::vector<Format> AllFormats(bool orientations = false);
 std::vector<Format> ColorFormats();  // 16, 24, 32, 48, 64 in both orders
