@@ -35,9 +35,11 @@ TEST(ImageIo, EightBitGrayKeepsItsRampThroughPng) {
     const std::string path = testing::TempDir() + "image_io_test.png";
     std::string error;
     imgtool::Bitmap back;
-    ASSERT_TRUE(imgtool::WriteImageFile(path, imgtool::FileFormat::Png, bmp, error) &&
-                imgtool::ReadImageFile(path, back, error))
-        << error;
+    FILE *file = std::fopen(path.c_str(), "wb");
+    ASSERT_NE(file, nullptr);
+    const bool written = imgtool::WriteImage(file, imgtool::FileFormat::Png, bmp, error);
+    std::fclose(file);
+    ASSERT_TRUE(written && imgtool::ReadImageFile(path, back, error)) << error;
     std::remove(path.c_str());
     EXPECT_EQ(back->ColorOrder, c.order);
     EXPECT_EQ(kit::HasGrayRamp(back.get()), c.order == ORDER_GRAY);
