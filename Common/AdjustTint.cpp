@@ -37,10 +37,10 @@ inline void ShiftPixel(uint8_t *p, int32_t thetaShift, int32_t phiShift) {
 }
 
 int32_t PalettePath(BitmapRecord *bitmap, int32_t thetaShift, int32_t phiShift) {
-  const int32_t count = bitmap->ColorsUsed;
+  const int32_t count = PaletteCount(bitmap);
+  if (count < 0) return count;
   PaletteEntry entries[256];
-  if (count < 0 || count > 256) return RC_NO_BITMAP;
-  if (count > 0 && GetPalette(bitmap, 0, count, entries) != count) return RC_NO_BITMAP;
+  if (GetPalette(bitmap, 0, count, entries) != count) return RC_NO_BITMAP;
   IMG_BUFFER(uint8_t, pixel, 6);  // one 8-bit spherical pixel
   if (!pixel) return RC_NO_MEMORY;
   for (int32_t i = 0; i < count; ++i) {

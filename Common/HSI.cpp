@@ -29,6 +29,13 @@ inline int32_t Clamp(int32_t v, int32_t lo, int32_t hi) { return v < lo ? lo : (
 
 inline bool Outside(int32_t v, int32_t limit) { return v < -limit || v > limit; }
 
+// s + s × change / full, clamped to 0..full. The product is taken in 64 bits:
+// changes summed over many records exceed 32 bits once multiplied.
+inline int32_t ChangeSaturation(int32_t s, int32_t change, int32_t full) {
+  const int64_t v = s + int64_t{s} * change / full;
+  return v < 0 ? 0 : v > full ? full : static_cast<int32_t>(v);
+}
+
 void AddChange(HueChange &e, int32_t hue, int32_t saturation, int32_t intensity) {
   e.hue = Add32(e.hue, hue);
   if (e.hue > 18000) e.hue -= 36000;
@@ -161,10 +168,9 @@ int32_t RowStep(T *rgb, uint8_t *hsv, uint8_t *hls, int32_t *index, const HueCha
     const int32_t change = table[index[x]].saturation;
     if constexpr (kWide) {
       const int32_t s = Load16(p + 6);
-      Store16(p + 6, static_cast<uint32_t>(Clamp(s + s * change / kSatFull, 0, kSatFull)));
+      Store16(p + 6, static_cast<uint32_t>(ChangeSaturation(s, change, kSatFull)));
     } else {
-      const int32_t s = p[3];
-      p[3] = static_cast<uint8_t>(Clamp(s + s * change / kSatFull, 0, kSatFull));
+      p[3] = static_cast<uint8_t>(ChangeSaturation(p[3], change, kSatFull));
     }
   }
   status = convert(COLORSPACE_HLS + COLORSPACE_TO_RGB, hls);
@@ -177,9 +183,8 @@ int32_t RowStep(T *rgb, uint8_t *hsv, uint8_t *hls, int32_t *index, const HueCha
   return RC_SUCCESS;
 }
 
-// Each palette entry as one pixel through the 8-bit sequence.
-int32_t PaletteStep(BitmapRecord *bitmap, PaletteEntry *entries, const HueChange *table) {
-  const int32_t count = bitmap->ColorsUsed;
+// Each of the `count` palette entries as one pixel through the 8-bit sequence.
+int32_t PaletteStep(BitmapRecord *bitmap, int32_t count, PaletteEntry *entries, const HueChange *table) {
   if (GetPalette(bitmap, 0, count, entries) == 0) return RC_NO_BITMAP;
   for (int32_t i = 0; i < count; ++i) {
     uint8_t r = entries[i].Red, g = entries[i].Green, b = entries[i].Blue;
@@ -194,8 +199,7 @@ int32_t PaletteStep(BitmapRecord *bitmap, PaletteEntry *entries, const HueChange
     if (status != RC_SUCCESS) return status;
     status = ConvertColorPixel(COLORSPACE_HLS, &r, &g, &b, space);
     if (status != RC_SUCCESS) return status;
-    const int32_t s = space[3];
-    space[3] = static_cast<uint8_t>(Clamp(s + s * table[index].saturation / 100, 0, 100));
+    space[3] = static_cast<uint8_t>(ChangeSaturation(space[3], table[index].saturation, 100));
     status = ConvertColorPixel(COLORSPACE_HLS + COLORSPACE_TO_RGB, &r, &g, &b, space);
     if (status != RC_SUCCESS) return status;
     const int32_t add = table[index].intensity;
@@ -252,9 +256,11 @@ int32_t Worker(BitmapRecord *bitmap, int32_t hue, int32_t saturation, int32_t in
   BuildHueTable(table.get(), hue, saturation, intensity, ranges, count, bits);
 
   if (IsPaletteBitmap(bitmap)) {
-    IMG_BUFFER(PaletteEntry, entries, bitmap->ColorsUsed > 0 ? bitmap->ColorsUsed : 0);
+    const int32_t count = PaletteCount(bitmap);
+    if (count < 0) return count;
+    IMG_BUFFER(PaletteEntry, entries, static_cast<size_t>(count));
     if (!entries) return RC_NO_MEMORY;
-    status = PaletteStep(bitmap, entries.get(), table.get());
+    status = PaletteStep(bitmap, count, entries.get(), table.get());
     return status == RC_SUCCESS ? FinishOperation() : status;
   }
 
@@ -285,7 +291,10 @@ extern "C" IMG_API int32_t Q_ChangeHueSatIntBitmap(BitmapRecord *bitmap, int32_t
   int32_t status = img::CheckEntry(img::EntryChecks{.flags = true, .nullBitmap = false, .signedData = true},
                                    flags, bitmap);
   if (status != 0) return status;
-  if (ranges == nullptr) return count != 0 ? RC_INVALID_PARAMETER : RC_NULL_OPTIONS;
+  // No record to read: a null pointer with a count is -13; no pointer or a
+  // count of 0 is -814, so the first record is never read past the caller's.
+  if (ranges == nullptr && count != 0) return RC_INVALID_PARAMETER;
+  if (ranges == nullptr || count == 0) return RC_NULL_OPTIONS;
   if (ranges[0].StructSize != 32) return RC_INVALID_STRUCT_SIZE;
   img::KernelBuffer<HueSatIntRange> copy;
   copy.adopt(static_cast<HueSatIntRange *>(IMG_ALLOC(count, sizeof(HueSatIntRange))), __LINE__, kSourceFile);

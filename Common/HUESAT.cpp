@@ -310,9 +310,9 @@ void RunPixels(T *row, int32_t channels, bool threeOnly, int32_t start, int32_t 
 // hears 0 before the change and 100 after it; the second answer is the result.
 template <class Op>
 int32_t PalettePath(BitmapRecord *bitmap, const Op &op) {
-  const int32_t count = bitmap->ColorsUsed;
+  const int32_t count = PaletteCount(bitmap);
+  if (count < 0) return count;
   PaletteEntry entries[256];
-  if (count < 0 || count > 256) return RC_NO_BITMAP;
   if (GetPalette(bitmap, 0, count, entries) != count) return RC_NO_BITMAP;
   const Progress progress;
   if (progress.active()) {
@@ -421,11 +421,13 @@ IMG_API int32_t Q_RemapBitmapHue(BitmapRecord *bitmap, const int32_t *selection,
   // Every path indexes the tables by 8-bit values at least; 16-bit rows
   // need 4096 entries (indexes shifted by 4) or 65536 (checked below).
   if (length < 256) return RC_INVALID_PARAMETER;
-  IMG_BUFFER(int32_t, ones, length);
+  // No index passes 65535: the stand-ins for null tables stop there.
+  const uint32_t reach = length < 65536u ? length : 65536u;
+  IMG_BUFFER(int32_t, ones, reach);
   if (!ones) return RC_NO_MEMORY;
-  IMG_BUFFER(int32_t, identity, length);
+  IMG_BUFFER(int32_t, identity, reach);
   if (!identity) return RC_NO_MEMORY;
-  for (uint32_t i = 0; i < length; ++i) {
+  for (uint32_t i = 0; i < reach; ++i) {
     ones[i] = 1;
     identity[i] = static_cast<int32_t>(i);
   }

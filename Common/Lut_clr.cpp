@@ -13,6 +13,7 @@
 #include "family.h"
 #include "frame.h"
 #include "imgcolor.h"
+#include "pixels.h"
 
 namespace img {
 
@@ -163,11 +164,8 @@ uint32_t LutLengthOf(const BitmapRecord *bitmap) {
   if (bitmap->ColorOrder != ORDER_GRAY) return 256;
   if (bitmap->AttachedLut != nullptr && UsesAttachedLut(bitmap))
     return bitmap->AttachedLutLength > 0 ? static_cast<uint32_t>(bitmap->AttachedLutLength) : 0;
-  const int64_t bits = bitmap->SignificantHighBit == -1
-                           ? bitmap->BitsPerPixel
-                           : static_cast<int64_t>(bitmap->SignificantHighBit) - bitmap->SignificantLowBit + 1;
-  if (bits < 1 || bits > 16) return 0;
-  return 1u << bits;
+  const int32_t bits = GraySampleBits(bitmap);
+  return bits ? 1u << bits : 0u;
 }
 
 int32_t LutShiftOf(uint32_t length) {
@@ -199,7 +197,7 @@ ContrastBounds ContrastLimits(int32_t change) {
   const int32_t a = change < 0 ? -change : change;
   const int32_t low = ::MulDiv(a, 128, 4000);
   const double g = std::pow(1.5, std::log(a * 128.0 / 1000.0) / std::log(2.0)) * 5.34;
-  int32_t high = 256 - static_cast<int32_t>(g);
+  int32_t high = 256 - TruncateToInt32(g);
   if (high < low) high = low;
   return {low, high};
 }
@@ -353,8 +351,8 @@ void BuildHistoContrastLut(int32_t *table, uint32_t length, uint32_t first, uint
   }
   const int32_t a = change < 0 ? -change : change;
   const int32_t low = ::MulDiv(a, l - f, 8000) + f;
-  const double g = std::pow(1.5, std::log(a * (l - f) / 2000.0) / std::log(2.0)) * 5.34;
-  int32_t high = l - static_cast<int32_t>(g);
+  const double g = std::pow(1.5, std::log(a * static_cast<double>(l - f) / 2000.0) / std::log(2.0)) * 5.34;
+  int32_t high = l - TruncateToInt32(g);
   if (high <= mid) high = mid + 1;
   const int32_t a256 = mid - ::MulDiv(mid, mid - low, mid - f);
   const int32_t b256 = ::MulDiv(256 - mid, high - mid, l - mid) + mid;
@@ -375,8 +373,9 @@ void BuildHistoContrastLut(int32_t *table, uint32_t length, uint32_t first, uint
 namespace {
 
 // Allocates the table, finds the occupied span of the samples (progress
-// 0..50), lets `build` fill the table from it and applies it (51..100).
-// `build` returns false when there is nothing to change.
+// 0..50), lets `build` fill the table from it (told whether no sample lies
+// inside the table) and applies it (51..100). `build` returns false when
+// there is nothing to change.
 template <class Build>
 int32_t RunHistogramOperation(BitmapRecord *bitmap, Build build) {
   KernelBuffer<int32_t> table;
@@ -389,7 +388,7 @@ int32_t RunHistogramOperation(BitmapRecord *bitmap, Build build) {
   if (const int32_t status = ::GetSampleRange(bitmap, 0, &lowest, &highest, 0, 50); status != RC_SUCCESS)
     return status;
   const HistogramSpan span = OccupiedSpan(lowest, highest, length);
-  if (!build(table.get(), length, span)) return RC_SUCCESS;
+  if (!build(table.get(), length, span, lowest < 0)) return RC_SUCCESS;
   return ApplyOperationLut(bitmap, table.get(), length, 51, 100);
 }
 
@@ -491,17 +490,22 @@ IMG_API int32_t Q_HistoContrastBitmap(BitmapRecord *bitmap, int32_t change, uint
     if (const int32_t answer = callback(0, user); answer != RC_SUCCESS) return answer;
     return callback(100, user);
   }
-  return img::RunHistogramOperation(bitmap, [&](int32_t *table, uint32_t length, img::HistogramSpan span) {
-    img::BuildHistoContrastLut(table, length, span.first, span.last, change);
-    return true;
-  });
+  return img::RunHistogramOperation(
+      bitmap, [&](int32_t *table, uint32_t length, img::HistogramSpan span, bool empty) {
+        // No sample inside the table (an empty region, or every sample above
+        // the range): nothing to stretch, the bitmap stays and the status is 1.
+        if (empty) return false;
+        img::BuildHistoContrastLut(table, length, span.first, span.last, change);
+        return true;
+      });
 }
 
 IMG_API int32_t Q_StretchBitmapIntensity(BitmapRecord *bitmap, uint32_t flags) {
   if (const int32_t status = CheckTableEntry(true, flags, bitmap)) return status;
-  return img::RunHistogramOperation(bitmap, [&](int32_t *table, uint32_t length, img::HistogramSpan span) {
-    return img::BuildStretchLut(table, length, span.first, span.last);
-  });
+  return img::RunHistogramOperation(bitmap,
+                                    [&](int32_t *table, uint32_t length, img::HistogramSpan span, bool) {
+                                      return img::BuildStretchLut(table, length, span.first, span.last);
+                                    });
 }
 
 }  // extern "C"

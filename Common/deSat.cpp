@@ -43,8 +43,9 @@ void DesaturateRow(Sample *row, int32_t channels, int32_t left, int32_t right) {
 }
 
 int32_t DesaturatePalette(BitmapRecord *bitmap) {
-  const int32_t count = bitmap->ColorsUsed;
-  IMG_BUFFER(PaletteEntry, entries, count > 0 ? static_cast<std::size_t>(count) : 0);
+  const int32_t count = PaletteCount(bitmap);
+  if (count < 0) return count;
+  IMG_BUFFER(PaletteEntry, entries, static_cast<std::size_t>(count));
   if (!entries) return RC_NO_MEMORY;
   if (GetPalette(bitmap, 0, count, entries.get()) == 0) return RC_NO_BITMAP;
   for (int32_t i = 0; i < count; ++i) {

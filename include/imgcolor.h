@@ -153,6 +153,8 @@ IMG_API int32_t Q_RemapBitmapHue(BitmapRecord *bitmap, const int32_t *selection,
                                  uint32_t flags);
 /* change: tenths of a percent, -1000..1000 */
 IMG_API int32_t Q_ChangeBitmapSaturation(BitmapRecord *bitmap, int32_t change, uint32_t flags);
+/* ranges: `count` records. Null ranges with a non-zero count: -13; null
+ * ranges or a count of 0: RC_NULL_OPTIONS (-814), and no record is read. */
 IMG_API int32_t Q_ChangeHueSatIntBitmap(BitmapRecord *bitmap, int32_t hue, int32_t saturation,
                                         int32_t intensity, const HueSatIntRange *ranges, uint32_t count,
                                         uint32_t flags);

@@ -1,6 +1,10 @@
 // The shared entry checks.
 #include "frame.h"
 
+#include <cstring>
+#include <functional>
+#include <iterator>
+
 #include "kit.h"
 
 using kit::Bitmap;
@@ -40,4 +44,45 @@ TEST(EntryFrame, ChecksRunInOrder) {
   };
   kit::ExpectStatuses(cases);
   EXPECT_EQ(old->StructSize, 176u);  // stored back unchanged
+}
+
+// Every palette path reads ColorsUsed entries only when they fit the palette
+// (1 .. 2^BitsPerPixel): any other count is refused with -2 before anything
+// is allocated, read or written; palette, pixels and caller arrays stay.
+TEST(EntryFrame, PaletteCountOutsideThePaletteIsRefused) {
+  std::vector<PaletteEntry> pal(256);
+  for (uint32_t i = 0; i < 256; ++i)
+    pal[i] = {uint8_t(i * 37 + 5), uint8_t(250 - i * 11), uint8_t(i * 91), 0};
+  const uint32_t t[3] = {100, 500, 900};
+  const HueSatIntRange band{32, 100, 0, 0, 0, 0, 0, 0};
+  std::vector<uint32_t> counts(256, 7);
+  const std::function<int32_t(BitmapRecord *)> paths[] = {
+      [](BitmapRecord *b) { return Q_DesaturateBitmap(b, 0); },
+      [](BitmapRecord *b) { return Q_ChangeBitmapHue(b, 90, 0); },
+      [](BitmapRecord *b) { return Q_ChangeBitmapSaturation(b, 300, 0); },
+      [](BitmapRecord *b) { return Q_RemapBitmapHue(b, nullptr, nullptr, nullptr, nullptr, 256, 0); },
+      [&](BitmapRecord *b) { return Q_ChangeHueSatIntBitmap(b, 9000, 0, 0, &band, 1, 0); },
+      [](BitmapRecord *b) { return Q_AdjustBitmapTint(b, 500, 0, 0); },
+      [](BitmapRecord *b) { return kit::SetRectRegion(b, 0, 0, 2, 1), Q_AdjustBitmapTint(b, 500, 0, 0); },
+      [](BitmapRecord *b) { return Q_GammaCorrectBitmapExt(b, 150, GAMMA_YUV); },  // row converter
+      [](BitmapRecord *b) { return Q_IntensityDetectBitmap(b, 0, 99, 0xFF, 0, 0x111, 0); },
+      [](BitmapRecord *b) { return Q_InvertBitmap(b, 0); },
+      [&](BitmapRecord *b) { return Q_LightControlBitmap(b, t, t, t, 1); },
+      [&](BitmapRecord *b) { return Q_GetBitmapHistogram(b, counts.data(), 256, 0); }};
+  const std::pair<int32_t, int32_t> broken[] = {{8, INT32_MAX}, {8, 257}, {8, 0}, {8, -1}, {4, 17}, {1, 3}};
+  for (size_t k = 0; k < std::size(paths); ++k)
+    for (auto [bits, count] : broken) {
+      SCOPED_TRACE("path " + std::to_string(k) + ", " + std::to_string(bits) + " bits, " +
+                   std::to_string(count));
+      kit::LeakGuard guard;
+      Bitmap b(Format{bits, ORDER_BGR}, 4, 1, {kit::Level(0), kit::Level(1), kit::Level(1), kit::Level(0)},
+               pal.data());
+      const std::vector<PaletteEntry> palette(b->Palette, b->Palette + 256);
+      const std::vector<uint8_t> stored = b.StoredBytes();
+      b->ColorsUsed = count;
+      EXPECT_EQ(paths[k](b), RC_NO_BITMAP);
+      EXPECT_TRUE(b.StoredBytes() == stored && counts == std::vector<uint32_t>(256, 7));
+      EXPECT_EQ(std::memcmp(b->Palette, palette.data(), 256 * sizeof(PaletteEntry)), 0);
+      b->ColorsUsed = 1 << bits;
+    }
 }

@@ -50,6 +50,10 @@ TEST(GammaExt, PerChannelOrThroughTheIntegerLumaForm) {
       {{64, ORDER_RGB}, 100, Rgb(40000, 1000, 20000, 9), Rgb(36816, 2631, 20002, 9)},
       {{8, ORDER_GRAY}, 200, Level(64), Level(128)},
       {{16, ORDER_GRAY}, 200, Level(1000), Level(8095)},  // 65535 * sqrt(1000 / 65535) = 8095.3
+      // Gamma 1: 65535^100 overflows a double; the curve (Y / 65535)^100 keeps white white.
+      {{48, ORDER_BGR}, 1, Rgb(65535, 65535, 65535), Rgb(65535, 65535, 65535)},
+      {{16, ORDER_GRAY}, 1, Level(65535), Level(65535)},
+      {{64, ORDER_RGB}, 1, Rgb(65535, 65535, 65535, 4), Rgb(65535, 65535, 65535, 4), GAMMA_RGB},
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.format.Name() + " gamma " + std::to_string(c.gamma));
@@ -68,6 +72,14 @@ TEST(GammaExt, PerChannelOrThroughTheIntegerLumaForm) {
   }
   auto fresh = [] { return Bitmap(Format{24, ORDER_BGR}, 9, 7); };
   kit::CheckAllocationFailures(fresh, [](Bitmap &b) { return Q_GammaCorrectBitmapExt(b, 150, GAMMA_YUV); });
+  // The per-channel path (RGB, or signed data) answers 1 whatever the
+  // forwarded call returned, kept on purpose: also when it was cancelled.
+  Bitmap c = fresh(), s = fresh();
+  s->Flags |= BITMAP_SIGNED;
+  kit::ScopedCallback cancel([](int32_t) { return kit::kCancel; });
+  EXPECT_EQ(Q_GammaCorrectBitmap(c, 150, 0), kit::kCancel);
+  EXPECT_EQ(Q_GammaCorrectBitmapExt(c, 150, GAMMA_RGB) + Q_GammaCorrectBitmapExt(s, 150, GAMMA_YUV), 2);
+  EXPECT_EQ(cancel.Reports().size(), 3u);
 }
 
 TEST(AutoBinary, ThresholdSearch) {

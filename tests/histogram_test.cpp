@@ -66,6 +66,31 @@ TEST(Histograms, MatchCountsOfPixelValues) {
   EXPECT_EQ(counts, (std::vector<uint32_t>{1, 0, 1, 1}));
 }
 
+// 8-bit gray with five significant bits: a histogram of exactly 32 counts,
+// samples 32 and above counted nowhere and left alone by the operations that
+// size their histogram by the range. Auto level stretches 4..20 (9: 9.7);
+// light control runs through (7, 3), (10, 15), (20, 27) (4: 1.7, 9: 11).
+TEST(Histograms, ByteSamplesWithFewSignificantBits) {
+  kit::LeakGuard guard;
+  const uint32_t t1[3] = {100, 100, 100}, t5[3] = {500, 500, 500}, t9[3] = {900, 900, 900};
+  const std::vector<uint32_t> want[3] = {
+      {4, 20, 9, 32, 255, 9}, {0, 31, 10, 32, 255, 10}, {1, 27, 11, 32, 255, 11}};
+  for (int op = 0; op < 3; ++op) {
+    std::vector<Pixel> levels;
+    for (uint32_t v : want[0]) levels.push_back(kit::Level(v));
+    kit::Bitmap b({8, ORDER_GRAY}, 6, 1, levels);
+    b->SignificantHighBit = 4;
+    std::vector<uint32_t> counts(32, 0);  // on the heap: an overrun is caught
+    ASSERT_EQ(op == 0   ? Q_GetBitmapHistogram(b, counts.data(), 32, 0)
+              : op == 1 ? Q_AutoColorLevelBitmap(b, 0, 0, 0, 0)
+                        : Q_LightControlBitmap(b, t1, t5, t9, 1),
+              RC_SUCCESS);
+    for (uint32_t x = 0; x < 6; ++x) EXPECT_EQ(b.At(x, 0), kit::Level(want[op][x])) << op << " at " << x;
+    EXPECT_TRUE(op > 0 || (counts[4] == 1 && counts[20] == 1 && counts[9] == 2 &&
+                           std::accumulate(counts.begin(), counts.end(), 0u) == 4));
+  }
+}
+
 // Statuses in check order; cancelled at every report and with the region's
 // run list failing, nothing leaks.
 TEST(Histograms, SampleRangeIsTheOccupiedSpanOfTheHistogram) {

@@ -96,6 +96,9 @@ TEST(TableOperations, EveryKind) {
        [](uint32_t, uint32_t) { return 0u; }},
       {[](BitmapRecord *b) { return Q_GammaCorrectBitmap(b, 200, 0); },
        [](uint32_t v, uint32_t f) { return uint32_t(std::nearbyint(f * std::sqrt(double(v) / f))); }},
+      // Gamma 1: where F^100 overflows a double, the curve's true value (not NaN made 0).
+      {[](BitmapRecord *b) { return Q_GammaCorrectBitmap(b, 1, 0); },
+       [](uint32_t v, uint32_t f) { return uint32_t(std::nearbyint(f * std::pow(double(v) / f, 100))); }},
   };
   for (const Format &format : kit::AllFormats(true))
     for (const auto &[op, map] : ops) ExpectSampleMap(format, op, map);

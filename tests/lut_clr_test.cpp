@@ -256,6 +256,22 @@ TEST(LutExports, GraySpansAndSignificantBits) {
   Bitmap full(Format{8, G}, 3, 1, {Level(0), Level(164), Level(255)});
   ASSERT_EQ(Q_HistoContrastBitmap(full, 1000, 0), RC_SUCCESS);
   EXPECT_EQ(full.At(1, 0), Level(255 * 132 / 133));
+  // Nothing to stretch with no sample inside the table (an empty region, every sample above a
+  // five-bit range, signed 16-bit gray whose high and low bits -2 leave one bit): 1, unchanged.
+  Bitmap empty(Format{24, B}, 4, 2), above(Format{8, G}, 3, 1, {Level(32), Level(200), Level(255)});
+  Bitmap one(Format{16, G}, 3, 1, {Level(0x8000), Level(40000), Level(0xFFFF)});
+  empty.Randomize(5);
+  kit::SetRectRegion(empty, 2, 1, 2, 1);
+  above->SignificantHighBit = 4;
+  one->Flags |= BITMAP_SIGNED, one->SignificantLowBit = one->SignificantHighBit = -2;
+  for (Bitmap *e : {&empty, &above, &one}) {
+    const auto stored = e->StoredBytes();
+    EXPECT_EQ(Q_HistoContrastBitmap(*e, 1000, 0) + Q_HistoContrastBitmap(*e, -1, 0) +
+                  Q_StretchBitmapIntensity(*e, 0),
+              3)
+        << e->format().Name();
+    EXPECT_EQ(e->StoredBytes(), stored) << e->format().Name();
+  }
 }
 
 TEST(LutExports, SignedAttachedAndCallersTables) {
@@ -275,6 +291,13 @@ TEST(LutExports, SignedAttachedAndCallersTables) {
   // Math/logic on signed data goes through offsets and back: the all-zero output is uniform.
   ASSERT_EQ(Q_ApplyMathLogicBitmap(b, 0, 0x2000), RC_SUCCESS);
   EXPECT_EQ(b.Pixels(), std::vector<Pixel>(4, b.At(0, 0)));
+  // A refusal (channel 4, divide by 0) leaves a signed bitmap bit for bit, also a sample
+  // above the 12-bit range, which a pass leaves as well (the table does not reach it).
+  Bitmap s12(Format{12, G}, 2, 1, {Level(0x0FFF), Level(0xF123)});
+  const auto stored12 = (s12->Flags |= BITMAP_SIGNED, s12.StoredBytes());
+  EXPECT_EQ(Q_ApplyMathLogicBitmap(s12, 0, 4) + Q_ApplyMathLogicBitmap(s12, 0, 0x800), 2 * kBad);
+  EXPECT_EQ(s12.StoredBytes(), stored12);
+  EXPECT_EQ(Q_ApplyMathLogicBitmap(s12, 3, 0x300) * 0x10000 + s12.At(1, 0).v[0], 0x1F123u);
   // An attached table changes instead of the pixels.
   // Solarize and then add 5: 10 i -> 255 - 10 i -> min(255, 260 - 10 i).
   const std::vector<Pixel> kept = {Level(1), Level(2), Level(3), Level(4)};

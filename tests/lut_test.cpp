@@ -198,10 +198,16 @@ TEST(ApplyLut, SignedData) {
     ASSERT_EQ(UnsignedToSigned(bm, 1, 0), RC_SUCCESS);
     EXPECT_EQ(bm.StoredBytes(), stored) << s.Name();
   }
-  kit::Bitmap gray({16, ORDER_GRAY}, 3, 1, {kit::Level(0), kit::Level(511), kit::Level(1023)});
-  gray->SignificantHighBit = 9;  // 10 bits: half is 512, modulo 1024
+  // 10 bits: half is 512, modulo 1024; bits above the ten are kept, so the
+  // shift and its inverse give back every stored pattern.
+  kit::Bitmap gray({16, ORDER_GRAY}, 4, 1,
+                   {kit::Level(0), kit::Level(511), kit::Level(1023), kit::Level(0xFC05)});
+  gray->SignificantHighBit = 9;
   ASSERT_EQ(SignedToUnsigned(gray, 0, 0), RC_SUCCESS);
-  EXPECT_EQ(gray.Pixels(), (std::vector<Pixel>{kit::Level(512), kit::Level(1023), kit::Level(511)}));
+  EXPECT_EQ(gray.Pixels(),
+            (std::vector<Pixel>{kit::Level(512), kit::Level(1023), kit::Level(511), kit::Level(0xFE05)}));
+  ASSERT_EQ(UnsignedToSigned(gray, 1, 0), RC_SUCCESS);
+  EXPECT_EQ(gray.At(3, 0), kit::Level(0xFC05));
 
   const int8_t values[] = {-128, -1, 0, 1, 5, 127, -77};
   kit::Bitmap bm({8, ORDER_GRAY}, 7, 1);
@@ -216,28 +222,45 @@ TEST(ApplyLut, SignedData) {
 }
 
 // Table lengths by kind and significant bits, zeroed, allocation failure;
-// statuses of every export in check order.
+// statuses of every export in check order. Gray bits are read one way by the
+// length, the sample range and the samples a table maps: every stored bit
+// when the high bit is -1, else High - Low + 1 (-2 and -2 is one bit); a
+// count outside 1..16 (length 0) is refused by all with -13. The highest
+// stored pattern lies above a short range and stays.
 TEST(Lut, LengthsAndStatuses) {
   kit::LeakGuard guard;
-  const struct {
-    Format format;
-    int32_t low, high;
-    uint32_t length;
-  } cases[] = {
-      {{1, ORDER_BGR}, 0, -1, 256},     {{16, ORDER_BGR}, 0, -1, 256},  {{48, ORDER_BGR}, 0, -1, 65536},
-      {{64, ORDER_RGB}, 0, -1, 65536},  {{8, ORDER_GRAY}, 0, -1, 256},  {{12, ORDER_GRAY}, 0, -1, 4096},
-      {{16, ORDER_GRAY}, 0, -1, 65536}, {{16, ORDER_GRAY}, 0, 9, 1024}, {{16, ORDER_GRAY}, 4, 15, 4096},
-  };
+  const int32_t B = ORDER_BGR, G = ORDER_GRAY, N = INT32_MIN, X = INT32_MAX;
+  const int32_t cases[][5] = {// bits, order, low, high, length
+                              {1, B, 0, -1, 256},    {16, B, 0, -1, 256}, {48, B, 0, -1, 65536},
+                              {64, 0, 0, -1, 65536}, {8, G, 0, -1, 256},  {12, G, 0, -1, 4096},
+                              {16, G, 0, -1, 65536}, {16, G, 0, 9, 1024}, {16, G, 4, 15, 4096},
+                              {16, G, -2, -2, 2},    {16, G, -5, -2, 16}, {8, G, 0, 4, 32},
+                              {8, G, -3, -3, 2},     {16, G, 0, -2, 0},   {16, G, 9, 2, 0},
+                              {16, G, 0, 16, 0},     {12, G, 0, X, 0},    {16, G, N, 5, 0}};
   int32_t *table = nullptr;
   uint32_t length = 0;
-  for (const auto &c : cases) {
-    kit::Bitmap bm(c.format, 2, 2);
-    bm->SignificantLowBit = c.low;
-    bm->SignificantHighBit = c.high;
-    ASSERT_EQ(AllocBitmapLut(bm, &table, &length), RC_SUCCESS);
-    EXPECT_EQ(length, c.length) << c.format.Name() << " high " << c.high;
-    EXPECT_EQ(std::count(table, table + length, 0), static_cast<std::ptrdiff_t>(length));
-    FreeMemory(table, __LINE__, L"tests/lut");
+  for (auto [bits, order, low, high, n] : cases) {
+    SCOPED_TRACE(std::to_string(bits) + " bits, low " + std::to_string(low) + " high " +
+                 std::to_string(high));
+    const uint32_t stored = bits == 8 ? 0xFFu : 0xFFFFu, top = static_cast<uint32_t>(n) - 1;
+    kit::Bitmap bm({bits, order}, 3, 1, {kit::Level(1), kit::Level(top), kit::Level(stored)});
+    bm->SignificantLowBit = low, bm->SignificantHighBit = high;
+    const int32_t want = n ? RC_SUCCESS : RC_INVALID_PARAMETER;
+    ASSERT_EQ(AllocBitmapLut(bm, &table, &length), want);
+    if (n) {
+      EXPECT_EQ(length, static_cast<uint32_t>(n));
+      EXPECT_EQ(std::count(table, table + length, 0), static_cast<std::ptrdiff_t>(length));
+      FreeMemory(table, __LINE__, L"tests/lut");
+    }
+    int32_t lo = -2, hi = -2;
+    if (order != G) continue;
+    EXPECT_EQ(GetSampleRange(bm, 0, &lo, &hi, 0, 100) + SignedToUnsigned(bm, 0, 0) +
+                  UnsignedToSigned(bm, 1, 0) + Q_InvertBitmap(bm, 0),
+              4 * want);
+    if (!n) continue;
+    EXPECT_EQ(std::pair(lo, hi), std::pair(1, static_cast<int32_t>(top)));
+    EXPECT_EQ(bm.Pixels(), (std::vector<Pixel>{kit::Level(top - 1), kit::Level(0),
+                                               kit::Level(stored == top ? 0 : stored)}));
   }
   auto alloc = [&](kit::Bitmap &b) {
     const int32_t status = AllocBitmapLut(b, &table, &length);

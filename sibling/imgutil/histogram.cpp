@@ -25,8 +25,11 @@ int32_t CheckBitmap(const BitmapRecord *b) {
   return RC_SUCCESS;
 }
 
-// Significant bits of a gray sample, at most the storage width.
-int32_t GrayBits(const BitmapRecord *b, Kind kind) {
+// Significant bits of a sample: gray by its significant bits (at most the
+// storage width; 0 without a sample range), 16 for 48/64, 8 otherwise.
+int32_t SampleBits(const BitmapRecord *b, Kind kind) {
+  if (kind == Kind::Color48 || kind == Kind::Color64) return 16;
+  if (!img::IsGrayKind(kind)) return 8;
   const int32_t storage = kind == Kind::Gray8 ? 8 : kind == Kind::Gray12 ? 12 : 16;
   const int32_t bits = img::GraySampleBits(b);
   return bits < storage ? bits : storage;
@@ -41,8 +44,9 @@ int32_t VisitPixels(const BitmapRecord *b, Kind kind, int32_t start, int32_t end
                     GrayFn &&gray) {
   PaletteEntry pal[256] = {};
   if (kind == Kind::Palette) {
-    const int32_t count = b->ColorsUsed;
-    if (count <= 0 || count > 256 || ::GetPalette(b, 0, count, pal) == 0) return RC_NO_BITMAP;
+    const int32_t count = img::PaletteCount(b);
+    if (count < 0) return count;
+    if (::GetPalette(b, 0, count, pal) == 0) return RC_NO_BITMAP;
   }
   img::RegionRows rows(b, __LINE__, kSourceFile);
   if (rows.status() != RC_SUCCESS) return rows.status();
@@ -164,9 +168,10 @@ int32_t MinUpdate(int32_t oldMin, int32_t entering, int32_t leftOld, Search &&ab
 // The byte samples of 8-bit gray, 24 and 32-bit pixels (all three colour
 // samples, or one channel; never the fourth) counted into four banks, so
 // that neighbouring equal samples do not wait for each other's increment;
-// the banks are added to `counts` at the end.
-int32_t CountBytes(const BitmapRecord *b, Kind kind, uint32_t channel, uint32_t *counts, int32_t start,
-                   int32_t end) {
+// the banks are added to the `length` counts at the end (values at or past
+// the last count are not counted, as everywhere in GetHistogram).
+int32_t CountBytes(const BitmapRecord *b, Kind kind, uint32_t channel, uint32_t *counts, uint32_t length,
+                   int32_t start, int32_t end) {
   uint32_t banks[4][256] = {};
   img::RegionRows rows(b, __LINE__, kSourceFile);
   if (rows.status() != RC_SUCCESS) return rows.status();
@@ -208,7 +213,8 @@ int32_t CountBytes(const BitmapRecord *b, Kind kind, uint32_t channel, uint32_t 
     }
   });
   if (status != RC_SUCCESS) return status;
-  for (int32_t i = 0; i < 256; ++i) counts[i] += c0[i] + c1[i] + c2[i] + c3[i];
+  const uint32_t bins = length < 256 ? length : 256;
+  for (uint32_t i = 0; i < bins; ++i) counts[i] += c0[i] + c1[i] + c2[i] + c3[i];
   return RC_SUCCESS;
 }
 
@@ -307,18 +313,18 @@ IMG_API int32_t GetHistogram(BitmapRecord *bitmap, uint32_t *counts, uint32_t le
   if (!counts) return RC_NULL_OPTIONS;
   if (length == 0 || channel > LUT_CHANNEL_BLUE) return RC_INVALID_PARAMETER;
   const Kind kind = img::KindOf(bitmap);
-  const int32_t bits = img::IsGrayKind(kind)                              ? GrayBits(bitmap, kind)
-                       : (kind == Kind::Color48 || kind == Kind::Color64) ? 16
-                                                                          : 8;
+  const int32_t bits = SampleBits(bitmap, kind);
+  if (bits == 0) return RC_INVALID_PARAMETER;
   // With fewer bins than sample values, value v falls into bin v * length /
-  // 2^bits; otherwise bin v. Bins past the end are never written.
+  // 2^bits; otherwise bin v. A value whose bin lies at or past the end (a
+  // sample at or above the range) is not counted.
   const bool fold = length < (1u << bits);
   auto add = [&](uint32_t v) {
     const uint64_t bin = fold ? (static_cast<uint64_t>(v) * length) >> bits : v;
     if (bin < length) counts[bin]++;
   };
   if (!fold && (kind == Kind::Gray8 || kind == Kind::Color24 || kind == Kind::Color32))
-    return CountBytes(bitmap, kind, channel, counts, start, end);
+    return CountBytes(bitmap, kind, channel, counts, length, start, end);
   const bool blue = channel == LUT_CHANNEL_ALL || channel == LUT_CHANNEL_BLUE;
   const bool green = channel == LUT_CHANNEL_ALL || channel == LUT_CHANNEL_GREEN;
   const bool red = channel == LUT_CHANNEL_ALL || channel == LUT_CHANNEL_RED;
@@ -338,11 +344,13 @@ IMG_API int32_t GetSampleRange(BitmapRecord *bitmap, uint32_t channel, int32_t *
   if (status != RC_SUCCESS) return status;
   if (!lowest || !highest) return RC_NULL_OPTIONS;
   if (channel > LUT_CHANNEL_BLUE) return RC_INVALID_PARAMETER;
-  *lowest = *highest = -1;
   const Kind kind = img::KindOf(bitmap);
+  const int32_t bits = SampleBits(bitmap, kind);
+  if (bits == 0) return RC_INVALID_PARAMETER;
+  *lowest = *highest = -1;
   const bool signedData = (bitmap->Flags & BITMAP_SIGNED) != 0;
   if (channel == LUT_CHANNEL_ALL && (kind == Kind::Gray8 || kind == Kind::Color24 || kind == Kind::Color32) &&
-      (kind != Kind::Gray8 || GrayBits(bitmap, kind) == 8)) {
+      bits == 8) {
     ByteRange range;
     img::RegionRows rows(bitmap, __LINE__, kSourceFile);
     if (rows.status() != RC_SUCCESS) return rows.status();
@@ -354,8 +362,8 @@ IMG_API int32_t GetSampleRange(BitmapRecord *bitmap, uint32_t channel, int32_t *
     if (walked == RC_SUCCESS) range.Result(lowest, highest);
     return walked;
   }
-  if (channel == LUT_CHANNEL_ALL && (kind == Kind::Color48 || kind == Kind::Color64 ||
-                                     (kind == Kind::Gray16 && GrayBits(bitmap, kind) == 16))) {
+  if (channel == LUT_CHANNEL_ALL &&
+      (kind == Kind::Color48 || kind == Kind::Color64 || (kind == Kind::Gray16 && bits == 16))) {
     WordRange range;
     img::RegionRows rows(bitmap, __LINE__, kSourceFile);
     if (rows.status() != RC_SUCCESS) return rows.status();
@@ -369,9 +377,6 @@ IMG_API int32_t GetSampleRange(BitmapRecord *bitmap, uint32_t channel, int32_t *
     return walked;
   }
   // Every other kind: the values GetHistogram counts, without the counts.
-  const int32_t bits = img::IsGrayKind(kind)                              ? GrayBits(bitmap, kind)
-                       : (kind == Kind::Color48 || kind == Kind::Color64) ? 16
-                                                                          : 8;
   const uint32_t range = 1u << bits;
   const uint32_t flip = signedData ? range / 2 : 0;
   uint32_t lo = UINT32_MAX, hi = 0;
@@ -405,10 +410,11 @@ IMG_API int32_t ComputeHistogram(BitmapRecord *bitmap, uint32_t *counts, uint32_
   if (status != RC_SUCCESS) return status;
   if (!counts) return RC_NULL_OPTIONS;
   if (channel > LUT_CHANNEL_BLUE) return RC_INVALID_PARAMETER;
-  std::memset(counts, 0, 256 * sizeof(uint32_t));
   const Kind kind = img::KindOf(bitmap);
+  const int32_t bits = img::IsGrayKind(kind) ? SampleBits(bitmap, kind) : 8;
+  if (bits == 0) return RC_INVALID_PARAMETER;
+  std::memset(counts, 0, 256 * sizeof(uint32_t));
   const int32_t shift = (kind == Kind::Color48 || kind == Kind::Color64) ? 8 : 0;
-  const int32_t bits = img::IsGrayKind(kind) ? GrayBits(bitmap, kind) : 8;
   const uint32_t top = (1u << bits) - 1u;
   return VisitPixels(
       bitmap, kind, start, end,

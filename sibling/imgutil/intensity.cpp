@@ -189,8 +189,9 @@ namespace img {
 
 int32_t FullScale(const BitmapRecord *b) {
   if (b->BitsPerPixel >= 48) return 65535;
-  if (b->ColorOrder == ORDER_GRAY) return (1 << GraySampleBits(b)) - 1;
-  return 255;
+  if (b->ColorOrder != ORDER_GRAY) return 255;
+  const int32_t bits = GraySampleBits(b);
+  return bits ? (1 << bits) - 1 : RC_INVALID_PARAMETER;
 }
 
 void RotateHistogram(uint32_t *counts, uint32_t length) {
@@ -254,7 +255,9 @@ IMG_API int32_t LightControl(BitmapRecord *bitmap, const uint32_t *lower, const 
     if (lower[c] > middle[c] || middle[c] > upper[c] || upper[c] > 1000) return RC_INVALID_PARAMETER;
 
   const bool luminance = type == LIGHT_CONTROL_LUMINANCE && !IsSingleSample(bitmap);
-  const uint32_t length = static_cast<uint32_t>(img::FullScale(bitmap)) + 1;
+  const int32_t full = img::FullScale(bitmap);
+  if (full < 0) return full;
+  const uint32_t length = static_cast<uint32_t>(full) + 1;
   IMG_BUFFER(uint32_t, histogram, length);
   if (!histogram) return RC_NO_MEMORY;
 
@@ -346,7 +349,9 @@ IMG_API int32_t AutoColorLevel(BitmapRecord *bitmap, uint32_t type, uint32_t bla
   if (flags != 0 || type > AUTO_LEVEL_INTENSITY || blackClip >= 10000 || whiteClip >= 10000 ||
       blackClip + whiteClip >= 10000)
     return RC_INVALID_PARAMETER;
-  const uint32_t length = static_cast<uint32_t>(img::FullScale(bitmap)) + 1;
+  const int32_t full = img::FullScale(bitmap);
+  if (full < 0) return full;
+  const uint32_t length = static_cast<uint32_t>(full) + 1;
   IMG_BUFFER(uint32_t, histogram, length);
   if (!histogram) return RC_NO_MEMORY;
 
@@ -382,6 +387,7 @@ IMG_API int32_t ColorLevel(BitmapRecord *bitmap, const ColorLevelRecord *levels,
   constexpr uint32_t kAll = COLOR_LEVEL_MASTER | COLOR_LEVEL_RED | COLOR_LEVEL_GREEN | COLOR_LEVEL_BLUE;
   if (flags & ~kAll) return RC_INVALID_PARAMETER;
   const int32_t full = img::FullScale(bitmap);
+  if (full < 0) return full;
   const ColorLevelSet *sets[4] = {&levels->Master, &levels->Red, &levels->Green, &levels->Blue};
   const uint32_t bits[4] = {COLOR_LEVEL_MASTER, COLOR_LEVEL_RED, COLOR_LEVEL_GREEN, COLOR_LEVEL_BLUE};
   for (int k = 0; k < 4; ++k) {

@@ -35,7 +35,8 @@ int32_t SampleOffset(int32_t order, uint32_t channel) {
 
 inline int32_t Clamp(int32_t bits, int32_t storage) { return bits < storage ? bits : storage; }
 
-// Significant bits of a sample of this kind (gray: by its significant bits).
+// Significant bits of a sample of this kind (gray: by its significant bits,
+// at most the stored width); 0 for a gray bitmap without a sample range.
 int32_t SampleBits(const BitmapRecord *b, Kind kind) {
   switch (kind) {
     case Kind::Gray8:
@@ -87,8 +88,9 @@ PaletteEntry MapEntry(PaletteEntry e, const uint8_t *t, uint32_t channel) {
 int32_t MapPalette(BitmapRecord *b, const uint8_t *t, uint32_t channel, int32_t start, int32_t end,
                    img::LutPath path) {
   PaletteEntry pal[256];
-  const int32_t count = b->ColorsUsed;
-  if (count <= 0 || count > 256 || ::GetPalette(b, 0, count, pal) == 0) return RC_NO_BITMAP;
+  const int32_t count = img::PaletteCount(b);
+  if (count < 0) return count;
+  if (::GetPalette(b, 0, count, pal) == 0) return RC_NO_BITMAP;
   if (!::BitmapHasRegion(b)) {
     img::Progress progress;
     int32_t answer = progress.step(start);
@@ -253,6 +255,7 @@ int32_t ApplyLutImpl(BitmapRecord *b, const int32_t *table, uint32_t length, uin
   // entry as an offset value (0 = most negative) and store its two's
   // complement pattern. Values the table does not cover stay.
   const int32_t bits = SampleBits(b, kind);
+  if (bits == 0) return RC_INVALID_PARAMETER;
   const uint32_t mask = (1u << bits) - 1u;
   const uint32_t half = (b->Flags & BITMAP_SIGNED) ? 1u << (bits - 1) : 0u;
   auto entry = [&](uint32_t v) -> uint32_t {
@@ -267,8 +270,10 @@ inline uint32_t Widen(uint32_t t, int32_t bits) {
   return bits >= 8 ? (t << (bits - 8)) | (t >> (16 - bits)) : t >> (8 - bits);
 }
 
-// Adds half the range to every stored sample, modulo the range. Adding half
-// twice is the identity, so both directions are the same pass.
+// Adds half the range to the significant bits of every stored sample,
+// modulo the range; bits above them (a gray sample beyond its significant
+// bits) are kept. Adding half twice is the identity on every stored
+// pattern, so both directions are the same pass and undo each other exactly.
 int32_t ShiftSamples(BitmapRecord *b) {
   int32_t status = CheckBitmap(b);
   if (status != RC_SUCCESS) return status;
@@ -277,8 +282,10 @@ int32_t ShiftSamples(BitmapRecord *b) {
   if (status != RC_SUCCESS) return status;
   if (kind == Kind::Palette) return RC_SUCCESS;
   const int32_t bits = SampleBits(b, kind);
+  if (bits == 0) return RC_INVALID_PARAMETER;
   const uint32_t mask = (1u << bits) - 1u;
   const uint32_t half = 1u << (bits - 1);
+  auto shift = [mask, half](uint32_t v) { return (v & ~mask) | ((v + half) & mask); };
   const std::size_t used = static_cast<std::size_t>(b->Width) * static_cast<std::size_t>(b->BitsPerPixel) / 8;
   for (int32_t y = 0; y < b->Height; ++y) {
     uint8_t *row = img::StoredRow(b, y);
@@ -289,12 +296,12 @@ int32_t ShiftSamples(BitmapRecord *b) {
         break;
       }
       case Kind::Gray8:
-        for (std::size_t i = 0; i < used; ++i) row[i] = static_cast<uint8_t>((row[i] + half) & mask);
+        for (std::size_t i = 0; i < used; ++i) row[i] = static_cast<uint8_t>(shift(row[i]));
         break;
       case Kind::Gray12:
       case Kind::Gray16: {
         uint16_t *w = reinterpret_cast<uint16_t *>(row);
-        for (int32_t x = 0; x < b->Width; ++x) w[x] = static_cast<uint16_t>((w[x] + half) & mask);
+        for (int32_t x = 0; x < b->Width; ++x) w[x] = static_cast<uint16_t>(shift(w[x]));
         break;
       }
       case Kind::Color48:
@@ -332,10 +339,8 @@ IMG_API int32_t AllocBitmapLut(BitmapRecord *bitmap, int32_t **table, uint32_t *
   if (bitmap->BitsPerPixel >= 48) {
     n = 65536;
   } else if (bitmap->ColorOrder == ORDER_GRAY) {
-    const int32_t bits = bitmap->SignificantHighBit == -1
-                             ? bitmap->BitsPerPixel
-                             : bitmap->SignificantHighBit - bitmap->SignificantLowBit + 1;
-    if (bits < 1 || bits > 16) return RC_INVALID_PARAMETER;
+    const int32_t bits = img::GraySampleBits(bitmap);
+    if (bits == 0) return RC_INVALID_PARAMETER;
     n = 1u << bits;
   }
   int32_t *p = static_cast<int32_t *>(IMG_ALLOC(n, sizeof(int32_t)));
@@ -364,6 +369,7 @@ IMG_API int32_t ApplyByteLut(BitmapRecord *bitmap, const uint8_t *table, uint32_
   // (16 bits: t * 257; 12 bits: t << 4 | t >> 4). Values above the
   // sample's range stay.
   const int32_t bits = SampleBits(bitmap, kind);
+  if (bits == 0) return RC_INVALID_PARAMETER;
   const uint32_t top = (1u << bits) - 1u;
   auto entry = [&](uint32_t v) -> uint32_t { return v > top ? v : Widen(table[Narrow(v, bits)], bits); };
   return MapThroughEntries(bitmap, kind, channel, start, end, img::FastestLutPath(), entry);

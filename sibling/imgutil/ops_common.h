@@ -35,7 +35,8 @@ int32_t ApplyCurve(BitmapRecord *b, uint32_t channel, int32_t start, int32_t end
   return ApplyLut(b, table.get(), length, attached ? 0u : (LUT_INDEX_BY_VALUE | channel), start, end);
 }
 
-// Largest sample value of the bitmap: AllocBitmapLut's length - 1.
+// Largest sample value of the bitmap: AllocBitmapLut's length - 1;
+// RC_INVALID_PARAMETER for a gray bitmap without a sample range.
 int32_t FullScale(const BitmapRecord *b);
 
 // Rotates a histogram of stored patterns of a signed bitmap so that index 0

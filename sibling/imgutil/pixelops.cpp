@@ -160,8 +160,9 @@ IMG_API int32_t GrayScaleExt(BitmapRecord *bitmap, int32_t red, int32_t green, i
 IMG_API int32_t IntensityDetect(BitmapRecord *bitmap, uint32_t low, uint32_t high, uint32_t inColor,
                                 uint32_t outColor, uint32_t channel) {
   if (const int32_t s = img::CheckOperand(bitmap)) return s;
-  const uint32_t full = static_cast<uint32_t>(img::FullScale(bitmap));
-  if (channel == 0 || (channel & ~DETECT_CHANNEL_INTENSITY) != 0 || low > high || high > full)
+  const int32_t full = img::FullScale(bitmap);
+  if (full < 0 || channel == 0 || (channel & ~DETECT_CHANNEL_INTENSITY) != 0 || low > high ||
+      high > static_cast<uint32_t>(full))
     return RC_INVALID_PARAMETER;
   if (bitmap->Flags & BITMAP_SIGNED) return RC_SIGNED_DATA_NOT_SUPPORTED;
   const bool intensity = channel == DETECT_CHANNEL_INTENSITY;
@@ -172,10 +173,12 @@ IMG_API int32_t IntensityDetect(BitmapRecord *bitmap, uint32_t low, uint32_t hig
   // 8-bit gray has the gray ramp as palette but goes by its levels (rows).
   if (img::KindOf(bitmap) == img::Kind::Palette && !BitmapHasRegion(bitmap) && bitmap->Palette &&
       bitmap->PaletteFlag == 0) {
+    const int32_t count = img::PaletteCount(bitmap);
+    if (count < 0) return count;
     uint32_t in[3], out[3];
     ColorSamples(inColor, false, in);
     ColorSamples(outColor, false, out);
-    for (int32_t i = 0; i < bitmap->ColorsUsed; ++i) {
+    for (int32_t i = 0; i < count; ++i) {
       PaletteEntry &e = bitmap->Palette[i];
       uint8_t *s[3] = {&e.Blue, &e.Green, &e.Red};
       if (intensity) {

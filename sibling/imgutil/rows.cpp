@@ -397,18 +397,23 @@ bool ChooseLoops(ImgRowConverter &c, const BitmapRecord *b) {
 }
 
 // Takes the palette as it is now: its colours, or the gray ramp of the depth
-// for a bitmap without palette.
-void LoadPalette(ImgRowConverter &c) {
+// for a bitmap without palette (or whose palette block cannot be read).
+// A palette count outside the palette is refused with RC_NO_BITMAP.
+int32_t LoadPalette(ImgRowConverter &c) {
   BitmapRecord *b = c.bitmap;
-  const int32_t capacity = 1 << b->BitsPerPixel;
   std::memset(c.palette, 0, sizeof c.palette);
-  int32_t count = b->ColorsUsed < capacity ? b->ColorsUsed : capacity;
-  if (b->PaletteFlag == PALETTE_FLAG_NONE || count <= 0 || GetPalette(b, 0, count, c.palette) != count) {
+  int32_t count = 1 << b->BitsPerPixel;
+  if (b->PaletteFlag != PALETTE_FLAG_NONE) {
+    count = img::PaletteCount(b);
+    if (count < 0) return count;
+  }
+  if (b->PaletteFlag == PALETTE_FLAG_NONE || GetPalette(b, 0, count, c.palette) != count) {
     img::GrayRamp(c.palette, b->BitsPerPixel);
-    count = capacity;
+    count = 1 << b->BitsPerPixel;
   }
   c.paletteCount = count;
   new (c.matcherStorage) img::PaletteMatcher(c.palette, count);
+  return RC_SUCCESS;
 }
 
 bool ValidLayout(int32_t layout) {
@@ -419,6 +424,10 @@ bool ValidLayout(int32_t layout) {
 int32_t StartWalk(ImgRowConverter *c, Walk walk, const Rect *rect, bool withProgress, int32_t start,
                   int32_t end) {
   BitmapRecord *b = c->bitmap;
+  if (c->kind == img::Kind::Palette) {
+    const int32_t status = LoadPalette(*c);
+    if (status != RC_SUCCESS) return status;
+  }
   Rect bounds{0, 0, c->width, c->height};
   bool useRegion = false;
   if (walk == Walk::Rectangle) {
@@ -451,7 +460,6 @@ int32_t StartWalk(ImgRowConverter *c, Walk walk, const Rect *rect, bool withProg
   c->progressStart = start;
   c->progressEnd = end;
   c->progress = img::Progress();
-  if (c->kind == img::Kind::Palette) LoadPalette(*c);
   return RC_SUCCESS;
 }
 
@@ -482,6 +490,8 @@ IMG_API int32_t CreateRowConverter(BitmapRecord *bitmap, RowConverter *converter
   const img::Kind kind = img::KindOf(bitmap);
   if (kind == img::Kind::Invalid || kind == img::Kind::Gray32) return RC_UNSUPPORTED_BITMAP;
   if (bitmap->Width < 1 || bitmap->Height < 1) return RC_UNSUPPORTED_BITMAP;
+  if (kind == img::Kind::Palette && bitmap->PaletteFlag != PALETTE_FLAG_NONE && img::PaletteCount(bitmap) < 0)
+    return RC_NO_BITMAP;
 
   void *memory = IMG_ALLOC(1, sizeof(ImgRowConverter));
   if (!memory) return RC_NO_MEMORY;

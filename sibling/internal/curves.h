@@ -31,14 +31,20 @@ inline void LumaBack(const YuvPixel &p, int32_t max, int32_t *r, int32_t *g, int
 }
 
 // Gamma curve over `length` entries (top = length - 1), e = 1 / (gamma / 100):
-// entry i = round-half-even(top * min(i^e * (1 / top^e), 1)).
+// entry i = round-half-even(top * min(i^e * (1 / top^e), 1)), gamma > 0.
+// Where top^e overflows a double (small gammas on more than ten bits: gamma
+// 1 on 16 bits is 65535^100), that form is infinity times 0, NaN; there the
+// entry is the curve's true value round-half-even(top * (i / top)^e), so
+// white stays white. Every finite case keeps the form above.
 template <class Entry>
 void BuildGammaTable(uint32_t gamma, uint32_t length, Entry *table) {
   const double e = 1.0 / (gamma / 100.0);
   const double last = static_cast<double>(length - 1);
   const double top = std::pow(last, e);
+  const bool direct = !std::isfinite(top) || length < 2;
   for (uint32_t i = 0; i < length; ++i) {
-    double r = std::pow(static_cast<double>(i), e) * (1.0 / top);
+    double r = direct ? (length < 2 ? 0.0 : std::pow(static_cast<double>(i) / last, e))
+                      : std::pow(static_cast<double>(i), e) * (1.0 / top);
     if (r > 1.0) r = 1.0;
     table[i] = static_cast<Entry>(std::nearbyint(last * r));
   }

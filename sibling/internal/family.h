@@ -95,6 +95,16 @@ class Progress {
   int32_t last_ = -1;
 };
 
+// A double truncated toward zero into 32 bits, as the formulas' casts do,
+// but defined for every input: NaN gives 0 and values beyond the range give
+// its ends (a plain cast of those is undefined).
+inline int32_t TruncateToInt32(double v) {
+  if (!(v == v)) return 0;
+  if (v >= 2147483647.0) return INT32_MAX;
+  if (v <= -2147483648.0) return INT32_MIN;
+  return static_cast<int32_t>(v);
+}
+
 inline bool IsPaletteBitmap(const BitmapRecord *b) { return b->BitsPerPixel < 9; }
 inline bool ValidRecordSize(uint32_t s) { return s == BITMAP_RECORD_SIZE || s == BITMAP_RECORD_SIZE_OLD; }
 

@@ -140,12 +140,18 @@ inline uint16_t Pack555(uint32_t b, uint32_t g, uint32_t r) {
   return static_cast<uint16_t>((b >> 3) | ((g >> 3) << 5) | ((r >> 3) << 10));
 }
 
-// Significant bits of a gray bitmap's samples (8, 12, 16 or fewer).
+// Significant bits of a gray bitmap's samples: the one reading of
+// SignificantLowBit and SignificantHighBit behind table lengths, histogram
+// and sample ranges, the samples a table maps and full scale. All
+// BitsPerPixel bits when SignificantHighBit is -1, otherwise High - Low + 1
+// (so High -2 with Low -2 is one bit). 0 when that count lies outside
+// 1..16: such a bitmap has no sample range, and the table and histogram
+// operations refuse it with RC_INVALID_PARAMETER.
 inline int32_t GraySampleBits(const BitmapRecord *b) {
-  const int32_t storage = b->BitsPerPixel == 12 ? 12 : b->BitsPerPixel;
-  if (b->SignificantHighBit < 0) return storage;
-  const int32_t n = b->SignificantHighBit - b->SignificantLowBit + 1;
-  return (n >= 1 && n <= 16) ? n : storage;
+  const int64_t n = b->SignificantHighBit == -1
+                        ? b->BitsPerPixel
+                        : int64_t{b->SignificantHighBit} - int64_t{b->SignificantLowBit} + 1;
+  return n >= 1 && n <= 16 ? static_cast<int32_t>(n) : 0;
 }
 
 // Gray ramp of a palette depth: entry i = i * 255 / (2^bits - 1).
