@@ -112,6 +112,14 @@ struct OpDescriptor {
   uint32_t kinds = kAnyKind;  // KindBits accepted
   bool writesImage = true;    // false: reports values only, no output file
   CallFunction call;
+  // What the test sweep expects beyond the usual: statuses an allocation
+  // failure may end in besides RC_NO_MEMORY (quiet successes the operation
+  // keeps), whether a cancelling status callback's answer is returned, and
+  // whether progress only moves forward (several passes that each report
+  // their own range do not).
+  std::vector<int32_t> failureStatuses = {};
+  bool cancelReturned = true;
+  bool monotonicProgress = true;
 };
 
 // All registered operations, sorted by name.

@@ -175,6 +175,9 @@ const imgtool::Registrar kRegistrar{{
                   .maxCount = 70}},
         .kinds = kColourKinds,
         .call = HueSatInt,
+        // A failed copy of the bands is -13, and a missing row buffer a quiet
+        // success that leaves the bitmap alone: both kept.
+        .failureStatuses = {RC_INVALID_PARAMETER, RC_SUCCESS},
     },
     {
         .name = "tint",
