@@ -9,6 +9,7 @@
 #include <cstdint>
 
 #include "imgcolor.h"
+#include "passes.h"
 
 namespace img {
 
@@ -91,5 +92,23 @@ int32_t ConvertColorRow8Path(Path path, uint32_t code, uint8_t *rgbRow, void *sp
                              const LabTableSet *set, int32_t first, int32_t end);
 
 }  // namespace clrspc_detail
+
+// The conversions as the colour-space pass takes them (passes.h): rows of
+// 8- or 16-bit samples, with the Lab table set as the context of codes 9
+// and 25.
+struct ClrSpcConversions {
+  static int32_t PixelSize(uint32_t code, int32_t bits) { return GetColorSpacePixelSize(code, bits); }
+  static int32_t Row(uint32_t code, uint8_t *rgb, void *space, const void *context, int32_t first,
+                     int32_t end) {
+    return ConvertColorRow8(code, rgb, space, static_cast<const LabTableSet *>(context), first, end);
+  }
+  static int32_t Row(uint32_t code, uint16_t *rgb, void *space, const void *context, int32_t first,
+                     int32_t end) {
+    return ConvertColorRow16(code, rgb, space, static_cast<const LabTableSet *>(context), first, end);
+  }
+};
+
+// The colour-space pass of imgcolor's row operations.
+using ColourSpacePass = SpaceRows<ClrSpcConversions>;
 
 }  // namespace img

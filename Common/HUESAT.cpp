@@ -4,11 +4,9 @@
 #include "HUESAT.h"
 
 #include <cstring>
+#include <type_traits>
 
-#include "converter_guard.h"
-#include "family.h"
 #include "frame.h"
-#include "imgcolor.h"
 
 static constexpr const wchar_t *kSourceFile = L"Common/HUESAT";
 
@@ -306,91 +304,40 @@ void RunPixels(T *row, int32_t channels, bool threeOnly, int32_t start, int32_t 
   }
 }
 
-// Palette bitmaps: every entry through the 8-bit step. The status callback
-// hears 0 before the change and 100 after it; the second answer is the result.
+// Rows and palette entries through the operation's per-pixel step.
 template <class Op>
-int32_t PalettePath(BitmapRecord *bitmap, const Op &op) {
-  const int32_t count = PaletteCount(bitmap);
-  if (count < 0) return count;
-  PaletteEntry entries[256];
-  if (GetPalette(bitmap, 0, count, entries) != count) return RC_NO_BITMAP;
-  const Progress progress;
-  if (progress.active()) {
-    const int32_t status = progress.report(0);
-    if (status != RC_SUCCESS) return status;
-  }
-  for (int32_t i = 0; i < count; ++i) {
-    int32_t r = entries[i].Red, g = entries[i].Green, b = entries[i].Blue;
-    op.Pixel8(r, g, b);
-    entries[i].Red = static_cast<uint8_t>(r);
-    entries[i].Green = static_cast<uint8_t>(g);
-    entries[i].Blue = static_cast<uint8_t>(b);
-  }
-  SetPalette(bitmap, 0, count, entries);  // result not checked
-  SettleGrayPalette(bitmap);              // coloured 8-bit gray becomes a palette bitmap
-  return progress.active() ? progress.report(100) : RC_SUCCESS;
+auto PixelKernel(const Op &op, bool threeOnly16) {
+  return [&op, threeOnly16](auto &row) {
+    using T = std::remove_reference_t<decltype(*row.samples)>;
+    constexpr bool kWide = sizeof(T) == 2;
+    row.ForEachRun([&](int32_t start, int32_t end) {
+      RunPixels<T, Op, kWide>(row.samples, row.channels, kWide && threeOnly16, start, end, op);
+    });
+  };
 }
 
-// Other bitmaps: the rows of the region's range, each with its runs inside
-// the region. `lengthFor16` returns the status for 16-bit rows before any row
-// is touched (the remap's table-length check), or 0 to go on.
+// Palette bitmaps (without PALETTE_FLAG_NONE) change every entry through the
+// 8-bit step; the status callback hears 0 before the change and 100 after
+// it, and the second answer is the result. Other bitmaps go row by row over
+// the region's runs, reporting nothing. `check16` gives the status for
+// 16-bit rows before any row is touched (the remap's table length), or 0.
 template <class Op, class Check16>
-int32_t RowPath(BitmapRecord *bitmap, const Op &op, bool threeOnly16, Check16 check16) {
-  ConverterGuard converter;
-  int32_t status = CreateRowConverter(bitmap, converter.place(), ROW_LAYOUT_NATIVE);
-  if (status != RC_SUCCESS) return status;
-  const int32_t channels = RowChannelCount(converter.get());
-  const bool wide = RowBitsPerChannel(converter.get()) == 16;
-  if (wide) {
-    status = check16();
-    if (status != 0) return status;
+int32_t Dispatch(BitmapRecord *bitmap, const Op &op, bool threeOnly16, Check16 check16) {
+  RowPass pass(bitmap, RowSetup{.palette = PaletteRule::Entries});
+  if (pass.status() != RC_SUCCESS) return pass.status();
+  const auto kernel = PixelKernel(op, threeOnly16);
+  if (pass.OnPalette()) {
+    if (const int32_t count = PaletteCount(bitmap); count < 0) return count;
+    return Bracketed(kFullProgress, [&] { return RunPaletteRow(bitmap, kernel); });
   }
-  KernelBuffer<uint8_t> row;
-  row.adopt(static_cast<uint8_t *>(AllocRowBuffer(converter.get())), __LINE__, kSourceFile);
-  if (!row) return RC_NO_MEMORY;
-  KernelBuffer<RowRun> runs;
-  runs.adopt(AllocRunList(converter.get()), __LINE__, kSourceFile);
-  if (!runs) return RC_NO_MEMORY;
-  status = BeginWholeBitmap(converter.get());
-  if (status != RC_SUCCESS) return status;
-  Rect range{};
-  status = GetRowRange(converter.get(), &range);
-  if (status != RC_SUCCESS) return status;
-  for (int32_t y = range.Top; y < range.Bottom; ++y) {
-    int32_t runCount = 0;
-    status = ReadRow(converter.get(), row.get(), y, runs.get(), &runCount);
-    if (status != RC_SUCCESS) return status;
-    for (int32_t i = 0; i < runCount; ++i) {
-      const RowRun run = runs[i];
-      if (wide)
-        RunPixels<uint16_t, Op, true>(reinterpret_cast<uint16_t *>(row.get()), channels, threeOnly16,
-                                      run.Start, run.End, op);
-      else
-        RunPixels<uint8_t, Op, false>(row.get(), channels, false, run.Start, run.End, op);
-    }
-    status = WriteRow(converter.get(), row.get(), y, runs.get(), &runCount);
-    if (status != RC_SUCCESS) return status;
+  if (pass.wide()) {
+    if (const int32_t status = check16()) return status;
   }
-  UpdateBitmapInfo(bitmap);
-  return RC_SUCCESS;
+  return pass.RunRows(kernel);
 }
 
-inline bool UsesPalette(const BitmapRecord *bitmap) {
-  return bitmap->BitsPerPixel < 9 && bitmap->PaletteFlag == 0;
-}
-
-template <class Op>
-int32_t Dispatch(BitmapRecord *bitmap, const Op &op) {
-  if (UsesPalette(bitmap)) return PalettePath(bitmap, op);
-  return RowPath(bitmap, op, false, [] { return 0; });
-}
-
-// Flags, then a null or unallocated bitmap, then the record checks.
-int32_t CheckFrame(BitmapRecord *bitmap, uint32_t flags) {
-  if (flags != 0) return RC_INVALID_PARAMETER;
-  if (bitmap == nullptr || !(bitmap->Flags & BITMAP_ALLOCATED)) return RC_NO_BITMAP;
-  return CheckEntry(EntryChecks{.flags = false, .nullBitmap = true, .signedData = true}, 0, bitmap);
-}
+constexpr EntryRule kEntry{.nullBitmap = NullBitmap::RefusedUnallocated, .signedData = true};
+constexpr auto kNoCheck = [] { return 0; };
 
 }  // namespace
 
@@ -401,23 +348,20 @@ using namespace img::huesat;
 extern "C" {
 
 IMG_API int32_t Q_ChangeBitmapHue(BitmapRecord *bitmap, int32_t angle, uint32_t flags) {
-  const int32_t status = CheckFrame(bitmap, flags);
-  if (status != 0) return status;
-  return Dispatch(bitmap, HueOp{HueStep(angle)});
+  if (const int32_t status = img::CheckEntry(kEntry, flags, bitmap)) return status;
+  return Dispatch(bitmap, HueOp{HueStep(angle)}, false, kNoCheck);
 }
 
 IMG_API int32_t Q_ChangeBitmapSaturation(BitmapRecord *bitmap, int32_t change, uint32_t flags) {
-  const int32_t status = CheckFrame(bitmap, flags);
-  if (status != 0) return status;
-  if (change < -1000 || change > 1000) return RC_INVALID_PARAMETER;
-  return Dispatch(bitmap, SaturationOp{SaturationStep(change)});
+  if (const int32_t status = img::CheckEntry(kEntry, flags, bitmap)) return status;
+  if (!img::ranges::kChange.Contains(change)) return RC_INVALID_PARAMETER;
+  return Dispatch(bitmap, SaturationOp{SaturationStep(change)}, false, kNoCheck);
 }
 
 IMG_API int32_t Q_RemapBitmapHue(BitmapRecord *bitmap, const int32_t *selection, const int32_t *hue,
                                  const int32_t *saturation, const int32_t *value, uint32_t length,
                                  uint32_t flags) {
-  int32_t status = CheckFrame(bitmap, flags);
-  if (status != 0) return status;
+  if (const int32_t status = img::CheckEntry(kEntry, flags, bitmap)) return status;
   // Every path indexes the tables by 8-bit values at least; 16-bit rows
   // need 4096 entries (indexes shifted by 4) or 65536 (checked below).
   if (length < 256) return RC_INVALID_PARAMETER;
@@ -434,10 +378,8 @@ IMG_API int32_t Q_RemapBitmapHue(BitmapRecord *bitmap, const int32_t *selection,
   const RemapOp op{selection ? selection : ones.get(), hue ? hue : identity.get(),
                    saturation ? saturation : identity.get(), value ? value : identity.get(),
                    length == 4096 ? 4 : 0};
-  if (UsesPalette(bitmap)) return PalettePath(bitmap, op);
-  status = RowPath(bitmap, op, true,
-                   [length] { return length == 4096 || length >= 65536 ? 0 : RC_INVALID_PARAMETER; });
-  return status;
+  return Dispatch(bitmap, op, true,
+                  [length] { return length == 4096 || length >= 65536 ? 0 : RC_INVALID_PARAMETER; });
 }
 
 }  // extern "C"

@@ -86,6 +86,11 @@ struct RowView {
     for (int32_t r = 0; r < runCount; ++r)
       for (int32_t x = runs[r].Start; x < runs[r].End; ++x) fn(x);
   }
+  // fn(start, end) for every run of columns to change.
+  template <class Fn>
+  void ForEachRun(Fn &&fn) const {
+    for (int32_t r = 0; r < runCount; ++r) fn(runs[r].Start, runs[r].End);
+  }
 };
 
 // Calls a kernel; a kernel that returns nothing always goes on.
@@ -108,15 +113,37 @@ enum class PaletteRule : uint8_t {
   EntriesWithoutRegion,  // Entries without a region, Rows with one
 };
 
+// A palette bitmap marked as having no palette (PALETTE_FLAG_NONE: its
+// pixels are gray levels) has no entries to change and always goes as rows.
 inline bool TakesPalettePath(const BitmapRecord *bitmap, PaletteRule rule) {
   if (!IsPaletteBitmap(bitmap) || rule == PaletteRule::Rows) return false;
+  if (bitmap->PaletteFlag == PALETTE_FLAG_NONE) return false;
   return rule == PaletteRule::Entries || !BitmapHasRegion(bitmap);
+}
+
+// After a palette course wrote a bitmap's palette: an 8-bit gray bitmap whose
+// palette is no longer the gray ramp becomes an 8-bit palette bitmap
+// (ColorOrder ORDER_BGR), so that its pixels are read as indices into the new
+// colours. Any other bitmap is left as it is.
+inline void SettleGrayPalette(BitmapRecord *bitmap) {
+  if (bitmap->ColorOrder != ORDER_GRAY || bitmap->BitsPerPixel != 8) return;
+  const PaletteEntry *palette = ::GetPaletteRaw(bitmap);
+  const int32_t count = PaletteCount(bitmap);
+  if (!palette || count < 0) return;
+  for (int32_t i = 0; i < count; ++i) {
+    const PaletteEntry &e = palette[i];
+    if (e.Blue != i || e.Green != i || e.Red != i) {
+      bitmap->ColorOrder = ORDER_BGR;
+      return;
+    }
+  }
 }
 
 // Hands the ColorsUsed palette entries to the kernel as one row of blue,
 // green, red samples (y = -1) and writes them back when it succeeds; the
-// reserved bytes stay. A count outside the palette gives RC_NO_BITMAP before
-// anything is read; so does a palette that cannot be read or written.
+// reserved bytes stay, and a coloured 8-bit gray bitmap becomes a palette
+// bitmap (SettleGrayPalette). A count outside the palette gives RC_NO_BITMAP
+// before anything is read; so does a palette that cannot be read or written.
 template <class Kernel>
 int32_t RunPaletteRow(BitmapRecord *bitmap, Kernel &&kernel) {
   const int32_t count = PaletteCount(bitmap);
@@ -138,7 +165,9 @@ int32_t RunPaletteRow(BitmapRecord *bitmap, Kernel &&kernel) {
     entries[i].Green = bgr[3 * i + 1];
     entries[i].Red = bgr[3 * i + 2];
   }
-  return ::SetPalette(bitmap, 0, count, entries) ? RC_SUCCESS : RC_NO_BITMAP;
+  if (!::SetPalette(bitmap, 0, count, entries)) return RC_NO_BITMAP;
+  SettleGrayPalette(bitmap);
+  return RC_SUCCESS;
 }
 
 // ---- Row pass ------------------------------------------------------------------------
