@@ -14,9 +14,9 @@ using imgtool::ArgValues;
 namespace R = img::ranges;
 
 const imgtool::Family kIntensity{"Intensity operations of imgutil",
-                                 "sibling/imgutil/, forwarded by Frame/forward.cpp", "design.md"};
-const imgtool::Family kGammaExt{"Extended gamma correction", "Common/GammaExt.cpp", "design.md"};
-const imgtool::Family kAutoBinary{"Automatic binarisation", "Common/autoseg.cpp", "design.md"};
+                                 "sibling/imgutil/, forwarded by Frame/forward.cpp", "intensity.md"};
+const imgtool::Family kGammaExt{"Extended gamma correction", "Common/GammaExt.cpp", "intensity.md"};
+const imgtool::Family kAutoBinary{"Automatic binarisation", "Common/autoseg.cpp", "intensity.md"};
 
 ArgSpec Tenths(const char *name, const char *unit, const char *help, const char *def) {
   return {.name = name,
