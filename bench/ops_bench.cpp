@@ -6,8 +6,9 @@
 // and then the operation on a fresh copy of the bitmap; a line gives the
 // medians and their ratio.
 //
-//   ops_bench [--reps N] [--only NAME,NAME,...] [--size WxH]
+//   ops_bench [--reps N] [--only NAME,NAME,...] [--size WxH] [--list]
 //
+// --list prints the names of the operations it would time, one a line.
 // It reads only what the registry always had (Operations, ApplyDefaults and a
 // descriptor's name, kinds and call), so the same program builds against an
 // older tree's registry: scripts/bench-ops.sh measures two trees with it.
@@ -28,6 +29,7 @@ struct Options {
   int reps = 5;
   int32_t width = 3840, height = 2160;
   std::vector<std::string> only;
+  bool list = false;
 };
 
 struct Kind {
@@ -103,7 +105,11 @@ bool Parse(int argc, char **argv, Options &o) {
     if (a == "--reps" && value) {
       o.reps = std::atoi(value);
     } else if (a == "--size" && value && std::sscanf(value, "%dx%d", &o.width, &o.height) == 2) {
+    } else if (a == "--list") {
+      o.list = true;
+      continue;
     } else if (a == "--only" && value) {
+      o.only.clear();  // the last one counts
       std::stringstream names(value);
       for (std::string n; std::getline(names, n, ',');) o.only.push_back(n);
     } else {
@@ -119,8 +125,14 @@ bool Parse(int argc, char **argv, Options &o) {
 int main(int argc, char **argv) {
   Options o;
   if (!Parse(argc, argv, o)) {
-    std::fprintf(stderr, "usage: ops_bench [--reps N] [--only NAME,NAME,...] [--size WxH]\n");
+    std::fprintf(stderr, "usage: ops_bench [--reps N] [--only NAME,NAME,...] [--size WxH] [--list]\n");
     return 2;
+  }
+  if (o.list) {
+    for (const imgtool::OpDescriptor &op : imgtool::Operations())
+      if (o.only.empty() || std::find(o.only.begin(), o.only.end(), op.name) != o.only.end())
+        std::printf("%s\n", op.name.c_str());
+    return 0;
   }
   std::printf("# %dx%d, median of %d, thread CPU time; memcpy of the same pixel buffer in the same run\n",
               o.width, o.height, o.reps);

@@ -9,7 +9,8 @@
 # tree) is linked against the static libraries of this working tree, or with
 # --libs REV against those of a git revision: two states of the libraries are
 # measured by the same program with the same arguments. --compare REV runs
-# both, REV first, and prints them side by side with after / before.
+# both, one operation at a time, REV first (so that a change of load on the
+# machine hits both alike), and prints them side by side with now / REV.
 # Everything is built in build/bench-ops/ (a revision's sources are unpacked
 # there with git archive), two jobs at a time.
 set -euo pipefail
@@ -80,16 +81,21 @@ case $mode in
     before=$(program ops_bench-before "$lib")
     lib=$(libraries)
     after=$(program ops_bench-after "$lib")
-    echo "running the benchmark on the libraries of $rev" >&2
-    "$before" "$@" | tee "$out/before.txt" >&2
-    echo "running the benchmark on the libraries of this working tree" >&2
-    "$after" "$@" | tee "$out/after.txt" >&2
-    head -1 "$out/after.txt"
+    : >"$out/before.txt"
+    : >"$out/after.txt"
+    for name in $("$after" "$@" --list); do
+      echo "$name: the libraries of $rev, then of this working tree" >&2
+      "$before" "$@" --only "$name" >"$out/one.txt"
+      sed 1,2d "$out/one.txt" | tee -a "$out/before.txt" >&2
+      "$after" "$@" --only "$name" >"$out/one.txt"
+      sed 1,2d "$out/one.txt" | tee -a "$out/after.txt" >&2
+    done
+    head -1 "$out/one.txt"
+    sort -b -k2,2 -s "$out/after.txt" -o "$out/after.txt"
     awk -v rev="$rev" '
-      FNR == 1 { next }
-      FNR == 2 { if (NR == 2) printf "%-20s %-10s %12s %9s %12s %9s %8s\n", "operation", "kind",
-                   rev " ms", "x memcpy", "now ms", "x memcpy", "now/" rev; next }
       NR == FNR { ms[$1 " " $2] = $3; x[$1 " " $2] = $5; next }
+      FNR == 1 { printf "%-20s %-10s %12s %9s %12s %9s %8s\n", "operation", "kind",
+                   rev " ms", "x memcpy", "now ms", "x memcpy", "now/" rev }
       ($1 " " $2) in ms { printf "%-20s %-10s %12.2f %9.1f %12.2f %9.1f %8.2f\n", $1, $2,
                           ms[$1 " " $2], x[$1 " " $2], $3, $5, $3 / ms[$1 " " $2] }
     ' "$out/before.txt" "$out/after.txt"
