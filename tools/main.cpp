@@ -140,8 +140,8 @@ void OperationHelp(const OpDescriptor &op, std::ostream &out) {
   out << "\narguments:\n";
   for (const ArgSpec &a : op.args) {
     out << "  --" << a.name << ArgPlaceholder(a) << "\n";
-    out << "      " << imgtool::TypeName(a) << ", " << imgtool::RangeText(a) << ", default " << a.defaultValue
-        << "\n";
+    out << "      " << imgtool::TypeName(a) << ", " << a.unit << ", " << imgtool::RangeText(a) << ", default "
+        << imgtool::DefaultText(a) << "\n";
     out << Wrap(a.help, "      ");
     for (const imgtool::EnumValue &e : a.values) out << Wrap(e.name + ": " + e.help, "        ");
   }

@@ -9,8 +9,11 @@
 //   }};
 //   }
 //
-// The command-line tool, the documentation generator, the gallery, the
-// fuzzers and the reference-output tests all read the same descriptors.
+// The command-line tool, the documentation generator (docs/operations.md),
+// the test sweep with its reference outputs, the benchmark of every operation
+// and later the gallery and the fuzzers all read the same descriptors.
+// Argument ranges come from sibling/internal/ranges.h, where the library's
+// checks read them too.
 #pragma once
 
 #include <cstdint>
@@ -65,6 +68,10 @@ struct EnumValue {
 struct ArgSpec {
   std::string name;  // option name without the leading dashes
   ArgType type = ArgType::Int;
+  // What a number means, for help and documentation: "tenths of a percent",
+  // "hundredths of a degree", "sample value", ...; for enums and colours what
+  // the choice is ("channel", "colour value").
+  std::string unit;
   int64_t min = 0;  // range of the value (IntList: of every element)
   int64_t max = 0;
   std::string defaultValue;  // in the form the command line takes
@@ -103,11 +110,20 @@ class ArgValues {
 // `out`, one "name: value" line each.
 using CallFunction = std::function<int32_t(BitmapRecord *bitmap, const ArgValues &args, std::ostream &out)>;
 
+// The family an operation belongs to: the source that holds it and the note
+// that explains it. docs/operations.md groups the operations by family.
+struct Family {
+  std::string title;   // "Hue and saturation"
+  std::string source;  // "Common/HUESAT.cpp"
+  std::string note;    // "hue.md" (in docs/)
+};
+
 struct OpDescriptor {
   std::string name;        // subcommand, kebab-case ("solarize")
   std::string exportName;  // "Q_SolarizeBitmap"
-  std::string summary;     // one line
-  std::string help;        // longer description
+  Family family;
+  std::string summary;  // one line
+  std::string help;     // longer description
   std::vector<ArgSpec> args;
   uint32_t kinds = kAnyKind;  // KindBits accepted
   bool writesImage = true;    // false: reports values only, no output file
@@ -128,7 +144,8 @@ const std::vector<OpDescriptor> &Operations();
 const OpDescriptor *FindOperation(std::string_view name);
 
 // Adds descriptors at static initialisation. A malformed descriptor (duplicate
-// or badly formed name, empty range, a default that does not parse) stops the
+// or badly formed name, empty range, a missing unit or family, a default that
+// does not parse) stops the
 // program with a message: such a mistake must never reach a user.
 class Registrar {
  public:
@@ -144,6 +161,9 @@ void ApplyDefaults(const OpDescriptor &op, ArgValues &values);
 std::string TypeName(const ArgSpec &arg);
 // The accepted range of an argument in words: "0..255", "one of: a, b", ...
 std::string RangeText(const ArgSpec &arg);
+// The default as help and documentation show it: as written, or the first
+// elements and the count of a long list.
+std::string DefaultText(const ArgSpec &arg);
 
 // Parses a signed decimal or 0x-prefixed hexadecimal number; false when the
 // text is not a number or does not fit in 64 bits.

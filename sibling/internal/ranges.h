@@ -40,4 +40,12 @@ inline constexpr Range kAdaptiveDimension{3, 65535};  // odd, pixels
 inline constexpr Range kAdaptiveAmount{0, 1000};      // percent
 inline constexpr Range kAdaptiveType{0, 1};           // ADAPTIVE_CONTRAST_*
 
+// Bounds of arguments whose check depends on the bitmap or on another
+// argument: the widest a call can accept.
+// A sample value on the bitmap's own scale, at most its full scale.
+inline constexpr Range kSampleLevel{0, 65535};
+// The math/logic operand: multiply and divide take percent of a 16-bit range
+// (signed data: of its negative half); each operation and sample range narrows it.
+inline constexpr Range kMathLogicValue{-100 * 32768, 100 * 65536};
+
 }  // namespace img::ranges
