@@ -53,6 +53,8 @@ void CheckDescriptor(const OpDescriptor &op) {
   if (op.exportName.empty() || op.summary.empty()) BadDescriptor(op, "export name or summary missing");
   if (op.family.title.empty() || op.family.source.empty()) BadDescriptor(op, "family missing");
   if (!op.call) BadDescriptor(op, "no call function");
+  if (op.minInputs < 1 || op.minInputs > op.maxInputs || (op.maxInputs > 1 && !op.files))
+    BadDescriptor(op, "bad input count, or several inputs without a files function");
   if ((op.kinds & kAnyKind) == 0 || (op.kinds & ~static_cast<uint32_t>(kAnyKind)) != 0)
     BadDescriptor(op, "bad kinds mask");
   for (size_t i = 0; i < op.args.size(); ++i) {
@@ -232,6 +234,20 @@ Registrar::Registrar(std::vector<OpDescriptor> descriptors) {
   }
   std::sort(ops.begin(), ops.end(),
             [](const OpDescriptor &a, const OpDescriptor &b) { return a.name < b.name; });
+}
+
+// ---- Images made for the tool ----------------------------------------------------
+
+OutputImages::~OutputImages() {
+  for (Item &item : items_)
+    if (item.record->Flags & BITMAP_ALLOCATED) FreeBitmap(item.record.get());
+}
+
+BitmapRecord *OutputImages::Add(std::string suffix) {
+  auto record = std::make_unique<BitmapRecord>();
+  record->StructSize = BITMAP_RECORD_SIZE;
+  items_.push_back(Item{std::move(record), std::move(suffix)});
+  return items_.back().record.get();
 }
 
 // ---- Argument parsing ----------------------------------------------------------

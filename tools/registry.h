@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -110,6 +111,37 @@ class ArgValues {
 // `out`, one "name: value" line each.
 using CallFunction = std::function<int32_t(BitmapRecord *bitmap, const ArgValues &args, std::ostream &out)>;
 
+// Bitmaps an operation makes for the tool to write, each with the suffix its
+// file takes; all freed (FreeBitmap) on destruction.
+class OutputImages {
+ public:
+  OutputImages() = default;
+  ~OutputImages();
+  OutputImages(const OutputImages &) = delete;
+  OutputImages &operator=(const OutputImages &) = delete;
+  // A zeroed 208-byte record for the call to fill. An empty suffix names OUT
+  // itself; any other is put before OUT's extension: out.png -> out-0.png.
+  BitmapRecord *Add(std::string suffix);
+  size_t size() const { return items_.size(); }
+  const BitmapRecord *bitmap(size_t i) const { return items_[i].record.get(); }
+  const std::string &suffix(size_t i) const { return items_[i].suffix; }
+
+ private:
+  struct Item {
+    std::unique_ptr<BitmapRecord> record;
+    std::string suffix;
+  };
+  std::vector<Item> items_;
+};
+
+// Operations over several images (the tool's view: planes to merge, bitmaps
+// to add, planes or labels to write). The tool reads every IN it is given
+// (`inputs[0]` carries the region options), calls `files`, and writes the
+// images the call made. `call` stays the one-bitmap form that the sweep, the
+// reference outputs and the benchmark run (a self-contained round trip).
+using FilesFunction = std::function<int32_t(const std::vector<BitmapRecord *> &inputs, OutputImages &outputs,
+                                            const ArgValues &args, std::ostream &out)>;
+
 // The family an operation belongs to: the source that holds it and the note
 // that explains it. docs/operations.md groups the operations by family.
 struct Family {
@@ -128,6 +160,11 @@ struct OpDescriptor {
   uint32_t kinds = kAnyKind;  // KindBits accepted
   bool writesImage = true;    // false: reports values only, no output file
   CallFunction call;
+  // Set for operations over several images: the tool takes minInputs ..
+  // maxInputs inputs and runs `files` instead of `call`.
+  FilesFunction files;
+  int32_t minInputs = 1;
+  int32_t maxInputs = 1;
   // What the test sweep expects beyond the usual: statuses an allocation
   // failure may end in besides RC_NO_MEMORY (quiet successes the operation
   // keeps), whether a cancelling status callback's answer is returned, and
