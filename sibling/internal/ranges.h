@@ -48,4 +48,16 @@ inline constexpr Range kSampleLevel{0, 65535};
 // (signed data: of its negative half); each operation and sample range narrows it.
 inline constexpr Range kMathLogicValue{-100 * 32768, 100 * 65536};
 
+// Colour threshold, colour replace and selective colour.
+
+
+// Colour planes, channel mix and line profile.
+
+
+// Coloured gray, colour balance, colour swap, equalisation, intensity balance.
+
+
+// Binarisation, target sampling, red-eye removal, segmentation, adding bitmaps.
+
+
 }  // namespace img::ranges
