@@ -20,24 +20,26 @@ inline constexpr Range kHueShift{-18000, 18000};
 inline constexpr Range kBandAngle{-359, 359};
 
 // Point operations.
-inline constexpr Range kSolarizeThreshold{0, 65535};     // sample value
-inline constexpr Range kSolarizeThreshold12{0, 4095};    // 12-bit gray
-inline constexpr Range kPosterizeLevels{2, 64};          // levels per sample
-inline constexpr Range kMathFunction{0, 4};              // MATHFUNC_*
-inline constexpr Range kMathFactor{1, UINT32_MAX};       // scale of the curve
-inline constexpr Range kGamma{1, UINT32_MAX};            // hundredths; 100 = no change
-inline constexpr Range kGammaSpace{1, 2};                // GAMMA_RGB, GAMMA_YUV
-inline constexpr Range kToneMode{0, 1};                  // 0 blend, 1 as it stands
-inline constexpr Range kMultitoneTones{0, 3};            // one to four tones
-inline constexpr Range kMultitoneType{0, 1};             // 0 colours, 1 gradients
+inline constexpr Range kSolarizeThreshold{0, 65535};   // sample value
+inline constexpr Range kSolarizeThreshold12{0, 4095};  // 12-bit gray
+inline constexpr Range kPosterizeLevels{2, 64};        // levels per sample
+inline constexpr Range kMathFunction{0, 4};            // MATHFUNC_*
+inline constexpr Range kMathFactor{1, UINT32_MAX};     // scale of the curve
+inline constexpr Range kGamma{1, UINT32_MAX};          // hundredths; 100 = no change
+inline constexpr Range kGammaSpace{1, 2};              // GAMMA_RGB, GAMMA_YUV
+inline constexpr Range kToneMode{0, 1};                // 0 blend, 1 as it stands
+inline constexpr Range kMultitoneTones{0, 3};          // one to four tones
+inline constexpr Range kMultitoneType{0, 1};           // 0 colours, 1 gradients
 
 // Intensity operations of imgutil.
-inline constexpr Range kGrayWeight{0, 10000};      // hundredths of a percent; their sum at most 10000
-inline constexpr Range kLightTarget{0, 1000};      // tenths of a percent of full scale
-inline constexpr Range kAutoLevelType{0, 2};       // AUTO_LEVEL_*
-inline constexpr Range kAutoLevelClip{0, 9999};    // hundredths of a percent; both below 10000 together
+inline constexpr Range kGrayWeight{0, 10000};         // hundredths of a percent; their sum at most 10000
+inline constexpr Range kLightTarget{0, 1000};         // tenths of a percent of full scale
+inline constexpr Range kLightType{1, 2};              // LIGHT_CONTROL_*
+inline constexpr Range kAutoLevelType{0, 2};          // AUTO_LEVEL_*
+inline constexpr Range kAutoLevelClip{0, 9999};       // hundredths of a percent; both below 10000 together
 inline constexpr Range kAdaptiveDimension{3, 65535};  // odd, pixels
-inline constexpr Range kAdaptiveAmount{0, 1000};   // percent
-inline constexpr Range kAdaptiveType{0, 1};        // ADAPTIVE_CONTRAST_*
+inline constexpr Range kAdaptiveAmount{0, 1000};      // percent
+inline constexpr Range kAdaptiveType{0, 1};           // ADAPTIVE_CONTRAST_*
+inline constexpr Range kLutChannel{0, 3};             // LUT_CHANNEL_*: all, red, green, blue
 
 }  // namespace img::ranges
