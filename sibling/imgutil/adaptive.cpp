@@ -10,37 +10,82 @@ namespace {
 
 static constexpr const wchar_t *kSourceFile = L"imgutil/adaptive";
 
-// The values the window averages: the luma of each pixel, or each of its
+// The window and what it averages: the luma of each pixel, or each of its
 // colour samples (the gray sample of a gray row), `planes` a pixel.
-struct Planes {
-  int32_t planes;
+struct Window {
+  int32_t width, channels, planes, half, max;
   bool luminance;
-  int32_t max;
-
-  template <class T>
-  int32_t Value(const T *pixel, int32_t plane) const {
-    return luminance ? img::LumaForward(pixel[2], pixel[1], pixel[0], max).y : pixel[plane];
-  }
-  // sums[x * planes + p] += Sign * value of plane p of pixel x, every column.
-  template <int Sign, class T>
-  void Add(int64_t *sums, const T *row, int32_t channels, int32_t width) const {
-    if (luminance) {
-      for (int32_t x = 0; x < width; ++x) {
-        const T *pixel = row + static_cast<size_t>(x) * channels;
-        sums[x] += Sign * img::LumaForward(pixel[2], pixel[1], pixel[0], max).y;
-      }
-      return;
-    }
-    if (channels == planes) {
-      const size_t n = static_cast<size_t>(width) * planes;
-      for (size_t i = 0; i < n; ++i) sums[i] += Sign * static_cast<int64_t>(row[i]);
-      return;
-    }
-    for (int32_t x = 0; x < width; ++x)
-      for (int32_t p = 0; p < planes; ++p)
-        sums[static_cast<size_t>(x) * planes + p] += Sign * static_cast<int64_t>(row[x * channels + p]);
-  }
+  int64_t area, gain;
 };
+
+// Value of plane p of pixel x of a row.
+template <class T>
+int64_t PlaneValue(const Window &k, const T *row, int32_t x, int32_t p) {
+  const T *pixel = row + static_cast<size_t>(x) * k.channels;
+  return k.luminance ? img::LumaForward(pixel[2], pixel[1], pixel[0], k.max).y : pixel[p];
+}
+
+// sums[x * planes + p] += value of plane p of pixel x of `entered`, minus
+// that of `left` when there is one, every column.
+template <class T>
+void SlideColumns(const Window &k, int64_t *sums, const T *entered, const T *left) {
+  const int32_t width = k.width, planes = k.planes;
+  if (!k.luminance && k.channels == planes) {
+    const size_t n = static_cast<size_t>(width) * planes;
+    if (left)
+      for (size_t i = 0; i < n; ++i) sums[i] += static_cast<int64_t>(entered[i]) - left[i];
+    else
+      for (size_t i = 0; i < n; ++i) sums[i] += entered[i];
+    return;
+  }
+  for (int32_t x = 0; x < width; ++x)
+    for (int32_t p = 0; p < planes; ++p)
+      sums[static_cast<size_t>(x) * planes + p] +=
+          PlaneValue(k, entered, x, p) - (left ? PlaneValue(k, left, x, p) : 0);
+}
+
+// The pixels of `out` inside its runs from the window's column sums and the
+// original row `centre`.
+template <class T>
+void ChangeRow(const Window &k, const int64_t *columns, const T *centre, img::RowView<T> &out) {
+  const int32_t width = k.width, channels = k.channels, planes = k.planes, half = k.half, max = k.max;
+  const int64_t area = k.area, gain = k.gain;
+  T *samples = out.samples;
+  for (int32_t p = 0; p < planes; ++p) {
+    for (int32_t r = 0; r < out.runCount; ++r) {
+      const int32_t left = out.runs[r].Start, end = out.runs[r].End;
+      // Horizontal window sum at `left`, edges repeated.
+      int64_t sum = 0;
+      for (int64_t x = left - half; x <= left + half; ++x) {
+        const int64_t cx = x < 0 ? 0 : x >= width ? width - 1 : x;
+        sum += columns[static_cast<size_t>(cx) * planes + p];
+      }
+      for (int32_t x = left; x < end; ++x) {
+        if (x > left) {
+          const int64_t in = x + half, gone = x - half - 1;
+          sum += columns[static_cast<size_t>(in >= width ? width - 1 : in) * planes + p];
+          sum -= columns[static_cast<size_t>(gone < 0 ? 0 : gone) * planes + p];
+        }
+        const int64_t mean = sum / area;
+        const T *original = centre + static_cast<size_t>(x) * channels;
+        T *pixel = samples + static_cast<size_t>(x) * channels;
+        if (!k.luminance) {
+          const int64_t v = original[p];
+          pixel[p] = static_cast<T>(img::Clamp(mean + (v - mean) * gain / 100, max));
+          continue;
+        }
+        img::YuvPixel yuv = img::LumaForward(original[2], original[1], original[0], max);
+        const int64_t v = yuv.y;
+        yuv.y = img::Clamp(mean + (v - mean) * gain / 100, max);
+        int32_t red, green, blue;
+        img::LumaBack(yuv, max, &red, &green, &blue);
+        pixel[0] = static_cast<T>(blue);
+        pixel[1] = static_cast<T>(green);
+        pixel[2] = static_cast<T>(red);
+      }
+    }
+  }
+}
 
 }  // namespace
 
@@ -58,58 +103,27 @@ extern "C" IMG_API int32_t AdaptiveContrast(BitmapRecord *bitmap, uint32_t dimen
   GetRegionBounds(bitmap, nullptr, &bounds);
   if (bounds.Bottom <= bounds.Top || bounds.Right <= bounds.Left) return FinishOperation();
 
-  const int32_t width = bitmap->Width, channels = pass.channels();
+  const int32_t channels = pass.channels();
   const bool luminance = type == ADAPTIVE_CONTRAST_LUMINANCE && channels >= 3;
-  const Planes planes{luminance ? 1 : (channels >= 3 ? 3 : 1), luminance, pass.wide() ? 65535 : 255};
-  const int32_t half = static_cast<int32_t>(dimension) / 2;
-  const int64_t area = static_cast<int64_t>(dimension) * dimension;
-  const int64_t gain = 100 + amount;
+  const Window k{.width = bitmap->Width,
+                 .channels = channels,
+                 .planes = luminance ? 1 : (channels >= 3 ? 3 : 1),
+                 .half = static_cast<int32_t>(dimension) / 2,
+                 .max = pass.wide() ? 65535 : 255,
+                 .luminance = luminance,
+                 .area = static_cast<int64_t>(dimension) * dimension,
+                 .gain = 100 + static_cast<int64_t>(amount)};
   // Sums of each column of the window, per plane.
-  IMG_BUFFER(int64_t, columns, static_cast<size_t>(width) * planes.planes);
+  IMG_BUFFER(int64_t, columns, static_cast<size_t>(k.width) * k.planes);
   if (!columns) return RC_NO_MEMORY;
-
-  img::WindowPass window(pass, half, half, img::kFullProgress);
+  img::WindowPass window(pass, k.half, k.half, img::kFullProgress);
   return window.Run([&](const auto &w, auto &out) {
-    using T = std::remove_reference_t<decltype(*out.samples)>;
+    using T = std::remove_cv_t<std::remove_reference_t<decltype(**w.rows)>>;
     if (w.first) {
-      for (int32_t i = 0; i < w.count; ++i) planes.Add<1>(columns.get(), w.rows[i], channels, width);
+      for (int32_t i = 0; i < w.count; ++i) SlideColumns<T>(k, columns.get(), w.rows[i], nullptr);
     } else {
-      planes.Add<-1>(columns.get(), w.left, channels, width);
-      planes.Add<1>(columns.get(), w.entered, channels, width);
+      SlideColumns(k, columns.get(), w.entered, w.left);
     }
-    const T *centre = w.rows[w.above];
-    for (int32_t p = 0; p < planes.planes; ++p) {
-      for (int32_t k = 0; k < out.runCount; ++k) {
-        const int32_t left = out.runs[k].Start;
-        // Horizontal window sum at `left`, edges repeated.
-        int64_t sum = 0;
-        for (int64_t x = left - half; x <= left + half; ++x) {
-          const int64_t cx = x < 0 ? 0 : x >= width ? width - 1 : x;
-          sum += columns[static_cast<size_t>(cx) * planes.planes + p];
-        }
-        for (int32_t x = left; x < out.runs[k].End; ++x) {
-          if (x > left) {
-            const int64_t in = x + half, gone = x - half - 1;
-            sum += columns[static_cast<size_t>(in >= width ? width - 1 : in) * planes.planes + p];
-            sum -= columns[static_cast<size_t>(gone < 0 ? 0 : gone) * planes.planes + p];
-          }
-          const int64_t mean = sum / area;
-          const int64_t v = planes.Value(centre + static_cast<size_t>(x) * channels, p);
-          const int32_t nv = img::Clamp(mean + (v - mean) * gain / 100, planes.max);
-          T *pixel = out.Pixel(x);
-          if (!luminance) {
-            pixel[p] = static_cast<T>(nv);
-            continue;
-          }
-          img::YuvPixel yuv = img::LumaForward(pixel[2], pixel[1], pixel[0], planes.max);
-          yuv.y = nv;
-          int32_t r, g, b;
-          img::LumaBack(yuv, planes.max, &r, &g, &b);
-          pixel[0] = static_cast<T>(b);
-          pixel[1] = static_cast<T>(g);
-          pixel[2] = static_cast<T>(r);
-        }
-      }
-    }
+    ChangeRow(k, columns.get(), w.rows[w.above], out);
   });
 }
