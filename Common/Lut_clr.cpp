@@ -152,14 +152,7 @@ bool FillConstantOutput(int32_t *table, uint32_t length, uint32_t output) {
 
 // ---- Table builders ------------------------------------------------------------------
 
-uint32_t LutLengthOf(const BitmapRecord *bitmap) {
-  if (bitmap->BitsPerPixel >= 48) return 65536;
-  if (bitmap->ColorOrder != ORDER_GRAY) return 256;
-  if (bitmap->AttachedLut != nullptr && UsesAttachedLut(bitmap))
-    return bitmap->AttachedLutLength > 0 ? static_cast<uint32_t>(bitmap->AttachedLutLength) : 0;
-  const int32_t bits = GraySampleBits(bitmap);
-  return bits ? 1u << bits : 0u;
-}
+uint32_t LutLengthOf(const BitmapRecord *bitmap) { return TableLength(bitmap); }
 
 int32_t LutShiftOf(uint32_t length) {
   switch (length) {

@@ -26,8 +26,8 @@ TEST(LutBuilders, LengthFollowsKindAndSignificantBits) {
     r.StructSize = BITMAP_RECORD_SIZE, r.BitsPerPixel = bits, r.ColorOrder = order;
     r.SignificantLowBit = low, r.SignificantHighBit = high, r.AttachedLut = attached, r.AttachedLutLength = 3;
     EXPECT_EQ(img::LutLengthOf(&r), static_cast<uint32_t>(length)) << bits << "/" << order;
-    r.Flags = BITMAP_USE_ATTACHED_LUT;  // gray kinds below 48 bits take the attached length
-    EXPECT_EQ(img::LutLengthOf(&r), order == G ? 3u : static_cast<uint32_t>(length)) << bits;
+    r.Flags = BITMAP_USE_ATTACHED_LUT;  // an attached table holds sample values: the same length
+    EXPECT_EQ(img::LutLengthOf(&r), static_cast<uint32_t>(length)) << bits;
   }
   const int32_t shifts[][2] = {{256, 8}, {4096, 4}, {65536, 0}, {1024, -1}};
   for (auto [length, shift] : shifts) EXPECT_EQ(img::LutShiftOf(length), shift) << length;

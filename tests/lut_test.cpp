@@ -269,10 +269,13 @@ TEST(Lut, LengthsAndStatuses) {
   };
   EXPECT_EQ(kit::CheckAllocationFailures([] { return kit::Bitmap({8, ORDER_GRAY}, 2, 2); }, alloc), 1);
   kit::Bitmap bm({24, ORDER_BGR}, 4, 4), gray32({32, ORDER_GRAY}, 2, 2), pal({8, ORDER_BGR}, 2, 2);
-  BitmapRecord empty = *bm.get(), badSize = *bm.get(), old = *bm.get();
+  BitmapRecord empty = *bm.get(), badSize = *bm.get(), old = *bm.get(), unknown = *bm.get();
+  BitmapRecord gray32Attached = *gray32.get();
   empty.Flags &= ~BITMAP_ALLOCATED;
   badSize.StructSize = 200;
   old.StructSize = BITMAP_RECORD_SIZE_OLD;
+  unknown.ColorOrder = 9;
+  gray32Attached.Flags |= BITMAP_USE_ATTACHED_LUT;
   const std::vector<int32_t> zeros(256, 0);
   const int32_t *t = zeros.data();
   const uint8_t *bytes = reinterpret_cast<const uint8_t *>(t);
@@ -290,6 +293,15 @@ TEST(Lut, LengthsAndStatuses) {
       {"length 0", [&] { return ApplyLut(bm, t, 0, mode, 0, 100); }, RC_INVALID_PARAMETER},
       {"channel 4", [&] { return ApplyLut(bm, t, 256, mode | 4, 0, 100); }, RC_INVALID_PARAMETER},
       {"32-bit gray", [&] { return ApplyLut(gray32, t, 256, mode, 0, 100); }, RC_GRAY32_NOT_SUPPORTED},
+      // The table operations look at the kind after their arguments and the
+      // attached-table path; the shift right after the frame.
+      {"unknown kind", [&] { return ApplyLut(&unknown, t, 256, mode, 0, 100); }, RC_UNSUPPORTED_BITMAP},
+      {"channel before the kind", [&] { return ApplyLut(&unknown, t, 256, mode | 4, 0, 100); },
+       RC_INVALID_PARAMETER},
+      {"32-bit gray's attached table", [&] { return ApplyLut(&gray32Attached, t, 256, 0, 0, 100); },
+       RC_SUCCESS},
+      {"byte unknown kind", [&] { return ApplyByteLut(&unknown, bytes, 0, 0, 100); }, RC_UNSUPPORTED_BITMAP},
+      {"shift unknown kind", [&] { return SignedToUnsigned(&unknown, 0, 0); }, RC_UNSUPPORTED_BITMAP},
       {"176-byte record", [&] { return ApplyLut(&old, t, 256, mode, 0, 100); }, RC_SUCCESS},
       {"byte null bitmap", [&] { return ApplyByteLut(nullptr, bytes, 0, 0, 100); }, RC_NO_BITMAP},
       {"byte record size", [&] { return ApplyByteLut(&badSize, bytes, 0, 0, 100); }, RC_INVALID_STRUCT_SIZE},

@@ -176,6 +176,13 @@ int32_t RunPaletteRow(BitmapRecord *bitmap, Kernel &&kernel) {
 // this quiet success) 1 with the bitmap untouched.
 enum class NoRowBuffer : uint8_t { Fails, Succeeds };
 
+// When a row's progress is reported: as the converter reads the row (before
+// the kernel sees it), or after the kernel ran and the row was written back.
+// AfterRow reports from one sequence that the pass keeps across its walks, so
+// that a percentage is never reported twice in a row, not even where a second
+// walk starts at the value the first ended with.
+enum class ProgressPoint : uint8_t { OnRead, AfterRow };
+
 struct RowSetup {
   int32_t layout = ROW_LAYOUT_NATIVE;
   ProgressRange progress = kNoProgress;
@@ -183,6 +190,7 @@ struct RowSetup {
   NoRowBuffer noRowBuffer = NoRowBuffer::Fails;
   bool write = true;        // false: the rows are only read (statistics)
   bool boundsRuns = false;  // hand the kernel the bounds' columns, not the region's runs
+  ProgressPoint progressAt = ProgressPoint::OnRead;
 };
 
 // Rows of the region's bounds (the whole bitmap without a region), top to
@@ -191,7 +199,8 @@ struct RowSetup {
 // region keep their values. After a complete pass that wrote rows,
 // UpdateBitmapInfo. The converter is created by the constructor (check
 // status()), so that an operation can size its tables from channels() and
-// bits() before it runs.
+// bits() before it runs. A course of several walks over the same rows
+// (statistics first, then the change) runs RunRows again after SetWalk.
 class RowPass {
  public:
   RowPass(BitmapRecord *bitmap, const RowSetup &setup) : bitmap_(bitmap), setup_(setup) {
@@ -214,6 +223,12 @@ class RowPass {
   // True when the palette rule sends this bitmap down the palette path.
   bool OnPalette() const { return TakesPalettePath(bitmap_, setup_.palette); }
 
+  // The progress range of the next walk and whether it writes its rows.
+  void SetWalk(const ProgressRange &progress, bool write) {
+    setup_.progress = progress;
+    setup_.write = write;
+  }
+
   // The palette path or the rows, as the palette rule says.
   template <class Kernel>
   int32_t Run(Kernel &&kernel) {
@@ -233,9 +248,10 @@ class RowPass {
     const bool region = ::BitmapHasRegion(bitmap_) != 0;
     const ProgressRange &p = setup_.progress;
     const int32_t status =
-        p.report ? (region ? ::BeginRegionProgress(converter_.get(), p.start, p.end)
-                           : ::BeginWholeBitmapProgress(converter_.get(), p.start, p.end))
-                 : (region ? ::BeginRegion(converter_.get()) : ::BeginWholeBitmap(converter_.get()));
+        p.report && setup_.progressAt == ProgressPoint::OnRead
+            ? (region ? ::BeginRegionProgress(converter_.get(), p.start, p.end)
+                      : ::BeginWholeBitmapProgress(converter_.get(), p.start, p.end))
+            : (region ? ::BeginRegion(converter_.get()) : ::BeginWholeBitmap(converter_.get()));
     if (status != RC_SUCCESS) return status;
     return ::GetRegionBounds(bitmap_, nullptr, bounds);
   }
@@ -262,6 +278,8 @@ class RowPass {
     if (status != RC_SUCCESS) return status;
     const int32_t width = bitmap_->Width;
     RowRun whole{bounds.Left < 0 ? 0 : bounds.Left, bounds.Right > width ? width : bounds.Right};
+    const bool afterRow = setup_.progress.report && setup_.progressAt == ProgressPoint::AfterRow;
+    const int64_t rows = static_cast<int64_t>(bounds.Bottom) - bounds.Top;
     for (int32_t y = bounds.Top; y < bounds.Bottom; ++y) {
       int32_t count = 1;
       status = runs ? ::ReadRow(converter_.get(), row.get(), y, runs.get(), &count)
@@ -272,10 +290,15 @@ class RowPass {
                       runs ? runs.get() : &whole,       count,     width};
       status = CallKernel(kernel, view);
       if (status != RC_SUCCESS) return status;
-      if (!setup_.write) continue;
-      status = runs ? ::WriteRow(converter_.get(), row.get(), y, runs.get(), &count)
-                    : ::WriteRow(converter_.get(), row.get(), y, nullptr, nullptr);
-      if (status != RC_SUCCESS) return status;
+      if (setup_.write) {
+        status = runs ? ::WriteRow(converter_.get(), row.get(), y, runs.get(), &count)
+                      : ::WriteRow(converter_.get(), row.get(), y, nullptr, nullptr);
+        if (status != RC_SUCCESS) return status;
+      }
+      if (afterRow) {
+        status = progress_.step(ProgressAt(setup_.progress, static_cast<int64_t>(y) - bounds.Top + 1, rows));
+        if (status != RC_SUCCESS) return status;
+      }
     }
     if (setup_.write) ::UpdateBitmapInfo(bitmap_);
     return RC_SUCCESS;
@@ -284,6 +307,7 @@ class RowPass {
   BitmapRecord *bitmap_;
   RowSetup setup_;
   ConverterGuard converter_;
+  Progress progress_;  // ProgressPoint::AfterRow: one sequence for every walk
   int32_t status_ = RC_SUCCESS;
   int32_t channels_ = 0;
   int32_t bits_ = 8;
@@ -435,10 +459,11 @@ struct WindowRows {
 };
 
 // For each row of the region's bounds: the window's working rows (read once
-// each, held in a ring of above + below + 1 rows) and the output row (row y
-// as read) with its runs; kernel(const WindowRows<T> &, RowView<T> &out)
-// changes the output row, which is written back. Progress after each output
-// row. Memory: the ring, never a copy of the bitmap.
+// each, held in a ring of above + below + 2 rows, so that the row that left
+// is still there when the kernel sees the row that entered) and the output
+// row (row y as read) with its runs; kernel(const WindowRows<T> &,
+// RowView<T> &out) changes the output row, which is written back. Progress
+// after each output row. Memory: the ring, never a copy of the bitmap.
 class WindowPass {
  public:
   WindowPass(RowPass &pass, int32_t above, int32_t below, ProgressRange progress)
@@ -455,8 +480,9 @@ class WindowPass {
   int32_t Walk(Kernel &kernel) {
     BitmapRecord *bitmap = pass_.bitmap();
     const int32_t count = above_ + below_ + 1;
+    const int32_t slots = count + 1;
     const std::size_t rowBytes = static_cast<std::size_t>(pass_.rowBytes()) + 16;
-    IMG_PASS_BUFFER(uint8_t, ring, rowBytes * static_cast<std::size_t>(count));
+    IMG_PASS_BUFFER(uint8_t, ring, rowBytes * static_cast<std::size_t>(slots));
     IMG_PASS_BUFFER(const T *, order, static_cast<std::size_t>(count));
     KernelBuffer<uint8_t> out = pass_.AllocRow();
     KernelBuffer<RowRun> runs;
@@ -467,7 +493,7 @@ class WindowPass {
     if (status != RC_SUCCESS) return status;
     const int32_t height = bitmap->Height;
     auto slot = [&](int64_t v) {
-      const int64_t m = ((v % count) + count) % count;
+      const int64_t m = ((v % slots) + slots) % slots;
       return ring.get() + static_cast<std::size_t>(m) * rowBytes;
     };
     auto load = [&](int64_t v) {
@@ -528,6 +554,11 @@ class WindowPass {
 
 // ---- Stored rows --------------------------------------------------------------------
 
+// Which rows a StoredRowPass visits: those of the region (the whole bitmap
+// without one), or every row whole whatever the region (a change of the
+// stored form, such as the signed-sample shift).
+enum class StoredRows : uint8_t { Region, WholeBitmap };
+
 // The table engines' pass: visits the image rows of the region's bounds (the
 // whole bitmap without a region) top to bottom, handing each row's stored
 // bytes and its runs of columns inside the region to
@@ -535,8 +566,8 @@ class WindowPass {
 // progress after each row. Construct, check status(), then Run().
 class StoredRowPass {
  public:
-  explicit StoredRowPass(const BitmapRecord *bitmap) : bitmap_(bitmap) {
-    hasRegion_ = ::BitmapHasRegion(bitmap) != 0;
+  explicit StoredRowPass(const BitmapRecord *bitmap, StoredRows rows = StoredRows::Region) : bitmap_(bitmap) {
+    hasRegion_ = rows == StoredRows::Region && ::BitmapHasRegion(bitmap) != 0;
     Rect bounds{0, 0, bitmap->Width, bitmap->Height};
     if (hasRegion_) {
       ::GetRegionBounds(bitmap, nullptr, &bounds);

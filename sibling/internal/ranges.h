@@ -34,11 +34,13 @@ inline constexpr Range kMultitoneType{0, 1};           // 0 colours, 1 gradients
 // Intensity operations of imgutil.
 inline constexpr Range kGrayWeight{0, 10000};         // hundredths of a percent; their sum at most 10000
 inline constexpr Range kLightTarget{0, 1000};         // tenths of a percent of full scale
+inline constexpr Range kLightType{1, 2};              // LIGHT_CONTROL_*
 inline constexpr Range kAutoLevelType{0, 2};          // AUTO_LEVEL_*
 inline constexpr Range kAutoLevelClip{0, 9999};       // hundredths of a percent; both below 10000 together
 inline constexpr Range kAdaptiveDimension{3, 65535};  // odd, pixels
 inline constexpr Range kAdaptiveAmount{0, 1000};      // percent
 inline constexpr Range kAdaptiveType{0, 1};           // ADAPTIVE_CONTRAST_*
+inline constexpr Range kLutChannel{0, 3};             // LUT_CHANNEL_*: all, red, green, blue
 
 // Bounds of arguments whose check depends on the bitmap or on another
 // argument: the widest a call can accept.
