@@ -86,7 +86,7 @@ PaletteEntry MapEntry(PaletteEntry e, const uint8_t *t, uint32_t channel) {
 }
 
 int32_t MapPalette(BitmapRecord *b, const uint8_t *t, uint32_t channel, int32_t start, int32_t end,
-                   img::LutPath path) {
+                   img::Isa path) {
   PaletteEntry pal[256];
   const int32_t count = img::PaletteCount(b);
   if (count < 0) return count;
@@ -130,7 +130,7 @@ int32_t MapPalette(BitmapRecord *b, const uint8_t *t, uint32_t channel, int32_t 
 
 // Runs the compact tables over the samples inside the region.
 int32_t MapSamples(BitmapRecord *b, Kind kind, const CompactTables &t, uint32_t channel, int32_t start,
-                   int32_t end, img::LutPath path) {
+                   int32_t end, img::Isa path) {
   if (kind == Kind::Palette) return MapPalette(b, t.byte, channel, start, end, path);
   img::RegionRows rows(b, __LINE__, kSourceFile);
   if (rows.status() != RC_SUCCESS) return rows.status();
@@ -224,7 +224,7 @@ int32_t MapAttached(BitmapRecord *b, const int32_t *table, uint32_t length, int3
 // runs it over the samples inside the region.
 template <class Entry>
 int32_t MapThroughEntries(BitmapRecord *b, Kind kind, uint32_t channel, int32_t start, int32_t end,
-                          img::LutPath path, Entry &&entry) {
+                          img::Isa path, Entry &&entry) {
   CompactTables t{};
   img::KernelBuffer<uint16_t> words;
   if (WideSamples(kind)) {
@@ -239,7 +239,7 @@ int32_t MapThroughEntries(BitmapRecord *b, Kind kind, uint32_t channel, int32_t 
 }
 
 int32_t ApplyLutImpl(BitmapRecord *b, const int32_t *table, uint32_t length, uint32_t mode, int32_t start,
-                     int32_t end, img::LutPath path) {
+                     int32_t end, img::Isa path) {
   int32_t status = CheckBitmap(b);
   if (status != RC_SUCCESS) return status;
   if (!table || length == 0) return RC_INVALID_PARAMETER;
@@ -323,7 +323,7 @@ int32_t ShiftSamples(BitmapRecord *b) {
 namespace img {
 
 int32_t ApplyLutWithPath(BitmapRecord *bitmap, const int32_t *table, uint32_t length, uint32_t mode,
-                         int32_t start, int32_t end, LutPath path) {
+                         int32_t start, int32_t end, Isa path) {
   return ApplyLutImpl(bitmap, table, length, mode, start, end, path);
 }
 
@@ -352,7 +352,7 @@ IMG_API int32_t AllocBitmapLut(BitmapRecord *bitmap, int32_t **table, uint32_t *
 
 IMG_API int32_t ApplyLut(BitmapRecord *bitmap, const int32_t *table, uint32_t length, uint32_t mode,
                          int32_t start, int32_t end) {
-  return ApplyLutImpl(bitmap, table, length, mode, start, end, img::FastestLutPath());
+  return ApplyLutImpl(bitmap, table, length, mode, start, end, img::BestIsa());
 }
 
 IMG_API int32_t ApplyByteLut(BitmapRecord *bitmap, const uint8_t *table, uint32_t channel, int32_t start,
@@ -372,7 +372,7 @@ IMG_API int32_t ApplyByteLut(BitmapRecord *bitmap, const uint8_t *table, uint32_
   if (bits == 0) return RC_INVALID_PARAMETER;
   const uint32_t top = (1u << bits) - 1u;
   auto entry = [&](uint32_t v) -> uint32_t { return v > top ? v : Widen(table[Narrow(v, bits)], bits); };
-  return MapThroughEntries(bitmap, kind, channel, start, end, img::FastestLutPath(), entry);
+  return MapThroughEntries(bitmap, kind, channel, start, end, img::BestIsa(), entry);
 }
 
 IMG_API int32_t SignedToUnsigned(BitmapRecord *bitmap, int32_t, int32_t) { return ShiftSamples(bitmap); }
