@@ -1,7 +1,7 @@
 // Colour-space conversions: the dispatch. The pixel form and the 16-bit rows
 // run the scalar reference (ClrSpc_scalar.cpp); an 8-bit row runs the loop of
-// the best instruction set the processor has for its code, chosen once per
-// call, or of the one a test forces. The Lab tables are built here.
+// the best instruction set the processor has for its code (up to the one a
+// test forces), chosen once per call. The Lab tables are built here.
 #include <cmath>
 
 #include "ClrSpc_internal.h"
@@ -15,10 +15,7 @@ namespace clrspc {
 
 namespace {
 
-constexpr int8_t kSize8[11] = {3, 4, 4, 3, 3, 4, 3, 3, 4, 0, 6};
 constexpr int8_t kSize16[11] = {6, 8, 8, 6, 6, 8, 6, 6, 8, 0, 8};
-
-constexpr bool ValidCode(uint32_t code) { return code <= 10 || (code >= kToRgb && code <= kToRgb + 10); }
 
 bool RowArgsValid(uint32_t code, const void *rgb, const void *sp, const LabTableSet *set, int32_t first) {
   if (!ValidCode(code) || rgb == nullptr || sp == nullptr || first < 0) return false;
@@ -84,13 +81,14 @@ int32_t ConvertColorPixel(uint32_t code, uint8_t *r, uint8_t *g, uint8_t *b, voi
 
 int32_t ConvertColorRow8(uint32_t code, uint8_t *rgbRow, void *spaceRow, const LabTableSet *set,
                          int32_t first, int32_t end) {
-  return ConvertColorRow8Isa(BestIsa(), code, rgbRow, spaceRow, set, first, end);
+  return ConvertColorRow8Isa(Isa::Avx512, code, rgbRow, spaceRow, set, first, end);
 }
 
 int32_t ConvertColorRow8Isa(Isa isa, uint32_t code, uint8_t *rgbRow, void *spaceRow, const LabTableSet *set,
                             int32_t first, int32_t end) {
   if (!clrspc::RowArgsValid(code, rgbRow, spaceRow, set, first)) return RC_INVALID_PARAMETER;
-  if (first < end) clrspc::LoopFrom(isa, code)(set, rgbRow, static_cast<uint8_t *>(spaceRow), first, end);
+  if (first < end)
+    clrspc::LoopFrom(BestIsa(isa), code)(set, rgbRow, static_cast<uint8_t *>(spaceRow), first, end);
   return RC_SUCCESS;
 }
 

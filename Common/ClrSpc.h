@@ -54,8 +54,8 @@ int32_t ConvertColorRow8(uint32_t code, uint8_t *rgbRow, void *spaceRow, const L
                          int32_t first, int32_t end);
 int32_t ConvertColorRow16(uint32_t code, uint16_t *rgbRow, void *spaceRow, const LabTableSet *set,
                           int32_t first, int32_t end);
-// ConvertColorRow8 with the row loops of instruction sets up to `isa`
-// (ConvertColorRow8 takes the best the processor has; tests force each one).
+// ConvertColorRow8 with the row loops of instruction sets up to `isa` that
+// the processor has (ConvertColorRow8 takes the best; tests force each one).
 // Isa::Scalar runs the per-pixel formulas, the table-driven Lab form reading
 // its tables as they are: the reference of the faster loops.
 int32_t ConvertColorRow8Isa(Isa isa, uint32_t code, uint8_t *rgbRow, void *spaceRow, const LabTableSet *set,

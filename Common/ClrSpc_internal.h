@@ -14,6 +14,10 @@ namespace img::clrspc {
 
 constexpr uint32_t kToRgb = COLORSPACE_TO_RGB;
 
+constexpr bool ValidCode(uint32_t code) { return code <= 10 || (code >= kToRgb && code <= kToRgb + 10); }
+// Bytes of an 8-bit space pixel by space (0 for the table-driven Lab, rows only).
+constexpr int8_t kSize8[11] = {3, 4, 4, 3, 3, 4, 3, 3, 4, 0, 6};
+
 // Indexes of the inverse cube table of the table-driven Lab form.
 constexpr int32_t kInvCubeLow = -6400, kInvCubeHigh = 12560;
 

@@ -280,10 +280,6 @@ inline Rgb SphInv(double len, int32_t thetaH, int32_t phiH) {
 
 // ---- Validation and the pixel form ------------------------------------------------------
 
-constexpr int8_t kSize8[11] = {3, 4, 4, 3, 3, 4, 3, 3, 4, 0, 6};
-
-constexpr bool ValidCode(uint32_t code) { return code <= 10 || (code >= kToRgb && code <= kToRgb + 10); }
-
 // Forward conversion of one 8-bit pixel; code 9 is handled by the rows only.
 inline void Forward8(uint32_t code, int32_t R, int32_t G, int32_t B, uint8_t *p) {
   int32_t v[4];
@@ -382,7 +378,9 @@ inline void InverseRow(T *rgb, const uint8_t *space, int32_t size, int32_t first
 // Lab form reads its tables as they are).
 template <uint32_t kCode>
 void ReferenceRow8(const LabTableSet *set, uint8_t *rgb, uint8_t *sp, int32_t first, int32_t end) {
-  if constexpr (kCode == COLORSPACE_LAB_TABLE)
+  if constexpr (!ValidCode(kCode))
+    return;  // never called: the table holds null for these codes
+  else if constexpr (kCode == COLORSPACE_LAB_TABLE)
     ForwardRow(rgb, sp, 3, first, end,
                [&t = *set](int32_t R, int32_t G, int32_t B, uint8_t *p) { LabTabFwd8(t, R, G, B, p); });
   else if constexpr (kCode == COLORSPACE_LAB_TABLE + kToRgb)

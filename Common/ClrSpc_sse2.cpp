@@ -1,7 +1,7 @@
 // Colour-space conversions, the loops of the x86-64 baseline (Isa::Sse2):
 // plain C++ that runs faster than the per-pixel reference and gives its bits
-// for every input. HSV and HLS forward and the HSV inverse replace their
-// divisions by reciprocal tables; XYZ, YCrCb and YUV both ways and the HLS
+// for every input. HSV both ways and the HLS forward replace their divisions
+// by reciprocal tables; XYZ, YCrCb and YUV both ways and the HLS
 // inverse run on planes the compiler vectorises; the table-driven Lab rows
 // compute some table reads instead of reading them. They also convert what
 // the AVX2 loops leave over at the end of a run.
@@ -26,8 +26,8 @@ struct Reciprocals {
 };
 constexpr Reciprocals kRecip{};
 
-// The arithmetic of the hue models with the divisions through the table, for
-// non-negative numerators (Unsigned) or any sign, truncating toward zero.
+// The arithmetic of the hue models with the divisions through the table:
+// for non-negative numerators, and for any sign (truncating toward zero).
 struct Reciprocal : hue::Plain {
   static int32_t Div(int32_t n, int32_t d) {
     return static_cast<int32_t>((static_cast<uint64_t>(n) * kRecip.k[d]) >> 32);
