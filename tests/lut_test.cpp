@@ -63,11 +63,11 @@ State Expect(const kit::Bitmap &bm, uint32_t channel, const std::function<uint32
 
 uint32_t FullLength(const Format &s) { return s.bits >= 48 ? 65536 : s.IsGray() ? 1u << s.bits : 256; }
 
-// The byte paths this machine can run.
-const std::vector<img::LutPath> kPaths = [] {
-  std::vector<img::LutPath> paths;
-  for (img::LutPath p : img::kAllLutPaths)
-    if (img::LutPathAvailable(p)) paths.push_back(p);
+// The instruction sets this machine can run.
+const std::vector<img::Isa> kPaths = [] {
+  std::vector<img::Isa> paths;
+  for (img::Isa p : img::kAllIsas)
+    if (img::IsaAvailable(p)) paths.push_back(p);
   return paths;
 }();
 
@@ -127,8 +127,8 @@ TEST(LutPaths, BitIdenticalToScalar) {
       src[i] = round == 0 ? static_cast<uint8_t>(i * 7 + (i >> 8)) : rng();
     const size_t offset = round == 0 ? 0 : rng() % 13,
                  count = round == 0 ? 512 : rng() % (src.size() - offset);
-    for (img::LutPath path : kPaths) {
-      SCOPED_TRACE("path " + std::to_string(static_cast<int>(path)) + " count " + std::to_string(count));
+    for (img::Isa path : kPaths) {
+      SCOPED_TRACE(std::string(img::IsaName(path)) + " count " + std::to_string(count));
       for (size_t i = 0; i < count; ++i) want[i] = table[src[offset + i]];
       img::MapBytes(path, table.data(), src.data() + offset, got.data(), count);
       ASSERT_TRUE(std::equal(want.begin(), want.begin() + count, got.begin()));

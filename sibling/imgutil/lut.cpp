@@ -60,7 +60,7 @@ PaletteEntry MapEntry(PaletteEntry e, const uint8_t *t, uint32_t channel) {
 }
 
 int32_t MapPalette(BitmapRecord *b, const uint8_t *t, uint32_t channel, int32_t start, int32_t end,
-                   img::LutPath path) {
+                   img::Isa path) {
   PaletteEntry pal[256];
   const int32_t count = img::PaletteCount(b);
   if (count < 0) return count;
@@ -104,7 +104,7 @@ int32_t MapPalette(BitmapRecord *b, const uint8_t *t, uint32_t channel, int32_t 
 
 // Runs the compact tables over the samples inside the region.
 int32_t MapSamples(BitmapRecord *b, Kind kind, const CompactTables &t, uint32_t channel, int32_t start,
-                   int32_t end, img::LutPath path) {
+                   int32_t end, img::Isa path) {
   if (kind == Kind::Palette) return MapPalette(b, t.byte, channel, start, end, path);
   img::StoredRowPass rows(b);
   if (rows.status() != RC_SUCCESS) return rows.status();
@@ -199,7 +199,7 @@ int32_t MapAttached(BitmapRecord *b, const int32_t *table, uint32_t length, int3
 // runs it over the samples inside the region.
 template <class Entry>
 int32_t MapThroughEntries(BitmapRecord *b, Kind kind, uint32_t channel, int32_t start, int32_t end,
-                          img::LutPath path, Entry &&entry) {
+                          img::Isa path, Entry &&entry) {
   CompactTables t{};
   img::KernelBuffer<uint16_t> words;
   if (WideSamples(kind)) {
@@ -214,7 +214,7 @@ int32_t MapThroughEntries(BitmapRecord *b, Kind kind, uint32_t channel, int32_t 
 }
 
 int32_t ApplyLutImpl(BitmapRecord *b, const int32_t *table, uint32_t length, uint32_t mode, int32_t start,
-                     int32_t end, img::LutPath path) {
+                     int32_t end, img::Isa path) {
   if (const int32_t s = img::CheckEntry(kTableRule, 0, b)) return s;
   if (!table || length == 0) return RC_INVALID_PARAMETER;
   const uint32_t channel = mode & kChannelMask;
@@ -294,7 +294,7 @@ int32_t ShiftSamples(BitmapRecord *b) {
 namespace img {
 
 int32_t ApplyLutWithPath(BitmapRecord *bitmap, const int32_t *table, uint32_t length, uint32_t mode,
-                         int32_t start, int32_t end, LutPath path) {
+                         int32_t start, int32_t end, Isa path) {
   return ApplyLutImpl(bitmap, table, length, mode, start, end, path);
 }
 
@@ -317,7 +317,7 @@ IMG_API int32_t AllocBitmapLut(BitmapRecord *bitmap, int32_t **table, uint32_t *
 
 IMG_API int32_t ApplyLut(BitmapRecord *bitmap, const int32_t *table, uint32_t length, uint32_t mode,
                          int32_t start, int32_t end) {
-  return ApplyLutImpl(bitmap, table, length, mode, start, end, img::FastestLutPath());
+  return ApplyLutImpl(bitmap, table, length, mode, start, end, img::BestIsa());
 }
 
 IMG_API int32_t ApplyByteLut(BitmapRecord *bitmap, const uint8_t *table, uint32_t channel, int32_t start,
@@ -335,7 +335,7 @@ IMG_API int32_t ApplyByteLut(BitmapRecord *bitmap, const uint8_t *table, uint32_
   if (bits == 0) return RC_INVALID_PARAMETER;
   const uint32_t top = (1u << bits) - 1u;
   auto entry = [&](uint32_t v) -> uint32_t { return v > top ? v : Widen(table[Narrow(v, bits)], bits); };
-  return MapThroughEntries(bitmap, kind, channel, start, end, img::FastestLutPath(), entry);
+  return MapThroughEntries(bitmap, kind, channel, start, end, img::BestIsa(), entry);
 }
 
 IMG_API int32_t SignedToUnsigned(BitmapRecord *bitmap, int32_t, int32_t) { return ShiftSamples(bitmap); }
