@@ -8,7 +8,9 @@
 
 #include <cstdint>
 
+#include "cpu.h"
 #include "imgcolor.h"
+#include "passes.h"
 
 namespace img {
 
@@ -53,6 +55,12 @@ int32_t ConvertColorRow8(uint32_t code, uint8_t *rgbRow, void *spaceRow, const L
                          int32_t first, int32_t end);
 int32_t ConvertColorRow16(uint32_t code, uint16_t *rgbRow, void *spaceRow, const LabTableSet *set,
                           int32_t first, int32_t end);
+// ConvertColorRow8 with the row loops of instruction sets up to `isa` that
+// the processor has (ConvertColorRow8 takes the best; tests force each one).
+// Isa::Scalar runs the per-pixel formulas, the table-driven Lab form reading
+// its tables as they are: the reference of the faster loops.
+int32_t ConvertColorRow8Isa(Isa isa, uint32_t code, uint8_t *rgbRow, void *spaceRow, const LabTableSet *set,
+                            int32_t first, int32_t end);
 
 // Allocates and fills every table of `set` (which must start zeroed). Returns
 // 1, or RC_NO_MEMORY as soon as an allocation fails, leaving the tables
@@ -75,21 +83,22 @@ void Unpack3(const T *packed, T *row, int32_t channels, int32_t left, int32_t ri
     for (int32_t k = 0; k < 3; ++k) row[channels * x + k] = packed[3 * x + k];
 }
 
-namespace clrspc_detail {
+// The conversions as the colour-space pass takes them (passes.h): rows of
+// 8- or 16-bit samples, with the Lab table set as the context of codes 9
+// and 25.
+struct ClrSpcConversions {
+  static int32_t PixelSize(uint32_t code, int32_t bits) { return GetColorSpacePixelSize(code, bits); }
+  static int32_t Row(uint32_t code, uint8_t *rgb, void *space, const void *context, int32_t first,
+                     int32_t end) {
+    return ConvertColorRow8(code, rgb, space, static_cast<const LabTableSet *>(context), first, end);
+  }
+  static int32_t Row(uint32_t code, uint16_t *rgb, void *space, const void *context, int32_t first,
+                     int32_t end) {
+    return ConvertColorRow16(code, rgb, space, static_cast<const LabTableSet *>(context), first, end);
+  }
+};
 
-// Instruction-set paths of the row forms that have more than one. Every path
-// gives bit-identical results; tests force each supported one in turn. Scalar
-// also keeps the table-driven Lab rows in their plain table-reading form, the
-// reference for the faster ones.
-// Avx512 runs the AVX-512 loops where there are some (YCrCb and table-driven
-// Lab, both ways) and the AVX2 ones elsewhere.
-enum class Path : int32_t { Auto = 0, Scalar = 1, Avx2 = 2, Avx512 = 3 };
-// Whether the processor runs the path.
-bool PathSupported(Path path);
-// Same as ConvertColorRow8/16 but with a chosen path (Auto picks the best).
-int32_t ConvertColorRow8Path(Path path, uint32_t code, uint8_t *rgbRow, void *spaceRow,
-                             const LabTableSet *set, int32_t first, int32_t end);
-
-}  // namespace clrspc_detail
+// The colour-space pass of imgcolor's row operations.
+using ColourSpacePass = SpaceRows<ClrSpcConversions>;
 
 }  // namespace img

@@ -2,10 +2,8 @@
 // on the luma of an integer YUV form, so that hues stay as they were.
 #include <cmath>
 
-#include "converter_guard.h"
 #include "curves.h"
-#include "family.h"
-#include "imgcolor.h"
+#include "frame.h"
 
 namespace {
 
@@ -36,12 +34,12 @@ void CorrectRow(Sample *row, int32_t channels, int32_t left, int32_t right, cons
 }  // namespace
 
 extern "C" IMG_API int32_t Q_GammaCorrectBitmapExt(BitmapRecord *bitmap, uint32_t gamma, uint32_t space) {
-  if (bitmap && !img::ValidRecordSize(bitmap->StructSize)) return RC_INVALID_STRUCT_SIZE;
-  if (bitmap && bitmap->ColorOrder == ORDER_GRAY && bitmap->BitsPerPixel == 32)
-    return RC_GRAY32_NOT_SUPPORTED;
-  if (!bitmap) return RC_INVALID_PARAMETER;  // deliberately not RC_NO_BITMAP
-  if (!img::ValidRecordSize(bitmap->StructSize)) return RC_INVALID_STRUCT_SIZE;
-  if (gamma == 0 || (space != GAMMA_RGB && space != GAMMA_YUV)) return RC_INVALID_PARAMETER;
+  // No flags word; a null bitmap is -13, deliberately not RC_NO_BITMAP.
+  constexpr img::EntryRule kEntry{
+      .flagsWord = false, .nullBitmap = img::NullBitmap::AfterFrame, .nullStatus = RC_INVALID_PARAMETER};
+  if (const int32_t status = img::CheckEntry(kEntry, 0, bitmap)) return status;
+  if (!img::ranges::kGamma.Contains(gamma) || !img::ranges::kGammaSpace.Contains(space))
+    return RC_INVALID_PARAMETER;
 
   // Per channel: the forwarded gamma's own status is not passed on; the
   // call reports success whatever it returned (kept as it stands).
@@ -50,24 +48,17 @@ extern "C" IMG_API int32_t Q_GammaCorrectBitmapExt(BitmapRecord *bitmap, uint32_
     return RC_SUCCESS;
   }
 
-  img::ConverterGuard conv;
-  int32_t status = CreateRowConverter(bitmap, conv.place(), ROW_LAYOUT_NATIVE);
-  if (status != RC_SUCCESS) return status;
-  const int32_t depth = RowBitsPerChannel(conv.get());
-  const int32_t channels = RowChannelCount(conv.get());
-  img::KernelBuffer<uint8_t> row;
-  row.adopt(static_cast<uint8_t *>(AllocRowBuffer(conv.get())), __LINE__, L"imgutil/rows");
-  if (!row) return RC_NO_MEMORY;
-
-  const int32_t m = 1 << depth;
+  // The luma of every pixel in the region through the curve; nothing is
+  // reported.
+  img::RowPass pass(bitmap, img::RowSetup{});
+  if (pass.status() != RC_SUCCESS) return pass.status();
+  const int32_t m = 1 << pass.bits();
   IMG_BUFFER(uint16_t, table, static_cast<size_t>(m));
   if (!table) return RC_NO_MEMORY;
   img::BuildGammaTable(gamma, static_cast<uint32_t>(m), table.get());
-  const int32_t max = m - 1;
-  return img::WalkBounds(bitmap, conv.get(), row.get(), [&](void *samples, int32_t left, int32_t right) {
-    if (depth == 16)
-      CorrectRow(static_cast<uint16_t *>(samples), channels, left, right, table.get(), max);
-    else
-      CorrectRow(static_cast<uint8_t *>(samples), channels, left, right, table.get(), max);
+  return pass.RunRows([&](auto &row) {
+    row.ForEachRun([&](int32_t left, int32_t right) {
+      CorrectRow(row.samples, row.channels, left, right, table.get(), m - 1);
+    });
   });
 }

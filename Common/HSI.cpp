@@ -7,8 +7,6 @@
 #include <cmath>
 
 #include "ClrSpc.h"
-#include "converter_guard.h"
-#include "family.h"
 #include "frame.h"
 
 static constexpr const wchar_t *kSourceFile = L"Common/HSI";
@@ -26,8 +24,6 @@ inline int32_t Mul32(int32_t a, int32_t b) {
   return static_cast<int32_t>(static_cast<uint32_t>(a) * static_cast<uint32_t>(b));
 }
 inline int32_t Clamp(int32_t v, int32_t lo, int32_t hi) { return v < lo ? lo : (v > hi ? hi : v); }
-
-inline bool Outside(int32_t v, int32_t limit) { return v < -limit || v > limit; }
 
 // s + s × change / full, clamped to 0..full. The product is taken in 64 bits:
 // changes summed over many records exceed 32 bits once multiplied.
@@ -49,13 +45,15 @@ void AddChange(HueChange &e, int32_t hue, int32_t saturation, int32_t intensity)
 int32_t ValidateRanges(const BitmapRecord *bitmap, int32_t hue, int32_t saturation, int32_t intensity,
                        HueSatIntRange *ranges, uint32_t count) {
   if (bitmap == nullptr) return RC_NO_BITMAP;
-  if (Outside(saturation, 1000) || Outside(intensity, 1000) || Outside(hue, 18000))
+  if (!ranges::kChange.Contains(saturation) || !ranges::kChange.Contains(intensity) ||
+      !ranges::kHueShift.Contains(hue))
     return RC_INVALID_PARAMETER;
   for (uint32_t i = 0; i < count; ++i) {
     const HueSatIntRange &r = ranges[i];
-    if (Outside(r.Saturation, 1000) || Outside(r.Intensity, 1000) || Outside(r.Hue, 18000) ||
-        Outside(r.OuterStart, 359) || Outside(r.OuterEnd, 359) || Outside(r.InnerStart, 359) ||
-        Outside(r.InnerEnd, 359))
+    if (!ranges::kChange.Contains(r.Saturation) || !ranges::kChange.Contains(r.Intensity) ||
+        !ranges::kHueShift.Contains(r.Hue) || !ranges::kBandAngle.Contains(r.OuterStart) ||
+        !ranges::kBandAngle.Contains(r.OuterEnd) || !ranges::kBandAngle.Contains(r.InnerStart) ||
+        !ranges::kBandAngle.Contains(r.InnerEnd))
       return RC_INVALID_PARAMETER;
   }
   for (uint32_t i = 0; i < count; ++i) {
@@ -128,26 +126,21 @@ inline uint32_t Load32(const uint8_t *p) {
 }
 inline void Store32(uint8_t *p, uint32_t v) { __builtin_memcpy(p, &v, 4); }
 
-// One row of 8-bit (T = uint8_t) or 16-bit samples, pixels [left, right) of a
-// blue-green-red row of three samples a pixel.
+// The three changes of one row of 8-bit (T = uint8_t) or 16-bit samples, or
+// of the palette entries (8-bit), each pixel taking the entry of its hue
+// before the shift: hue in HSV, saturation in HLS, intensity on the samples.
 template <class T>
-int32_t RowStep(T *rgb, uint8_t *hsv, uint8_t *hls, int32_t *index, const HueChange *table, int32_t left,
-                int32_t right) {
+int32_t ChangeRow(SpaceRow<T, ClrSpcConversions> &row, int32_t *index, const HueChange *table) {
   constexpr bool kWide = sizeof(T) == 2;
   constexpr int32_t kCircle = kWide ? 36000 : 360;
   constexpr int32_t kSatFull = kWide ? 10000 : 100;
   constexpr int32_t kMax = kWide ? 65535 : 255;
-  constexpr int32_t kSize = kWide ? 8 : 4;  // bytes of an HSV or HLS pixel
-  const auto convert = [&](uint32_t code, uint8_t *space) {
-    if constexpr (kWide)
-      return ConvertColorRow16(code, rgb, space, nullptr, left, right);
-    else
-      return ConvertColorRow8(code, rgb, space, nullptr, left, right);
-  };
-  int32_t status = convert(COLORSPACE_HSV, hsv);
+  constexpr std::ptrdiff_t kSize = kWide ? 8 : 4;  // bytes of an HSV or HLS pixel
+  int32_t status = row.To(COLORSPACE_HSV);
   if (status != RC_SUCCESS) return status;
-  for (int32_t x = left; x < right; ++x) {
-    uint8_t *p = hsv + static_cast<ptrdiff_t>(x) * kSize;
+  uint8_t *const hsv = row.Space(COLORSPACE_HSV);
+  row.row.ForEach([&](int32_t x) {
+    uint8_t *p = hsv + x * kSize;
     const int32_t h = kWide ? static_cast<int32_t>(Load32(p)) : Load16(p);
     const int32_t i = kWide ? h / 100 : h;
     index[x] = i;
@@ -158,126 +151,44 @@ int32_t RowStep(T *rgb, uint8_t *hsv, uint8_t *hls, int32_t *index, const HueCha
       Store32(p, static_cast<uint32_t>(n));
     else
       Store16(p, static_cast<uint32_t>(n));
-  }
-  status = convert(COLORSPACE_HSV + COLORSPACE_TO_RGB, hsv);
-  if (status != RC_SUCCESS) return status;
-  status = convert(COLORSPACE_HLS, hls);
-  if (status != RC_SUCCESS) return status;
-  for (int32_t x = left; x < right; ++x) {
-    uint8_t *p = hls + static_cast<ptrdiff_t>(x) * kSize;
+  });
+  if ((status = row.Back(COLORSPACE_HSV)) != RC_SUCCESS) return status;
+  if ((status = row.To(COLORSPACE_HLS)) != RC_SUCCESS) return status;
+  uint8_t *const hls = row.Space(COLORSPACE_HLS);
+  row.row.ForEach([&](int32_t x) {
+    uint8_t *p = hls + x * kSize;
     const int32_t change = table[index[x]].saturation;
-    if constexpr (kWide) {
-      const int32_t s = Load16(p + 6);
-      Store16(p + 6, static_cast<uint32_t>(ChangeSaturation(s, change, kSatFull)));
-    } else {
+    if constexpr (kWide)
+      Store16(p + 6, static_cast<uint32_t>(ChangeSaturation(Load16(p + 6), change, kSatFull)));
+    else
       p[3] = static_cast<uint8_t>(ChangeSaturation(p[3], change, kSatFull));
-    }
-  }
-  status = convert(COLORSPACE_HLS + COLORSPACE_TO_RGB, hls);
-  if (status != RC_SUCCESS) return status;
-  for (int32_t x = left; x < right; ++x) {
+  });
+  if ((status = row.Back(COLORSPACE_HLS)) != RC_SUCCESS) return status;
+  row.row.ForEach([&](int32_t x) {
     const int32_t add = table[index[x]].intensity;
-    T *q = rgb + static_cast<ptrdiff_t>(x) * 3;
+    T *q = row.rgb + static_cast<std::ptrdiff_t>(x) * 3;
     for (int32_t k = 0; k < 3; ++k) q[k] = static_cast<T>(Clamp(q[k] + add, 0, kMax));
-  }
+  });
   return RC_SUCCESS;
 }
 
-// Each of the `count` palette entries as one pixel through the 8-bit sequence.
-int32_t PaletteStep(BitmapRecord *bitmap, int32_t count, PaletteEntry *entries, const HueChange *table) {
-  if (GetPalette(bitmap, 0, count, entries) == 0) return RC_NO_BITMAP;
-  for (int32_t i = 0; i < count; ++i) {
-    uint8_t r = entries[i].Red, g = entries[i].Green, b = entries[i].Blue;
-    uint8_t space[4];
-    int32_t status = ConvertColorPixel(COLORSPACE_HSV, &r, &g, &b, space);
-    if (status != RC_SUCCESS) return status;
-    const int32_t index = Load16(space);
-    int32_t h = index + table[index].hue;
-    if (h < 0) h += 360;
-    Store16(space, static_cast<uint32_t>(h % 360));
-    status = ConvertColorPixel(COLORSPACE_HSV + COLORSPACE_TO_RGB, &r, &g, &b, space);
-    if (status != RC_SUCCESS) return status;
-    status = ConvertColorPixel(COLORSPACE_HLS, &r, &g, &b, space);
-    if (status != RC_SUCCESS) return status;
-    space[3] = static_cast<uint8_t>(ChangeSaturation(space[3], table[index].saturation, 100));
-    status = ConvertColorPixel(COLORSPACE_HLS + COLORSPACE_TO_RGB, &r, &g, &b, space);
-    if (status != RC_SUCCESS) return status;
-    const int32_t add = table[index].intensity;
-    entries[i].Red = static_cast<uint8_t>(Clamp(r + add, 0, 255));
-    entries[i].Green = static_cast<uint8_t>(Clamp(g + add, 0, 255));
-    entries[i].Blue = static_cast<uint8_t>(Clamp(b + add, 0, 255));
-  }
-  return SetPalette(bitmap, 0, count, entries) ? RC_SUCCESS : RC_NO_BITMAP;
-}
-
-template <class T>
-int32_t RowLoop(BitmapRecord *bitmap, RowConverter converter, uint8_t *row, int32_t channels, size_t elements,
-                int32_t *index, const HueChange *table) {
-  constexpr size_t kElement = sizeof(T) == 2 ? 8 : 4;
-  IMG_BUFFER(uint8_t, hsv, elements * kElement);
-  if (!hsv) return RC_NO_MEMORY;
-  IMG_BUFFER(uint8_t, hls, elements * kElement);
-  if (!hls) return RC_NO_MEMORY;
-  // The conversions take rows of three samples a pixel.
-  KernelBuffer<T> packed;
-  if (channels != 3) {
-    packed = KernelBuffer<T>(static_cast<size_t>(bitmap->Width) * 3, __LINE__, kSourceFile);
-    if (!packed) return RC_NO_MEMORY;
-  }
-  Rect bounds{};
-  int32_t status = GetRegionBounds(bitmap, nullptr, &bounds);
-  if (status != RC_SUCCESS) return status;
-  T *samples = reinterpret_cast<T *>(row);
-  T *rgb = packed ? packed.get() : samples;
-  for (int32_t y = bounds.Top; y < bounds.Bottom; ++y) {
-    status = ReadRow(converter, row, y, nullptr, nullptr);
-    if (status != RC_SUCCESS) return status;
-    if (packed) Pack3(samples, rgb, channels, bounds.Left, bounds.Right);
-    status = RowStep<T>(rgb, hsv.get(), hls.get(), index, table, bounds.Left, bounds.Right);
-    if (status != RC_SUCCESS) return status;
-    if (packed) Unpack3(rgb, samples, channels, bounds.Left, bounds.Right);
-    status = WriteRow(converter, row, y, nullptr, nullptr);
-    if (status != RC_SUCCESS) return status;
-  }
-  UpdateBitmapInfo(bitmap);
-  return RC_SUCCESS;
-}
-
+// Palette bitmaps change their entries (no progress); other bitmaps their
+// rows with progress. Without a row buffer the bitmap stays untouched and
+// the status stands at the converter's success: kept.
 int32_t Worker(BitmapRecord *bitmap, int32_t hue, int32_t saturation, int32_t intensity,
-               const HueSatIntRange *ranges, uint32_t count, int32_t progressStart, int32_t progressEnd) {
+               const HueSatIntRange *ranges, uint32_t count, const ProgressRange &progress) {
   IMG_BUFFER(HueChange, table, kHueEntries);
   if (!table) return RC_NO_MEMORY;
-  ConverterGuard converter;
-  int32_t status = CreateRowConverter(bitmap, converter.place(), ROW_LAYOUT_NATIVE);
-  if (status != RC_SUCCESS) return status;
-  const int32_t channels = RowChannelCount(converter.get());
-  const int32_t bits = RowBitsPerChannel(converter.get());
-  const size_t elements = static_cast<size_t>(PrepareRowConverter(converter.get())) + 4 * channels;
-  BuildHueTable(table.get(), hue, saturation, intensity, ranges, count, bits);
-
-  if (IsPaletteBitmap(bitmap)) {
-    const int32_t count = PaletteCount(bitmap);
-    if (count < 0) return count;
-    IMG_BUFFER(PaletteEntry, entries, static_cast<size_t>(count));
-    if (!entries) return RC_NO_MEMORY;
-    status = PaletteStep(bitmap, count, entries.get(), table.get());
-    return status == RC_SUCCESS ? FinishOperation() : status;
-  }
-
-  KernelBuffer<uint8_t> row;
-  row.adopt(static_cast<uint8_t *>(AllocRowBuffer(converter.get())), __LINE__, kSourceFile);
-  // Without a row buffer the bitmap stays untouched and the status stands at
-  // the converter's success: kept.
-  if (!row) return status;
-  IMG_BUFFER(int32_t, index, bitmap->Width);
+  RowPass pass(
+      bitmap,
+      RowSetup{.progress = progress, .palette = PaletteRule::Entries, .noRowBuffer = NoRowBuffer::Succeeds});
+  if (pass.status() != RC_SUCCESS) return pass.status();
+  BuildHueTable(table.get(), hue, saturation, intensity, ranges, count, pass.OnPalette() ? 8 : pass.bits());
+  IMG_BUFFER(int32_t, index, static_cast<std::size_t>(bitmap->Width > 256 ? bitmap->Width : 256));
   if (!index) return RC_NO_MEMORY;
-  status = BitmapHasRegion(bitmap) ? BeginRegionProgress(converter.get(), progressStart, progressEnd)
-                                   : BeginWholeBitmapProgress(converter.get(), progressStart, progressEnd);
-  if (status != RC_SUCCESS) return status;
-  if (bits == 16)
-    return RowLoop<uint16_t>(bitmap, converter.get(), row.get(), channels, elements, index.get(),
-                             table.get());
-  return RowLoop<uint8_t>(bitmap, converter.get(), row.get(), channels, elements, index.get(), table.get());
+  ColourSpacePass space(pass, {COLORSPACE_HSV, COLORSPACE_HLS});
+  const int32_t status = space.Run([&](auto &row) { return ChangeRow(row, index.get(), table.get()); });
+  return status == RC_SUCCESS && pass.OnPalette() ? FinishOperation() : status;
 }
 
 }  // namespace
@@ -288,8 +199,8 @@ extern "C" IMG_API int32_t Q_ChangeHueSatIntBitmap(BitmapRecord *bitmap, int32_t
                                                    int32_t intensity, const HueSatIntRange *ranges,
                                                    uint32_t count, uint32_t flags) {
   using namespace img::hsi;
-  int32_t status = img::CheckEntry(img::EntryChecks{.flags = true, .nullBitmap = false, .signedData = true},
-                                   flags, bitmap);
+  constexpr img::EntryRule kEntry{.nullBitmap = img::NullBitmap::Passed, .signedData = true};
+  int32_t status = img::CheckEntry(kEntry, flags, bitmap);
   if (status != 0) return status;
   // No record to read: a null pointer with a count is -13; no pointer or a
   // count of 0 is -814, so the first record is never read past the caller's.
@@ -302,5 +213,5 @@ extern "C" IMG_API int32_t Q_ChangeHueSatIntBitmap(BitmapRecord *bitmap, int32_t
   CopyMemory(copy.get(), ranges, static_cast<size_t>(count) * sizeof(HueSatIntRange));
   status = ValidateRanges(bitmap, hue, saturation, intensity, copy.get(), count);
   if (status != 0) return status;
-  return Worker(bitmap, hue, saturation, intensity, copy.get(), count, 0, 100);
+  return Worker(bitmap, hue, saturation, intensity, copy.get(), count, img::kFullProgress);
 }

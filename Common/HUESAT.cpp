@@ -4,144 +4,46 @@
 #include "HUESAT.h"
 
 #include <cstring>
+#include <type_traits>
 
-#include "converter_guard.h"
-#include "family.h"
 #include "frame.h"
-#include "imgcolor.h"
+#include "hue_model.h"
 
 static constexpr const wchar_t *kSourceFile = L"Common/HUESAT";
 
 namespace img::huesat {
 
-namespace {
-
-constexpr int32_t Max3(int32_t a, int32_t b, int32_t c) { return a > b ? (a > c ? a : c) : (b > c ? b : c); }
-constexpr int32_t Min3(int32_t a, int32_t b, int32_t c) { return a < b ? (a < c ? a : c) : (b < c ? b : c); }
-constexpr int32_t Clamp(int32_t v, int32_t lo, int32_t hi) { return v < lo ? lo : (v > hi ? hi : v); }
-
-// One channel of the 8-bit hexcone inverse; h wraps by 255, not 256.
-inline int32_t HexValue8(int32_t m1, int32_t m2, int32_t h) {
-  if (h >= 256) h -= 255;
-  if (h < 0) h += 255;
-  int32_t v;
-  if (h < 42) {
-    v = m1 + (m2 - m1) * h * 6 / 255;
-  } else if (h < 127) {
-    return m2;
-  } else if (h < 170) {
-    v = m1 + (m2 - m1) * (170 - h) * 6 / 255;
-  } else {
-    return m1;
-  }
-  return v > 255 ? 255 : v;
-}
-
-inline int32_t HexValue16(int32_t m1, int32_t m2, int32_t h) {
-  if (h >= 65536) h -= 65535;
-  if (h < 0) h += 65535;
-  int64_t v;
-  if (h < 10922) {
-    v = m1 + int64_t{m2 - m1} * h * 6 / 65535;
-  } else if (h < 32767) {
-    return m2;
-  } else if (h < 43690) {
-    v = m1 + int64_t{m2 - m1} * (43690 - h) * 6 / 65535;
-  } else {
-    return m1;
-  }
-  return v > 65535 ? 65535 : static_cast<int32_t>(v);
-}
-
-}  // namespace
+// The models of hue_model.h on the compact scale: HSV with the hue in
+// 1/360ths of a step before its rounding, the hexcone on 255 or 65535 steps.
 
 uint32_t RgbToHsv8(int32_t r, int32_t g, int32_t b) {
-  const int32_t mx = Max3(r, g, b), mn = Min3(r, g, b);
-  if (mx == mn) return PackHsv8(0, 0, static_cast<uint32_t>(mx));
-  int32_t h;
-  if (b == mn)
-    h = ((g - mn) * 30720 / (r + g - 2 * mn) + 180) / 360;
-  else if (r == mn)
-    h = ((b - mn) * 30720 / (b + g - 2 * mn) + 30900) / 360;
-  else
-    h = ((r - mn) * 30720 / (r + b - 2 * mn) + 61620) / 360;
-  const int32_t s = (mx - mn) * 255 / mx;
-  return PackHsv8(static_cast<uint32_t>(h), static_cast<uint32_t>(s), static_cast<uint32_t>(mx));
+  // 30720 = 256 steps x 120 degrees: the hue in 1/360ths of a step, rounded
+  // to the nearest step.
+  const auto c = hue::HsvOf<hue::Plain>(r, g, b, 30720, 255);
+  return PackHsv8(static_cast<uint32_t>((c.h + 180) / 360), static_cast<uint32_t>(c.s),
+                  static_cast<uint32_t>(c.v));
 }
 
 uint32_t HsvToRgb8(uint32_t hsv) {
-  const int32_t hue = static_cast<int32_t>(hsv & 0xFFu);
-  const int32_t s = static_cast<int32_t>((hsv >> 8) & 0xFFu);
-  const int32_t v = static_cast<int32_t>((hsv >> 16) & 0xFFu);
-  int32_t r, g, b;
-  if (s == 0) {
-    r = g = b = v;
-  } else {
-    const int32_t H = (hue * 360) >> 8;
-    const int32_t low = (255 - s) * v / 255, d = v - low;
-    if (H <= 60) {
-      r = v, g = d * H / (120 - H) + low, b = low;
-    } else if (H <= 120) {
-      r = (120 - H) * d / H + low, g = v, b = low;
-    } else if (H <= 180) {
-      r = low, g = v, b = (H - 120) * d / (240 - H) + low;
-    } else if (H <= 240) {
-      r = low, g = (240 - H) * d / (H - 120) + low, b = v;
-    } else if (H <= 300) {
-      r = (H - 240) * d / (360 - H) + low, g = low, b = v;
-    } else {
-      r = v, g = low, b = (360 - H) * d / (H - 240) + low;
-    }
-  }
-  return static_cast<uint32_t>(r) | (static_cast<uint32_t>(g) << 8) | (static_cast<uint32_t>(b) << 16);
+  const int32_t degrees = static_cast<int32_t>(hsv & 0xFFu) * 360 >> 8;
+  const hue::Rgb<int32_t> c = hue::HsvToRgb<hue::Plain, 60>(degrees, static_cast<int32_t>((hsv >> 8) & 0xFFu),
+                                                            static_cast<int32_t>((hsv >> 16) & 0xFFu), 255);
+  return static_cast<uint32_t>(c.r) | (static_cast<uint32_t>(c.g) << 8) | (static_cast<uint32_t>(c.b) << 16);
 }
 
 Hsv16 RgbToHsv16(int32_t r, int32_t g, int32_t b) {
-  const int32_t mx = Max3(r, g, b), mn = Min3(r, g, b);
-  if (mx == mn) return {0, 0, mx};
-  double q, offset;
-  if (b == mn) {
-    q = static_cast<double>(g - mn) * 7895040 / (r + g - 2 * mn);
-    offset = 0;
-  } else if (r == mn) {
-    q = static_cast<double>(b - mn) * 7895040 / (b + g - 2 * mn);
-    offset = 7895040;
-  } else {
-    q = static_cast<double>(r - mn) * 7895040 / (r + b - 2 * mn);
-    offset = 15790080;
-  }
-  int32_t h = static_cast<int32_t>((q + offset + 46260) / 360);
-  if (h > 65535) h = 65535;
-  const int32_t s = static_cast<int32_t>(int64_t{mx - mn} * 65535 / mx);
-  return {h, s, mx};
+  // In doubles, 7895040 = 65792 x 120 a third, offset by 46260 before the
+  // division by 360 and capped.
+  const auto c = hue::HsvOf<hue::Real, hue::Wide64>(r, g, b, 7895040, 65535);
+  if (c.gray) return {0, 0, c.v};
+  const int32_t h = static_cast<int32_t>((c.h + 46260) / 360);
+  return {h > 65535 ? 65535 : h, static_cast<int32_t>(c.s), c.v};
 }
 
 Rgb16 HsvToRgb16(int32_t h, int32_t s, int32_t v) {
-  if (s == 0) return {v, v, v};
-  const int64_t hs = (int64_t{h} * 360) >> 8;
-  const int64_t low = (int64_t{v} * 65535 - int64_t{v} * s) / 65535;
-  const int64_t d = v - low;
-  int64_t r, g, b;
-  if (hs <= 30840) {
-    b = low;
-    if (hs > 15420)
-      g = v, r = (30840 - hs) * d / hs + low;
-    else
-      r = v, g = d * hs / (30840 - hs) + low;
-  } else if (hs <= 61680) {
-    r = low;
-    if (hs > 46260)
-      b = v, g = (61680 - hs) * d / (hs - 30840) + low;
-    else
-      g = v, b = (hs - 30840) * d / (61680 - hs) + low;
-  } else {
-    g = low;
-    if (hs > 77100)
-      r = v, b = (92520 - hs) * d / (hs - 61680) + low;
-    else
-      b = v, r = (hs - 61680) * d / (92520 - hs) + low;
-  }
-  return {static_cast<int32_t>(r), static_cast<int32_t>(g), static_cast<int32_t>(b)};
+  // 15420 units a sixth: 360 x 257 a circle.
+  const hue::Rgb<int64_t> c = hue::HsvToRgb<hue::Wide64, 15420>((int64_t{h} * 360) >> 8, s, v, 65535);
+  return {static_cast<int32_t>(c.r), static_cast<int32_t>(c.g), static_cast<int32_t>(c.b)};
 }
 
 int32_t HueStep(int32_t angle) {
@@ -153,64 +55,32 @@ int32_t HueStep(int32_t angle) {
 
 int32_t SaturationStep(int32_t change) { return (change * 255 + 500) / 1000; }
 
+namespace {
+
+// The hexcone with saturation S' = S + ((S step) >> 8) held to the sample
+// range; the channels are capped at its top. A: the arithmetic of the
+// saturation and the inverse, H: of the hue.
+template <class A, class H, hue::Hexcone C>
+void ChangeSaturation(int32_t &r, int32_t &g, int32_t &b, int32_t step) {
+  constexpr int32_t top = C.sampleMax;
+  const hue::Hls c = hue::HlsOf<A, H, C>(r, g, b);
+  int32_t s = c.s + ((c.s * step) >> 8);
+  s = s < 0 ? 0 : (s > top ? top : s);
+  const hue::Rgb<typename A::T> out = hue::HlsToRgb<A, C>(c.h, c.l, s);
+  r = static_cast<int32_t>(out.r > top ? top : out.r);
+  g = static_cast<int32_t>(out.g > top ? top : out.g);
+  b = static_cast<int32_t>(out.b > top ? top : out.b);
+}
+
+}  // namespace
+
 void ChangeSaturation8(int32_t &r, int32_t &g, int32_t &b, int32_t step) {
-  const int32_t mx = Max3(r, g, b), mn = Min3(r, g, b);
-  const int32_t L = (mx + mn) >> 1;
-  int32_t s = 0, hue = 0;
-  if (mx != mn) {
-    s = (mx + mn < 256) ? (mx - mn) * 255 / (mx + mn) : (mx - mn) * 255 / (510 - mx - mn);
-    const int32_t d6 = 6 * (mx - mn);
-    if (mx == r)
-      hue = (g - b) * 255 / d6;
-    else if (mx == g)
-      hue = (b - r) * 255 / d6 + 85;
-    else
-      hue = (r - g) * 255 / d6 + 170;
-    if (hue < 0) hue += 255;  // 255, not 256: kept
-  }
-  s = Clamp(s + ((s * step) >> 8), 0, 255);
-  if (s == 0) {
-    r = g = b = L;
-    return;
-  }
-  int32_t m2 = L < 128 ? (s + 255) * L / 255 : s + L - L * s / 255;
-  if (m2 > 255) m2 = 255;
-  const int32_t m1 = 2 * L - m2;
-  b = HexValue8(m1, m2, hue - 85);
-  g = HexValue8(m1, m2, hue);
-  r = HexValue8(m1, m2, hue + 85);
+  ChangeSaturation<hue::Plain, hue::Plain, hue::kHexSteps255>(r, g, b, step);
 }
 
 void ChangeSaturation16(int32_t &r, int32_t &g, int32_t &b, int32_t step) {
-  const int32_t mx = Max3(r, g, b), mn = Min3(r, g, b);
-  const int32_t L = (mx + mn) >> 1;
-  int32_t s = 0, hue = 0;
-  if (mx != mn) {
-    const int64_t diff = mx - mn;
-    s = static_cast<int32_t>(L <= 32767 ? diff * 65535 / (mx + mn) : diff * 65535 / (131070 - mx - mn));
-    // The sector offset is added in double before the truncation.
-    const double d6 = 6.0 * static_cast<double>(diff);
-    double h;
-    if (mx == r)
-      h = static_cast<double>(g - b) * 65535 / d6;
-    else if (mx == g)
-      h = static_cast<double>(b - r) * 65535 / d6 + 21845;
-    else
-      h = static_cast<double>(r - g) * 65535 / d6 + 43690;
-    hue = static_cast<int32_t>(h);
-    if (hue < 0) hue += 65535;
-  }
-  s = Clamp(s + ((s * step) >> 8), 0, 65535);
-  if (s == 0) {
-    r = g = b = L;
-    return;
-  }
-  int64_t m2 = L < 32768 ? (int64_t{s} + 65535) * L / 65535 : int64_t{L} + s - int64_t{L} * s / 65535;
-  if (m2 > 65535) m2 = 65535;
-  const int32_t m1 = 2 * L - static_cast<int32_t>(m2);
-  b = HexValue16(m1, static_cast<int32_t>(m2), hue - 21845);
-  g = HexValue16(m1, static_cast<int32_t>(m2), hue);
-  r = HexValue16(m1, static_cast<int32_t>(m2), hue + 21845);
+  // The hue in doubles: the sector offset is added before the truncation.
+  ChangeSaturation<hue::Wide64, hue::Real, hue::kHexSteps65535>(r, g, b, step);
 }
 
 namespace {
@@ -306,91 +176,40 @@ void RunPixels(T *row, int32_t channels, bool threeOnly, int32_t start, int32_t 
   }
 }
 
-// Palette bitmaps: every entry through the 8-bit step. The status callback
-// hears 0 before the change and 100 after it; the second answer is the result.
+// Rows and palette entries through the operation's per-pixel step.
 template <class Op>
-int32_t PalettePath(BitmapRecord *bitmap, const Op &op) {
-  const int32_t count = PaletteCount(bitmap);
-  if (count < 0) return count;
-  PaletteEntry entries[256];
-  if (GetPalette(bitmap, 0, count, entries) != count) return RC_NO_BITMAP;
-  const Progress progress;
-  if (progress.active()) {
-    const int32_t status = progress.report(0);
-    if (status != RC_SUCCESS) return status;
-  }
-  for (int32_t i = 0; i < count; ++i) {
-    int32_t r = entries[i].Red, g = entries[i].Green, b = entries[i].Blue;
-    op.Pixel8(r, g, b);
-    entries[i].Red = static_cast<uint8_t>(r);
-    entries[i].Green = static_cast<uint8_t>(g);
-    entries[i].Blue = static_cast<uint8_t>(b);
-  }
-  SetPalette(bitmap, 0, count, entries);  // result not checked
-  SettleGrayPalette(bitmap);              // coloured 8-bit gray becomes a palette bitmap
-  return progress.active() ? progress.report(100) : RC_SUCCESS;
+auto PixelKernel(const Op &op, bool threeOnly16) {
+  return [&op, threeOnly16](auto &row) {
+    using T = std::remove_reference_t<decltype(*row.samples)>;
+    constexpr bool kWide = sizeof(T) == 2;
+    row.ForEachRun([&](int32_t start, int32_t end) {
+      RunPixels<T, Op, kWide>(row.samples, row.channels, kWide && threeOnly16, start, end, op);
+    });
+  };
 }
 
-// Other bitmaps: the rows of the region's range, each with its runs inside
-// the region. `lengthFor16` returns the status for 16-bit rows before any row
-// is touched (the remap's table-length check), or 0 to go on.
+// Palette bitmaps (without PALETTE_FLAG_NONE) change every entry through the
+// 8-bit step; the status callback hears 0 before the change and 100 after
+// it, and the second answer is the result. Other bitmaps go row by row over
+// the region's runs, reporting nothing. `check16` gives the status for
+// 16-bit rows before any row is touched (the remap's table length), or 0.
 template <class Op, class Check16>
-int32_t RowPath(BitmapRecord *bitmap, const Op &op, bool threeOnly16, Check16 check16) {
-  ConverterGuard converter;
-  int32_t status = CreateRowConverter(bitmap, converter.place(), ROW_LAYOUT_NATIVE);
-  if (status != RC_SUCCESS) return status;
-  const int32_t channels = RowChannelCount(converter.get());
-  const bool wide = RowBitsPerChannel(converter.get()) == 16;
-  if (wide) {
-    status = check16();
-    if (status != 0) return status;
+int32_t Dispatch(BitmapRecord *bitmap, const Op &op, bool threeOnly16, Check16 check16) {
+  RowPass pass(bitmap, RowSetup{.palette = PaletteRule::Entries});
+  if (pass.status() != RC_SUCCESS) return pass.status();
+  const auto kernel = PixelKernel(op, threeOnly16);
+  if (pass.OnPalette()) {
+    if (const int32_t count = PaletteCount(bitmap); count < 0) return count;
+    return Bracketed(kFullProgress, [&] { return RunPaletteRow(bitmap, kernel); });
   }
-  KernelBuffer<uint8_t> row;
-  row.adopt(static_cast<uint8_t *>(AllocRowBuffer(converter.get())), __LINE__, kSourceFile);
-  if (!row) return RC_NO_MEMORY;
-  KernelBuffer<RowRun> runs;
-  runs.adopt(AllocRunList(converter.get()), __LINE__, kSourceFile);
-  if (!runs) return RC_NO_MEMORY;
-  status = BeginWholeBitmap(converter.get());
-  if (status != RC_SUCCESS) return status;
-  Rect range{};
-  status = GetRowRange(converter.get(), &range);
-  if (status != RC_SUCCESS) return status;
-  for (int32_t y = range.Top; y < range.Bottom; ++y) {
-    int32_t runCount = 0;
-    status = ReadRow(converter.get(), row.get(), y, runs.get(), &runCount);
-    if (status != RC_SUCCESS) return status;
-    for (int32_t i = 0; i < runCount; ++i) {
-      const RowRun run = runs[i];
-      if (wide)
-        RunPixels<uint16_t, Op, true>(reinterpret_cast<uint16_t *>(row.get()), channels, threeOnly16,
-                                      run.Start, run.End, op);
-      else
-        RunPixels<uint8_t, Op, false>(row.get(), channels, false, run.Start, run.End, op);
-    }
-    status = WriteRow(converter.get(), row.get(), y, runs.get(), &runCount);
-    if (status != RC_SUCCESS) return status;
+  if (pass.wide()) {
+    if (const int32_t status = check16()) return status;
   }
-  UpdateBitmapInfo(bitmap);
-  return RC_SUCCESS;
+  return pass.RunRows(kernel);
 }
 
-inline bool UsesPalette(const BitmapRecord *bitmap) {
-  return bitmap->BitsPerPixel < 9 && bitmap->PaletteFlag == 0;
-}
-
-template <class Op>
-int32_t Dispatch(BitmapRecord *bitmap, const Op &op) {
-  if (UsesPalette(bitmap)) return PalettePath(bitmap, op);
-  return RowPath(bitmap, op, false, [] { return 0; });
-}
-
-// Flags, then a null or unallocated bitmap, then the record checks.
-int32_t CheckFrame(BitmapRecord *bitmap, uint32_t flags) {
-  if (flags != 0) return RC_INVALID_PARAMETER;
-  if (bitmap == nullptr || !(bitmap->Flags & BITMAP_ALLOCATED)) return RC_NO_BITMAP;
-  return CheckEntry(EntryChecks{.flags = false, .nullBitmap = true, .signedData = true}, 0, bitmap);
-}
+constexpr EntryRule kEntry{.nullBitmap = NullBitmap::RefusedUnallocated, .signedData = true};
+constexpr auto kNoCheck = [] { return 0; };
 
 }  // namespace
 
@@ -401,23 +220,20 @@ using namespace img::huesat;
 extern "C" {
 
 IMG_API int32_t Q_ChangeBitmapHue(BitmapRecord *bitmap, int32_t angle, uint32_t flags) {
-  const int32_t status = CheckFrame(bitmap, flags);
-  if (status != 0) return status;
-  return Dispatch(bitmap, HueOp{HueStep(angle)});
+  if (const int32_t status = img::CheckEntry(kEntry, flags, bitmap)) return status;
+  return Dispatch(bitmap, HueOp{HueStep(angle)}, false, kNoCheck);
 }
 
 IMG_API int32_t Q_ChangeBitmapSaturation(BitmapRecord *bitmap, int32_t change, uint32_t flags) {
-  const int32_t status = CheckFrame(bitmap, flags);
-  if (status != 0) return status;
-  if (change < -1000 || change > 1000) return RC_INVALID_PARAMETER;
-  return Dispatch(bitmap, SaturationOp{SaturationStep(change)});
+  if (const int32_t status = img::CheckEntry(kEntry, flags, bitmap)) return status;
+  if (!img::ranges::kChange.Contains(change)) return RC_INVALID_PARAMETER;
+  return Dispatch(bitmap, SaturationOp{SaturationStep(change)}, false, kNoCheck);
 }
 
 IMG_API int32_t Q_RemapBitmapHue(BitmapRecord *bitmap, const int32_t *selection, const int32_t *hue,
                                  const int32_t *saturation, const int32_t *value, uint32_t length,
                                  uint32_t flags) {
-  int32_t status = CheckFrame(bitmap, flags);
-  if (status != 0) return status;
+  if (const int32_t status = img::CheckEntry(kEntry, flags, bitmap)) return status;
   // Every path indexes the tables by 8-bit values at least; 16-bit rows
   // need 4096 entries (indexes shifted by 4) or 65536 (checked below).
   if (length < 256) return RC_INVALID_PARAMETER;
@@ -434,10 +250,8 @@ IMG_API int32_t Q_RemapBitmapHue(BitmapRecord *bitmap, const int32_t *selection,
   const RemapOp op{selection ? selection : ones.get(), hue ? hue : identity.get(),
                    saturation ? saturation : identity.get(), value ? value : identity.get(),
                    length == 4096 ? 4 : 0};
-  if (UsesPalette(bitmap)) return PalettePath(bitmap, op);
-  status = RowPath(bitmap, op, true,
-                   [length] { return length == 4096 || length >= 65536 ? 0 : RC_INVALID_PARAMETER; });
-  return status;
+  return Dispatch(bitmap, op, true,
+                  [length] { return length == 4096 || length >= 65536 ? 0 : RC_INVALID_PARAMETER; });
 }
 
 }  // extern "C"

@@ -2,7 +2,8 @@
 // Q_RemapBitmapHue, Q_ChangeBitmapSaturation). Internal to imgcolor.
 //
 // These work on a compact hue scale of their own: a full circle is 256 steps
-// for 8-bit samples and 65536 steps for 16-bit samples.
+// for 8-bit samples and 65536 steps for 16-bit samples. They are the HSV and
+// HLS models of hue_model.h, which the colour-space conversions share.
 #pragma once
 
 #include <cstdint>

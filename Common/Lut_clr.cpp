@@ -10,9 +10,7 @@
 #include <cmath>
 #include <cstring>
 
-#include "family.h"
 #include "frame.h"
-#include "imgcolor.h"
 #include "pixels.h"
 
 namespace img {
@@ -43,16 +41,11 @@ void Segment(int32_t *table, uint32_t length, int32_t first, int32_t last, int32
     table[i] = static_cast<int32_t>(firstValue + rise * (i - first) / span);
 }
 
-// Entry checks of the table exports: flags word (when the export has one),
+// Entry rules of the table exports: flags word (when the export has one),
 // record size and 32-bit gray. A null bitmap passes the size check; the
 // 32-bit gray check is the first to read it, so it is refused there.
-int32_t CheckTableEntry(bool hasFlags, uint32_t flags, BitmapRecord *bitmap) {
-  EntryChecks checks;
-  checks.flags = hasFlags;
-  checks.nullBitmap = false;
-  if (const int32_t status = CheckEntry(checks, flags, bitmap)) return status;
-  return bitmap ? 0 : RC_NO_BITMAP;
-}
+constexpr EntryRule kTableEntry{.nullBitmap = NullBitmap::AfterFrame};
+constexpr EntryRule kTableEntryNoFlags{.flagsWord = false, .nullBitmap = NullBitmap::AfterFrame};
 
 bool UsesAttachedLut(const BitmapRecord *bitmap) { return (bitmap->Flags & BITMAP_USE_ATTACHED_LUT) != 0; }
 bool IsSigned(const BitmapRecord *bitmap) { return (bitmap->Flags & BITMAP_SIGNED) != 0; }
@@ -159,14 +152,7 @@ bool FillConstantOutput(int32_t *table, uint32_t length, uint32_t output) {
 
 // ---- Table builders ------------------------------------------------------------------
 
-uint32_t LutLengthOf(const BitmapRecord *bitmap) {
-  if (bitmap->BitsPerPixel >= 48) return 65536;
-  if (bitmap->ColorOrder != ORDER_GRAY) return 256;
-  if (bitmap->AttachedLut != nullptr && UsesAttachedLut(bitmap))
-    return bitmap->AttachedLutLength > 0 ? static_cast<uint32_t>(bitmap->AttachedLutLength) : 0;
-  const int32_t bits = GraySampleBits(bitmap);
-  return bits ? 1u << bits : 0u;
-}
+uint32_t LutLengthOf(const BitmapRecord *bitmap) { return TableLength(bitmap); }
 
 int32_t LutShiftOf(uint32_t length) {
   switch (length) {
@@ -396,27 +382,32 @@ int32_t RunHistogramOperation(BitmapRecord *bitmap, Build build) {
 
 }  // namespace img
 
-using img::CheckTableEntry;
+using img::CheckEntry;
+using img::kTableEntry;
+using img::kTableEntryNoFlags;
+namespace ranges = img::ranges;
 
 extern "C" {
 
 IMG_API int32_t Q_SolarizeBitmap(BitmapRecord *bitmap, uint32_t threshold, uint32_t flags) {
-  if (const int32_t status = CheckTableEntry(true, flags, bitmap)) return status;
+  if (const int32_t status = CheckEntry(kTableEntry, flags, bitmap)) return status;
   return img::RunTableOperation(bitmap, true, [&](int32_t *table, uint32_t length) {
     const int32_t shift = img::LutShiftOf(length);
     if (shift < 0) return RC_INVALID_PARAMETER;
     // 12-bit gray takes thresholds up to 4095; every other kind up to
     // 65535, also 8-bit ones where thresholds above 255 change nothing.
-    const uint32_t limit = (bitmap->BitsPerPixel == 12 && ::IsGrayBitmap(bitmap)) ? 4095u : 65535u;
-    if (threshold > limit) return RC_INVALID_PARAMETER;
+    const img::Range &limit = (bitmap->BitsPerPixel == 12 && ::IsGrayBitmap(bitmap))
+                                  ? ranges::kSolarizeThreshold12
+                                  : ranges::kSolarizeThreshold;
+    if (!limit.Contains(threshold)) return RC_INVALID_PARAMETER;
     img::BuildSolarizeLut(table, length, threshold, 0xFFFFu >> shift);
     return RC_SUCCESS;
   });
 }
 
 IMG_API int32_t Q_PosterizeBitmap(BitmapRecord *bitmap, uint32_t levels, uint32_t flags) {
-  if (const int32_t status = CheckTableEntry(true, flags, bitmap)) return status;
-  if (levels < 2 || levels > 64) return RC_INVALID_PARAMETER;
+  if (const int32_t status = CheckEntry(kTableEntry, flags, bitmap)) return status;
+  if (!ranges::kPosterizeLevels.Contains(levels)) return RC_INVALID_PARAMETER;
   return img::RunTableOperation(bitmap, true, [&](int32_t *table, uint32_t length) {
     if (length < 2) return RC_INVALID_PARAMETER;
     img::BuildPosterizeLut(table, length, levels);
@@ -425,8 +416,8 @@ IMG_API int32_t Q_PosterizeBitmap(BitmapRecord *bitmap, uint32_t levels, uint32_
 }
 
 IMG_API int32_t Q_ChangeBitmapContrast(BitmapRecord *bitmap, int32_t change, uint32_t flags) {
-  if (const int32_t status = CheckTableEntry(true, flags, bitmap)) return status;
-  if (change < -1000 || change > 1000) return RC_INVALID_PARAMETER;
+  if (const int32_t status = CheckEntry(kTableEntry, flags, bitmap)) return status;
+  if (!ranges::kChange.Contains(change)) return RC_INVALID_PARAMETER;
   if (change == 0) return ::FinishOperation();
   return img::RunTableOperation(bitmap, false, [&](int32_t *table, uint32_t length) {
     img::BuildContrastLut(table, length, change);
@@ -435,7 +426,7 @@ IMG_API int32_t Q_ChangeBitmapContrast(BitmapRecord *bitmap, int32_t change, uin
 }
 
 IMG_API int32_t Q_MultiplyBitmap(BitmapRecord *bitmap, uint32_t factor, uint32_t flags) {
-  if (const int32_t status = CheckTableEntry(true, flags, bitmap)) return status;
+  if (const int32_t status = CheckEntry(kTableEntry, flags, bitmap)) return status;
   return img::RunTableOperation(bitmap, false, [&](int32_t *table, uint32_t length) {
     img::BuildMultiplyLut(table, length, factor);
     return RC_SUCCESS;
@@ -443,7 +434,7 @@ IMG_API int32_t Q_MultiplyBitmap(BitmapRecord *bitmap, uint32_t factor, uint32_t
 }
 
 IMG_API int32_t Q_ApplyMathLogicBitmap(BitmapRecord *bitmap, int32_t value, uint32_t operation) {
-  if (const int32_t status = CheckTableEntry(false, 0, bitmap)) return status;
+  if (const int32_t status = CheckEntry(kTableEntryNoFlags, 0, bitmap)) return status;
   const bool signedData = img::IsSigned(bitmap);
   if (signedData) {
     if (const int32_t status = ::SignedToUnsigned(bitmap, 0, 0); status != RC_SUCCESS) return status;
@@ -475,21 +466,15 @@ IMG_API int32_t Q_ApplyMathLogicBitmap(BitmapRecord *bitmap, int32_t value, uint
 
 IMG_API int32_t Q_RemapBitmapIntensity(BitmapRecord *bitmap, const int32_t *table, uint32_t length,
                                        uint32_t channel) {
-  if (const int32_t status = CheckTableEntry(false, 0, bitmap)) return status;
+  if (const int32_t status = CheckEntry(kTableEntryNoFlags, 0, bitmap)) return status;
   return ::ApplyLut(bitmap, table, length, channel, 0, 100);
 }
 
 IMG_API int32_t Q_HistoContrastBitmap(BitmapRecord *bitmap, int32_t change, uint32_t flags) {
-  if (const int32_t status = CheckTableEntry(true, flags, bitmap)) return status;
-  if (change < -1000 || change > 1000) return RC_INVALID_PARAMETER;
-  if (change == 0) {
-    // Nothing to change: report the start and the end only.
-    void *user = nullptr;
-    const StatusCallback callback = ::GetStatusCallback(&user);
-    if (!callback) return RC_SUCCESS;
-    if (const int32_t answer = callback(0, user); answer != RC_SUCCESS) return answer;
-    return callback(100, user);
-  }
+  if (const int32_t status = CheckEntry(kTableEntry, flags, bitmap)) return status;
+  if (!ranges::kChange.Contains(change)) return RC_INVALID_PARAMETER;
+  // Nothing to change: report the start and the end only.
+  if (change == 0) return img::Bracketed(img::kFullProgress, [] { return RC_SUCCESS; });
   return img::RunHistogramOperation(
       bitmap, [&](int32_t *table, uint32_t length, img::HistogramSpan span, bool empty) {
         // No sample inside the table (an empty region, or every sample above
@@ -501,7 +486,7 @@ IMG_API int32_t Q_HistoContrastBitmap(BitmapRecord *bitmap, int32_t change, uint
 }
 
 IMG_API int32_t Q_StretchBitmapIntensity(BitmapRecord *bitmap, uint32_t flags) {
-  if (const int32_t status = CheckTableEntry(true, flags, bitmap)) return status;
+  if (const int32_t status = CheckEntry(kTableEntry, flags, bitmap)) return status;
   return img::RunHistogramOperation(bitmap,
                                     [&](int32_t *table, uint32_t length, img::HistogramSpan span, bool) {
                                       return img::BuildStretchLut(table, length, span.first, span.last);

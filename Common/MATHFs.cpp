@@ -8,10 +8,7 @@
 
 #include <cmath>
 
-#include "converter_guard.h"
-#include "family.h"
 #include "frame.h"
-#include "imgcolor.h"
 
 namespace img {
 
@@ -71,22 +68,12 @@ void BuildMathFunctionLut(int32_t *table, int32_t depth, uint32_t function, uint
 
 namespace {
 
+// Every sample of the pixels in the region, a fourth one included, through
+// the curve of the row depth, with progress 1..100.
 int32_t RunMathFunction(BitmapRecord *bitmap, uint32_t function, uint32_t factor) {
-  ConverterGuard guard;
-  if (const int32_t status = ::CreateRowConverter(bitmap, guard.place(), ROW_LAYOUT_NATIVE);
-      status != RC_SUCCESS)
-    return status;
-  RowConverter converter = guard.get();
-  const int32_t depth = ::RowBitsPerChannel(converter);
-  const int32_t channels = ::RowChannelCount(converter);
-  const int32_t started = ::BitmapHasRegion(bitmap) ? ::BeginRegionProgress(converter, 1, 100)
-                                                    : ::BeginWholeBitmapProgress(converter, 1, 100);
-  if (started != RC_SUCCESS) return started;
-  Rect bounds{0, 0, 0, 0};
-  ::GetRegionBounds(bitmap, nullptr, &bounds);
-  KernelBuffer<uint8_t> buffer;
-  buffer.adopt(static_cast<uint8_t *>(::AllocRowBuffer(converter)), __LINE__, kSourceFile);
-  if (!buffer) return RC_NO_MEMORY;
+  RowPass pass(bitmap, RowSetup{.progress = {1, 100, true}});
+  if (pass.status() != RC_SUCCESS) return pass.status();
+  const int32_t depth = pass.bits();
   const uint32_t count = depth == 16 ? 65536u : 256u;
   IMG_BUFFER(int32_t, table, count);
   if (!table) return RC_NO_MEMORY;
@@ -108,29 +95,16 @@ int32_t RunMathFunction(BitmapRecord *bitmap, uint32_t function, uint32_t factor
     else
       bytes[i] = static_cast<uint8_t>(table[i]);
   }
-
-  const int32_t left = bounds.Left < 0 ? 0 : bounds.Left;
-  const int32_t right = bounds.Right > bitmap->Width ? bitmap->Width : bounds.Right;
-  for (int32_t row = bounds.Top; row < bounds.Bottom; ++row) {
-    if (const int32_t status = ::ReadRow(converter, buffer.get(), row, nullptr, nullptr);
-        status != RC_SUCCESS)
-      return status;
-    if (left < right) {
-      const std::size_t first = static_cast<std::size_t>(left) * channels;
-      const std::size_t samples = static_cast<std::size_t>(right - left) * channels;
-      if (depth == 16)
-        ::MapSampleWords(words.get(), reinterpret_cast<uint16_t *>(buffer.get()) + first, samples);
+  return pass.RunRows([&](auto &row) {
+    row.ForEachRun([&](int32_t start, int32_t end) {
+      const std::size_t first = static_cast<std::size_t>(start) * row.channels;
+      const std::size_t samples = static_cast<std::size_t>(end - start) * row.channels;
+      if constexpr (sizeof(*row.samples) == 2)
+        ::MapSampleWords(words.get(), row.samples + first, samples);
       else
-        ::MapSampleBytes(bytes, buffer.get() + first, samples);
-    }
-    if (const int32_t status = ::WriteRow(converter, buffer.get(), row, nullptr, nullptr);
-        status != RC_SUCCESS)
-      return status;
-  }
-  table.reset();
-  buffer.reset();
-  ::UpdateBitmapInfo(bitmap);
-  return RC_SUCCESS;
+        ::MapSampleBytes(bytes, row.samples + first, samples);
+    });
+  });
 }
 
 }  // namespace
@@ -141,25 +115,18 @@ extern "C" {
 
 IMG_API int32_t Q_MathFunctionBitmap(BitmapRecord *bitmap, uint32_t function, uint32_t factor,
                                      uint32_t flags) {
-  img::EntryChecks checks;
-  checks.nullBitmap = false;
-  if (const int32_t status = img::CheckEntry(checks, flags, bitmap)) return status;
-  if (!bitmap) return RC_NO_BITMAP;
-  if (function > MATHFUNC_COSINE) return RC_INVALID_PARAMETER;
-  if (factor == 0) return RC_INVALID_PARAMETER;
+  constexpr img::EntryRule kEntry{.nullBitmap = img::NullBitmap::AfterFrame};
+  if (const int32_t status = img::CheckEntry(kEntry, flags, bitmap)) return status;
+  if (!img::ranges::kMathFunction.Contains(function)) return RC_INVALID_PARAMETER;
+  if (!img::ranges::kMathFactor.Contains(factor)) return RC_INVALID_PARAMETER;
   return img::RunMathFunction(bitmap, function, factor);
 }
 
 IMG_API int32_t Q_GetBitmapColorCount(BitmapRecord *bitmap, uint32_t *count, uint32_t flags) {
-  // Flags word and record size only: every kind is counted, 32-bit gray too.
-  if (flags != 0) return RC_INVALID_PARAMETER;
-  if (bitmap) {
-    const uint32_t size = bitmap->StructSize;
-    if (!img::ValidRecordSize(size)) return RC_INVALID_STRUCT_SIZE;
-    *static_cast<volatile uint32_t *>(&bitmap->StructSize) = size;
-  }
+  // Flags word and record size only: every kind is counted, 32-bit gray too;
   // CountBitmapColors is the first to read a null bitmap.
-  if (!bitmap) return RC_NO_BITMAP;
+  constexpr img::EntryRule kEntry{.nullBitmap = img::NullBitmap::AfterFrame, .gray32 = false};
+  if (const int32_t status = img::CheckEntry(kEntry, flags, bitmap)) return status;
   return ::CountBitmapColors(bitmap, count, 0);
 }
 

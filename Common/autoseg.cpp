@@ -2,10 +2,7 @@
 // intensity histogram, painted by Q_IntensityDetectBitmap.
 #include "autoseg.h"
 
-#include "converter_guard.h"
-#include "family.h"
 #include "frame.h"
-#include "imgcolor.h"
 
 namespace {
 
@@ -70,9 +67,8 @@ int32_t AutoBinaryThreshold(const uint32_t *h) {
 }  // namespace img
 
 extern "C" IMG_API int32_t Q_AutoBinaryBitmap(BitmapRecord *bitmap, uint32_t flags) {
-  const img::EntryChecks checks{true, false, true};
-  const int32_t status = img::CheckEntry(checks, flags, bitmap);
-  if (status != 0) return status;
-  if (!bitmap) return RC_NO_BITMAP;  // read first by the row converter
+  // A null bitmap is read first by the row converter.
+  constexpr img::EntryRule kEntry{.nullBitmap = img::NullBitmap::AfterFrame, .signedData = true};
+  if (const int32_t status = img::CheckEntry(kEntry, flags, bitmap)) return status;
   return Worker(bitmap, 0, 100);
 }

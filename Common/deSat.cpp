@@ -1,18 +1,14 @@
 // Desaturation: blue, green and red of every pixel (or palette entry) become
 // the mean of the largest and the smallest of them, the lightness of the HSL
 // model. The bitmap keeps its depth and kind; a fourth sample is untouched.
-#include <cstddef>
-
-#include "converter_guard.h"
-#include "family.h"
 #include "frame.h"
 #include "imgcolor.h"
-
-static constexpr const wchar_t *kSourceFile = L"Common/deSat";
 
 namespace img {
 
 namespace {
+
+constexpr EntryRule kEntry{.flagsWord = true, .nullBitmap = NullBitmap::Refused, .signedData = true};
 
 template <class Sample>
 inline void Lightness(Sample *p) {
@@ -36,67 +32,30 @@ void DesaturatePixels(Sample *row, int32_t channels, int32_t left, int32_t right
 }
 
 template <class Sample>
-void DesaturateRow(Sample *row, int32_t channels, int32_t left, int32_t right) {
-  if (channels == 3) return DesaturatePixels<Sample, 3>(row, channels, left, right);
-  if (channels == 4) return DesaturatePixels<Sample, 4>(row, channels, left, right);
-  DesaturatePixels<Sample, 0>(row, channels, left, right);
-}
-
-int32_t DesaturatePalette(BitmapRecord *bitmap) {
-  const int32_t count = PaletteCount(bitmap);
-  if (count < 0) return count;
-  IMG_BUFFER(PaletteEntry, entries, static_cast<std::size_t>(count));
-  if (!entries) return RC_NO_MEMORY;
-  if (GetPalette(bitmap, 0, count, entries.get()) == 0) return RC_NO_BITMAP;
-  for (int32_t i = 0; i < count; ++i) {
-    uint8_t bgr[3] = {entries[i].Blue, entries[i].Green, entries[i].Red};
-    Lightness(bgr);
-    entries[i].Blue = bgr[0];
-    entries[i].Green = bgr[1];
-    entries[i].Red = bgr[2];
-  }
-  if (SetPalette(bitmap, 0, count, entries.get()) == 0) return RC_NO_BITMAP;
-  entries.reset();
-  return FinishOperation();
-}
-
-int32_t DesaturateRows(BitmapRecord *bitmap) {
-  KernelBuffer<uint8_t> row;  // declared first: released after the converter
-  ConverterGuard converter;
-  int32_t status = CreateRowConverter(bitmap, converter.place(), ROW_LAYOUT_NATIVE);
-  if (status != RC_SUCCESS) return status;
-  const int32_t channels = RowChannelCount(converter.get());
-  const bool wide = RowBitsPerChannel(converter.get()) == 16;
-  PrepareRowConverter(converter.get());
-  row.adopt(static_cast<uint8_t *>(AllocRowBuffer(converter.get())), __LINE__, kSourceFile);
-  // Without a row buffer the bitmap is left as it is and the call succeeds:
-  // callers rely on this quiet success.
-  if (!row) return RC_SUCCESS;
-  return WalkBounds(bitmap, converter.get(), row.get(), [&](void *samples, int32_t left, int32_t right) {
-    if (wide)
-      DesaturateRow(static_cast<uint16_t *>(samples), channels, left, right);
-    else
-      DesaturateRow(static_cast<uint8_t *>(samples), channels, left, right);
+void DesaturateRow(const RowView<Sample> &row) {
+  row.ForEachRun([&](int32_t left, int32_t right) {
+    if (row.channels == 3) return DesaturatePixels<Sample, 3>(row.samples, 3, left, right);
+    if (row.channels == 4) return DesaturatePixels<Sample, 4>(row.samples, 4, left, right);
+    DesaturatePixels<Sample, 0>(row.samples, row.channels, left, right);
   });
 }
 
 int32_t Desaturate(BitmapRecord *bitmap) {
   if (IsGrayBitmap(bitmap)) return RC_UNSUPPORTED_BITMAP;
-  if (IsPaletteBitmap(bitmap)) return DesaturatePalette(bitmap);
-  return DesaturateRows(bitmap);
+  // Palette bitmaps change their palette, with or without a region. Without
+  // a row buffer the bitmap is left as it is and the call succeeds: callers
+  // rely on this quiet success.
+  RowPass pass(bitmap, RowSetup{.palette = PaletteRule::Entries, .noRowBuffer = NoRowBuffer::Succeeds});
+  if (pass.status() != RC_SUCCESS) return pass.status();
+  const int32_t status = pass.Run([](auto &row) { DesaturateRow(row); });
+  return status == RC_SUCCESS && pass.OnPalette() ? FinishOperation() : status;
 }
 
 }  // namespace
 
 }  // namespace img
 
-extern "C" {
-
-IMG_API int32_t Q_DesaturateBitmap(BitmapRecord *bitmap, uint32_t flags) {
-  const int32_t status =
-      img::CheckEntry(img::EntryChecks{.flags = true, .nullBitmap = true, .signedData = true}, flags, bitmap);
-  if (status != 0) return status;
+extern "C" IMG_API int32_t Q_DesaturateBitmap(BitmapRecord *bitmap, uint32_t flags) {
+  if (const int32_t status = img::CheckEntry(img::kEntry, flags, bitmap)) return status;
   return img::Desaturate(bitmap);
 }
-
-}  // extern "C"

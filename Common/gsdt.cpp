@@ -5,10 +5,7 @@
 // (blue = green = red) replaced while coloured pixels stay as they are.
 #include <cstddef>
 
-#include "converter_guard.h"
-#include "family.h"
 #include "frame.h"
-#include "imgcolor.h"
 #include "tone.h"
 
 namespace img::tone {
@@ -155,23 +152,18 @@ int32_t ApplyPalette(BitmapRecord *bitmap, const PaletteEntry *table, uint32_t c
 }
 
 // Row bitmaps: 12- and 16-bit ones are widened to 48 bits first (and stay
-// so), then every gray pixel in the region's bounds goes through the table.
+// so), then every gray pixel in the region goes through the table; nothing
+// is reported.
 int32_t ApplyRows(BitmapRecord *bitmap, PaletteEntry *table, uint32_t color, uint32_t mode) {
-  int32_t status = RC_SUCCESS;
   if (bitmap->BitsPerPixel == 12 || bitmap->BitsPerPixel == 16) {
     const PlainKernelSettings plain;
-    status = ConvertBitmapFormat(bitmap, bitmap, BITMAP_RECORD_SIZE, 48, ORDER_BGR_COLOR, nullptr, 0, 0);
+    const int32_t status =
+        ConvertBitmapFormat(bitmap, bitmap, BITMAP_RECORD_SIZE, 48, ORDER_BGR_COLOR, nullptr, 0, 0);
     if (status != RC_SUCCESS) return status;
   }
-  KernelBuffer<uint8_t> row;  // declared first: released after the converter
-  ConverterGuard converter;
-  status = CreateRowConverter(bitmap, converter.place(), ROW_LAYOUT_NATIVE);
-  if (status != RC_SUCCESS) return status;
-  row.adopt(static_cast<uint8_t *>(AllocRowBuffer(converter.get())), __LINE__, kSourceFile);
-  if (!row) return RC_NO_MEMORY;
-  const bool wide = RowBitsPerChannel(converter.get()) == 16;
-  const int32_t channels = RowChannelCount(converter.get());
-  if (channels < 3) return RC_UNSUPPORTED_BITMAP;  // gray rows are widened above
+  RowPass pass(bitmap, RowSetup{});
+  if (pass.status() != RC_SUCCESS) return pass.status();
+  if (pass.channels() < 3) return RC_UNSUPPORTED_BITMAP;  // gray rows are widened above
   KernelBuffer<PaletteEntry> ramp;
   if (!table) {
     ramp = KernelBuffer<PaletteEntry>(kRowTableSize, __LINE__, kSourceFile);
@@ -180,11 +172,13 @@ int32_t ApplyRows(BitmapRecord *bitmap, PaletteEntry *table, uint32_t color, uin
     table = ramp.get();
   }
   if (mode == 0) ScaleTableByLevel(table);  // a caller's table too
-  return WalkBounds(bitmap, converter.get(), row.get(), [&](void *samples, int32_t left, int32_t right) {
-    if (wide)
-      ToneRow16(static_cast<uint16_t *>(samples), channels, left, right, table);
-    else
-      ToneRow8(static_cast<uint8_t *>(samples), channels, left, right, table);
+  return pass.RunRows([&](auto &row) {
+    row.ForEachRun([&](int32_t left, int32_t right) {
+      if constexpr (sizeof(*row.samples) == 2)
+        ToneRow16(row.samples, row.channels, left, right, table);
+      else
+        ToneRow8(row.samples, row.channels, left, right, table);
+    });
   });
 }
 
@@ -192,7 +186,7 @@ int32_t ApplyRows(BitmapRecord *bitmap, PaletteEntry *table, uint32_t color, uin
 
 int32_t ApplyToneTable(BitmapRecord *bitmap, PaletteEntry *table, uint32_t color, uint32_t mode,
                        [[maybe_unused]] int32_t progressStart, [[maybe_unused]] int32_t progressEnd) {
-  if (mode > 1) return RC_INVALID_PARAMETER;
+  if (!ranges::kToneMode.Contains(mode)) return RC_INVALID_PARAMETER;
   // The entry checks let a null bitmap through; this is where it is first read.
   if (!bitmap) return RC_NO_BITMAP;
   if (bitmap->BitsPerPixel < 9) {
@@ -214,10 +208,7 @@ extern "C" {
 
 IMG_API int32_t Q_GrayScaleToDuotone(BitmapRecord *bitmap, PaletteEntry *table, uint32_t color,
                                      uint32_t mode) {
-  // No flags word, and a null bitmap passes the checks.
-  const int32_t status =
-      img::CheckEntry(img::EntryChecks{.flags = false, .nullBitmap = false, .signedData = true}, 0, bitmap);
-  if (status != 0) return status;
+  if (const int32_t status = img::CheckEntry(img::tone::kEntry, 0, bitmap)) return status;
   return img::tone::ApplyToneTable(bitmap, table, color, mode, 0, 100);
 }
 

@@ -1,9 +1,7 @@
 // Gray to multitone: the tables of up to four tones (ramps from colours, or
 // the caller's gradients) are multiplied together, starting from white, and
 // the product goes through the duotone applier (gsdt.cpp).
-#include "family.h"
 #include "frame.h"
-#include "imgcolor.h"
 #include "tone.h"
 
 namespace img::tone {
@@ -25,7 +23,9 @@ constexpr uint32_t kWhite = 0xFFFFFFu;
 int32_t BuildAndApply(BitmapRecord *bitmap, uint32_t tones, uint32_t type, const uint32_t *colors,
                       PaletteEntry *const *gradients, uint32_t mode, int32_t progressStart,
                       int32_t progressEnd) {
-  if (type > 1 || tones > 3 || (type == 0 && !colors) || mode > 1) return RC_INVALID_PARAMETER;
+  if (!ranges::kMultitoneType.Contains(type) || !ranges::kMultitoneTones.Contains(tones) ||
+      (type == 0 && !colors) || !ranges::kToneMode.Contains(mode))
+    return RC_INVALID_PARAMETER;
   if (!bitmap) return RC_NO_BITMAP;  // first read of the bitmap
   if (bitmap->BitsPerPixel == 1) {
     if (!colors) return RC_INVALID_PARAMETER;
@@ -68,10 +68,7 @@ extern "C" {
 IMG_API int32_t Q_GrayScaleToMultitone(BitmapRecord *bitmap, uint32_t tones, uint32_t type,
                                        const uint32_t *colors, PaletteEntry *const *gradients,
                                        uint32_t mode) {
-  // No flags word, and a null bitmap passes the checks.
-  const int32_t status =
-      img::CheckEntry(img::EntryChecks{.flags = false, .nullBitmap = false, .signedData = true}, 0, bitmap);
-  if (status != 0) return status;
+  if (const int32_t status = img::CheckEntry(img::tone::kEntry, 0, bitmap)) return status;
   return img::tone::BuildAndApply(bitmap, tones, type, colors, gradients, mode, 0, 100);
 }
 

@@ -5,9 +5,14 @@
 
 #include <cstdint>
 
+#include "checks.h"
 #include "imgkernel.h"
 
 namespace img::tone {
+
+// Both exports: no flags word, and a null bitmap passes the checks (the
+// applier is the first to read it); signed data is refused.
+inline constexpr EntryRule kEntry{.flagsWord = false, .nullBitmap = NullBitmap::Passed, .signedData = true};
 
 // Entries of one colour table (blue, green, red, reserved).
 constexpr int32_t kRowTableSize = 256;

@@ -3,7 +3,7 @@
 // in the same run (counter x_memcpy = conversion CPU time / memcpy CPU time).
 //
 // The image is photo-like: smooth gradients with mild noise (argument 0), or
-// uniformly random bytes (argument 1), the worst case for the branches.
+// uniformly random samples (argument 1), the worst case for the branches.
 #include <benchmark/benchmark.h>
 #include <time.h>
 
@@ -122,10 +122,11 @@ void Codes8(benchmark::internal::Benchmark *b) {
     }
 }
 void Codes16(benchmark::internal::Benchmark *b) {
-  for (int64_t c = 0; c <= 10; ++c) {
-    b->Args({c, 0});
-    b->Args({c + COLORSPACE_TO_RGB, 0});
-  }
+  for (int kind : {0, 1})
+    for (int64_t c = 0; c <= 10; ++c) {
+      b->Args({c, kind});
+      b->Args({c + COLORSPACE_TO_RGB, kind});
+    }
 }
 
 BENCHMARK(BM_Convert<uint8_t>)->Apply(Codes8)->Unit(benchmark::kMillisecond);

@@ -24,14 +24,14 @@ struct Fixture : bench::RandomBitmap {
 
 using bench::Memcpy;
 
-void Apply(benchmark::State &state, int32_t bits, int path) {
+void Apply(benchmark::State &state, int32_t bits, int path) {  // path: -1 dispatched, else an img::Isa
   Fixture f(bits);
   for (auto _ : state) {
     const int32_t status =
         path < 0 ? ApplyLut(&f.bitmap, f.table.data(), static_cast<uint32_t>(f.table.size()),
                             LUT_INDEX_BY_VALUE, 0, 100)
                  : img::ApplyLutWithPath(&f.bitmap, f.table.data(), static_cast<uint32_t>(f.table.size()),
-                                         LUT_INDEX_BY_VALUE, 0, 100, static_cast<img::LutPath>(path));
+                                         LUT_INDEX_BY_VALUE, 0, 100, static_cast<img::Isa>(path));
     if (status != RC_SUCCESS) state.SkipWithError("ApplyLut failed");
     benchmark::ClobberMemory();
   }
@@ -55,9 +55,10 @@ void PlainWordLoop(benchmark::State &state) {
 
 BENCHMARK_CAPTURE(Memcpy, bgr24, 24)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(Apply, bgr24_dispatch, 24, -1)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(Apply, bgr24_scalar, 24, 0)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(Apply, bgr24_ssse3, 24, 1)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(Apply, bgr24_avx2, 24, 2)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Apply, bgr24_scalar, 24, int(img::Isa::Scalar))->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Apply, bgr24_ssse3, 24, int(img::Isa::Ssse3))->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Apply, bgr24_avx2, 24, int(img::Isa::Avx2))->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Apply, bgr24_avx512, 24, int(img::Isa::Avx512))->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(Apply, bgr32_dispatch, 32, -1)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(Memcpy, bgr48, 48)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(Apply, bgr48_dispatch, 48, -1)->Unit(benchmark::kMillisecond);

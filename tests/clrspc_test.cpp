@@ -17,9 +17,8 @@
 
 namespace {
 
-using img::clrspc_detail::Path;
+using img::Isa;
 constexpr uint32_t kInv = COLORSPACE_TO_RGB;
-constexpr Path kPaths[] = {Path::Scalar, Path::Auto, Path::Avx2, Path::Avx512};
 
 // Debug builds visit every seventh value of the outer loops of the exhaustive checks.
 #ifdef NDEBUG
@@ -36,9 +35,9 @@ int32_t S32(const uint8_t *p) {
 void Put16(uint8_t *p, int32_t v) { p[0] = static_cast<uint8_t>(v), p[1] = static_cast<uint8_t>(v >> 8); }
 void Put32(uint8_t *p, int32_t v) { std::memcpy(p, &v, 4); }
 
-int32_t Row8(Path path, uint32_t code, uint8_t *rgb, void *sp, const img::LabTableSet *set, int32_t first,
+int32_t Row8(Isa isa, uint32_t code, uint8_t *rgb, void *sp, const img::LabTableSet *set, int32_t first,
              int32_t end) {
-  return img::clrspc_detail::ConvertColorRow8Path(path, code, rgb, sp, set, first, end);
+  return img::ConvertColorRow8Isa(isa, code, rgb, sp, set, first, end);
 }
 
 struct LabTables {
@@ -70,10 +69,10 @@ std::array<int, 3> Inv16(uint32_t code, const uint8_t *p) {
   return {row[2], row[1], row[0]};
 }
 
-// Converts pixels first..end-1 of `in` with `code` through every supported
-// path and checks each result against the pixel form (Lab through tables,
-// which has none: against the scalar path), pixels outside the run left as
-// they were. Returns the converted row.
+// Converts pixels first..end-1 of `in` with `code` through every available
+// instruction set and checks each result against the pixel form (Lab through
+// tables, which has none: against the scalar reference), pixels outside the
+// run left as they were. Returns the converted row.
 std::vector<uint8_t> AllPathsAgree(uint32_t code, const std::vector<uint8_t> &input,
                                    const img::LabTableSet *set, int first, int end) {
   uint8_t *in = const_cast<uint8_t *>(input.data());  // only read
@@ -85,14 +84,14 @@ std::vector<uint8_t> AllPathsAgree(uint32_t code, const std::vector<uint8_t> &in
     uint8_t *q = inverse ? &ref[3 * i] : &in[3 * i], *p = inverse ? &in[size * i] : &ref[size * i];
     img::ConvertColorPixel(code, &q[2], &q[1], &q[0], p);
   }
-  if (table) Row8(Path::Scalar, code, inverse ? ref.data() : in, inverse ? in : ref.data(), set, first, end);
-  for (Path path : kPaths) {
-    if (!img::clrspc_detail::PathSupported(path)) continue;
+  if (table) Row8(Isa::Scalar, code, inverse ? ref.data() : in, inverse ? in : ref.data(), set, first, end);
+  for (Isa isa : img::kAllIsas) {
+    if (!img::IsaAvailable(isa)) continue;
     std::fill(out.begin(), out.end(), 0xEE);
-    EXPECT_EQ(Row8(path, code, inverse ? out.data() : in, inverse ? in : out.data(), set, first, end),
+    EXPECT_EQ(Row8(isa, code, inverse ? out.data() : in, inverse ? in : out.data(), set, first, end),
               RC_SUCCESS);
     const auto bad = std::mismatch(out.begin(), out.end(), ref.begin());
-    EXPECT_TRUE(bad.first == out.end()) << "code " << code << " path " << int(path) << " pixel "
+    EXPECT_TRUE(bad.first == out.end()) << "code " << code << " " << img::IsaName(isa) << " pixel "
                                         << (bad.first - out.begin()) / (inverse ? 3 : size);
   }
   return out;
@@ -329,9 +328,9 @@ TEST(LabTables, KnownColoursAndHeldIndexes) {
 
 constexpr int kRow = 4096;  // 16 green values x 256 blue values
 
-// Exhaustive over all colours (strided in Debug): every supported path
+// Exhaustive over all colours (strided in Debug): every available instruction set
 // gives the pixel form's bits both ways (for Lab through tables, whose pixel
-// form does not exist, the scalar path's), and the round trip stays within
+// form does not exist, the scalar reference's), and the round trip stays within
 // its bound, measured over all 16.7 million colours.
 class RoundTrip8Test : public ::testing::TestWithParam<std::pair<uint32_t, int>> {};  // code, bound
 

@@ -21,17 +21,30 @@ TEST(EntryFrame, ChecksRunInOrder) {
   badSize.StructSize = 200;
   BitmapRecord zeroSize = *color.get();
   zeroSize.StructSize = 0;
-  const img::EntryChecks all{true, true, true};
-  const img::EntryChecks lut{true, false, false};
-  const img::EntryChecks noFlags{false, true, false};
+  Bitmap unallocated(Format{24, ORDER_BGR}, 2, 2);
+  unallocated->Flags &= ~BITMAP_ALLOCATED;
+  const img::EntryRule all{.signedData = true};
+  const img::EntryRule lut{.nullBitmap = img::NullBitmap::Passed};
+  const img::EntryRule noFlags{.flagsWord = false};
+  const img::EntryRule late{.nullBitmap = img::NullBitmap::AfterFrame, .nullStatus = RC_INVALID_PARAMETER};
+  const img::EntryRule hue{.nullBitmap = img::NullBitmap::RefusedUnallocated};
+  const img::EntryRule pixels{.pixels = true, .gray32 = false};
   std::vector<kit::StatusCase> cases = {
       {"flags before null", [&] { return img::CheckEntry(all, 1, nullptr); }, RC_INVALID_PARAMETER},
       {"null bitmap", [&] { return img::CheckEntry(all, 0, nullptr); }, RC_NO_BITMAP},
       {"null passes without the null check", [&] { return img::CheckEntry(lut, 0, nullptr); }, 0},
+      {"null after the frame, own status", [&] { return img::CheckEntry(late, 0, nullptr); },
+       RC_INVALID_PARAMETER},
+      {"size before a late null check", [&] { return img::CheckEntry(late, 0, &badSize); },
+       RC_INVALID_STRUCT_SIZE},
+      {"unallocated like null", [&] { return img::CheckEntry(hue, 0, unallocated); }, RC_NO_BITMAP},
+      {"unallocated passes the size rule", [&] { return img::CheckEntry(all, 0, unallocated); }, 0},
+      {"no pixels after the size", [&] { return img::CheckEntry(pixels, 0, unallocated); }, RC_NO_BITMAP},
       {"size 200", [&] { return img::CheckEntry(all, 0, &badSize); }, RC_INVALID_STRUCT_SIZE},
       {"size 0", [&] { return img::CheckEntry(all, 0, &zeroSize); }, RC_INVALID_STRUCT_SIZE},
       {"size 176 accepted", [&] { return img::CheckEntry(all, 0, old); }, 0},
       {"gray 32", [&] { return img::CheckEntry(all, 0, gray32); }, RC_GRAY32_NOT_SUPPORTED},
+      {"gray 32 allowed", [&] { return img::CheckEntry(pixels, 0, gray32); }, 0},
       {"gray 32 before signed",
        [&] {
          gray32->Flags |= BITMAP_SIGNED;

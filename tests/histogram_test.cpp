@@ -131,15 +131,18 @@ TEST(Histograms, SampleRangeIsTheOccupiedSpanOfTheHistogram) {
 
 TEST(Histograms, StatusesCancellationAndAllocationFailure) {
   kit::Bitmap bm({24, ORDER_BGR}, 4, 4);
-  BitmapRecord badSize = *bm.get(), empty = *bm.get();
+  BitmapRecord badSize = *bm.get(), empty = *bm.get(), unknown = *bm.get();
   badSize.StructSize = 0;
   empty.Flags = 0;
+  unknown.ColorOrder = 9;
   uint32_t c[256] = {};
   kit::ExpectStatuses({
       {"null bitmap", [&] { return GetHistogram(nullptr, c, 256, 0, 0, 100); }, RC_NO_BITMAP},
       {"record size", [&] { return GetHistogram(&badSize, c, 256, 0, 0, 100); }, RC_INVALID_STRUCT_SIZE},
       {"no pixels", [&] { return GetHistogram(&empty, c, 256, 0, 0, 100); }, RC_NO_BITMAP},
       {"null counts", [&] { return GetHistogram(bm, nullptr, 256, 0, 0, 100); }, RC_NULL_OPTIONS},
+      {"unknown kind before the counts", [&] { return GetHistogram(&unknown, nullptr, 256, 0, 0, 100); },
+       RC_UNSUPPORTED_BITMAP},
       {"length 0", [&] { return GetHistogram(bm, c, 0, 0, 0, 100); }, RC_INVALID_PARAMETER},
       {"channel 4", [&] { return GetHistogram(bm, c, 256, 4, 0, 100); }, RC_INVALID_PARAMETER},
       {"compute null bitmap", [&] { return ComputeHistogram(nullptr, c, 0, 0, 100); }, RC_NO_BITMAP},

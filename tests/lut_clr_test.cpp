@@ -26,8 +26,8 @@ TEST(LutBuilders, LengthFollowsKindAndSignificantBits) {
     r.StructSize = BITMAP_RECORD_SIZE, r.BitsPerPixel = bits, r.ColorOrder = order;
     r.SignificantLowBit = low, r.SignificantHighBit = high, r.AttachedLut = attached, r.AttachedLutLength = 3;
     EXPECT_EQ(img::LutLengthOf(&r), static_cast<uint32_t>(length)) << bits << "/" << order;
-    r.Flags = BITMAP_USE_ATTACHED_LUT;  // gray kinds below 48 bits take the attached length
-    EXPECT_EQ(img::LutLengthOf(&r), order == G ? 3u : static_cast<uint32_t>(length)) << bits;
+    r.Flags = BITMAP_USE_ATTACHED_LUT;  // an attached table holds sample values: the same length
+    EXPECT_EQ(img::LutLengthOf(&r), static_cast<uint32_t>(length)) << bits;
   }
   const int32_t shifts[][2] = {{256, 8}, {4096, 4}, {65536, 0}, {1024, -1}};
   for (auto [length, shift] : shifts) EXPECT_EQ(img::LutShiftOf(length), shift) << length;
@@ -271,6 +271,31 @@ TEST(LutExports, GraySpansAndSignificantBits) {
               3)
         << e->format().Name();
     EXPECT_EQ(e->StoredBytes(), stored) << e->format().Name();
+  }
+}
+
+// Stretch over an empty histogram (no pixel in the region) does not take the
+// single-value return: its table is built and handed on, to change no pixel,
+// so the application reports from 51 after the span's 0..50. A single value,
+// and histogram contrast with nothing inside the table, end after the span.
+TEST(LutExports, EmptySpanStillAppliesTheStretch) {
+  const Call stretch = [](BitmapRecord *b) { return Q_StretchBitmapIntensity(b, 0); };
+  const Call histo = [](BitmapRecord *b) { return Q_HistoContrastBitmap(b, 500, 0); };
+  const std::tuple<const char *, bool, Call, bool> cases[] = {
+      {"stretch, empty region", true, stretch, true},
+      {"stretch, one value", false, stretch, false},
+      {"histogram contrast, empty region", true, histo, false},
+  };
+  for (const auto &[name, emptyRegion, call, applied] : cases) {
+    Bitmap b(Format{24, B}, 4, 2, std::vector<Pixel>(8, Rgb(70, 70, 70)));
+    if (emptyRegion) kit::SetRectRegion(b, 2, 1, 2, 1);
+    const auto stored = b.StoredBytes();
+    kit::ScopedCallback cb([](int32_t) { return RC_SUCCESS; });
+    ASSERT_EQ(call(b), RC_SUCCESS) << name;
+    EXPECT_EQ(b.StoredBytes(), stored) << name;
+    const std::vector<int32_t> reports = cb.Reports();
+    EXPECT_EQ(std::any_of(reports.begin(), reports.end(), [](int32_t p) { return p > 50; }), applied) << name;
+    EXPECT_FALSE(reports.empty()) << name;
   }
 }
 

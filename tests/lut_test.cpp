@@ -63,11 +63,11 @@ State Expect(const kit::Bitmap &bm, uint32_t channel, const std::function<uint32
 
 uint32_t FullLength(const Format &s) { return s.bits >= 48 ? 65536 : s.IsGray() ? 1u << s.bits : 256; }
 
-// The byte paths this machine can run.
-const std::vector<img::LutPath> kPaths = [] {
-  std::vector<img::LutPath> paths;
-  for (img::LutPath p : img::kAllLutPaths)
-    if (img::LutPathAvailable(p)) paths.push_back(p);
+// The instruction sets this machine can run.
+const std::vector<img::Isa> kPaths = [] {
+  std::vector<img::Isa> paths;
+  for (img::Isa p : img::kAllIsas)
+    if (img::IsaAvailable(p)) paths.push_back(p);
   return paths;
 }();
 
@@ -127,8 +127,8 @@ TEST(LutPaths, BitIdenticalToScalar) {
       src[i] = round == 0 ? static_cast<uint8_t>(i * 7 + (i >> 8)) : rng();
     const size_t offset = round == 0 ? 0 : rng() % 13,
                  count = round == 0 ? 512 : rng() % (src.size() - offset);
-    for (img::LutPath path : kPaths) {
-      SCOPED_TRACE("path " + std::to_string(static_cast<int>(path)) + " count " + std::to_string(count));
+    for (img::Isa path : kPaths) {
+      SCOPED_TRACE(std::string(img::IsaName(path)) + " count " + std::to_string(count));
       for (size_t i = 0; i < count; ++i) want[i] = table[src[offset + i]];
       img::MapBytes(path, table.data(), src.data() + offset, got.data(), count);
       ASSERT_TRUE(std::equal(want.begin(), want.begin() + count, got.begin()));
@@ -269,10 +269,13 @@ TEST(Lut, LengthsAndStatuses) {
   };
   EXPECT_EQ(kit::CheckAllocationFailures([] { return kit::Bitmap({8, ORDER_GRAY}, 2, 2); }, alloc), 1);
   kit::Bitmap bm({24, ORDER_BGR}, 4, 4), gray32({32, ORDER_GRAY}, 2, 2), pal({8, ORDER_BGR}, 2, 2);
-  BitmapRecord empty = *bm.get(), badSize = *bm.get(), old = *bm.get();
+  BitmapRecord empty = *bm.get(), badSize = *bm.get(), old = *bm.get(), unknown = *bm.get();
+  BitmapRecord gray32Attached = *gray32.get();
   empty.Flags &= ~BITMAP_ALLOCATED;
   badSize.StructSize = 200;
   old.StructSize = BITMAP_RECORD_SIZE_OLD;
+  unknown.ColorOrder = 9;
+  gray32Attached.Flags |= BITMAP_USE_ATTACHED_LUT;
   const std::vector<int32_t> zeros(256, 0);
   const int32_t *t = zeros.data();
   const uint8_t *bytes = reinterpret_cast<const uint8_t *>(t);
@@ -290,6 +293,15 @@ TEST(Lut, LengthsAndStatuses) {
       {"length 0", [&] { return ApplyLut(bm, t, 0, mode, 0, 100); }, RC_INVALID_PARAMETER},
       {"channel 4", [&] { return ApplyLut(bm, t, 256, mode | 4, 0, 100); }, RC_INVALID_PARAMETER},
       {"32-bit gray", [&] { return ApplyLut(gray32, t, 256, mode, 0, 100); }, RC_GRAY32_NOT_SUPPORTED},
+      // The table operations look at the kind after their arguments and the
+      // attached-table path; the shift right after the frame.
+      {"unknown kind", [&] { return ApplyLut(&unknown, t, 256, mode, 0, 100); }, RC_UNSUPPORTED_BITMAP},
+      {"channel before the kind", [&] { return ApplyLut(&unknown, t, 256, mode | 4, 0, 100); },
+       RC_INVALID_PARAMETER},
+      {"32-bit gray's attached table", [&] { return ApplyLut(&gray32Attached, t, 256, 0, 0, 100); },
+       RC_SUCCESS},
+      {"byte unknown kind", [&] { return ApplyByteLut(&unknown, bytes, 0, 0, 100); }, RC_UNSUPPORTED_BITMAP},
+      {"shift unknown kind", [&] { return SignedToUnsigned(&unknown, 0, 0); }, RC_UNSUPPORTED_BITMAP},
       {"176-byte record", [&] { return ApplyLut(&old, t, 256, mode, 0, 100); }, RC_SUCCESS},
       {"byte null bitmap", [&] { return ApplyByteLut(nullptr, bytes, 0, 0, 100); }, RC_NO_BITMAP},
       {"byte record size", [&] { return ApplyByteLut(&badSize, bytes, 0, 0, 100); }, RC_INVALID_STRUCT_SIZE},

@@ -264,7 +264,9 @@ expect "fill listed" '^  fill +'
 expect "count-colors listed" '^  count-colors +'
 run "help fill" 0 help fill
 expect "help names the argument" '^  --color COLOUR$'
-expect "help gives type, range and default" 'colour, .*default #FFFFFF'
+expect "help gives type, unit, range and default" '^      colour, colour value, .*default #FFFFFF$'
+run "help saturation" 0 help saturation
+expect "help gives the unit and the range of ranges.h" '^      int, tenths of a percent, -1000\.\.1000, default 300$'
 
 # #RRGGBB gives red 0x10, green 0x20, blue 0x30; the family value holds red
 # lowest, so 0x302010 is the same colour.

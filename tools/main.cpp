@@ -122,8 +122,15 @@ std::string ArgPlaceholder(const ArgSpec &a) {
 }
 
 // The usage line of an operation, shown by its help and under a mistake.
+std::string InputsText(const OpDescriptor &op) {
+  if (op.maxInputs == 1) return " IN";
+  std::string text;
+  for (int32_t i = 0; i < op.minInputs; ++i) text += " IN";
+  return text + (op.maxInputs > op.minInputs ? " [IN ...]" : "");
+}
+
 std::string OperationUsage(const OpDescriptor &op) {
-  return "imgcolor " + op.name + (op.writesImage ? " IN OUT" : " IN") +
+  return "imgcolor " + op.name + InputsText(op) + (op.writesImage ? " OUT" : "") +
          (op.args.empty() ? "" : " [--ARG VALUE ...]") + " [region options]" +
          (op.writesImage ? " [--format png|jpeg] [--in-place]" : "") + " [--quiet|--progress]";
 }
@@ -140,8 +147,8 @@ void OperationHelp(const OpDescriptor &op, std::ostream &out) {
   out << "\narguments:\n";
   for (const ArgSpec &a : op.args) {
     out << "  --" << a.name << ArgPlaceholder(a) << "\n";
-    out << "      " << imgtool::TypeName(a) << ", " << imgtool::RangeText(a) << ", default " << a.defaultValue
-        << "\n";
+    out << "      " << imgtool::TypeName(a) << ", " << a.unit << ", " << imgtool::RangeText(a) << ", default "
+        << imgtool::DefaultText(a) << "\n";
     out << Wrap(a.help, "      ");
     for (const imgtool::EnumValue &e : a.values) out << Wrap(e.name + ": " + e.help, "        ");
   }
@@ -454,6 +461,76 @@ void ApplyShapes(BitmapRecord *bitmap, const std::vector<Shape> &shapes) {
   }
 }
 
+// OUT's name for an image with `suffix`: OUT itself, or the suffix put before
+// its extension (out.png -> out-0.png).
+std::string SuffixedPath(const std::string &path, const std::string &suffix) {
+  if (suffix.empty()) return path;
+  const size_t slash = path.find_last_of('/');
+  const size_t dot = path.find_last_of('.');
+  const bool hasExtension = dot != std::string::npos && (slash == std::string::npos || dot > slash);
+  return hasExtension ? path.substr(0, dot) + "-" + suffix + path.substr(dot) : path + "-" + suffix;
+}
+
+// An operation over several images: every IN is read (the first takes the
+// region options), the call makes the images to write, and each is written
+// to OUT or to OUT's name with its suffix. No output may be an input.
+int RunFilesOperation(const OpDescriptor &op, const std::vector<std::string> &positional,
+                      const ArgValues &values, const std::vector<Shape> &shapes, const IoOptions &io) {
+  const std::string usage = OperationUsage(op);
+  const size_t inputCount = positional.size() - (op.writesImage && !positional.empty() ? 1 : 0);
+  if (positional.empty() || inputCount < static_cast<size_t>(op.minInputs) ||
+      inputCount > static_cast<size_t>(op.maxInputs))
+    throw UsageError{op.name + " takes" + InputsText(op) + (op.writesImage ? " and OUT" : "") + ", got " +
+                         std::to_string(positional.size()) + " file arguments (nothing was read or written)",
+                     usage};
+  std::vector<Input> inputs;
+  for (size_t i = 0; i < inputCount; ++i) {
+    inputs.push_back(imgtool::ParseInput(positional[i]));
+    if (inputs.back().source == Input::Source::Stdin)
+      for (size_t j = 0; j + 1 < inputs.size(); ++j)
+        if (inputs[j].source == Input::Source::Stdin)
+          throw UsageError{"-: standard input is read once", usage};
+  }
+  Output out;
+  if (op.writesImage)
+    for (const Input &in : inputs) out = imgtool::ParseOutput(positional.back(), in, io);
+
+  imgtool::ProgressBar progress(io.ProgressWanted());
+  progress.Phase("reading", 0, 10);
+  std::vector<Bitmap> bitmaps(inputs.size());
+  std::vector<BitmapRecord *> records;
+  for (size_t i = 0; i < inputs.size(); ++i) {
+    imgtool::ReadInput(inputs[i], bitmaps[i]);
+    const uint32_t kind = imgtool::KindBitOf(bitmaps[i].get());
+    if ((kind & op.kinds) == 0)
+      throw Failure{op.name + ": " + inputs[i].Name() + " is a " + imgtool::KindNames(kind) + " bitmap; " +
+                    op.name + " accepts " + imgtool::KindNames(op.kinds) + " (see imgcolor convert --depth)"};
+    records.push_back(bitmaps[i].get());
+  }
+  ApplyShapes(records[0], shapes);
+  progress.Phase(op.name, 10, op.writesImage ? 90 : 100);
+  imgtool::OutputImages made;
+  std::ostringstream report;
+  const int32_t status = op.files(records, made, values, report);
+  if (status < RC_SUCCESS) throw Failure{op.name + ": " + StatusText(status)};
+  if (op.writesImage) {
+    progress.Phase("writing", 90, 100);
+    if (out.toStdout && made.size() != 1)
+      throw Failure{op.name + ": makes " + std::to_string(made.size()) + " images; name a file as OUT"};
+    for (size_t i = 0; i < made.size(); ++i) {
+      Output each = out;
+      if (!out.toStdout) {
+        each.path = SuffixedPath(out.path, made.suffix(i));
+        for (const Input &in : inputs) imgtool::ParseOutput(each.path, in, io);
+      }
+      imgtool::WriteOutput(each, made.bitmap(i));
+    }
+  }
+  progress.Finish();
+  (out.toStdout ? std::cerr : std::cout) << report.str();
+  return 0;
+}
+
 int RunOperation(const OpDescriptor &op, const std::vector<std::string> &args) {
   auto findArg = [&op](const std::string &name) -> const ArgSpec * {
     for (const ArgSpec &a : op.args)
@@ -497,6 +574,7 @@ int RunOperation(const OpDescriptor &op, const std::vector<std::string> &args) {
   }
   imgtool::ApplyDefaults(op, values);
 
+  if (op.files) return RunFilesOperation(op, positional, values, shapes, io);
   if (op.writesImage)
     ExpectFiles(op.name, positional, {"IN", "OUT"}, OperationUsage(op));
   else

@@ -51,7 +51,10 @@ void CheckDescriptor(const OpDescriptor &op) {
   if (IsReservedCommand(op.name)) BadDescriptor(op, "name is a built-in command");
   if (FindOperation(op.name)) BadDescriptor(op, "registered twice");
   if (op.exportName.empty() || op.summary.empty()) BadDescriptor(op, "export name or summary missing");
+  if (op.family.title.empty() || op.family.source.empty()) BadDescriptor(op, "family missing");
   if (!op.call) BadDescriptor(op, "no call function");
+  if (op.minInputs < 1 || op.minInputs > op.maxInputs || (op.maxInputs > 1 && !op.files))
+    BadDescriptor(op, "bad input count, or several inputs without a files function");
   if ((op.kinds & kAnyKind) == 0 || (op.kinds & ~static_cast<uint32_t>(kAnyKind)) != 0)
     BadDescriptor(op, "bad kinds mask");
   for (size_t i = 0; i < op.args.size(); ++i) {
@@ -59,6 +62,7 @@ void CheckDescriptor(const OpDescriptor &op) {
     if (!IsKebab(a.name) || IsReservedOption(a.name)) BadDescriptor(op, "bad argument name '" + a.name + "'");
     for (size_t j = 0; j < i; ++j)
       if (op.args[j].name == a.name) BadDescriptor(op, "argument '" + a.name + "' given twice");
+    if (a.unit.empty()) BadDescriptor(op, "argument '" + a.name + "' has no unit");
     if (a.type == ArgType::Enum && a.values.empty()) BadDescriptor(op, "enum '" + a.name + "' has no values");
     if ((a.type == ArgType::Int || a.type == ArgType::UInt || a.type == ArgType::IntList) && a.min > a.max)
       BadDescriptor(op, "argument '" + a.name + "' has an empty range");
@@ -232,6 +236,20 @@ Registrar::Registrar(std::vector<OpDescriptor> descriptors) {
             [](const OpDescriptor &a, const OpDescriptor &b) { return a.name < b.name; });
 }
 
+// ---- Images made for the tool ----------------------------------------------------
+
+OutputImages::~OutputImages() {
+  for (Item &item : items_)
+    if (item.record->Flags & BITMAP_ALLOCATED) FreeBitmap(item.record.get());
+}
+
+BitmapRecord *OutputImages::Add(std::string suffix) {
+  auto record = std::make_unique<BitmapRecord>();
+  record->StructSize = BITMAP_RECORD_SIZE;
+  items_.push_back(Item{std::move(record), std::move(suffix)});
+  return items_.back().record.get();
+}
+
 // ---- Argument parsing ----------------------------------------------------------
 
 std::string TypeName(const ArgSpec &arg) {
@@ -275,6 +293,18 @@ std::string RangeText(const ArgSpec &arg) {
     }
   }
   return "";
+}
+
+std::string DefaultText(const ArgSpec &arg) {
+  constexpr size_t kShown = 6;
+  if (arg.type != ArgType::IntList) return arg.defaultValue;
+  size_t commas = 0, cut = std::string::npos;
+  for (size_t i = 0; i < arg.defaultValue.size(); ++i)
+    if (arg.defaultValue[i] == ',' && ++commas == kShown) cut = i;
+  if (commas < 2 * kShown) return arg.defaultValue;
+  const size_t last = arg.defaultValue.rfind(',');
+  return arg.defaultValue.substr(0, cut) + ",...," + arg.defaultValue.substr(last + 1) + " (" +
+         std::to_string(commas + 1) + " values)";
 }
 
 bool ParseArg(const ArgSpec &arg, std::string_view text, ArgValues &values, std::string &error) {

@@ -9,13 +9,17 @@
 //   }};
 //   }
 //
-// The command-line tool, the documentation generator, the gallery, the
-// fuzzers and the reference-output tests all read the same descriptors.
+// The command-line tool, the documentation generator (docs/operations.md),
+// the test sweep with its reference outputs, the benchmark of every operation
+// and later the gallery and the fuzzers all read the same descriptors.
+// Argument ranges come from sibling/internal/ranges.h, where the library's
+// checks read them too.
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -65,6 +69,10 @@ struct EnumValue {
 struct ArgSpec {
   std::string name;  // option name without the leading dashes
   ArgType type = ArgType::Int;
+  // What a number means, for help and documentation: "tenths of a percent",
+  // "hundredths of a degree", "sample value", ...; for enums and colours what
+  // the choice is ("channel", "colour value").
+  std::string unit;
   int64_t min = 0;  // range of the value (IntList: of every element)
   int64_t max = 0;
   std::string defaultValue;  // in the form the command line takes
@@ -103,15 +111,68 @@ class ArgValues {
 // `out`, one "name: value" line each.
 using CallFunction = std::function<int32_t(BitmapRecord *bitmap, const ArgValues &args, std::ostream &out)>;
 
+// Bitmaps an operation makes for the tool to write, each with the suffix its
+// file takes; all freed (FreeBitmap) on destruction.
+class OutputImages {
+ public:
+  OutputImages() = default;
+  ~OutputImages();
+  OutputImages(const OutputImages &) = delete;
+  OutputImages &operator=(const OutputImages &) = delete;
+  // A zeroed 208-byte record for the call to fill. An empty suffix names OUT
+  // itself; any other is put before OUT's extension: out.png -> out-0.png.
+  BitmapRecord *Add(std::string suffix);
+  size_t size() const { return items_.size(); }
+  const BitmapRecord *bitmap(size_t i) const { return items_[i].record.get(); }
+  const std::string &suffix(size_t i) const { return items_[i].suffix; }
+
+ private:
+  struct Item {
+    std::unique_ptr<BitmapRecord> record;
+    std::string suffix;
+  };
+  std::vector<Item> items_;
+};
+
+// Operations over several images (the tool's view: planes to merge, bitmaps
+// to add, planes or labels to write). The tool reads every IN it is given
+// (`inputs[0]` carries the region options), calls `files`, and writes the
+// images the call made. `call` stays the one-bitmap form that the sweep, the
+// reference outputs and the benchmark run (a self-contained round trip).
+using FilesFunction = std::function<int32_t(const std::vector<BitmapRecord *> &inputs, OutputImages &outputs,
+                                            const ArgValues &args, std::ostream &out)>;
+
+// The family an operation belongs to: the source that holds it and the note
+// that explains it. docs/operations.md groups the operations by family.
+struct Family {
+  std::string title;   // "Hue and saturation"
+  std::string source;  // "Common/HUESAT.cpp"
+  std::string note;    // "hue.md" (in docs/)
+};
+
 struct OpDescriptor {
   std::string name;        // subcommand, kebab-case ("solarize")
   std::string exportName;  // "Q_SolarizeBitmap"
-  std::string summary;     // one line
-  std::string help;        // longer description
+  Family family;
+  std::string summary;  // one line
+  std::string help;     // longer description
   std::vector<ArgSpec> args;
   uint32_t kinds = kAnyKind;  // KindBits accepted
   bool writesImage = true;    // false: reports values only, no output file
   CallFunction call;
+  // Set for operations over several images: the tool takes minInputs ..
+  // maxInputs inputs and runs `files` instead of `call`.
+  FilesFunction files;
+  int32_t minInputs = 1;
+  int32_t maxInputs = 1;
+  // What the test sweep expects beyond the usual: statuses an allocation
+  // failure may end in besides RC_NO_MEMORY (quiet successes the operation
+  // keeps), whether a cancelling status callback's answer is returned, and
+  // whether progress only moves forward (several passes that each report
+  // their own range do not).
+  std::vector<int32_t> failureStatuses = {};
+  bool cancelReturned = true;
+  bool monotonicProgress = true;
 };
 
 // All registered operations, sorted by name.
@@ -120,7 +181,8 @@ const std::vector<OpDescriptor> &Operations();
 const OpDescriptor *FindOperation(std::string_view name);
 
 // Adds descriptors at static initialisation. A malformed descriptor (duplicate
-// or badly formed name, empty range, a default that does not parse) stops the
+// or badly formed name, empty range, a missing unit or family, a default that
+// does not parse) stops the
 // program with a message: such a mistake must never reach a user.
 class Registrar {
  public:
@@ -136,6 +198,9 @@ void ApplyDefaults(const OpDescriptor &op, ArgValues &values);
 std::string TypeName(const ArgSpec &arg);
 // The accepted range of an argument in words: "0..255", "one of: a, b", ...
 std::string RangeText(const ArgSpec &arg);
+// The default as help and documentation show it: as written, or the first
+// elements and the count of a long list.
+std::string DefaultText(const ArgSpec &arg);
 
 // Parses a signed decimal or 0x-prefixed hexadecimal number; false when the
 // text is not a number or does not fit in 64 bits.

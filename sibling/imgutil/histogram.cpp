@@ -5,35 +5,16 @@
 
 #include <cstring>
 
-#include "family.h"
-#include "lut_simd.h"
-#include "pixels.h"
+#include "checks.h"
+#include "passes.h"
+#include "ranges.h"
 
 namespace {
 
-static constexpr const wchar_t *kSourceFile = L"imgutil/histogram";
-
 using img::Kind;
 
-int32_t CheckBitmap(const BitmapRecord *b) {
-  if (!b) return RC_NO_BITMAP;
-  if (!img::ValidRecordSize(b->StructSize)) return RC_INVALID_STRUCT_SIZE;
-  if (!(b->Flags & BITMAP_ALLOCATED) || !b->Pixels) return RC_NO_BITMAP;
-  const Kind kind = img::KindOf(b);
-  if (kind == Kind::Gray32) return RC_GRAY32_NOT_SUPPORTED;
-  if (kind == Kind::Invalid) return RC_UNSUPPORTED_BITMAP;
-  return RC_SUCCESS;
-}
-
-// Significant bits of a sample: gray by its significant bits (at most the
-// storage width; 0 without a sample range), 16 for 48/64, 8 otherwise.
-int32_t SampleBits(const BitmapRecord *b, Kind kind) {
-  if (kind == Kind::Color48 || kind == Kind::Color64) return 16;
-  if (!img::IsGrayKind(kind)) return 8;
-  const int32_t storage = kind == Kind::Gray8 ? 8 : kind == Kind::Gray12 ? 12 : 16;
-  const int32_t bits = img::GraySampleBits(b);
-  return bits < storage ? bits : storage;
-}
+// The histogram operations: frame and kind first.
+constexpr img::EntryRule kHistogramRule{.flagsWord = false, .pixels = true, .knownKind = true};
 
 // Calls color(blue, green, red) for every colour pixel inside the region
 // (8-bit samples; 16-bit for 48/64; palette pixels give their palette
@@ -48,12 +29,12 @@ int32_t VisitPixels(const BitmapRecord *b, Kind kind, int32_t start, int32_t end
     if (count < 0) return count;
     if (::GetPalette(b, 0, count, pal) == 0) return RC_NO_BITMAP;
   }
-  img::RegionRows rows(b, __LINE__, kSourceFile);
+  img::StoredRowPass rows(b);
   if (rows.status() != RC_SUCCESS) return rows.status();
   const bool rgb = b->ColorOrder == ORDER_RGB;
   const int32_t bo = rgb ? 2 : 0, ro = rgb ? 0 : 2;  // blue and red sample offsets
   const int32_t bits = b->BitsPerPixel;
-  return rows.run(start, end, [&](uint8_t *row, const RowRun *runs, int32_t n) {
+  return rows.Run({start, end}, [&](uint8_t *row, const RowRun *runs, int32_t n) {
     for (int32_t r = 0; r < n; ++r) {
       const int32_t x0 = runs[r].Start, x1 = runs[r].End;
       switch (kind) {
@@ -173,10 +154,10 @@ int32_t MinUpdate(int32_t oldMin, int32_t entering, int32_t leftOld, Search &&ab
 int32_t CountBytes(const BitmapRecord *b, Kind kind, uint32_t channel, uint32_t *counts, uint32_t length,
                    int32_t start, int32_t end) {
   uint32_t banks[4][256] = {};
-  img::RegionRows rows(b, __LINE__, kSourceFile);
+  img::StoredRowPass rows(b);
   if (rows.status() != RC_SUCCESS) return rows.status();
   uint32_t *c0 = banks[0], *c1 = banks[1], *c2 = banks[2], *c3 = banks[3];
-  const int32_t status = rows.run(start, end, [&](uint8_t *row, const RowRun *runs, int32_t n) {
+  const int32_t status = rows.Run({start, end}, [&](uint8_t *row, const RowRun *runs, int32_t n) {
     for (int32_t r = 0; r < n; ++r) {
       if (channel != LUT_CHANNEL_ALL && kind != Kind::Gray8) {
         // One sample of each pixel: red is byte 2 of blue-green-red pixels.
@@ -308,12 +289,11 @@ extern "C" {
 
 IMG_API int32_t GetHistogram(BitmapRecord *bitmap, uint32_t *counts, uint32_t length, uint32_t channel,
                              int32_t start, int32_t end) {
-  const int32_t status = CheckBitmap(bitmap);
-  if (status != RC_SUCCESS) return status;
+  if (const int32_t s = img::CheckEntry(kHistogramRule, 0, bitmap)) return s;
   if (!counts) return RC_NULL_OPTIONS;
-  if (length == 0 || channel > LUT_CHANNEL_BLUE) return RC_INVALID_PARAMETER;
+  if (length == 0 || !img::ranges::kLutChannel.Contains(channel)) return RC_INVALID_PARAMETER;
   const Kind kind = img::KindOf(bitmap);
-  const int32_t bits = SampleBits(bitmap, kind);
+  const int32_t bits = img::SampleBits(bitmap);
   if (bits == 0) return RC_INVALID_PARAMETER;
   // With fewer bins than sample values, value v falls into bin v * length /
   // 2^bits; otherwise bin v. A value whose bin lies at or past the end (a
@@ -340,22 +320,21 @@ IMG_API int32_t GetHistogram(BitmapRecord *bitmap, uint32_t *counts, uint32_t le
 
 IMG_API int32_t GetSampleRange(BitmapRecord *bitmap, uint32_t channel, int32_t *lowest, int32_t *highest,
                                int32_t start, int32_t end) {
-  const int32_t status = CheckBitmap(bitmap);
-  if (status != RC_SUCCESS) return status;
+  if (const int32_t s = img::CheckEntry(kHistogramRule, 0, bitmap)) return s;
   if (!lowest || !highest) return RC_NULL_OPTIONS;
-  if (channel > LUT_CHANNEL_BLUE) return RC_INVALID_PARAMETER;
+  if (!img::ranges::kLutChannel.Contains(channel)) return RC_INVALID_PARAMETER;
   const Kind kind = img::KindOf(bitmap);
-  const int32_t bits = SampleBits(bitmap, kind);
+  const int32_t bits = img::SampleBits(bitmap);
   if (bits == 0) return RC_INVALID_PARAMETER;
   *lowest = *highest = -1;
   const bool signedData = (bitmap->Flags & BITMAP_SIGNED) != 0;
   if (channel == LUT_CHANNEL_ALL && (kind == Kind::Gray8 || kind == Kind::Color24 || kind == Kind::Color32) &&
       bits == 8) {
     ByteRange range;
-    img::RegionRows rows(bitmap, __LINE__, kSourceFile);
+    img::StoredRowPass rows(bitmap);
     if (rows.status() != RC_SUCCESS) return rows.status();
     const int32_t step = kind == Kind::Gray8 ? 1 : kind == Kind::Color24 ? 3 : 4;
-    const int32_t walked = rows.run(start, end, [&](uint8_t *row, const RowRun *runs, int32_t n) {
+    const int32_t walked = rows.Run({start, end}, [&](uint8_t *row, const RowRun *runs, int32_t n) {
       for (int32_t r = 0; r < n; ++r)
         range.Add(row + runs[r].Start * step, row + runs[r].End * step, signedData ? 0x80 : 0, step == 4);
     });
@@ -365,10 +344,10 @@ IMG_API int32_t GetSampleRange(BitmapRecord *bitmap, uint32_t channel, int32_t *
   if (channel == LUT_CHANNEL_ALL &&
       (kind == Kind::Color48 || kind == Kind::Color64 || (kind == Kind::Gray16 && bits == 16))) {
     WordRange range;
-    img::RegionRows rows(bitmap, __LINE__, kSourceFile);
+    img::StoredRowPass rows(bitmap);
     if (rows.status() != RC_SUCCESS) return rows.status();
     const int32_t step = kind == Kind::Gray16 ? 1 : kind == Kind::Color48 ? 3 : 4;
-    const int32_t walked = rows.run(start, end, [&](uint8_t *row, const RowRun *runs, int32_t n) {
+    const int32_t walked = rows.Run({start, end}, [&](uint8_t *row, const RowRun *runs, int32_t n) {
       const uint16_t *w = reinterpret_cast<const uint16_t *>(row);
       for (int32_t r = 0; r < n; ++r)
         range.Add(w + runs[r].Start * step, w + runs[r].End * step, signedData ? 0x8000 : 0, step == 4);
@@ -406,12 +385,11 @@ IMG_API int32_t GetSampleRange(BitmapRecord *bitmap, uint32_t channel, int32_t *
 
 IMG_API int32_t ComputeHistogram(BitmapRecord *bitmap, uint32_t *counts, uint32_t channel, int32_t start,
                                  int32_t end) {
-  const int32_t status = CheckBitmap(bitmap);
-  if (status != RC_SUCCESS) return status;
+  if (const int32_t s = img::CheckEntry(kHistogramRule, 0, bitmap)) return s;
   if (!counts) return RC_NULL_OPTIONS;
-  if (channel > LUT_CHANNEL_BLUE) return RC_INVALID_PARAMETER;
+  if (!img::ranges::kLutChannel.Contains(channel)) return RC_INVALID_PARAMETER;
   const Kind kind = img::KindOf(bitmap);
-  const int32_t bits = img::IsGrayKind(kind) ? SampleBits(bitmap, kind) : 8;
+  const int32_t bits = img::IsGrayKind(kind) ? img::SampleBits(bitmap) : 8;
   if (bits == 0) return RC_INVALID_PARAMETER;
   std::memset(counts, 0, 256 * sizeof(uint32_t));
   const int32_t shift = (kind == Kind::Color48 || kind == Kind::Color64) ? 8 : 0;

@@ -2,16 +2,26 @@
 // contrast-brightness-intensity, light control, automatic and manual levels.
 #include <cstring>
 
-#include "converter_guard.h"
 #include "curves.h"
 #include "ops_common.h"
-#include "pixels.h"
+#include "passes.h"
 
 namespace {
 
 static constexpr const wchar_t *kSourceFile = L"imgutil/intensity";
 
 using img::Clamp;
+
+// Rotates a histogram of stored patterns of a signed bitmap so that index 0
+// is the most negative value.
+void RotateHistogram(uint32_t *counts, uint32_t length) {
+  const uint32_t half = length / 2;
+  for (uint32_t i = 0; i < half; ++i) {
+    const uint32_t t = counts[i];
+    counts[i] = counts[i + half];
+    counts[i + half] = t;
+  }
+}
 
 // Progress sub-ranges of three channel passes within start..end.
 void ChannelRange(int32_t start, int32_t end, int32_t pass, int32_t passes, int32_t *from, int32_t *to) {
@@ -26,7 +36,7 @@ int32_t ChannelHistogram(BitmapRecord *b, uint32_t *counts, uint32_t length, uin
                          int32_t end) {
   std::memset(counts, 0, sizeof(uint32_t) * length);
   const int32_t status = GetHistogram(b, counts, length, channel, start, end);
-  if (status == RC_SUCCESS && (b->Flags & BITMAP_SIGNED)) img::RotateHistogram(counts, length);
+  if (status == RC_SUCCESS && (b->Flags & BITMAP_SIGNED)) RotateHistogram(counts, length);
   return status;
 }
 
@@ -150,73 +160,34 @@ uint32_t HistogramChannel(uint32_t channel) { return channel == LUT_CHANNEL_ALL 
 // Intensity histogram (2R + 5G + B) >> 3 on the bitmap's sample scale, for
 // colour bitmaps; signed samples are taken in offset form.
 int32_t IntensityHistogram(BitmapRecord *b, uint32_t *counts, uint32_t length, int32_t start, int32_t end) {
-  img::ConverterGuard conv;
-  int32_t status = CreateRowConverter(b, conv.place(), ROW_LAYOUT_BGR);
-  if (status != RC_SUCCESS) return status;
-  img::KernelBuffer<uint8_t> row;
-  row.adopt(static_cast<uint8_t *>(AllocRowBuffer(conv.get())), __LINE__, kSourceFile);
-  if (!row) return RC_NO_MEMORY;
-  status = BitmapHasRegion(b) ? BeginRegionProgress(conv.get(), start, end)
-                              : BeginWholeBitmapProgress(conv.get(), start, end);
-  if (status != RC_SUCCESS) return status;
-  const bool wide = RowBitsPerChannel(conv.get()) == 16;
-  const uint32_t flip = (b->Flags & BITMAP_SIGNED) ? (wide ? 0x8000u : 0x80u) : 0u;
-  Rect bounds{};
-  GetRegionBounds(b, nullptr, &bounds);
-  img::KernelBuffer<RowRun> runs;
-  runs.adopt(AllocRunList(conv.get()), __LINE__, kSourceFile);
-  if (!runs) return RC_NO_MEMORY;
+  img::RowPass pass(b, {.layout = ROW_LAYOUT_BGR, .progress = {start, end, true}, .write = false});
+  const uint32_t flip = (b->Flags & BITMAP_SIGNED) ? (pass.wide() ? 0x8000u : 0x80u) : 0u;
   std::memset(counts, 0, sizeof(uint32_t) * length);
-  for (int32_t y = bounds.Top; y < bounds.Bottom; ++y) {
-    int32_t n = 0;
-    status = ReadRow(conv.get(), row.get(), y, runs.get(), &n);
-    if (status != RC_SUCCESS) return status;
-    for (int32_t k = 0; k < n; ++k)
-      for (int32_t x = runs[k].Start; x < runs[k].End; ++x) {
-        uint32_t s[3];
-        for (int c = 0; c < 3; ++c)
-          s[c] = (wide ? reinterpret_cast<uint16_t *>(row.get())[3 * x + c] : row[3 * x + c]) ^ flip;
-        const uint32_t v = (2 * s[2] + 5 * s[1] + s[0]) >> 3;
-        counts[v < length ? v : length - 1]++;
-      }
-  }
-  return RC_SUCCESS;
+  return pass.RunRows([&](auto &row) {
+    row.ForEach([&](int32_t x) {
+      const auto *p = row.Pixel(x);
+      const uint32_t v = (2 * (p[2] ^ flip) + 5 * (p[1] ^ flip) + (p[0] ^ flip)) >> 3;
+      counts[v < length ? v : length - 1]++;
+    });
+  });
 }
 
 }  // namespace
 
-namespace img {
-
-int32_t FullScale(const BitmapRecord *b) {
-  if (b->BitsPerPixel >= 48) return 65535;
-  if (b->ColorOrder != ORDER_GRAY) return 255;
-  const int32_t bits = GraySampleBits(b);
-  return bits ? (1 << bits) - 1 : RC_INVALID_PARAMETER;
-}
-
-void RotateHistogram(uint32_t *counts, uint32_t length) {
-  const uint32_t half = length / 2;
-  for (uint32_t i = 0; i < half; ++i) {
-    const uint32_t t = counts[i];
-    counts[i] = counts[i + half];
-    counts[i + half] = t;
-  }
-}
-
-}  // namespace img
-
 extern "C" {
 
 IMG_API int32_t Invert(BitmapRecord *bitmap) {
-  if (const int32_t s = img::CheckOperand(bitmap)) return s;
+  constexpr img::EntryRule kRule{.flagsWord = false, .pixels = true};
+  if (const int32_t s = img::CheckEntry(kRule, 0, bitmap)) return s;
   return img::ApplyCurve(bitmap, LUT_CHANNEL_ALL, 0, 100, [](int32_t *t, uint32_t n) {
     for (uint32_t i = 0; i < n; ++i) t[i] = static_cast<int32_t>(n - 1 - i);
   });
 }
 
 IMG_API int32_t ChangeIntensity(BitmapRecord *bitmap, int32_t change) {
-  if (const int32_t s = img::CheckOperand(bitmap)) return s;
-  if (change < -1000 || change > 1000) return RC_INVALID_PARAMETER;
+  constexpr img::EntryRule kRule{.flagsWord = false, .pixels = true};
+  if (const int32_t s = img::CheckEntry(kRule, 0, bitmap)) return s;
+  if (!img::ranges::kChange.Contains(change)) return RC_INVALID_PARAMETER;
   return img::ApplyCurve(bitmap, LUT_CHANNEL_ALL, 0, 100, [change](int32_t *t, uint32_t n) {
     const int32_t full = static_cast<int32_t>(n - 1);
     const int32_t delta = MulDiv(change, full, 1000);
@@ -225,16 +196,18 @@ IMG_API int32_t ChangeIntensity(BitmapRecord *bitmap, int32_t change) {
 }
 
 IMG_API int32_t GammaCorrect(BitmapRecord *bitmap, uint32_t gamma, uint32_t flags) {
-  if (const int32_t s = img::CheckOperand(bitmap)) return s;
-  if (flags != 0 || gamma == 0) return RC_INVALID_PARAMETER;
+  constexpr img::EntryRule kRule{.flagsWord = false, .pixels = true};
+  if (const int32_t s = img::CheckEntry(kRule, 0, bitmap)) return s;
+  if (flags != 0 || !img::ranges::kGamma.Contains(gamma)) return RC_INVALID_PARAMETER;
   return img::ApplyCurve(bitmap, LUT_CHANNEL_ALL, 0, 100,
                          [gamma](int32_t *t, uint32_t n) { img::BuildGammaTable(gamma, n, t); });
 }
 
 IMG_API int32_t ContBrightInt(BitmapRecord *bitmap, int32_t contrast, int32_t brightness, int32_t intensity,
                               uint32_t flags) {
-  if (const int32_t s = img::CheckOperand(bitmap)) return s;
-  auto out = [](int32_t v) { return v < -1000 || v > 1000; };
+  constexpr img::EntryRule kRule{.flagsWord = false, .pixels = true};
+  if (const int32_t s = img::CheckEntry(kRule, 0, bitmap)) return s;
+  auto out = [](int32_t v) { return !img::ranges::kChange.Contains(v); };
   if (flags != 0 || out(contrast) || out(brightness) || out(intensity)) return RC_INVALID_PARAMETER;
   return img::ApplyCurve(bitmap, LUT_CHANNEL_ALL, 0, 100, [=](int32_t *t, uint32_t n) {
     const int64_t full = static_cast<int64_t>(n) - 1, mid = static_cast<int64_t>(n) / 2;
@@ -248,22 +221,24 @@ IMG_API int32_t ContBrightInt(BitmapRecord *bitmap, int32_t contrast, int32_t br
 
 IMG_API int32_t LightControl(BitmapRecord *bitmap, const uint32_t *lower, const uint32_t *middle,
                              const uint32_t *upper, uint32_t type) {
-  if (const int32_t s = img::CheckOperand(bitmap)) return s;
+  constexpr img::EntryRule kRule{.flagsWord = false, .pixels = true};
+  if (const int32_t s = img::CheckEntry(kRule, 0, bitmap)) return s;
   if (!lower || !middle || !upper) return RC_NULL_OPTIONS;
-  if (type != LIGHT_CONTROL_PER_CHANNEL && type != LIGHT_CONTROL_LUMINANCE) return RC_INVALID_PARAMETER;
+  if (!img::ranges::kLightType.Contains(type)) return RC_INVALID_PARAMETER;
   for (int c = 0; c < 3; ++c)
-    if (lower[c] > middle[c] || middle[c] > upper[c] || upper[c] > 1000) return RC_INVALID_PARAMETER;
+    if (lower[c] > middle[c] || middle[c] > upper[c] || !img::ranges::kLightTarget.Contains(upper[c]))
+      return RC_INVALID_PARAMETER;
 
   const bool luminance = type == LIGHT_CONTROL_LUMINANCE && !IsSingleSample(bitmap);
   const int32_t full = img::FullScale(bitmap);
   if (full < 0) return full;
-  const uint32_t length = static_cast<uint32_t>(full) + 1;
-  IMG_BUFFER(uint32_t, histogram, length);
-  if (!histogram) return RC_NO_MEMORY;
 
   if (!luminance) {
     // Per channel: statistics of that channel, then its curve (gray bitmaps
     // and the luminance type on gray bitmaps use the first target of each).
+    const uint32_t length = static_cast<uint32_t>(full) + 1;
+    IMG_BUFFER(uint32_t, histogram, length);
+    if (!histogram) return RC_NO_MEMORY;
     bool flat = false;
     int32_t lo = 0, mean = 0, hi = 0;
     return PerChannel(
@@ -281,73 +256,51 @@ IMG_API int32_t LightControl(BitmapRecord *bitmap, const uint32_t *lower, const 
         });
   }
 
-  // Luminance: statistics of Y, one curve on Y, pixels rebuilt from Y, U, V.
-  img::ConverterGuard conv;
-  int32_t status = CreateRowConverter(bitmap, conv.place(), ROW_LAYOUT_BGR);
-  if (status != RC_SUCCESS) return status;
-  const bool wide = RowBitsPerChannel(conv.get()) == 16;
-  const int32_t max = wide ? 65535 : 255;
-  img::KernelBuffer<uint8_t> row;
-  row.adopt(static_cast<uint8_t *>(AllocRowBuffer(conv.get())), __LINE__, kSourceFile);
+  // Luminance: statistics of Y in a first walk (progress 0..50), one curve
+  // on Y, then the pixels rebuilt from the new Y and their U, V (50..100).
+  img::RowPass pass(bitmap, {.layout = ROW_LAYOUT_BGR,
+                             .progress = {0, 50, true},
+                             .write = false,
+                             .progressAt = img::ProgressPoint::AfterRow});
+  if (pass.status() != RC_SUCCESS) return pass.status();
+  const int32_t max = pass.wide() ? 65535 : 255;
   IMG_BUFFER(uint32_t, yh, static_cast<size_t>(max) + 1);
   IMG_BUFFER(int32_t, curve, static_cast<size_t>(max) + 1);
-  img::KernelBuffer<RowRun> runs;
-  runs.adopt(AllocRunList(conv.get()), __LINE__, kSourceFile);
-  if (!row || !yh || !curve || !runs) return RC_NO_MEMORY;
-  Rect bounds{};
-  GetRegionBounds(bitmap, nullptr, &bounds);
-  const bool region = BitmapHasRegion(bitmap) != 0;
-  img::Progress progress;
-  const int32_t rows = bounds.Bottom - bounds.Top;
-  auto sample = [&](int32_t i) -> int32_t {
-    return wide ? reinterpret_cast<uint16_t *>(row.get())[i] : row[i];
-  };
-  for (int pass = 0; pass < 2; ++pass) {
-    status = region ? BeginRegion(conv.get()) : BeginWholeBitmap(conv.get());
-    if (status != RC_SUCCESS) return status;
-    for (int32_t y = bounds.Top; y < bounds.Bottom; ++y) {
-      int32_t count = 0;
-      status = ReadRow(conv.get(), row.get(), y, runs.get(), &count);
-      if (status != RC_SUCCESS) return status;
-      for (int32_t k = 0; k < count; ++k)
-        for (int32_t x = runs[k].Start; x < runs[k].End; ++x) {
-          img::YuvPixel p = img::LumaForward(sample(3 * x + 2), sample(3 * x + 1), sample(3 * x), max);
-          if (pass == 0) {
-            yh[p.y]++;
-            continue;
-          }
-          p.y = curve[p.y];
-          int32_t r, g, b;
-          img::LumaBack(p, max, &r, &g, &b);
-          const int32_t v[3] = {b, g, r};
-          for (int c = 0; c < 3; ++c) {
-            if (wide)
-              reinterpret_cast<uint16_t *>(row.get())[3 * x + c] = static_cast<uint16_t>(v[c]);
-            else
-              row[3 * x + c] = static_cast<uint8_t>(v[c]);
-          }
-        }
-      if (pass == 1 && (status = WriteRow(conv.get(), row.get(), y, nullptr, nullptr)) != RC_SUCCESS)
-        return status;
-      const int32_t done = (y - bounds.Top + 1) * 50 / (rows ? rows : 1);
-      if ((status = progress.step(pass * 50 + done)) != RC_SUCCESS) return status;
-    }
-    if (pass == 0) {
-      int32_t lo, mean, hi;
-      for (int32_t i = 0; i <= max; ++i) curve[i] = i;
-      if (!LightStatistics(yh.get(), static_cast<uint32_t>(max) + 1, &lo, &mean, &hi)) return RC_SUCCESS;
-      LightCurve(curve.get(), static_cast<uint32_t>(max) + 1, lo, mean, hi, lower[0], middle[0], upper[0]);
-    }
-  }
-  UpdateBitmapInfo(bitmap);
-  return RC_SUCCESS;
+  if (!yh || !curve) return RC_NO_MEMORY;
+  const int32_t status = pass.RunRows([&](auto &row) {
+    row.ForEach([&](int32_t x) {
+      const auto *p = row.Pixel(x);
+      yh[img::LumaForward(p[2], p[1], p[0], max).y]++;
+    });
+  });
+  if (status != RC_SUCCESS) return status;
+  int32_t lo, mean, hi;
+  for (int32_t i = 0; i <= max; ++i) curve[i] = i;
+  if (!LightStatistics(yh.get(), static_cast<uint32_t>(max) + 1, &lo, &mean, &hi)) return RC_SUCCESS;
+  LightCurve(curve.get(), static_cast<uint32_t>(max) + 1, lo, mean, hi, lower[0], middle[0], upper[0]);
+  pass.SetWalk({50, 100, true}, true);
+  return pass.RunRows([&](auto &row) {
+    using T = std::remove_reference_t<decltype(*row.samples)>;
+    row.ForEach([&](int32_t x) {
+      T *p = row.Pixel(x);
+      img::YuvPixel yuv = img::LumaForward(p[2], p[1], p[0], max);
+      yuv.y = curve[yuv.y];
+      int32_t r, g, b;
+      img::LumaBack(yuv, max, &r, &g, &b);
+      p[0] = static_cast<T>(b);
+      p[1] = static_cast<T>(g);
+      p[2] = static_cast<T>(r);
+    });
+  });
 }
 
 IMG_API int32_t AutoColorLevel(BitmapRecord *bitmap, uint32_t type, uint32_t blackClip, uint32_t whiteClip,
                                uint32_t flags) {
-  if (const int32_t s = img::CheckOperand(bitmap)) return s;
-  if (flags != 0 || type > AUTO_LEVEL_INTENSITY || blackClip >= 10000 || whiteClip >= 10000 ||
-      blackClip + whiteClip >= 10000)
+  constexpr img::EntryRule kRule{.flagsWord = false, .pixels = true};
+  if (const int32_t s = img::CheckEntry(kRule, 0, bitmap)) return s;
+  constexpr img::Range kClip = img::ranges::kAutoLevelClip;
+  if (flags != 0 || !img::ranges::kAutoLevelType.Contains(type) || !kClip.Contains(blackClip) ||
+      !kClip.Contains(whiteClip) || blackClip + whiteClip > kClip.max)
     return RC_INVALID_PARAMETER;
   const int32_t full = img::FullScale(bitmap);
   if (full < 0) return full;
@@ -381,7 +334,8 @@ IMG_API int32_t AutoColorLevel(BitmapRecord *bitmap, uint32_t type, uint32_t bla
 }
 
 IMG_API int32_t ColorLevel(BitmapRecord *bitmap, const ColorLevelRecord *levels, uint32_t flags) {
-  if (const int32_t s = img::CheckOperand(bitmap)) return s;
+  constexpr img::EntryRule kRule{.flagsWord = false, .pixels = true};
+  if (const int32_t s = img::CheckEntry(kRule, 0, bitmap)) return s;
   if (!levels) return RC_NULL_OPTIONS;
   if (levels->StructSize != sizeof(ColorLevelRecord)) return RC_INVALID_STRUCT_SIZE;
   constexpr uint32_t kAll = COLOR_LEVEL_MASTER | COLOR_LEVEL_RED | COLOR_LEVEL_GREEN | COLOR_LEVEL_BLUE;
@@ -394,7 +348,8 @@ IMG_API int32_t ColorLevel(BitmapRecord *bitmap, const ColorLevelRecord *levels,
     if (!(flags & bits[k])) continue;
     const ColorLevelSet &s = *sets[k];
     if (s.InputLow < 0 || s.InputHigh > full || s.InputLow >= s.InputHigh || s.OutputLow < 0 ||
-        s.OutputLow > full || s.OutputHigh < 0 || s.OutputHigh > full || s.Gamma <= 0)
+        s.OutputLow > full || s.OutputHigh < 0 || s.OutputHigh > full ||
+        !img::ranges::kGamma.Contains(s.Gamma))
       return RC_INVALID_PARAMETER;
   }
   if ((flags & kAll) == 0) return FinishOperation();

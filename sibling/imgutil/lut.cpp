@@ -7,9 +7,10 @@
 // bytes, so that no sample is ever looked up outside the caller's table.
 #include <cstring>
 
-#include "family.h"
+#include "checks.h"
 #include "lut_simd.h"
-#include "pixels.h"
+#include "passes.h"
+#include "ranges.h"
 
 namespace {
 
@@ -33,42 +34,15 @@ int32_t SampleOffset(int32_t order, uint32_t channel) {
   }
 }
 
-inline int32_t Clamp(int32_t bits, int32_t storage) { return bits < storage ? bits : storage; }
-
-// Significant bits of a sample of this kind (gray: by its significant bits,
-// at most the stored width); 0 for a gray bitmap without a sample range.
-int32_t SampleBits(const BitmapRecord *b, Kind kind) {
-  switch (kind) {
-    case Kind::Gray8:
-      return Clamp(img::GraySampleBits(b), 8);
-    case Kind::Gray12:
-      return Clamp(img::GraySampleBits(b), 12);
-    case Kind::Gray16:
-      return Clamp(img::GraySampleBits(b), 16);
-    case Kind::Color48:
-    case Kind::Color64:
-      return 16;
-    default:
-      return 8;
-  }
-}
-
 bool WideSamples(Kind kind) {
   return kind == Kind::Gray12 || kind == Kind::Gray16 || kind == Kind::Color48 || kind == Kind::Color64;
 }
 
-int32_t CheckBitmap(const BitmapRecord *b) {
-  if (!b) return RC_NO_BITMAP;
-  if (!img::ValidRecordSize(b->StructSize)) return RC_INVALID_STRUCT_SIZE;
-  if (!(b->Flags & BITMAP_ALLOCATED) || !b->Pixels) return RC_NO_BITMAP;
-  return RC_SUCCESS;
-}
-
-int32_t KindStatus(Kind kind) {
-  if (kind == Kind::Gray32) return RC_GRAY32_NOT_SUPPORTED;
-  if (kind == Kind::Invalid) return RC_UNSUPPORTED_BITMAP;
-  return RC_SUCCESS;
-}
+// The table operations: the frame first, the kind after their arguments.
+constexpr img::EntryRule kTableRule{.flagsWord = false,
+                                    .pixels = true,
+                                    .gray32 = false,
+                                    .afterArguments = {.gray32 = true, .knownKind = true}};
 
 // The compact tables of one call. byte serves 8-bit samples; word (65536
 // entries) the 16-bit ones.
@@ -86,7 +60,7 @@ PaletteEntry MapEntry(PaletteEntry e, const uint8_t *t, uint32_t channel) {
 }
 
 int32_t MapPalette(BitmapRecord *b, const uint8_t *t, uint32_t channel, int32_t start, int32_t end,
-                   img::LutPath path) {
+                   img::Isa path) {
   PaletteEntry pal[256];
   const int32_t count = img::PaletteCount(b);
   if (count < 0) return count;
@@ -113,10 +87,10 @@ int32_t MapPalette(BitmapRecord *b, const uint8_t *t, uint32_t channel, int32_t 
       next[i] = static_cast<uint8_t>(matcher.Match(static_cast<uint32_t>(i), m.Blue, m.Green, m.Red));
     }
   }
-  img::RegionRows rows(b, __LINE__, kSourceFile);
+  img::StoredRowPass rows(b);
   if (rows.status() != RC_SUCCESS) return rows.status();
   const int32_t bits = b->BitsPerPixel;
-  return rows.run(start, end, [&](uint8_t *row, const RowRun *runs, int32_t n) {
+  return rows.Run({start, end}, [&](uint8_t *row, const RowRun *runs, int32_t n) {
     for (int32_t r = 0; r < n; ++r) {
       if (bits == 8) {
         img::MapBytes(path, next, row + runs[r].Start, row + runs[r].Start, runs[r].End - runs[r].Start);
@@ -130,22 +104,23 @@ int32_t MapPalette(BitmapRecord *b, const uint8_t *t, uint32_t channel, int32_t 
 
 // Runs the compact tables over the samples inside the region.
 int32_t MapSamples(BitmapRecord *b, Kind kind, const CompactTables &t, uint32_t channel, int32_t start,
-                   int32_t end, img::LutPath path) {
+                   int32_t end, img::Isa path) {
   if (kind == Kind::Palette) return MapPalette(b, t.byte, channel, start, end, path);
-  img::RegionRows rows(b, __LINE__, kSourceFile);
+  img::StoredRowPass rows(b);
   if (rows.status() != RC_SUCCESS) return rows.status();
+  const img::ProgressRange range{start, end};
   const uint8_t *t8 = t.byte;
   const uint16_t *t16 = t.word;
   const int32_t offset = SampleOffset(b->ColorOrder, channel);
   switch (kind) {
     case Kind::Gray8:
-      return rows.run(start, end, [&](uint8_t *row, const RowRun *runs, int32_t n) {
+      return rows.Run(range, [&](uint8_t *row, const RowRun *runs, int32_t n) {
         for (int32_t r = 0; r < n; ++r)
           img::MapBytes(path, t8, row + runs[r].Start, row + runs[r].Start, runs[r].End - runs[r].Start);
       });
     case Kind::Gray12:
     case Kind::Gray16:
-      return rows.run(start, end, [&](uint8_t *row, const RowRun *runs, int32_t n) {
+      return rows.Run(range, [&](uint8_t *row, const RowRun *runs, int32_t n) {
         uint16_t *w = reinterpret_cast<uint16_t *>(row);
         for (int32_t r = 0; r < n; ++r)
           img::MapWords(path, t16, w + runs[r].Start, runs[r].End - runs[r].Start, false);
@@ -159,7 +134,7 @@ int32_t MapSamples(BitmapRecord *b, Kind kind, const CompactTables &t, uint32_t 
           const bool change = channel == LUT_CHANNEL_ALL || channel == selected[f];
           fields[f][v] = static_cast<uint16_t>((change ? t8[img::Expand5(v)] >> 3 : v) << (5 * f));
         }
-      return rows.run(start, end, [&](uint8_t *row, const RowRun *runs, int32_t n) {
+      return rows.Run(range, [&](uint8_t *row, const RowRun *runs, int32_t n) {
         uint16_t *w = reinterpret_cast<uint16_t *>(row);
         for (int32_t r = 0; r < n; ++r)
           for (int32_t x = runs[r].Start; x < runs[r].End; ++x) {
@@ -172,7 +147,7 @@ int32_t MapSamples(BitmapRecord *b, Kind kind, const CompactTables &t, uint32_t 
     case Kind::Color24:
     case Kind::Color32: {
       const int32_t step = kind == Kind::Color24 ? 3 : 4;
-      return rows.run(start, end, [&](uint8_t *row, const RowRun *runs, int32_t n) {
+      return rows.Run(range, [&](uint8_t *row, const RowRun *runs, int32_t n) {
         for (int32_t r = 0; r < n; ++r) {
           uint8_t *p = row + static_cast<std::size_t>(runs[r].Start) * step;
           const std::size_t bytes = static_cast<std::size_t>(runs[r].End - runs[r].Start) * step;
@@ -189,7 +164,7 @@ int32_t MapSamples(BitmapRecord *b, Kind kind, const CompactTables &t, uint32_t 
     case Kind::Color48:
     case Kind::Color64: {
       const int32_t step = kind == Kind::Color48 ? 3 : 4;
-      return rows.run(start, end, [&](uint8_t *row, const RowRun *runs, int32_t n) {
+      return rows.Run(range, [&](uint8_t *row, const RowRun *runs, int32_t n) {
         for (int32_t r = 0; r < n; ++r) {
           uint16_t *p = reinterpret_cast<uint16_t *>(row) + static_cast<std::size_t>(runs[r].Start) * step;
           const std::size_t words = static_cast<std::size_t>(runs[r].End - runs[r].Start) * step;
@@ -202,7 +177,7 @@ int32_t MapSamples(BitmapRecord *b, Kind kind, const CompactTables &t, uint32_t 
       });
     }
     default:
-      return KindStatus(kind);
+      return RC_UNSUPPORTED_BITMAP;  // refused by the checks before
   }
 }
 
@@ -224,7 +199,7 @@ int32_t MapAttached(BitmapRecord *b, const int32_t *table, uint32_t length, int3
 // runs it over the samples inside the region.
 template <class Entry>
 int32_t MapThroughEntries(BitmapRecord *b, Kind kind, uint32_t channel, int32_t start, int32_t end,
-                          img::LutPath path, Entry &&entry) {
+                          img::Isa path, Entry &&entry) {
   CompactTables t{};
   img::KernelBuffer<uint16_t> words;
   if (WideSamples(kind)) {
@@ -239,22 +214,20 @@ int32_t MapThroughEntries(BitmapRecord *b, Kind kind, uint32_t channel, int32_t 
 }
 
 int32_t ApplyLutImpl(BitmapRecord *b, const int32_t *table, uint32_t length, uint32_t mode, int32_t start,
-                     int32_t end, img::LutPath path) {
-  int32_t status = CheckBitmap(b);
-  if (status != RC_SUCCESS) return status;
+                     int32_t end, img::Isa path) {
+  if (const int32_t s = img::CheckEntry(kTableRule, 0, b)) return s;
   if (!table || length == 0) return RC_INVALID_PARAMETER;
   const uint32_t channel = mode & kChannelMask;
-  if (channel > LUT_CHANNEL_BLUE) return RC_INVALID_PARAMETER;
+  if (!img::ranges::kLutChannel.Contains(channel)) return RC_INVALID_PARAMETER;
   if (!(mode & LUT_INDEX_BY_VALUE) && (b->Flags & BITMAP_USE_ATTACHED_LUT))
     return MapAttached(b, table, length, start, end);
+  if (const int32_t s = img::CheckAfterArguments(kTableRule, b)) return s;
   const Kind kind = img::KindOf(b);
-  status = KindStatus(kind);
-  if (status != RC_SUCCESS) return status;
 
   // New sample = entry masked to the sample's bits; signed samples take the
   // entry as an offset value (0 = most negative) and store its two's
   // complement pattern. Values the table does not cover stay.
-  const int32_t bits = SampleBits(b, kind);
+  const int32_t bits = img::SampleBits(b);
   if (bits == 0) return RC_INVALID_PARAMETER;
   const uint32_t mask = (1u << bits) - 1u;
   const uint32_t half = (b->Flags & BITMAP_SIGNED) ? 1u << (bits - 1) : 0u;
@@ -275,47 +248,45 @@ inline uint32_t Widen(uint32_t t, int32_t bits) {
 // bits) are kept. Adding half twice is the identity on every stored
 // pattern, so both directions are the same pass and undo each other exactly.
 int32_t ShiftSamples(BitmapRecord *b) {
-  int32_t status = CheckBitmap(b);
-  if (status != RC_SUCCESS) return status;
+  constexpr img::EntryRule kRule{.flagsWord = false, .pixels = true, .knownKind = true};
+  if (const int32_t s = img::CheckEntry(kRule, 0, b)) return s;
   const Kind kind = img::KindOf(b);
-  status = KindStatus(kind);
-  if (status != RC_SUCCESS) return status;
   if (kind == Kind::Palette) return RC_SUCCESS;
-  const int32_t bits = SampleBits(b, kind);
+  const int32_t bits = img::SampleBits(b);
   if (bits == 0) return RC_INVALID_PARAMETER;
   const uint32_t mask = (1u << bits) - 1u;
   const uint32_t half = 1u << (bits - 1);
   auto shift = [mask, half](uint32_t v) { return (v & ~mask) | ((v + half) & mask); };
-  const std::size_t used = static_cast<std::size_t>(b->Width) * static_cast<std::size_t>(b->BitsPerPixel) / 8;
-  for (int32_t y = 0; y < b->Height; ++y) {
-    uint8_t *row = img::StoredRow(b, y);
-    switch (kind) {
-      case Kind::Color16: {
-        uint16_t *w = reinterpret_cast<uint16_t *>(row);
-        for (int32_t x = 0; x < b->Width; ++x) w[x] = static_cast<uint16_t>(w[x] ^ 0x4210u);
-        break;
+  // Samples a pixel of the colour kinds (every one, the fourth included).
+  const int32_t step = kind == Kind::Color24 || kind == Kind::Color48 ? 3 : 4;
+  img::StoredRowPass rows(b, img::StoredRows::WholeBitmap);
+  return rows.Run(img::kNoProgress, [&](uint8_t *row, const RowRun *runs, int32_t n) {
+    uint16_t *w = reinterpret_cast<uint16_t *>(row);
+    for (int32_t r = 0; r < n; ++r) {
+      const int32_t x0 = runs[r].Start, x1 = runs[r].End;
+      switch (kind) {
+        case Kind::Color16:
+          for (int32_t x = x0; x < x1; ++x) w[x] = static_cast<uint16_t>(w[x] ^ 0x4210u);
+          break;
+        case Kind::Gray8:
+          for (int32_t x = x0; x < x1; ++x) row[x] = static_cast<uint8_t>(shift(row[x]));
+          break;
+        case Kind::Gray12:
+        case Kind::Gray16:
+          for (int32_t x = x0; x < x1; ++x) w[x] = static_cast<uint16_t>(shift(w[x]));
+          break;
+        case Kind::Color48:
+        case Kind::Color64:
+          for (int64_t i = int64_t{x0} * step; i < int64_t{x1} * step; ++i)
+            w[i] = static_cast<uint16_t>(w[i] ^ 0x8000u);
+          break;
+        default:  // 24 and 32 bits
+          for (int64_t i = int64_t{x0} * step; i < int64_t{x1} * step; ++i)
+            row[i] = static_cast<uint8_t>(row[i] ^ 0x80u);
+          break;
       }
-      case Kind::Gray8:
-        for (std::size_t i = 0; i < used; ++i) row[i] = static_cast<uint8_t>(shift(row[i]));
-        break;
-      case Kind::Gray12:
-      case Kind::Gray16: {
-        uint16_t *w = reinterpret_cast<uint16_t *>(row);
-        for (int32_t x = 0; x < b->Width; ++x) w[x] = static_cast<uint16_t>(shift(w[x]));
-        break;
-      }
-      case Kind::Color48:
-      case Kind::Color64: {
-        uint16_t *w = reinterpret_cast<uint16_t *>(row);
-        for (std::size_t i = 0; i < used / 2; ++i) w[i] = static_cast<uint16_t>(w[i] ^ 0x8000u);
-        break;
-      }
-      default:
-        for (std::size_t i = 0; i < used; ++i) row[i] = static_cast<uint8_t>(row[i] ^ 0x80u);
-        break;
     }
-  }
-  return RC_SUCCESS;
+  });
 }
 
 }  // namespace
@@ -323,7 +294,7 @@ int32_t ShiftSamples(BitmapRecord *b) {
 namespace img {
 
 int32_t ApplyLutWithPath(BitmapRecord *bitmap, const int32_t *table, uint32_t length, uint32_t mode,
-                         int32_t start, int32_t end, LutPath path) {
+                         int32_t start, int32_t end, Isa path) {
   return ApplyLutImpl(bitmap, table, length, mode, start, end, path);
 }
 
@@ -332,17 +303,11 @@ int32_t ApplyLutWithPath(BitmapRecord *bitmap, const int32_t *table, uint32_t le
 extern "C" {
 
 IMG_API int32_t AllocBitmapLut(BitmapRecord *bitmap, int32_t **table, uint32_t *length) {
-  if (!bitmap) return RC_NO_BITMAP;
-  if (!img::ValidRecordSize(bitmap->StructSize)) return RC_INVALID_STRUCT_SIZE;
+  constexpr img::EntryRule kRule{.flagsWord = false, .gray32 = false};
+  if (const int32_t s = img::CheckEntry(kRule, 0, bitmap)) return s;
   if (!table || !length) return RC_NULL_OPTIONS;
-  uint32_t n = 256;
-  if (bitmap->BitsPerPixel >= 48) {
-    n = 65536;
-  } else if (bitmap->ColorOrder == ORDER_GRAY) {
-    const int32_t bits = img::GraySampleBits(bitmap);
-    if (bits == 0) return RC_INVALID_PARAMETER;
-    n = 1u << bits;
-  }
+  const uint32_t n = img::TableLength(bitmap);
+  if (n == 0) return RC_INVALID_PARAMETER;
   int32_t *p = static_cast<int32_t *>(IMG_ALLOC(n, sizeof(int32_t)));
   if (!p) return RC_NO_MEMORY;
   *table = p;
@@ -352,27 +317,25 @@ IMG_API int32_t AllocBitmapLut(BitmapRecord *bitmap, int32_t **table, uint32_t *
 
 IMG_API int32_t ApplyLut(BitmapRecord *bitmap, const int32_t *table, uint32_t length, uint32_t mode,
                          int32_t start, int32_t end) {
-  return ApplyLutImpl(bitmap, table, length, mode, start, end, img::FastestLutPath());
+  return ApplyLutImpl(bitmap, table, length, mode, start, end, img::BestIsa());
 }
 
 IMG_API int32_t ApplyByteLut(BitmapRecord *bitmap, const uint8_t *table, uint32_t channel, int32_t start,
                              int32_t end) {
-  int32_t status = CheckBitmap(bitmap);
-  if (status != RC_SUCCESS) return status;
+  if (const int32_t s = img::CheckEntry(kTableRule, 0, bitmap)) return s;
   if (!table) return RC_NULL_OPTIONS;
-  if (channel > LUT_CHANNEL_BLUE) return RC_INVALID_PARAMETER;
+  if (!img::ranges::kLutChannel.Contains(channel)) return RC_INVALID_PARAMETER;
+  if (const int32_t s = img::CheckAfterArguments(kTableRule, bitmap)) return s;
   const Kind kind = img::KindOf(bitmap);
-  status = KindStatus(kind);
-  if (status != RC_SUCCESS) return status;
   // Samples go through the table on an 8-bit scale: narrowed by their
   // significant bits, mapped, and widened again by repeating the top bits
   // (16 bits: t * 257; 12 bits: t << 4 | t >> 4). Values above the
   // sample's range stay.
-  const int32_t bits = SampleBits(bitmap, kind);
+  const int32_t bits = img::SampleBits(bitmap);
   if (bits == 0) return RC_INVALID_PARAMETER;
   const uint32_t top = (1u << bits) - 1u;
   auto entry = [&](uint32_t v) -> uint32_t { return v > top ? v : Widen(table[Narrow(v, bits)], bits); };
-  return MapThroughEntries(bitmap, kind, channel, start, end, img::FastestLutPath(), entry);
+  return MapThroughEntries(bitmap, kind, channel, start, end, img::BestIsa(), entry);
 }
 
 IMG_API int32_t SignedToUnsigned(BitmapRecord *bitmap, int32_t, int32_t) { return ShiftSamples(bitmap); }

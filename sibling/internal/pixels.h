@@ -154,6 +154,39 @@ inline int32_t GraySampleBits(const BitmapRecord *b) {
   return n >= 1 && n <= 16 ? static_cast<int32_t>(n) : 0;
 }
 
+// Significant bits of one sample as lookup tables and histograms see it: 16
+// for 48/64 bits; gray: GraySampleBits limited to the stored width (8, 12
+// or 16; 0 without a sample range); 8 for every other kind (palette colours,
+// 5-5-5 fields widened, 24 and 32 bits).
+inline int32_t SampleBits(const BitmapRecord *b) {
+  switch (KindOf(b)) {
+    case Kind::Color48:
+    case Kind::Color64:
+      return 16;
+    case Kind::Gray8:
+    case Kind::Gray12:
+    case Kind::Gray16: {
+      const int32_t storage = b->BitsPerPixel == 8 ? 8 : b->BitsPerPixel == 12 ? 12 : 16;
+      const int32_t bits = GraySampleBits(b);
+      return bits < storage ? bits : storage;
+    }
+    default:
+      return 8;
+  }
+}
+
+// Entries of a lookup table over every sample value of a bitmap, the one
+// rule of table lengths: 65536 for 48/64 bits; gray: 2^GraySampleBits (0
+// without a sample range); 256 for every other kind. A bitmap that uses its
+// attached table gets the same length: the attached entries are sample
+// values of that scale.
+inline uint32_t TableLength(const BitmapRecord *b) {
+  if (b->BitsPerPixel >= 48) return 65536;
+  if (b->ColorOrder != ORDER_GRAY) return 256;
+  const int32_t bits = GraySampleBits(b);
+  return bits ? 1u << bits : 0u;
+}
+
 // Gray ramp of a palette depth: entry i = i * 255 / (2^bits - 1).
 inline void GrayRamp(PaletteEntry *pal, int32_t bits) {
   const int32_t n = 1 << bits;

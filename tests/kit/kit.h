@@ -129,7 +129,7 @@ class ScopedCallback {
 // complete run must return `success`. Returns how many allocations were
 // failed in turn.
 template <class Setup, class Call>
-int CheckAllocationFailures(Setup setup, Call call, std::initializer_list<int32_t> allowed = {RC_NO_MEMORY},
+int CheckAllocationFailures(Setup setup, Call call, const std::vector<int32_t> &allowed = {RC_NO_MEMORY},
                             int32_t success = RC_SUCCESS);
 
 // Runs `call` once to count its progress reports (which must lie in 0..100
@@ -157,7 +157,7 @@ void EnableTracking();
 }  // namespace detail
 
 template <class Setup, class Call>
-int CheckAllocationFailures(Setup setup, Call call, std::initializer_list<int32_t> allowed, int32_t success) {
+int CheckAllocationFailures(Setup setup, Call call, const std::vector<int32_t> &allowed, int32_t success) {
   detail::EnableTracking();
   for (uint32_t n = 1; n < 100000; ++n) {
     const uint64_t before = detail::TrackedLive();

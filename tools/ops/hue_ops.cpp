@@ -1,8 +1,10 @@
 // Hue, saturation, hue-band and tint operations.
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "imgcolor.h"
+#include "ranges.h"
 #include "registry.h"
 
 namespace {
@@ -10,6 +12,19 @@ namespace {
 using imgtool::ArgSpec;
 using imgtool::ArgType;
 using imgtool::ArgValues;
+namespace R = img::ranges;
+
+const imgtool::Family kHueSat{"Hue and saturation", "Common/HUESAT.cpp", "hue.md"};
+const imgtool::Family kHueBands{"Hue, saturation and intensity by hue bands", "Common/HSI.cpp", "hue.md"};
+const imgtool::Family kTint{"Tint", "Common/AdjustTint.cpp", "hue.md"};
+
+// The remap tool builds the export's four tables from a hue range and two
+// scales: these ranges are the tool's own, the export takes tables.
+constexpr img::Range kHueStep{0, 255};      // 256 steps to the circle
+constexpr img::Range kNewHue{-1, 255};      // -1 keeps the hue
+constexpr img::Range kRemapScale{0, 1000};  // percent
+
+std::string Bounds(const img::Range &r) { return std::to_string(r.min) + ".." + std::to_string(r.max); }
 
 constexpr uint32_t kColourKinds = imgtool::kPalette | imgtool::kAnyColor;
 
@@ -61,37 +76,42 @@ const imgtool::Registrar kRegistrar{{
     {
         .name = "hue",
         .exportName = "Q_ChangeBitmapHue",
+        .family = kHueSat,
         .summary = "Rotate the hue of every pixel",
         .help = "Turns the hue by the angle on a circle of 256 steps (65536 for 16-bit samples): the step is "
                 "angle * 256 / 360, truncated, so angles below 2 degrees change nothing beyond the rounding "
                 "of the conversion there and back. Gray pixels stay. Palette bitmaps change their palette.",
         .args = {{.name = "angle",
                   .type = ArgType::Int,
-                  .min = INT32_MIN,
-                  .max = INT32_MAX,
+                  .unit = "degrees",
+                  .min = R::kAnyInt32.min,
+                  .max = R::kAnyInt32.max,
                   .defaultValue = "120",
-                  .help = "degrees; every value is accepted"}},
+                  .help = "the turn; every value is accepted"}},
         .kinds = imgtool::kAnyKind,
         .call = Hue,
     },
     {
         .name = "saturation",
         .exportName = "Q_ChangeBitmapSaturation",
+        .family = kHueSat,
         .summary = "Raise or lower the saturation",
         .help = "Scales the HLS saturation S to S + S * step / 256 with step = (change * 255 + 500) / 1000. "
                 "-1000 leaves saturation 0 or 1 (8-bit), not exactly gray.",
         .args = {{.name = "change",
                   .type = ArgType::Int,
-                  .min = -1000,
-                  .max = 1000,
+                  .unit = "tenths of a percent",
+                  .min = R::kChange.min,
+                  .max = R::kChange.max,
                   .defaultValue = "300",
-                  .help = "tenths of a percent"}},
+                  .help = "the change of saturation"}},
         .kinds = imgtool::kAnyKind,
         .call = Saturation,
     },
     {
         .name = "remap-hue",
         .exportName = "Q_RemapBitmapHue",
+        .family = kHueSat,
         .summary = "Give a range of hues a new hue, saturation and value",
         .help =
             "Pixels whose hue (0..255 for the full circle) lies in from..to (wrapping when from > to) get "
@@ -99,36 +119,42 @@ const imgtool::Registrar kRegistrar{{
             "there and back, selected or not. 16-bit rows need a table length of 4096 or 65536.",
         .args = {{.name = "from",
                   .type = ArgType::Int,
-                  .min = 0,
-                  .max = 255,
+                  .unit = "hue step (256 to the circle)",
+                  .min = kHueStep.min,
+                  .max = kHueStep.max,
                   .defaultValue = "0",
                   .help = "first selected hue step"},
                  {.name = "to",
                   .type = ArgType::Int,
-                  .min = 0,
-                  .max = 255,
+                  .unit = "hue step (256 to the circle)",
+                  .min = kHueStep.min,
+                  .max = kHueStep.max,
                   .defaultValue = "42",
                   .help = "last selected hue step"},
                  {.name = "new-hue",
                   .type = ArgType::Int,
-                  .min = -1,
-                  .max = 255,
-                  .defaultValue = "-1",
+                  .unit = "hue step (256 to the circle)",
+                  .min = kNewHue.min,
+                  .max = kNewHue.max,
+                  .defaultValue = "150",
                   .help = "hue step the selected pixels get; -1 keeps their hue"},
                  {.name = "saturation-scale",
                   .type = ArgType::Int,
-                  .min = 0,
-                  .max = 1000,
+                  .unit = "percent",
+                  .min = kRemapScale.min,
+                  .max = kRemapScale.max,
                   .defaultValue = "100",
-                  .help = "percent applied to the saturation of selected pixels"},
+                  .help = "scale of the saturation of selected pixels"},
                  {.name = "value-scale",
                   .type = ArgType::Int,
-                  .min = 0,
-                  .max = 1000,
+                  .unit = "percent",
+                  .min = kRemapScale.min,
+                  .max = kRemapScale.max,
                   .defaultValue = "100",
-                  .help = "percent applied to the value of selected pixels"},
+                  .help = "scale of the value of selected pixels"},
                  {.name = "table-length",
                   .type = ArgType::Enum,
+                  .unit = "entries",
                   .defaultValue = "65536",
                   .help = "entries per table",
                   .values = {{"256", 256, "8-bit samples and palettes only"},
@@ -140,6 +166,7 @@ const imgtool::Registrar kRegistrar{{
     {
         .name = "hue-sat-int",
         .exportName = "Q_ChangeHueSatIntBitmap",
+        .family = kHueBands,
         .summary = "Shift hue, saturation and intensity, overall and by hue bands",
         .help = "Adds the overall changes to every pixel and each band's changes to the pixels whose hue (in "
                 "degrees, before the shift) lies in the band: fully inside the inner band, fading to nothing "
@@ -147,53 +174,66 @@ const imgtool::Registrar kRegistrar{{
                 "gray bitmaps.",
         .args = {{.name = "hue",
                   .type = ArgType::Int,
-                  .min = -18000,
-                  .max = 18000,
+                  .unit = "hundredths of a degree",
+                  .min = R::kHueShift.min,
+                  .max = R::kHueShift.max,
                   .defaultValue = "0",
-                  .help = "overall hue shift, hundredths of a degree"},
+                  .help = "overall hue shift"},
                  {.name = "saturation",
                   .type = ArgType::Int,
-                  .min = -1000,
-                  .max = 1000,
-                  .defaultValue = "0",
-                  .help = "overall saturation change, tenths of a percent"},
+                  .unit = "tenths of a percent",
+                  .min = R::kChange.min,
+                  .max = R::kChange.max,
+                  .defaultValue = "100",
+                  .help = "overall saturation change"},
                  {.name = "intensity",
                   .type = ArgType::Int,
-                  .min = -1000,
-                  .max = 1000,
+                  .unit = "tenths of a percent of full scale",
+                  .min = R::kChange.min,
+                  .max = R::kChange.max,
                   .defaultValue = "0",
-                  .help = "overall intensity change, tenths of a percent of full scale"},
+                  .help = "overall intensity change"},
                  {.name = "bands",
                   .type = ArgType::IntList,
-                  .min = -18000,
-                  .max = 18000,
-                  .defaultValue = "0,0,0,0,0,0,0",
-                  .help = "seven values for each band: hue, saturation, intensity (as above), outer start, "
-                          "outer end, "
-                          "inner start, inner end (degrees, -359..359)",
+                  .unit =
+                      "per band: hundredths of a degree, tenths of a percent, tenths of a percent of full "
+                      "scale, degrees (four times)",
+                  .min = R::kHueShift.min,
+                  .max = R::kHueShift.max,
+                  .defaultValue = "-2500,300,0,0,90,15,60",
+                  .help = "seven values for each band: hue shift (" + Bounds(R::kHueShift) +
+                          "), saturation change (" + Bounds(R::kChange) + "), intensity change (" +
+                          Bounds(R::kChange) + "), outer start, outer end, inner start, inner end (each " +
+                          Bounds(R::kBandAngle) + ")",
                   .minCount = 7,
                   .maxCount = 70}},
         .kinds = kColourKinds,
         .call = HueSatInt,
+        // A failed copy of the bands is -13, and a missing row buffer a quiet
+        // success that leaves the bitmap alone: both kept.
+        .failureStatuses = {RC_INVALID_PARAMETER, RC_SUCCESS},
     },
     {
         .name = "tint",
         .exportName = "Q_AdjustBitmapTint",
+        .family = kTint,
         .summary = "Turn every pixel's colour vector, keeping its length",
         .help = "Shifts the two angles of each pixel's spherical form: theta, measured from the blue axis, "
                 "and phi, in the red-green plane. Refuses gray bitmaps; (0, 0) changes nothing.",
         .args = {{.name = "theta",
                   .type = ArgType::Int,
-                  .min = -18000,
-                  .max = 18000,
+                  .unit = "hundredths of a degree",
+                  .min = R::kHueShift.min,
+                  .max = R::kHueShift.max,
                   .defaultValue = "1000",
-                  .help = "shift of theta, hundredths of a degree"},
+                  .help = "shift of theta"},
                  {.name = "phi",
                   .type = ArgType::Int,
-                  .min = -18000,
-                  .max = 18000,
+                  .unit = "hundredths of a degree",
+                  .min = R::kHueShift.min,
+                  .max = R::kHueShift.max,
                   .defaultValue = "0",
-                  .help = "shift of phi, hundredths of a degree"}},
+                  .help = "shift of phi"}},
         .kinds = kColourKinds,
         .call = Tint,
     },

@@ -4,6 +4,8 @@
 
 namespace {
 
+const imgtool::Family kKernel{"Kernel services", "sibling/imgkernel/convert_pixels.cpp", "conversions.md"};
+
 int32_t Fill(BitmapRecord *bitmap, const imgtool::ArgValues &args, std::ostream &) {
   return FillBitmap(bitmap, args.Colour("color"));
 }
@@ -19,13 +21,13 @@ const imgtool::Registrar kRegistrar{{
     {
         .name = "fill",
         .exportName = "FillBitmap",
+        .family = kKernel,
         .summary = "Set every pixel inside the region to one colour",
         .help = "Sets every pixel of the bitmap, or of the region when one is given, to the colour.",
         .args = {{
             .name = "color",
             .type = imgtool::ArgType::Colour,
-            .min = 0,
-            .max = 0xFFFFFFFF,
+            .unit = "colour value",
             .defaultValue = "#FFFFFF",
             .help = "the colour: #RRGGBB, or the family's colour value (red in bits 0-7, green 8-15, "
                     "blue 16-23; bit 26 marks a gray level in bits 8-15)",
@@ -36,6 +38,7 @@ const imgtool::Registrar kRegistrar{{
     {
         .name = "count-colors",
         .exportName = "CountBitmapColors",
+        .family = kKernel,
         .summary = "Print the number of distinct colours",
         .help = "Counts the distinct colours of the whole bitmap and prints them as 'colors: N'. "
                 "Writes no image.",

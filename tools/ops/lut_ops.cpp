@@ -1,9 +1,11 @@
 // Lookup-table point operations, the histogram-driven contrast changes, the
 // mathematical curves and the colour count.
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "imgcolor.h"
+#include "ranges.h"
 #include "registry.h"
 
 namespace {
@@ -11,6 +13,23 @@ namespace {
 using imgtool::ArgSpec;
 using imgtool::ArgType;
 using imgtool::ArgValues;
+namespace R = img::ranges;
+
+const imgtool::Family kPointOps{"Point operations through lookup tables", "Common/Lut_clr.cpp",
+                                "pointops.md"};
+const imgtool::Family kCurves{"Mathematical curves and the colour count", "Common/MATHFs.cpp", "pointops.md"};
+
+// The default remap table: 256 entries of the square-root curve
+// floor(sqrt(255 i)), which lifts the shadows of 8-bit samples.
+std::string RootCurve() {
+  std::string table;
+  for (uint32_t i = 0, r = 0; i < 256; ++i) {
+    while ((r + 1) * (r + 1) <= 255 * i) ++r;
+    if (i) table += ',';
+    table += std::to_string(r);
+  }
+  return table;
+}
 
 constexpr uint32_t kLutKinds = imgtool::kAnyKind;
 
@@ -54,6 +73,7 @@ int32_t MathFunction(BitmapRecord *b, const ArgValues &a, std::ostream &) {
 ArgSpec ChannelArg() {
   return {.name = "channel",
           .type = ArgType::Enum,
+          .unit = "channel",
           .defaultValue = "all",
           .help = "the colour sample to change",
           .values = {{"all", LUT_CHANNEL_ALL, "every sample"},
@@ -66,14 +86,16 @@ const imgtool::Registrar kRegistrar{{
     {
         .name = "solarize",
         .exportName = "Q_SolarizeBitmap",
+        .family = kPointOps,
         .summary = "Invert every sample at or above a threshold",
         .help = "Samples below the threshold stay; samples at or above it are inverted. A threshold of 0 "
                 "inverts everything. 12-bit gray takes thresholds up to 4095; other kinds up to 65535 (on "
                 "8-bit samples thresholds above 255 change nothing).",
         .args = {{.name = "threshold",
                   .type = ArgType::UInt,
-                  .min = 0,
-                  .max = 65535,
+                  .unit = "sample value",
+                  .min = R::kSolarizeThreshold.min,
+                  .max = R::kSolarizeThreshold.max,
                   .defaultValue = "128",
                   .help = "first sample value that is inverted"}},
         .kinds = kLutKinds,
@@ -82,61 +104,70 @@ const imgtool::Registrar kRegistrar{{
     {
         .name = "posterize",
         .exportName = "Q_PosterizeBitmap",
+        .family = kPointOps,
         .summary = "Reduce every sample to a number of levels",
         .help = "Maps each sample to the nearest of `levels` evenly spaced values.",
         .args = {{.name = "levels",
                   .type = ArgType::UInt,
-                  .min = 2,
-                  .max = 64,
+                  .unit = "levels per sample",
+                  .min = R::kPosterizeLevels.min,
+                  .max = R::kPosterizeLevels.max,
                   .defaultValue = "4",
-                  .help = "number of levels per sample"}},
+                  .help = "number of levels"}},
         .kinds = kLutKinds,
         .call = Posterize,
     },
     {
         .name = "contrast",
         .exportName = "Q_ChangeBitmapContrast",
+        .family = kPointOps,
         .summary = "Raise or lower the contrast",
         .help = "Positive changes push the samples away from the middle (clipping the ends); negative ones "
                 "squeeze the whole range towards the middle. 0 changes nothing.",
         .args = {{.name = "change",
                   .type = ArgType::Int,
-                  .min = -1000,
-                  .max = 1000,
+                  .unit = "tenths of a percent",
+                  .min = R::kChange.min,
+                  .max = R::kChange.max,
                   .defaultValue = "300",
-                  .help = "change in tenths of a percent"}},
+                  .help = "the change of contrast"}},
         .kinds = kLutKinds,
         .call = Contrast,
     },
     {
         .name = "multiply",
         .exportName = "Q_MultiplyBitmap",
+        .family = kPointOps,
         .summary = "Multiply every sample by a percentage",
         .help = "Each sample becomes sample * factor / 100, limited to the largest sample value.",
         .args = {{.name = "factor",
                   .type = ArgType::UInt,
-                  .min = 0,
-                  .max = 0xFFFFFFFF,
+                  .unit = "percent",
+                  .min = R::kAnyUInt32.min,
+                  .max = R::kAnyUInt32.max,
                   .defaultValue = "150",
-                  .help = "factor in percent"}},
+                  .help = "the factor"}},
         .kinds = kLutKinds,
         .call = Multiply,
     },
     {
         .name = "math-logic",
         .exportName = "Q_ApplyMathLogicBitmap",
+        .family = kPointOps,
         .summary = "Combine every sample with a value (logic or arithmetic)",
         .help = "Takes each sample (optionally inverted, 0 or the maximum), combines it with the value by "
                 "the operation and stores the result (optionally inverted, or a constant). The value's "
                 "range depends on the operation and the sample range (multiply and divide take percent).",
         .args = {{.name = "value",
                   .type = ArgType::Int,
-                  .min = -6553600,
-                  .max = 6553600,
+                  .unit = "sample value (multiply and divide: percent)",
+                  .min = R::kMathLogicValue.min,
+                  .max = R::kMathLogicValue.max,
                   .defaultValue = "32",
                   .help = "the operand"},
                  {.name = "operation",
                   .type = ArgType::Enum,
+                  .unit = "operation",
                   .defaultValue = "add",
                   .help = "how sample x and value v combine",
                   .values = {{"and", MATHLOGIC_OP_AND, "x AND v"},
@@ -155,6 +186,7 @@ const imgtool::Registrar kRegistrar{{
                              {"maximum", MATHLOGIC_OP_MAXIMUM, "max(x, v)"}}},
                  {.name = "input",
                   .type = ArgType::Enum,
+                  .unit = "operand",
                   .defaultValue = "sample",
                   .help = "what the operation takes as x",
                   .values = {{"sample", MATHLOGIC_IN_SAMPLE, "the sample"},
@@ -163,6 +195,7 @@ const imgtool::Registrar kRegistrar{{
                              {"max", MATHLOGIC_IN_MAX, "the largest sample value"}}},
                  {.name = "output",
                   .type = ArgType::Enum,
+                  .unit = "result",
                   .defaultValue = "result",
                   .help = "what is stored",
                   .values = {{"result", MATHLOGIC_OUT_RESULT, "the result"},
@@ -176,17 +209,19 @@ const imgtool::Registrar kRegistrar{{
     {
         .name = "remap",
         .exportName = "Q_RemapBitmapIntensity",
+        .family = kPointOps,
         .summary = "Map every sample through a given table",
         .help = "Sample v becomes table[v]; the table needs one entry per sample value (256, 4096 or 65536); "
                 "values beyond the table stay.",
         .args = {{.name = "table",
                   .type = ArgType::IntList,
-                  .min = 0,
-                  .max = 65535,
-                  .defaultValue = "0,255",
-                  .help = "the entries, comma-separated",
+                  .unit = "sample value",
+                  .min = R::kSampleLevel.min,
+                  .max = R::kSampleLevel.max,
+                  .defaultValue = RootCurve(),
+                  .help = "the entries, comma-separated (by default a square-root curve over 8-bit samples)",
                   .minCount = 1,
-                  .maxCount = 65536},
+                  .maxCount = R::kSampleLevel.max + 1},
                  ChannelArg()},
         .kinds = kLutKinds,
         .call = Remap,
@@ -194,20 +229,23 @@ const imgtool::Registrar kRegistrar{{
     {
         .name = "histo-contrast",
         .exportName = "Q_HistoContrastBitmap",
+        .family = kPointOps,
         .summary = "Change the contrast around the occupied range of values",
         .help = "Like contrast, but the change is centred on the range of values that the bitmap uses.",
         .args = {{.name = "change",
                   .type = ArgType::Int,
-                  .min = -1000,
-                  .max = 1000,
+                  .unit = "tenths of a percent",
+                  .min = R::kChange.min,
+                  .max = R::kChange.max,
                   .defaultValue = "300",
-                  .help = "change in tenths of a percent"}},
+                  .help = "the change of contrast"}},
         .kinds = kLutKinds,
         .call = HistoContrast,
     },
     {
         .name = "stretch",
         .exportName = "Q_StretchBitmapIntensity",
+        .family = kPointOps,
         .summary = "Spread the occupied range of values over the whole range",
         .help = "The lowest used value becomes 0, the highest the largest value, the middle of the two the "
                 "centre. A bitmap of a single value stays unchanged.",
@@ -218,6 +256,7 @@ const imgtool::Registrar kRegistrar{{
     {
         .name = "color-count",
         .exportName = "Q_GetBitmapColorCount",
+        .family = kCurves,
         .summary = "Print the number of distinct colours",
         .help = "Prints 'colors: N'. Writes no image.",
         .args = {},
@@ -228,12 +267,14 @@ const imgtool::Registrar kRegistrar{{
     {
         .name = "math-function",
         .exportName = "Q_MathFunctionBitmap",
+        .family = kCurves,
         .summary = "Pass every sample through a curve",
         .help = "Square, logarithm, square root, sine or cosine of each sample, scaled by the factor and "
                 "limited to the largest sample value (for 8-bit samples: square i*i*f/10000, log ln(i)*f/10, "
                 "root sqrt(i)*f/16, sine and cosine of i*f/100 degrees around the middle).",
         .args = {{.name = "function",
                   .type = ArgType::Enum,
+                  .unit = "curve",
                   .defaultValue = "root",
                   .help = "the curve",
                   .values = {{"square", MATHFUNC_SQUARE, "i * i * k"},
@@ -243,8 +284,9 @@ const imgtool::Registrar kRegistrar{{
                              {"cosine", MATHFUNC_COSINE, "(cos(i * k degrees) + 1) * middle"}}},
                  {.name = "factor",
                   .type = ArgType::UInt,
-                  .min = 1,
-                  .max = 0xFFFFFFFF,
+                  .unit = "scale (see the curves)",
+                  .min = R::kMathFactor.min,
+                  .max = R::kMathFactor.max,
                   .defaultValue = "256",
                   .help = "scale of the curve"}},
         .kinds = kLutKinds,

@@ -1,11 +1,16 @@
 // Desaturation, duotone and multitone.
 #include "imgcolor.h"
+#include "ranges.h"
 #include "registry.h"
 
 namespace {
 
 using imgtool::ArgSpec;
 using imgtool::ArgType;
+namespace R = img::ranges;
+
+const imgtool::Family kDesaturation{"Desaturation", "Common/deSat.cpp", "tone.md"};
+const imgtool::Family kTones{"Duotone and multitone", "Common/gsdt.cpp, Common/gsmt.cpp", "tone.md"};
 
 const char *const kColourHelp =
     "#RRGGBB, or the family's colour value (red in bits 0-7, green 8-15, blue 16-23; bit 26 (0x4000000) "
@@ -15,6 +20,7 @@ ArgSpec ModeArg() {
   return ArgSpec{
       .name = "mode",
       .type = ArgType::Enum,
+      .unit = "table use",
       .defaultValue = "blend",
       .help = "how the tone table is used",
       .values = {{"blend", 0,
@@ -27,8 +33,7 @@ ArgSpec ModeArg() {
 ArgSpec ColourArg(const char *name, const char *defaultValue, const char *what) {
   return ArgSpec{.name = name,
                  .type = ArgType::Colour,
-                 .min = 0,
-                 .max = 0xFFFFFFFF,
+                 .unit = "colour value",
                  .defaultValue = defaultValue,
                  .help = std::string(what) + ": " + kColourHelp};
 }
@@ -53,6 +58,7 @@ const imgtool::Registrar kRegistrar{{
     {
         .name = "desaturate",
         .exportName = "Q_DesaturateBitmap",
+        .family = kDesaturation,
         .summary = "Remove all colour: each pixel becomes the mean of its largest and smallest sample",
         .help = "Replaces blue, green and red of every pixel (or palette entry) with (max + min) / 2, the "
                 "lightness of the HSL model. The bitmap keeps its depth; a fourth sample is left alone. "
@@ -60,10 +66,12 @@ const imgtool::Registrar kRegistrar{{
         .args = {},
         .kinds = imgtool::kPalette | imgtool::kAnyColor,
         .call = Desaturate,
+        .failureStatuses = {RC_SUCCESS},  // a missing row buffer is a quiet success: kept
     },
     {
         .name = "duotone",
         .exportName = "Q_GrayScaleToDuotone",
+        .family = kTones,
         .summary = "Tint the gray content with a ramp from one colour to white",
         .help =
             "Every gray level is replaced by a colour from a 256-entry ramp that runs from the colour to "
@@ -77,6 +85,7 @@ const imgtool::Registrar kRegistrar{{
     {
         .name = "multitone",
         .exportName = "Q_GrayScaleToMultitone",
+        .family = kTones,
         .summary = "Tint the gray content with the product of up to four colour ramps",
         .help = "Builds a ramp from each of the first `tones` colours to white, multiplies them together and "
                 "tints the gray content with the product as the duotone operation does. With four tones the "
@@ -84,10 +93,11 @@ const imgtool::Registrar kRegistrar{{
                 "colours as their palette.",
         .args = {{.name = "tones",
                   .type = ArgType::UInt,
-                  .min = 1,
-                  .max = 4,
+                  .unit = "colours",
+                  .min = R::kMultitoneTones.min + 1,  // the export takes the count less one
+                  .max = R::kMultitoneTones.max + 1,
                   .defaultValue = "2",
-                  .help = "number of colours used, 1 to 4"},
+                  .help = "number of colours used"},
                  ColourArg("color1", "#FF0000", "first tone"),
                  ColourArg("color2", "#0000FF", "second tone"),
                  ColourArg("color3", "#00FF00", "third tone"),

@@ -1,0 +1,214 @@
+// Colour-space conversions, the AVX-512 loops (Isa::Avx512: F, BW, DQ, VL
+// and VBMI): sixteen pixels a step for YCrCb both ways and the table-driven
+// Lab both ways; the rest of a run goes to the AVX2 loops. Every function
+// carries the target attribute: the file is compiled for the baseline.
+//
+// Same formulas and exactness arguments as the AVX2 loops, on 512-bit vectors.
+// Sixteen 3-byte pixels are read with one masked 48-byte load and split into
+// 32-bit lanes with byte permutes, and written back with one byte permute and
+// a masked 48-byte store: nothing outside the 48 bytes is read or written.
+// Divisions by constants are multiply-shifts, each checked against integer
+// division for every numerator from 0 to the bound stated (and the loops as
+// a whole against the pixel formulas, for every input, by the tests).
+#include <immintrin.h>
+
+#include <array>
+
+#include "ClrSpc_internal.h"
+
+// GCC 12 reports the undefined pass-through operands inside its own AVX-512
+// intrinsics as maybe uninitialized.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+
+#define IMG_AVX512_TARGET "avx2,avx512f,avx512bw,avx512dq,avx512vl,avx512vbmi"
+#define IMG_LANES_TARGET IMG_AVX512_TARGET
+#include "ClrSpc_lanes.h"
+
+namespace img::clrspc {
+
+namespace {
+
+// The pixels a loop leaves over, through the levels below.
+void Rest(uint32_t code, const LabTableSet *set, uint8_t *rgb, uint8_t *sp, int32_t first, int32_t end) {
+  if (first < end) RowBelow(Isa::Avx512, code)(set, rgb, sp, first, end);
+}
+
+#define IMG_AVX512 __attribute__((target(IMG_AVX512_TARGET)))
+#define IMG_AVX512_INLINE __attribute__((target(IMG_AVX512_TARGET), always_inline)) inline
+
+constexpr __mmask64 k48Bytes = 0xFFFFFFFFFFFFull;
+
+// Byte j of the 48 written: field j % 3 of pixel j / 3, taken from byte 0 or 1
+// of lane j / 3 of the first table (fields 0 and 1) or byte 0 of the second.
+constexpr std::array<uint8_t, 64> kStore48 = [] {
+  std::array<uint8_t, 64> m{};
+  for (int j = 0; j < 48; ++j)
+    m[j] = static_cast<uint8_t>(j % 3 < 2 ? 4 * (j / 3) + j % 3 : 64 + 4 * (j / 3));
+  return m;
+}();
+
+IMG_AVX512_INLINE __m512i Load48(const uint8_t *q) { return _mm512_maskz_loadu_epi8(k48Bytes, q); }
+
+// Field c (0..2) of the sixteen pixels, zero-extended to 32 bits.
+IMG_AVX512_INLINE __m512i Field(__m512i v, int c) {
+  const __m512i idx = _mm512_add_epi32(
+      _mm512_setr_epi32(0, 3, 6, 9, 12, 15, 18, 21, 24, 27, 30, 33, 36, 39, 42, 45), _mm512_set1_epi32(c));
+  return _mm512_maskz_permutexvar_epi8(0x1111111111111111ull, idx, v);
+}
+
+// Writes the low bytes of f0, f1, f2 as sixteen 3-byte pixels.
+IMG_AVX512_INLINE void Store48(uint8_t *q, __m512i f0, __m512i f1, __m512i f2) {
+  const __m512i f01 =
+      _mm512_or_si512(_mm512_and_si512(f0, _mm512_set1_epi32(0xFF)), _mm512_slli_epi32(f1, 8));
+  const __m512i idx = _mm512_loadu_si512(kStore48.data());
+  _mm512_mask_storeu_epi8(q, k48Bytes, _mm512_permutex2var_epi8(f01, idx, f2));
+}
+
+IMG_AVX512_INLINE __m512i Set(int32_t v) { return _mm512_set1_epi32(v); }
+IMG_AVX512_INLINE __m512i ClampZ(__m512i v, int32_t lo, int32_t hi) {
+  return _mm512_min_epi32(_mm512_max_epi32(v, Set(lo)), Set(hi));
+}
+IMG_AVX512_INLINE __m512i Sext8Z(__m512i v) { return _mm512_srai_epi32(_mm512_slli_epi32(v, 24), 24); }
+IMG_AVX512_INLINE __m512i MulZ(__m512i v, int32_t c) { return _mm512_mullo_epi32(v, Set(c)); }
+// x * cx + y * cy + z * cz in 32-bit lanes.
+IMG_AVX512_INLINE __m512i SumZ(__m512i x, int32_t cx, __m512i y, int32_t cy, __m512i z, int32_t cz) {
+  return _mm512_add_epi32(_mm512_add_epi32(MulZ(x, cx), MulZ(y, cy)), MulZ(z, cz));
+}
+
+// n / d for 0 <= n below the bound as (n * M) >> S, M = ceil(2^S / d) < 2^32,
+// in 64-bit products of the even and odd lanes (S >= 32, quotients < 2^14).
+template <int S>
+IMG_AVX512_INLINE __m512i DivMagic(__m512i n, uint32_t m) {
+  const __m512i mv = _mm512_set1_epi64(m);
+  const __m512i even = _mm512_srli_epi64(_mm512_mul_epu32(n, mv), S);
+  const __m512i odd = _mm512_srli_epi64(_mm512_mul_epu32(_mm512_srli_epi64(n, 32), mv), S - 32);
+  return _mm512_mask_blend_epi32(0xAAAA, even, odd);
+}
+
+// The lanes of the shared YCrCb loops (ClrSpc_lanes.h): sixteen pixels, one
+// 48-byte load split by byte permutes; the doubles eight a vector.
+struct Lanes : LaneSet<Isa::Avx512, 16> {
+  using I = __m512i;
+  using F = __m512;
+  using D = __m512d;
+  static IMG_AVX512_INLINE void Fields(const uint8_t *q, I &f0, I &f1, I &f2) {
+    const I v = Load48(q);
+    f0 = Field(v, 0), f1 = Field(v, 1), f2 = Field(v, 2);
+  }
+  static IMG_AVX512_INLINE void Store(uint8_t *q, I f0, I f1, I f2) { Store48(q, f0, f1, f2); }
+  static IMG_AVX512_INLINE I Sext8(I v) { return Sext8Z(v); }
+  static IMG_AVX512_INLINE I Clamp(I v, int32_t lo, int32_t hi) { return ClampZ(v, lo, hi); }
+  static IMG_AVX512_INLINE F ToFloat(I v) { return _mm512_cvtepi32_ps(v); }
+  static IMG_AVX512_INLINE I Trunc(F v) { return _mm512_cvttps_epi32(v); }
+  static IMG_AVX512_INLINE D Half(I v, int h) {
+    return _mm512_cvtepi32_pd(h == 0 ? _mm512_castsi512_si256(v) : _mm512_extracti64x4_epi64(v, 1));
+  }
+  static IMG_AVX512_INLINE I Trunc(D lo, D hi) {
+    return _mm512_inserti64x4(_mm512_castsi256_si512(_mm512_cvttpd_epi32(lo)), _mm512_cvttpd_epi32(hi), 1);
+  }
+  // |e - round(e)| < 2e-4: vreduceps gives e - round(e) directly.
+  static IMG_AVX512_INLINE __mmask16 NearInteger(F e) {
+    return _mm512_cmp_ps_mask(_mm512_abs_ps(_mm512_reduce_ps(e, 0)), _mm512_set1_ps(2e-4f), _CMP_LT_OQ);
+  }
+  static IMG_AVX512_INLINE bool AnyNearInteger(F a, F b, F c) {
+    return (NearInteger(a) | NearInteger(b) | NearInteger(c)) != 0;
+  }
+  static IMG_AVX512_INLINE bool AnyNearNonzeroInteger(F g, I x, I y) {
+    const __mmask16 beyondHalf = _mm512_cmp_ps_mask(_mm512_abs_ps(g), _mm512_set1_ps(0.5f), _CMP_GT_OQ);
+    return (NearInteger(g) & beyondHalf &
+            _mm512_test_epi32_mask(_mm512_or_si512(x, y), _mm512_or_si512(x, y))) != 0;
+  }
+};
+
+// trunc(n / 20) (m 52429, shift 4) and trunc(n / 50) (m 41945, shift 5) for
+// |n| below 65536 and 21399: the magnitude's (|n| * m) >> (16 + shift) by a
+// 16-bit multiply-high, then the sign. Here |n| <= 8646 (cube roots lie in
+// 1379..10000).
+IMG_AVX512_INLINE __m512i DivSmallSigned(__m512i n, int32_t m, int shift) {
+  const __m512i q = _mm512_srli_epi32(_mm512_mulhi_epu16(_mm512_abs_epi32(n), Set(m)), shift);
+  return _mm512_mask_sub_epi32(q, _mm512_cmplt_epi32_mask(n, _mm512_setzero_si512()), _mm512_setzero_si512(),
+                               q);
+}
+
+// Table-driven Lab forward: the RGB-to-XYZ sums computed, their divisions by
+// multiply-shift (bounds: the sums of white, 242366280, 255000000 and
+// 277632270), the three cube roots gathered, and the L-from-Y, a-scale and
+// b-scale reads replaced by their content: L = (y * 903 + 5000) / 10000 below
+// y = 89, else (fy * 116 - 155000) / 10000 (numerators 0..1005000, float
+// division, see DivF); a = (i + 10) / 20 for (i * 500 + 5000) / 10000 and
+// b = (i + 25) / 50 for (i * 200 + 5000) / 10000.
+IMG_AVX512 void LabTabFwdRow(const LabTableSet *set, uint8_t *rgb, uint8_t *sp, int32_t first, int32_t end) {
+  const LabTableSet &t = *set;
+  const int32_t *cube = t.CubeRoot;
+  int32_t i = first;
+  for (; i + 16 <= end; i += 16) {
+    const __m512i v = Load48(rgb + 3 * static_cast<ptrdiff_t>(i));
+    const __m512i B = Field(v, 0), G = Field(v, 1), R = Field(v, 2);
+    const __m512i X = DivMagic<40>(SumZ(R, 412453, G, 357580, B, 180423), 45366877);
+    const __m512i Y = DivMagic<43>(SumZ(R, 212671, G, 715160, B, 72169), 344944825);
+    const __m512i Z = DivMagic<42>(SumZ(R, 19334, G, 119193, B, 950227), 158413951);
+    const __m512i fx = _mm512_i32gather_epi32(X, cube, 4), fy = _mm512_i32gather_epi32(Y, cube, 4),
+                  fz = _mm512_i32gather_epi32(Z, cube, 4);
+    const __m512i lNum = _mm512_mask_blend_epi32(_mm512_cmplt_epi32_mask(Y, Set(89)),
+                                                 _mm512_sub_epi32(MulZ(fy, 116), Set(155000)),
+                                                 _mm512_add_epi32(MulZ(Y, 903), Set(5000)));
+    const __m512i L = _mm512_cvttps_epi32(_mm512_div_ps(_mm512_cvtepi32_ps(lNum), _mm512_set1_ps(10000.0f)));
+    const __m512i a = DivSmallSigned(_mm512_add_epi32(_mm512_sub_epi32(fx, fy), Set(10)), 52429, 4);
+    const __m512i b = DivSmallSigned(_mm512_add_epi32(_mm512_sub_epi32(fy, fz), Set(25)), 41945, 5);
+    Store48(sp + 3 * static_cast<ptrdiff_t>(i), L, a, b);
+  }
+  Rest(COLORSPACE_LAB_TABLE, set, rgb, sp, i, end);
+}
+
+// One RGB channel of the table-driven Lab inverse: the sum held to
+// 0..256000000 (the result clamps to 0..255 anyway), divided by 1000000.
+IMG_AVX512_INLINE __m512i LabMixZ(__m512i X, int32_t cx, __m512i Y, int32_t cy, __m512i Z, int32_t cz) {
+  return _mm512_min_epi32(DivMagic<48>(ClampZ(SumZ(X, cx, Y, cy, Z, cz), 0, 256000000), 281474977), Set(255));
+}
+
+// Table-driven Lab inverse. fy and Y' = Yt * 255 / 10000 depend on L alone:
+// they are tabulated for L = 0..100 once per call (on the stack) and
+// gathered from there. The X and Z divisions by 10000: g held to 0..10538
+// gives X = clamp(g * 242 / 10000, 0, 255) as (g * 406009) >> 24 (products
+// below 2^32), g held to 0..10000 gives Z by a multiply-shift of g * 278
+// (bound 2780000); each RGB sum held to 0..256000000 is divided by 1000000
+// by multiply-shift.
+IMG_AVX512 void LabTabInvRow(const LabTableSet *set, uint8_t *rgb, uint8_t *sp, int32_t first, int32_t end) {
+  // Short runs do not repay the tables built below.
+  if (end - first < 64) return Rest(COLORSPACE_LAB_TABLE + kToRgb, set, rgb, sp, first, end);
+  const LabTableSet &t = *set;
+  int32_t fyOfL[101], yOfL[101];
+  for (int32_t L = 0; L <= 100; ++L) {
+    const int32_t Yt = t.YFromL[L];
+    fyOfL[L] = t.CubeRoot[Yt];
+    yOfL[L] = Yt * 255 / 10000;
+  }
+  const int32_t *inv = t.InvCube;
+  int32_t i = first;
+  for (; i + 16 <= end; i += 16) {
+    const __m512i v = Load48(sp + 3 * static_cast<ptrdiff_t>(i));
+    const __m512i L = _mm512_min_epi32(Field(v, 0), Set(100));
+    const __m512i a = Sext8Z(Field(v, 1)), b = Sext8Z(Field(v, 2));
+    const __m512i fy = _mm512_i32gather_epi32(L, fyOfL, 4), Y = _mm512_i32gather_epi32(L, yOfL, 4);
+    const __m512i ix = ClampZ(_mm512_add_epi32(MulZ(a, 20), fy), kInvCubeLow, kInvCubeHigh);
+    const __m512i iz = ClampZ(_mm512_sub_epi32(fy, MulZ(b, 50)), kInvCubeLow, kInvCubeHigh);
+    const __m512i gx = _mm512_i32gather_epi32(ix, inv, 4), gz = _mm512_i32gather_epi32(iz, inv, 4);
+    const __m512i X = _mm512_srli_epi32(MulZ(ClampZ(gx, 0, 10538), 406009), 24);
+    const __m512i Z = DivMagic<34>(MulZ(ClampZ(gz, 0, 10000), 278), 1717987);
+    Store48(rgb + 3 * static_cast<ptrdiff_t>(i), LabMixZ(X, 55648, Y, -204043, Z, 1057311),
+            LabMixZ(X, -969256, Y, 1875992, Z, 41556), LabMixZ(X, 3240479, Y, -1537150, Z, -498535));
+  }
+  Rest(COLORSPACE_LAB_TABLE + kToRgb, set, rgb, sp, i, end);
+}
+
+#pragma GCC diagnostic pop
+
+}  // namespace
+
+const SpaceLoops kAvx512Loops = {{nullptr, nullptr, nullptr, nullptr, YcrcbFwdRow<Lanes>, nullptr, nullptr,
+                                  nullptr, nullptr, LabTabFwdRow, nullptr},
+                                 {nullptr, nullptr, nullptr, nullptr, YcrcbInvRow<Lanes>, nullptr, nullptr,
+                                  nullptr, nullptr, LabTabInvRow, nullptr}};
+
+}  // namespace img::clrspc
