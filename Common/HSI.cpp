@@ -8,6 +8,7 @@
 
 #include "ClrSpc.h"
 #include "frame.h"
+#include "imgplatform.h"
 
 static constexpr const wchar_t *kSourceFile = L"Common/HSI";
 

@@ -12,6 +12,7 @@
 
 #include "frame.h"
 #include "pixels.h"
+#include "imgplatform.h"
 
 namespace img {
 

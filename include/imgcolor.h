@@ -16,6 +16,14 @@
 
 IMG_BEGIN_DECLS
 
+/* ---- Status codes -------------------------------------------------------------- */
+/* The name of a status code ("RC_NO_MEMORY") and a short message in English
+ * ("not enough memory"); codes the family does not define (a status callback's
+ * own answer, say) give "RC_UNKNOWN" and "unknown status". The strings are
+ * static: never free them. */
+IMG_API const char *Q_StatusName(int32_t status);
+IMG_API const char *Q_StatusMessage(int32_t status);
+
 /* ---- Selector constants -------------------------------------------------------- */
 
 /* Q_MathFunctionBitmap */

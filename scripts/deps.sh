@@ -1,7 +1,12 @@
 #!/usr/bin/env bash
 # Installs the build dependencies on a Debian machine when they are missing.
+# "deps.sh test" adds what the test suite needs beyond the build (a headless
+# browser for the gallery test).
 set -euo pipefail
 need=()
+if [ "${1:-}" = test ]; then
+  command -v chromium >/dev/null || need+=(chromium)
+fi
 command -v cmake >/dev/null || need+=(cmake)
 command -v g++ >/dev/null || need+=(g++)
 command -v make >/dev/null || need+=(make)

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The main job: builds the command-line tool and runs it on the bundled sample
-# photo (data/chelsea.png), writing the results into out/.
+# photo (data/chelsea.png), writing the results into out/ and the gallery of
+# every operation into out/gallery/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh
@@ -21,5 +22,6 @@ set -x
 "$tool" gamma-ext out/chelsea-48bit.png out/gamma-luma-48bit.png --gamma 60 --space yuv
 "$tool" auto-binary "$in" out/auto-binary.png
 "$tool" histogram "$in" --channel red --bins 8
+"$tool" gallery "$in" out/gallery
 set +x
-echo "results in out/"
+echo "results in out/; every operation on the photo: out/gallery/index.html"

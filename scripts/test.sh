@@ -10,7 +10,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 preset=${1:-release}
-scripts/deps.sh
+scripts/deps.sh test
 cmake --preset "$preset" -DIMG_BUILD_TESTS=ON -DIMG_BUILD_TOOLS=ON >/dev/null
 cmake --build --preset "$preset"
 ctest --preset "$preset"

@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include "imgcolor.h"
+#include "imgplatform.h"
 
 typedef char record_is_208_bytes[sizeof(BitmapRecord) == 208 ? 1 : -1];
 

@@ -4,8 +4,8 @@
 src=$1; shift
 status=0
 check() {
-  lib=$1; header=$2
-  want=$(sh "$src/scripts/api-names.sh" "$header")
+  lib=$1; shift; header="$*"
+  want=$(sh "$src/scripts/api-names.sh" "$@")
   have=$(nm -D --defined-only "$lib" | awk '$2 ~ /^[TDBRVW]$/ {print $3}' | sed 's/@.*//' | grep -v '^IMG' | sort -u)
   if [ "$want" != "$have" ]; then
     echo "FAIL: $lib exports differ from $header"
@@ -16,7 +16,7 @@ check() {
     echo "ok: $(basename "$lib") exports $(printf '%s\n' "$have" | wc -l) functions"
   fi
 }
-check "$1" "$src/sibling/imgkernel/imgkernel.h"
+check "$1" "$src/sibling/imgkernel/imgkernel.h" "$src/sibling/imgkernel/imgplatform.h"
 check "$2" "$src/sibling/imgdisplay/imgdisplay.h"
 check "$3" "$src/sibling/imgutil/imgutil.h"
 check "$4" "$src/include/imgcolor.h"

@@ -4,6 +4,8 @@
 #include <cstring>
 #include <functional>
 #include <iterator>
+#include <set>
+#include <string>
 
 #include "kit.h"
 
@@ -98,4 +100,28 @@ TEST(EntryFrame, PaletteCountOutsideThePaletteIsRefused) {
       EXPECT_EQ(std::memcmp(b->Palette, palette.data(), 256 * sizeof(PaletteEntry)), 0);
       b->ColorsUsed = 1 << bits;
     }
+}
+
+TEST(StatusNames, EveryCodeHasItsOwnNameAndMessage) {
+  const struct {
+    int32_t status;
+    const char *name;
+  } codes[] = {{RC_SUCCESS, "RC_SUCCESS"},
+               {RC_NO_MEMORY, "RC_NO_MEMORY"},
+               {RC_NO_BITMAP, "RC_NO_BITMAP"},
+               {RC_UNSUPPORTED_BITMAP, "RC_UNSUPPORTED_BITMAP"},
+               {RC_INVALID_PARAMETER, "RC_INVALID_PARAMETER"},
+               {RC_INVALID_STRUCT_SIZE, "RC_INVALID_STRUCT_SIZE"},
+               {RC_NULL_OPTIONS, "RC_NULL_OPTIONS"},
+               {RC_SIGNED_DATA_NOT_SUPPORTED, "RC_SIGNED_DATA_NOT_SUPPORTED"},
+               {RC_GRAY32_NOT_SUPPORTED, "RC_GRAY32_NOT_SUPPORTED"}};
+  std::set<std::string> messages;
+  for (const auto &c : codes) {
+    EXPECT_STREQ(Q_StatusName(c.status), c.name);
+    EXPECT_TRUE(messages.insert(Q_StatusMessage(c.status)).second) << c.name;
+  }
+  for (int32_t other : {0, 2, -3, -14, INT32_MIN, INT32_MAX}) {
+    EXPECT_STREQ(Q_StatusName(other), "RC_UNKNOWN") << other;
+    EXPECT_STREQ(Q_StatusMessage(other), "unknown status") << other;
+  }
 }

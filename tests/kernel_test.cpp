@@ -6,6 +6,7 @@
 #include <tuple>
 
 #include "kit.h"
+#include "imgplatform.h"
 
 using kit::Bitmap;
 using kit::Format;

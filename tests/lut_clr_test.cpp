@@ -9,6 +9,7 @@
 #include <tuple>
 
 #include "kit.h"
+#include "imgplatform.h"
 
 namespace {
 

@@ -309,7 +309,7 @@ EOF
 # A library failure: a rectangle of negative size is an invalid parameter of
 # SetBitmapRegionRect (-13); nothing is written.
 run "region refused by the library" 1 fill sample: refused.png --rect 50,50,10,10
-expect "library status named" '^imgcolor: --rect: failed with status -13 \(invalid parameter\)$' err
+expect "library status named" '^imgcolor: --rect: failed with status -13 RC_INVALID_PARAMETER \(an argument is out of its range\)$' err
 if [ -e refused.png ]; then fail "no output after a library failure"; else pass; fi
 
 # ---- Bad files: exit status 1 and a message naming the file ------------------------------

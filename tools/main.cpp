@@ -11,6 +11,8 @@
 #include <vector>
 
 #include "cli_io.h"
+#include "gallery.h"
+#include "imgcolor.h"
 #include "image_io.h"
 #include "imgdisplay.h"
 #include "pixels.h"
@@ -34,33 +36,14 @@ using imgtool::UsageError;
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 
+// The library's own message; a positive status is a status callback's answer.
 std::string StatusMeaning(int32_t status) {
-  switch (status) {
-    case RC_SUCCESS:
-      return "success";
-    case RC_NO_MEMORY:
-      return "out of memory";
-    case RC_NO_BITMAP:
-      return "no bitmap";
-    case RC_UNSUPPORTED_BITMAP:
-      return "unsupported bitmap";
-    case RC_INVALID_PARAMETER:
-      return "invalid parameter";
-    case RC_INVALID_STRUCT_SIZE:
-      return "invalid record size";
-    case RC_NULL_OPTIONS:
-      return "options missing";
-    case RC_SIGNED_DATA_NOT_SUPPORTED:
-      return "signed data not supported";
-    case RC_GRAY32_NOT_SUPPORTED:
-      return "32-bit gray not supported";
-    default:
-      return status > 1 ? "stopped by the status callback" : "unknown status";
-  }
+  return status > 1 ? "stopped by the status callback" : Q_StatusMessage(status);
 }
 
 std::string StatusText(int32_t status) {
-  return "failed with status " + std::to_string(status) + " (" + StatusMeaning(status) + ")";
+  return "failed with status " + std::to_string(status) + " " + Q_StatusName(status) + " (" +
+         StatusMeaning(status) + ")";
 }
 
 void Usage(std::ostream &out) {
@@ -72,6 +55,9 @@ void Usage(std::ostream &out) {
          "                                 convert a file, optionally to another depth or to gray\n"
          "  list                           list the operations\n"
          "  help [OP]                      this text, or an operation's arguments\n"
+         "  gallery [PHOTO] [DIR]          every operation on PHOTO (default sample:) as an HTML page\n"
+         "                                 with thumbnails and tone curves in DIR (default ./gallery)\n"
+         "  --version                      the version of the tool and the libraries\n"
          "  OP IN OUT [--ARG VALUE ...]    run an operation and write the result\n"
          "  OP IN [--ARG VALUE ...]        run an operation that reports values\n"
          "\n"
@@ -637,6 +623,11 @@ int Run(const std::vector<std::string> &argv) {
     return List();
   }
   if (command == "help" || command == "--help" || command == "-h") return Help(rest);
+  if (command == "gallery") return imgtool::RunGallery(rest);
+  if (command == "--version" || command == "version") {
+    std::cout << "imgcolor " IMG_VERSION "\n";
+    return 0;
+  }
   if (const OpDescriptor *op = imgtool::FindOperation(command)) return RunOperation(*op, rest);
   throw UsageError{"unknown command '" + command + "' (see imgcolor help and imgcolor list)"};
 }

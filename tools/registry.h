@@ -23,6 +23,7 @@
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "imgkernel.h"
@@ -150,6 +151,13 @@ struct Family {
   std::string note;    // "hue.md" (in docs/)
 };
 
+// A telling variant the gallery shows beside the defaults: a label and the
+// arguments it sets (name without dashes, value as the command line takes it).
+struct GalleryVariant {
+  std::string label;
+  std::vector<std::pair<std::string, std::string>> args;
+};
+
 struct OpDescriptor {
   std::string name;        // subcommand, kebab-case ("solarize")
   std::string exportName;  // "Q_SolarizeBitmap"
@@ -173,6 +181,11 @@ struct OpDescriptor {
   std::vector<int32_t> failureStatuses = {};
   bool cancelReturned = true;
   bool monotonicProgress = true;
+  // The gallery: variants shown beside the defaults, and whether each sample
+  // goes through a table fixed by the arguments alone (the gallery then plots
+  // that tone curve per channel).
+  std::vector<GalleryVariant> variants = {};
+  bool toneCurve = false;
 };
 
 // All registered operations, sorted by name.

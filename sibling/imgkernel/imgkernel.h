@@ -129,8 +129,6 @@ typedef struct BitmapRecord {
 IMG_API void *AllocZeroed(size_t count, size_t size, int32_t line, const wchar_t *file);
 /* Releases memory from AllocZeroed; null is ignored. */
 IMG_API void FreeMemory(void *memory, int32_t line, const wchar_t *file);
-IMG_API void CopyMemory(void *destination, const void *source, size_t bytes);
-IMG_API void FillMemory(void *destination, int32_t value, size_t bytes);
 
 /* Allocation tracking and fault injection; all per thread. Tracking records
  * the blocks allocated on this thread while it is on; such a block must be
@@ -231,12 +229,6 @@ IMG_API int32_t GetBitmapListItem(BitmapList list, uint32_t index, BitmapRecord 
 IMG_API int32_t InsertBitmapListItem(BitmapList list, int32_t index, const BitmapRecord *bitmap);
 /* bitmap may be null; otherwise it receives the removed record (208 bytes). */
 IMG_API int32_t RemoveBitmapListItem(BitmapList list, uint32_t index, BitmapRecord *bitmap);
-
-/* ---- Arithmetic helpers -------------------------------------------------------- */
-/* a * b / c with a 64-bit intermediate, rounded half away from zero;
- * -1 when c is 0 or the result does not fit. */
-IMG_API int32_t MulDiv(int32_t a, int32_t b, int32_t c);
-IMG_API int32_t SetRect(Rect *rect, int32_t left, int32_t top, int32_t right, int32_t bottom);
 
 IMG_END_DECLS
 

@@ -6,6 +6,7 @@
 #include <new>
 
 #include "imgkernel.h"
+#include "imgplatform.h"
 
 namespace {
 

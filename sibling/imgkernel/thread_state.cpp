@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "imgkernel.h"
+#include "imgplatform.h"
 
 namespace {
 

@@ -5,6 +5,7 @@
 #include "curves.h"
 #include "ops_common.h"
 #include "passes.h"
+#include "imgplatform.h"
 
 namespace {
 

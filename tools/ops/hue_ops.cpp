@@ -90,6 +90,7 @@ const imgtool::Registrar kRegistrar{{
                   .help = "the turn; every value is accepted"}},
         .kinds = imgtool::kAnyKind,
         .call = Hue,
+        .variants = {{.label = "half turn", .args = {{"angle", "180"}}}},
     },
     {
         .name = "saturation",
@@ -107,6 +108,7 @@ const imgtool::Registrar kRegistrar{{
                   .help = "the change of saturation"}},
         .kinds = imgtool::kAnyKind,
         .call = Saturation,
+        .variants = {{.label = "gray", .args = {{"change", "-1000"}}}},
     },
     {
         .name = "remap-hue",

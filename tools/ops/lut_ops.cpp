@@ -100,6 +100,7 @@ const imgtool::Registrar kRegistrar{{
                   .help = "first sample value that is inverted"}},
         .kinds = kLutKinds,
         .call = Solarize,
+        .toneCurve = true,
     },
     {
         .name = "posterize",
@@ -116,6 +117,8 @@ const imgtool::Registrar kRegistrar{{
                   .help = "number of levels"}},
         .kinds = kLutKinds,
         .call = Posterize,
+        .variants = {{.label = "two levels", .args = {{"levels", "2"}}}},
+        .toneCurve = true,
     },
     {
         .name = "contrast",
@@ -133,6 +136,8 @@ const imgtool::Registrar kRegistrar{{
                   .help = "the change of contrast"}},
         .kinds = kLutKinds,
         .call = Contrast,
+        .variants = {{.label = "lower", .args = {{"change", "-500"}}}},
+        .toneCurve = true,
     },
     {
         .name = "multiply",
@@ -149,6 +154,7 @@ const imgtool::Registrar kRegistrar{{
                   .help = "the factor"}},
         .kinds = kLutKinds,
         .call = Multiply,
+        .toneCurve = true,
     },
     {
         .name = "math-logic",
@@ -205,6 +211,7 @@ const imgtool::Registrar kRegistrar{{
                  ChannelArg()},
         .kinds = kLutKinds,
         .call = MathLogic,
+        .toneCurve = true,
     },
     {
         .name = "remap",
@@ -225,6 +232,7 @@ const imgtool::Registrar kRegistrar{{
                  ChannelArg()},
         .kinds = kLutKinds,
         .call = Remap,
+        .toneCurve = true,
     },
     {
         .name = "histo-contrast",
@@ -291,6 +299,7 @@ const imgtool::Registrar kRegistrar{{
                   .help = "scale of the curve"}},
         .kinds = kLutKinds,
         .call = MathFunction,
+        .toneCurve = true,
     },
 }};
 
