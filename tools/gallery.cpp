@@ -25,7 +25,6 @@
 namespace imgtool {
 namespace {
 
-constexpr int32_t kThumbWidth = 360;
 constexpr int32_t kCurveSize = 256;
 constexpr const char *kMarker = "<!-- imgcolor gallery -->";
 
@@ -107,13 +106,13 @@ std::string Html(const std::string &text) {
 
 // A 24-bit copy of `source` scaled down to `width` columns by averaging the
 // source pixels each thumbnail pixel covers.
-void Thumbnail(const BitmapRecord *source, Bitmap &thumb) {
+void Thumbnail(const BitmapRecord *source, int32_t width, Bitmap &thumb) {
   Bitmap colour;
   int32_t s = CopyBitmap(colour.get(), source, BITMAP_RECORD_SIZE);
   if (s == RC_SUCCESS && !(colour->BitsPerPixel == 24 && colour->ColorOrder == ORDER_BGR))
     s = ConvertBitmapFormat(colour.get(), colour.get(), BITMAP_RECORD_SIZE, 24, ORDER_BGR, nullptr, 0, 0);
   if (s != RC_SUCCESS) throw Failure{std::string("thumbnail: ") + Q_StatusMessage(s)};
-  const int32_t w = std::min(kThumbWidth, colour->Width);
+  const int32_t w = std::min(width, colour->Width);
   const int32_t h = std::max<int32_t>(1, static_cast<int32_t>(int64_t{colour->Height} * w / colour->Width));
   s = AllocateBitmap(thumb.get(), BITMAP_RECORD_SIZE, MEMORY_CONVENTIONAL, w, h, 24, ORDER_BGR, nullptr,
                      ORIENT_TOP_FIRST, nullptr, 0);
@@ -144,10 +143,10 @@ void Thumbnail(const BitmapRecord *source, Bitmap &thumb) {
   }
 }
 
-void WritePng(const std::string &path, const BitmapRecord *bitmap) {
+void WriteFile(const std::string &path, const BitmapRecord *bitmap, FileFormat format = FileFormat::Png) {
   Output out;
   out.path = path;
-  out.format = FileFormat::Png;
+  out.format = format;
   WriteOutput(out, bitmap);
 }
 
@@ -243,18 +242,35 @@ std::string FileStem(const std::string &op, size_t variant) {
 }  // namespace
 
 int RunGallery(const std::vector<std::string> &args) {
-  const std::string usage = "imgcolor gallery [PHOTO] [DIR] [--quiet|--progress]";
+  const std::string usage =
+      "imgcolor gallery [PHOTO] [DIR] [--width N] [--format png|jpeg] [--quiet|--progress]";
   std::vector<std::string> positional;
   std::vector<Option> options;
   Scan(
-      args, [](const std::string &) { return false; }, positional, options);
+      args, [](const std::string &name) { return name == "width" || name == "format"; }, positional, options);
   bool quiet = !isatty(STDERR_FILENO);
+  int64_t width = 360;
+  FileFormat format = FileFormat::Png;
   for (const Option &o : options) {
-    if (o.name == "quiet" && !o.hasValue)
+    if (o.name == "quiet" && !o.hasValue) {
       quiet = true;
-    else
+    } else if (o.name == "progress" && !o.hasValue) {
+      quiet = false;
+    } else if (o.name == "width" && o.hasValue) {
+      if (!ParseNumber(o.value, width) || width < 16 || width > 4096)
+        throw UsageError{"--width: '" + o.value + "' is not a width (expected 16..4096 pixels)"};
+    } else if (o.name == "format" && o.hasValue) {
+      if (o.value == "png")
+        format = FileFormat::Png;
+      else if (o.value == "jpeg" || o.value == "jpg")
+        format = FileFormat::Jpeg;
+      else
+        throw UsageError{"--format: '" + o.value + "' is not a thumbnail format (expected png or jpeg)"};
+    } else {
       throw UsageError{"gallery: unknown option --" + o.name, usage};
+    }
   }
+  const auto ext = [&] { return format == FileFormat::Png ? std::string(".png") : std::string(".jpg"); };
   if (positional.size() > 2) throw UsageError{"gallery: too many arguments", usage};
   const Input in = ParseInput(positional.empty() ? "sample:" : positional[0]);
   const std::string dir = positional.size() > 1 ? positional[1] : "gallery";
@@ -264,8 +280,8 @@ int RunGallery(const std::vector<std::string> &args) {
 
   std::vector<Entry> entries;
   Bitmap thumb;
-  Thumbnail(photo.get(), thumb);
-  WritePng(dir + "/original.png", thumb.get());
+  Thumbnail(photo.get(), static_cast<int32_t>(width), thumb);
+  WriteFile(dir + "/original" + ext(), thumb.get(), format);
   const auto &ops = Operations();
   size_t done = 0;
   for (const OpDescriptor &op : ops) {
@@ -304,14 +320,14 @@ int RunGallery(const std::vector<std::string> &args) {
         e.result += std::string("status ") + std::to_string(status) + " " + Q_StatusName(status);
       } else if (op.writesImage) {
         Bitmap small;
-        Thumbnail(input.get(), small);
-        e.image = FileStem(op.name, i) + ".png";
-        WritePng(dir + "/" + e.image, small.get());
+        Thumbnail(input.get(), static_cast<int32_t>(width), small);
+        e.image = FileStem(op.name, i) + ext();
+        WriteFile(dir + "/" + e.image, small.get(), format);
       }
       Bitmap plot;
       if (op.toneCurve && ToneCurve(op, values, plot)) {
         e.curve = FileStem(op.name, i) + "-curve.png";
-        WritePng(dir + "/" + e.curve, plot.get());
+        WriteFile(dir + "/" + e.curve, plot.get());
       }
       entries.push_back(e);
     }
@@ -319,8 +335,9 @@ int RunGallery(const std::vector<std::string> &args) {
   if (!quiet) std::fprintf(stderr, "\rgallery: %zu operations%30s\n", ops.size(), "");
 
   auto img = [&](const std::string &file, const std::string &alt) {
-    return "<img src=\"data:image/png;base64," + Base64(ReadAll(dir + "/" + file)) + "\" alt=\"" + Html(alt) +
-           "\" title=\"" + Html(file) + "\">";
+    const bool jpeg = file.size() > 4 && file.compare(file.size() - 4, 4, ".jpg") == 0;
+    return std::string("<img src=\"data:image/") + (jpeg ? "jpeg" : "png") + ";base64," +
+           Base64(ReadAll(dir + "/" + file)) + "\" alt=\"" + Html(alt) + "\" title=\"" + Html(file) + "\">";
   };
   std::ostringstream html;
   html << "<!DOCTYPE html>\n"
@@ -328,13 +345,14 @@ int RunGallery(const std::vector<std::string> &args) {
        << "<title>imgcolor gallery</title><style>"
        << "body{font-family:sans-serif;margin:1em;background:#fafafa}"
        << ".grid{display:flex;flex-wrap:wrap;gap:1em}"
-       << ".card{background:#fff;border:1px solid #ddd;padding:.5em;width:" << kThumbWidth + 10 << "px}"
+       << ".card{background:#fff;border:1px solid #ddd;padding:.5em;width:"
+       << std::max<int64_t>(width, 256) + 10 << "px}"
        << ".card img{display:block;max-width:100%}code{font-size:.8em;word-break:break-all}"
        << "pre{font-size:.75em;white-space:pre-wrap;max-height:10em;overflow:auto}"
        << "</style></head><body>\n<h1>imgcolor gallery</h1>\n<p>Photo: " << Html(in.Name()) << ", "
        << photo->Width << " &times; " << photo->Height << ". Every operation with its default arguments; "
        << "times are one call on the full photo on this machine.</p>\n<div class=\"grid\">\n"
-       << "<div class=\"card\"><h3>original</h3>" << img("original.png", "original") << "</div>\n";
+       << "<div class=\"card\"><h3>original</h3>" << img("original" + ext(), "original") << "</div>\n";
   for (const Entry &e : entries) {
     html << "<div class=\"card\" id=\"" << Html(e.title) << "\"><h3>" << Html(e.title) << "</h3>";
     if (!e.image.empty()) html << img(e.image, e.title);
