@@ -173,6 +173,11 @@ struct OpDescriptor {
   std::vector<int32_t> failureStatuses = {};
   bool cancelReturned = true;
   bool monotonicProgress = true;
+  // Row-local: every output pixel depends only on the same input pixel, and
+  // no table of the operation depends on the image (histogram-driven,
+  // window and whole-image operations are not). The tool may then run it on
+  // disjoint row bands in threads of its own (bands.h).
+  bool rowLocal = false;
 };
 
 // All registered operations, sorted by name.

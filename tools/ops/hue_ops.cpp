@@ -90,6 +90,7 @@ const imgtool::Registrar kRegistrar{{
                   .help = "the turn; every value is accepted"}},
         .kinds = imgtool::kAnyKind,
         .call = Hue,
+        .rowLocal = true,
     },
     {
         .name = "saturation",
@@ -107,6 +108,7 @@ const imgtool::Registrar kRegistrar{{
                   .help = "the change of saturation"}},
         .kinds = imgtool::kAnyKind,
         .call = Saturation,
+        .rowLocal = true,
     },
     {
         .name = "remap-hue",
@@ -162,6 +164,7 @@ const imgtool::Registrar kRegistrar{{
                              {"65536", 65536, "any bitmap"}}}},
         .kinds = imgtool::kAnyKind,
         .call = RemapHue,
+        .rowLocal = true,
     },
     {
         .name = "hue-sat-int",
@@ -212,6 +215,7 @@ const imgtool::Registrar kRegistrar{{
         // A failed copy of the bands is -13, and a missing row buffer a quiet
         // success that leaves the bitmap alone: both kept.
         .failureStatuses = {RC_INVALID_PARAMETER, RC_SUCCESS},
+        .rowLocal = true,
     },
     {
         .name = "tint",
@@ -236,6 +240,7 @@ const imgtool::Registrar kRegistrar{{
                   .help = "shift of phi"}},
         .kinds = kColourKinds,
         .call = Tint,
+        .rowLocal = true,
     },
 }};
 

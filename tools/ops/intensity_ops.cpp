@@ -94,7 +94,8 @@ const imgtool::Registrar kRegistrar{{
      .family = kIntensity,
      .summary = "Invert every colour sample",
      .help = "Every colour sample v becomes full scale - v (palettes through the palette).",
-     .call = [](BitmapRecord *b, const ArgValues &, std::ostream &) { return Q_InvertBitmap(b, 0); }},
+     .call = [](BitmapRecord *b, const ArgValues &, std::ostream &) { return Q_InvertBitmap(b, 0); },
+     .rowLocal = true},
     {.name = "intensity",
      .exportName = "Q_ChangeBitmapIntensity",
      .family = kIntensity,
@@ -102,7 +103,8 @@ const imgtool::Registrar kRegistrar{{
      .help = "Adds change x full scale / 1000 (rounded) to every colour sample, clamped.",
      .args = {Tenths("change", "tenths of a percent of full scale", "the change", "100")},
      .call = [](BitmapRecord *b, const ArgValues &a,
-                std::ostream &) { return Q_ChangeBitmapIntensity(b, a.Int("change"), 0); }},
+                std::ostream &) { return Q_ChangeBitmapIntensity(b, a.Int("change"), 0); },
+     .rowLocal = true},
     {.name = "gray-ext",
      .exportName = "Q_GrayScaleBitmapExt",
      .family = kIntensity,
@@ -175,7 +177,8 @@ const imgtool::Registrar kRegistrar{{
          [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
            return Q_IntensityDetectBitmap(b, a.UInt("low"), a.UInt("high"), a.Colour("inside"),
                                           a.Colour("outside"), static_cast<uint32_t>(a.Enum("channel")), 0);
-         }},
+         },
+     .rowLocal = true},
     {.name = "gamma",
      .exportName = "Q_GammaCorrectBitmap",
      .family = kIntensity,
@@ -189,7 +192,8 @@ const imgtool::Registrar kRegistrar{{
                .defaultValue = "150",
                .help = "the gamma (100 = no change)"}},
      .call = [](BitmapRecord *b, const ArgValues &a,
-                std::ostream &) { return Q_GammaCorrectBitmap(b, a.UInt("gamma"), 0); }},
+                std::ostream &) { return Q_GammaCorrectBitmap(b, a.UInt("gamma"), 0); },
+     .rowLocal = true},
     {.name = "histogram",
      .exportName = "Q_GetBitmapHistogram",
      .family = kIntensity,
@@ -235,7 +239,8 @@ const imgtool::Registrar kRegistrar{{
      .call =
          [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
            return Q_ContBrightIntBitmap(b, a.Int("contrast"), a.Int("brightness"), a.Int("intensity"), 0);
-         }},
+         },
+     .rowLocal = true},
     {.name = "light",
      .exportName = "Q_LightControlBitmap",
      .family = kIntensity,
@@ -303,7 +308,8 @@ const imgtool::Registrar kRegistrar{{
      .args = {LevelSet("master", "16,235,0,255,120", "master set: inlow,inhigh,outlow,outhigh,gamma"),
               LevelSet("red", "-1", "red set"), LevelSet("green", "-1", "green set"),
               LevelSet("blue", "-1", "blue set")},
-     .call = Levels},
+     .call = Levels,
+     .rowLocal = true},
     {.name = "adaptive-contrast",
      .exportName = "Q_AdaptiveContrastBitmap",
      .family = kIntensity,
@@ -357,7 +363,8 @@ const imgtool::Registrar kRegistrar{{
      .call =
          [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
            return Q_GammaCorrectBitmapExt(b, a.UInt("gamma"), static_cast<uint32_t>(a.Enum("space")));
-         }},
+         },
+     .rowLocal = true},
     {.name = "auto-binary",
      .exportName = "Q_AutoBinaryBitmap",
      .family = kAutoBinary,

@@ -100,6 +100,7 @@ const imgtool::Registrar kRegistrar{{
                   .help = "first sample value that is inverted"}},
         .kinds = kLutKinds,
         .call = Solarize,
+        .rowLocal = true,
     },
     {
         .name = "posterize",
@@ -116,6 +117,7 @@ const imgtool::Registrar kRegistrar{{
                   .help = "number of levels"}},
         .kinds = kLutKinds,
         .call = Posterize,
+        .rowLocal = true,
     },
     {
         .name = "contrast",
@@ -133,6 +135,7 @@ const imgtool::Registrar kRegistrar{{
                   .help = "the change of contrast"}},
         .kinds = kLutKinds,
         .call = Contrast,
+        .rowLocal = true,
     },
     {
         .name = "multiply",
@@ -149,6 +152,7 @@ const imgtool::Registrar kRegistrar{{
                   .help = "the factor"}},
         .kinds = kLutKinds,
         .call = Multiply,
+        .rowLocal = true,
     },
     {
         .name = "math-logic",
@@ -205,6 +209,7 @@ const imgtool::Registrar kRegistrar{{
                  ChannelArg()},
         .kinds = kLutKinds,
         .call = MathLogic,
+        .rowLocal = true,
     },
     {
         .name = "remap",
@@ -225,6 +230,7 @@ const imgtool::Registrar kRegistrar{{
                  ChannelArg()},
         .kinds = kLutKinds,
         .call = Remap,
+        .rowLocal = true,
     },
     {
         .name = "histo-contrast",
@@ -291,6 +297,7 @@ const imgtool::Registrar kRegistrar{{
                   .help = "scale of the curve"}},
         .kinds = kLutKinds,
         .call = MathFunction,
+        .rowLocal = true,
     },
 }};
 
