@@ -115,6 +115,43 @@ TEST(ApplyLut, MatchesSampleRuleOnEveryKind) {
           }
 }
 
+// Tables of the form v -> v ^ k (inversion, a random k) take the XOR loops
+// on every path but the scalar one, which looks them up: every kind (signed
+// too), with and without a region, all channels and one, odd widths.
+TEST(ApplyLut, XorFormMatchesLookupOnEveryPath) {
+  kit::LeakGuard guard;
+  uint32_t seed = 5;
+  for (const Format &s : kit::AllFormats(true))
+    for (int shape = 0; shape < 2; ++shape)
+      for (uint32_t channel : {LUT_CHANNEL_ALL, LUT_CHANNEL_GREEN})
+        for (bool invert : {true, false}) {
+          const uint32_t length = FullLength(s);
+          const uint32_t k = invert ? length - 1 : (seed * 2654435761u) & (length - 1);
+          std::vector<int32_t> table(length);
+          for (uint32_t v = 0; v < length; ++v) table[v] = static_cast<int32_t>(v ^ k);
+          const bool isSigned = !s.IsPalette() && s.bits != 16 && seed % 2 == 0;
+          auto make = [&] {
+            kit::Bitmap bm(s, 77, 5);
+            bm.Randomize(seed);
+            if (isSigned) bm->Flags |= BITMAP_SIGNED;
+            if (shape) kit::SetEllipseRegion(bm, 3, 0, 60, 5);
+            return bm;
+          };
+          kit::Bitmap want = make();
+          const uint32_t mode = LUT_INDEX_BY_VALUE | channel;
+          ASSERT_EQ(img::ApplyLutWithPath(want, table.data(), length, mode, 0, 100, img::Isa::Scalar),
+                    RC_SUCCESS);
+          for (img::Isa path : kPaths) {
+            SCOPED_TRACE(testing::Message() << s.Name() << " shape " << shape << " channel " << channel
+                                            << " k " << k << " " << img::IsaName(path));
+            kit::Bitmap got = make();
+            ASSERT_EQ(img::ApplyLutWithPath(got, table.data(), length, mode, 0, 100, path), RC_SUCCESS);
+            ASSERT_EQ(got.StoredBytes(), want.StoredBytes());
+          }
+          ++seed;
+        }
+}
+
 // Every byte path against a plain loop: random data, odd lengths, unaligned
 // starts, in place, and every byte value (the sub-table split must not mix
 // neighbouring sixteenths).

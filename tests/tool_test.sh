@@ -459,5 +459,14 @@ info sample: --pixel 451,0|--pixel: 451,0 is outside the 451 x 300 image
 EOF
 if [ -e out.png ]; then fail "no output after argument errors"; else pass; fi
 
+# ---- Row bands (-j / --threads) --------------------------------------------------
+# A row-local operation in bands on threads writes the one-thread image.
+run "hue on one thread" 0 hue sample: j1.png -j 1 --quiet
+run "hue in three bands" 0 hue sample: j3.png --threads 3 --quiet
+if cmp -s j1.png j3.png; then pass; else fail "hue: -j 1 and --threads 3 differ"; fi
+run "bad thread count" 2 invert sample: j0.png -j 0
+expect "message for -j 0" "--threads: '0' is not a thread count" err
+rm -f j1.png j3.png
+
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

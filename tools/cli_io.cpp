@@ -11,6 +11,8 @@
 #include <cstring>
 #include <memory>
 
+#include "registry.h"
+
 namespace imgtool {
 
 extern const uint8_t kSamplePhoto[];
@@ -115,6 +117,14 @@ void Scan(const std::vector<std::string> &args, const std::function<bool(const s
         o.hasValue = true;
       }
       options.push_back(o);
+    } else if (a.compare(0, 2, "-j") == 0) {
+      // -j N and -jN: --threads N.
+      Option o{"threads", a.substr(2), true};
+      if (a.size() == 2) {
+        if (i + 1 >= args.size()) throw UsageError{"-j: missing value"};
+        o.value = args[++i];
+      }
+      options.push_back(o);
     } else if (a.size() > 1 && a[0] == '-' && !(a[1] >= '0' && a[1] <= '9')) {
       throw UsageError{"unknown option " + a};
     } else {
@@ -125,7 +135,7 @@ void Scan(const std::vector<std::string> &args, const std::function<bool(const s
 
 bool IoOptions::ProgressWanted() const { return progress || (!quiet && ::isatty(STDERR_FILENO)); }
 
-bool IsIoValueOption(const std::string &name) { return name == "format"; }
+bool IsIoValueOption(const std::string &name) { return name == "format" || name == "threads"; }
 
 bool TakeIoOption(const Option &o, bool writes, IoOptions &io) {
   bool *flag = o.name == "quiet"                ? &io.quiet
@@ -135,6 +145,13 @@ bool TakeIoOption(const Option &o, bool writes, IoOptions &io) {
   if (flag && !o.hasValue) {
     *flag = true;
     if (io.quiet && io.progress) throw UsageError{"--quiet and --progress exclude each other"};
+    return true;
+  }
+  if (o.name == "threads" && o.hasValue) {
+    int64_t n = 0;
+    if (!ParseNumber(o.value, n) || n < 1 || n > 256)
+      throw UsageError{"--threads: '" + o.value + "' is not a thread count (expected 1..256)"};
+    io.threads = static_cast<int32_t>(n);
     return true;
   }
   if (o.name != "format" || !writes || !o.hasValue) return false;

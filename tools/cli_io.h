@@ -49,13 +49,15 @@ struct IoOptions {
   bool inPlace = false;   // --in-place: OUT may be IN
   bool quiet = false;     // --quiet: no progress bar
   bool progress = false;  // --progress: the bar even when stderr is not a terminal
+  int32_t threads = 0;    // -j N / --threads N: row bands of a row-local operation; 0 = every core
   bool ProgressWanted() const;
 };
 
-// Consumes --format, --in-place, --quiet and --progress (the first two only
-// when `writes`); false for any other option. Throws UsageError on a bad value.
+// Consumes --format, --in-place, --quiet, --progress and --threads (the first
+// two only when `writes`); false for any other option. Throws UsageError on
+// a bad value.
 bool TakeIoOption(const Option &option, bool writes, IoOptions &io);
-// `--format` takes a value.
+// `--format` and `--threads` take a value.
 bool IsIoValueOption(const std::string &name);
 
 struct Input {

@@ -8,8 +8,10 @@
 #include <iostream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "bands.h"
 #include "cli_io.h"
 #include "gallery.h"
 #include "imgcolor.h"
@@ -69,6 +71,8 @@ void Usage(std::ostream &out) {
          "  --ellipse L,T,R,B              ... to the ellipse inscribed in the rectangle\n"
          "  --polygon X1,Y1,X2,Y2,X3,Y3... ... to a polygon (even-odd rule)\n"
          "                                 region options repeat; the shapes are combined (union)\n"
+         "  -j N, --threads N              row bands on N threads for row-local operations without a region\n"
+         "                                 on bitmaps over 8 bits (default: every core)\n"
          "options of convert and the operations:\n"
          "  --format png|jpeg              OUT's format (needed for -; else OUT's extension: .png, .jpg, "
          ".jpeg)\n"
@@ -576,7 +580,11 @@ int RunOperation(const OpDescriptor &op, const std::vector<std::string> &args) {
       throw Failure{op.name + ": " + in.Name() + " is a " + imgtool::KindNames(kind) + " bitmap; " + op.name +
                     " accepts " + imgtool::KindNames(op.kinds) + " (see imgcolor convert --depth)"};
     ApplyShapes(bitmap.get(), shapes);
-    const int32_t status = op.call(bitmap.get(), values, report);
+    // Row-local operations without a region run in row bands on every core
+    // (or -j N); others, and -j 1, are the plain call.
+    const int32_t cores = static_cast<int32_t>(std::thread::hardware_concurrency());
+    const int32_t threads = io.threads ? io.threads : cores > 0 ? cores : 1;
+    const int32_t status = imgtool::CallInBands(op, bitmap.get(), values, report, threads);
     if (status < RC_SUCCESS) throw Failure{op.name + ": " + StatusText(status)};
   });
   // Reported values never mix with an image written to standard output.

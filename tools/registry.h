@@ -186,6 +186,11 @@ struct OpDescriptor {
   // that tone curve per channel).
   std::vector<GalleryVariant> variants = {};
   bool toneCurve = false;
+  // Row-local: every output pixel depends only on the same input pixel, and
+  // no table of the operation depends on the image (histogram-driven,
+  // window and whole-image operations are not). The tool may then run it on
+  // disjoint row bands in threads of its own (bands.h).
+  bool rowLocal = false;
 };
 
 // All registered operations, sorted by name.

@@ -1,7 +1,10 @@
 // Adaptive contrast: each sample moves away from the mean of the window
 // around it, v' = m + (v - m) * (100 + amount) / 100. Window sums come from
 // running column sums and a sliding horizontal sum, so the cost per pixel
-// does not depend on the window size.
+// does not depend on the window size. This file holds the entry, the 64-bit
+// scalar reference (and the luminance type) and the dispatch to the 32-bit
+// loops of each instruction set (adaptive_rows.h).
+#include "adaptive_isa.h"
 #include "curves.h"
 #include "ops_common.h"
 #include "passes.h"
@@ -87,10 +90,21 @@ void ChangeRow(const Window &k, const int64_t *columns, const T *centre, img::Ro
   }
 }
 
-}  // namespace
+// The loops of `isa` for the each-channel type when the sums fit 32 bits.
+template <class T>
+void FastRow(img::Isa isa, const img::adaptive::Fast &k, const img::adaptive::Step<T> &s) {
+  switch (img::BestIsa(isa)) {
+    case img::Isa::Avx512:
+      return img::adaptive::RowAvx512(k, s);
+    case img::Isa::Avx2:
+      return img::adaptive::RowAvx2(k, s);
+    default:  // SSSE3 has no loop of its own
+      return img::adaptive::RowSse2(k, s);
+  }
+}
 
-extern "C" IMG_API int32_t AdaptiveContrast(BitmapRecord *bitmap, uint32_t dimension, uint32_t amount,
-                                            uint32_t type) {
+int32_t AdaptiveContrastImpl(BitmapRecord *bitmap, uint32_t dimension, uint32_t amount, uint32_t type,
+                             img::Isa isa) {
   constexpr img::EntryRule kRule{.flagsWord = false, .pixels = true, .afterArguments = {.signedData = true}};
   if (const int32_t s = img::CheckEntry(kRule, 0, bitmap)) return s;
   if (!img::ranges::kAdaptiveDimension.Contains(dimension) || dimension % 2 == 0 ||
@@ -113,10 +127,32 @@ extern "C" IMG_API int32_t AdaptiveContrast(BitmapRecord *bitmap, uint32_t dimen
                  .luminance = luminance,
                  .area = static_cast<int64_t>(dimension) * dimension,
                  .gain = 100 + static_cast<int64_t>(amount)};
+  img::WindowPass window(pass, k.half, k.half, img::kFullProgress);
+
+  if (!luminance && isa != img::Isa::Scalar && img::adaptive::Fits(dimension, k.max)) {
+    const size_t padded = (static_cast<size_t>(k.width) + 2 * static_cast<size_t>(k.half)) * channels;
+    IMG_BUFFER(uint32_t, columns, padded);
+    IMG_BUFFER(uint32_t, sums, static_cast<size_t>(img::adaptive::kChunk) * channels);
+    if (!columns || !sums) return RC_NO_MEMORY;
+    const img::adaptive::Fast fast{.width = k.width,
+                                   .channels = channels,
+                                   .half = k.half,
+                                   .max = k.max,
+                                   .gain = static_cast<int32_t>(k.gain),
+                                   .inverse = 1.0 / static_cast<double>(k.area),
+                                   .padded = columns.get(),
+                                   .sums = sums.get()};
+    return window.Run([&](const auto &w, auto &out) {
+      using T = std::remove_cv_t<std::remove_reference_t<decltype(**w.rows)>>;
+      const img::adaptive::Step<T> step{w.rows,          w.count,     w.first,  w.entered,   w.left,
+                                        w.rows[w.above], out.samples, out.runs, out.runCount};
+      FastRow(isa, fast, step);
+    });
+  }
+
   // Sums of each column of the window, per plane.
   IMG_BUFFER(int64_t, columns, static_cast<size_t>(k.width) * k.planes);
   if (!columns) return RC_NO_MEMORY;
-  img::WindowPass window(pass, k.half, k.half, img::kFullProgress);
   return window.Run([&](const auto &w, auto &out) {
     using T = std::remove_cv_t<std::remove_reference_t<decltype(**w.rows)>>;
     if (w.first) {
@@ -126,4 +162,20 @@ extern "C" IMG_API int32_t AdaptiveContrast(BitmapRecord *bitmap, uint32_t dimen
     }
     ChangeRow(k, columns.get(), w.rows[w.above], out);
   });
+}
+
+}  // namespace
+
+namespace img {
+
+int32_t AdaptiveContrastWithPath(BitmapRecord *bitmap, uint32_t dimension, uint32_t amount, uint32_t type,
+                                 Isa isa) {
+  return AdaptiveContrastImpl(bitmap, dimension, amount, type, isa);
+}
+
+}  // namespace img
+
+extern "C" IMG_API int32_t AdaptiveContrast(BitmapRecord *bitmap, uint32_t dimension, uint32_t amount,
+                                            uint32_t type) {
+  return AdaptiveContrastImpl(bitmap, dimension, amount, type, img::BestIsa());
 }

@@ -45,11 +45,28 @@ constexpr img::EntryRule kTableRule{.flagsWord = false,
                                     .afterArguments = {.gray32 = true, .knownKind = true}};
 
 // The compact tables of one call. byte serves 8-bit samples; word (65536
-// entries) the 16-bit ones.
+// entries) the 16-bit ones. When the table is v -> v ^ flip for every stored
+// value (inversion, the signed shift), `xorForm` is set and the samples of
+// the kinds laid out in whole bytes or words are XOR-ed instead of looked
+// up (not on Isa::Scalar, the lookup reference the other paths are tested
+// against): the same value for every sample by construction, since the form
+// was checked entry by entry.
 struct CompactTables {
   uint8_t byte[256];
   const uint16_t *word;
+  bool xorForm;
+  uint32_t flip;
 };
+
+// `pattern` of 8 bytes: the sample XOR `flip` repeated for samples of
+// `sampleBytes` bytes, with every fourth sample zero when keepFourth.
+uint64_t XorPattern(uint32_t flip, int32_t sampleBytes, bool keepFourth) {
+  uint64_t pattern = 0;
+  const int32_t samples = 8 / sampleBytes;
+  for (int32_t i = 0; i < samples; ++i)
+    if (!keepFourth || i % 4 != 3) pattern |= static_cast<uint64_t>(flip) << (8 * sampleBytes * i);
+  return pattern;
+}
 
 // Maps one palette colour through the byte table, per channel.
 PaletteEntry MapEntry(PaletteEntry e, const uint8_t *t, uint32_t channel) {
@@ -112,6 +129,19 @@ int32_t MapSamples(BitmapRecord *b, Kind kind, const CompactTables &t, uint32_t 
   const uint8_t *t8 = t.byte;
   const uint16_t *t16 = t.word;
   const int32_t offset = SampleOffset(b->ColorOrder, channel);
+  if (t.xorForm && path != img::Isa::Scalar && channel == LUT_CHANNEL_ALL &&
+      (kind == Kind::Gray8 || kind == Kind::Gray16 || kind == Kind::Color24 || kind == Kind::Color32 ||
+       kind == Kind::Color48 || kind == Kind::Color64)) {
+    // Bytes a pixel, bytes a sample; a pixel starts at pattern phase 0.
+    const int32_t pixel = b->BitsPerPixel / 8;
+    const int32_t sample = kind == Kind::Gray16 || kind == Kind::Color48 || kind == Kind::Color64 ? 2 : 1;
+    const uint64_t pattern = XorPattern(t.flip, sample, kind == Kind::Color32 || kind == Kind::Color64);
+    return rows.Run(range, [&](uint8_t *row, const RowRun *runs, int32_t n) {
+      for (int32_t r = 0; r < n; ++r)
+        img::XorBytes(path, row + static_cast<std::size_t>(runs[r].Start) * pixel,
+                      static_cast<std::size_t>(runs[r].End - runs[r].Start) * pixel, pattern);
+    });
+  }
   switch (kind) {
     case Kind::Gray8:
       return rows.Run(range, [&](uint8_t *row, const RowRun *runs, int32_t n) {
@@ -207,8 +237,14 @@ int32_t MapThroughEntries(BitmapRecord *b, Kind kind, uint32_t channel, int32_t 
     if (!words) return RC_NO_MEMORY;
     for (uint32_t v = 0; v < 65536; ++v) words[v] = static_cast<uint16_t>(entry(v));
     t.word = words.get();
+    t.flip = words[0];
+    t.xorForm = true;
+    for (uint32_t v = 0; v < 65536 && t.xorForm; ++v) t.xorForm = words[v] == (v ^ t.flip);
   } else {
     for (uint32_t v = 0; v < 256; ++v) t.byte[v] = static_cast<uint8_t>(entry(v));
+    t.flip = t.byte[0];
+    t.xorForm = true;
+    for (uint32_t v = 0; v < 256 && t.xorForm; ++v) t.xorForm = t.byte[v] == (v ^ t.flip);
   }
   return MapSamples(b, kind, t, channel, start, end, path);
 }

@@ -1,4 +1,4 @@
-// The byte lookup of AVX2 (Isa::Avx2): thirty-two samples a shuffle, the
+// The byte lookup and the XOR form of AVX2 (Isa::Avx2): thirty-two samples a shuffle, the
 // shared loop of lut_shuffle.h on 256-bit vectors (the 16-entry sub-tables
 // repeated in both 128-bit lanes). Every function carries target("avx2"):
 // the file is compiled for the baseline.
@@ -35,6 +35,18 @@ struct Avx : ShuffleLanes<32> {
 
 void MapAvx2(const uint8_t *table, const uint8_t *src, uint8_t *dst, std::size_t count, bool keepFourth) {
   MapShuffle<Avx>(table, src, dst, count, keepFourth);
+}
+
+// 32 bytes a step, the pattern in every 64-bit lane.
+__attribute__((target("avx2"))) void XorAvx2(uint8_t *p, std::size_t count, uint64_t pattern) {
+  const __m256i k = _mm256_set1_epi64x(static_cast<long long>(pattern));
+  std::size_t i = 0;
+  for (; i + 32 <= count; i += 32) {
+    __m256i *q = reinterpret_cast<__m256i *>(p + i);
+    _mm256_storeu_si256(q, _mm256_xor_si256(_mm256_loadu_si256(q), k));
+  }
+  // i is a multiple of 8: the tail keeps the pattern's phase.
+  XorScalar(p + i, count - i, pattern);
 }
 
 }  // namespace img::lut

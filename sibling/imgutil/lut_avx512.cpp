@@ -1,5 +1,5 @@
 // The lookups of AVX-512 (Isa::Avx512): bytes through VBMI permutes, 16-bit
-// samples through gathers. Every function carries its target attribute: the
+// samples through gathers, and the XOR form. Every function carries its target attribute: the
 // file is compiled for the baseline.
 #include <immintrin.h>
 
@@ -50,5 +50,14 @@ __attribute__((target("avx512f,avx512bw"))) void MapWordsAvx512(const uint16_t *
   MapWordsScalar(table, p + i, count - i, keepFourth);
 }
 #pragma GCC diagnostic pop
+
+// 64 bytes a step, the pattern in every 64-bit lane.
+__attribute__((target("avx512f"))) void XorAvx512(uint8_t *p, std::size_t count, uint64_t pattern) {
+  const __m512i k = _mm512_set1_epi64(static_cast<long long>(pattern));
+  std::size_t i = 0;
+  for (; i + 64 <= count; i += 64) _mm512_storeu_si512(p + i, _mm512_xor_si512(_mm512_loadu_si512(p + i), k));
+  // i is a multiple of 8: the tail keeps the pattern's phase.
+  XorScalar(p + i, count - i, pattern);
+}
 
 }  // namespace img::lut

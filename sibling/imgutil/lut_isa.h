@@ -19,4 +19,10 @@ void MapAvx512(const uint8_t *table, const uint8_t *src, uint8_t *dst, std::size
 void MapWordsScalar(const uint16_t *table, uint16_t *p, std::size_t count, bool keepFourth);
 void MapWordsAvx512(const uint16_t *table, uint16_t *p, std::size_t count, bool keepFourth);
 
+// p[i] ^= byte i % 8 of `pattern` (little-endian) for i < count: tables of
+// the form v -> v ^ k (see lut.cpp), pattern phase 0 at p.
+void XorScalar(uint8_t *p, std::size_t count, uint64_t pattern);
+void XorAvx2(uint8_t *p, std::size_t count, uint64_t pattern);
+void XorAvx512(uint8_t *p, std::size_t count, uint64_t pattern);
+
 }  // namespace img::lut

@@ -35,4 +35,8 @@ void MapWordsScalar(const uint16_t *table, uint16_t *p, std::size_t count, bool 
   for (std::size_t i = 0; i < count; ++i) p[i] = table[p[i]];
 }
 
+void XorScalar(uint8_t *p, std::size_t count, uint64_t pattern) {
+  for (std::size_t i = 0; i < count; ++i) p[i] = static_cast<uint8_t>(p[i] ^ (pattern >> (8 * (i & 7))));
+}
+
 }  // namespace img::lut

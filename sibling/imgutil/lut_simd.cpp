@@ -41,6 +41,17 @@ void MapWords(Isa isa, const uint16_t *table, uint16_t *p, std::size_t count, bo
   lut::MapWordsScalar(table, p, count, keepFourth);
 }
 
+void XorBytes(Isa isa, uint8_t *p, std::size_t count, uint64_t pattern) {
+  switch (BestIsa(isa)) {
+    case Isa::Avx512:
+      return lut::XorAvx512(p, count, pattern);
+    case Isa::Avx2:
+      return lut::XorAvx2(p, count, pattern);
+    default:  // no loop of their own below AVX2
+      return lut::XorScalar(p, count, pattern);
+  }
+}
+
 }  // namespace img
 
 extern "C" {

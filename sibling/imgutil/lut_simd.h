@@ -27,6 +27,11 @@ void MapBytesKeepFourth(Isa isa, const uint8_t *table, const uint8_t *src, uint8
 void MapWords(Isa isa, const uint16_t *table, uint16_t *p, std::size_t count, bool keepFourth);
 inline constexpr uint32_t kWordTableEntries = MAP_WORD_TABLE_ENTRIES;
 
+// p[i] ^= byte i % 8 of `pattern` for i < count (the table v -> v ^ k on
+// samples laid out with that period); every instruction set gives the same
+// bytes.
+void XorBytes(Isa isa, uint8_t *p, std::size_t count, uint64_t pattern);
+
 // ApplyLut with the lookups of instruction sets up to `isa` (ApplyLut takes
 // the best the processor has; tests force each one).
 int32_t ApplyLutWithPath(BitmapRecord *bitmap, const int32_t *table, uint32_t length, uint32_t mode,

@@ -91,6 +91,7 @@ const imgtool::Registrar kRegistrar{{
         .kinds = imgtool::kAnyKind,
         .call = Hue,
         .variants = {{.label = "half turn", .args = {{"angle", "180"}}}},
+        .rowLocal = true,
     },
     {
         .name = "saturation",
@@ -109,6 +110,7 @@ const imgtool::Registrar kRegistrar{{
         .kinds = imgtool::kAnyKind,
         .call = Saturation,
         .variants = {{.label = "gray", .args = {{"change", "-1000"}}}},
+        .rowLocal = true,
     },
     {
         .name = "remap-hue",
@@ -164,6 +166,7 @@ const imgtool::Registrar kRegistrar{{
                              {"65536", 65536, "any bitmap"}}}},
         .kinds = imgtool::kAnyKind,
         .call = RemapHue,
+        .rowLocal = true,
     },
     {
         .name = "hue-sat-int",
@@ -214,6 +217,7 @@ const imgtool::Registrar kRegistrar{{
         // A failed copy of the bands is -13, and a missing row buffer a quiet
         // success that leaves the bitmap alone: both kept.
         .failureStatuses = {RC_INVALID_PARAMETER, RC_SUCCESS},
+        .rowLocal = true,
     },
     {
         .name = "tint",
@@ -238,6 +242,7 @@ const imgtool::Registrar kRegistrar{{
                   .help = "shift of phi"}},
         .kinds = kColourKinds,
         .call = Tint,
+        .rowLocal = true,
     },
 }};
 

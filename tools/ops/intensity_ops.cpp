@@ -95,7 +95,8 @@ const imgtool::Registrar kRegistrar{{
      .summary = "Invert every colour sample",
      .help = "Every colour sample v becomes full scale - v (palettes through the palette).",
      .call = [](BitmapRecord *b, const ArgValues &, std::ostream &) { return Q_InvertBitmap(b, 0); },
-     .toneCurve = true},
+     .toneCurve = true,
+     .rowLocal = true},
     {.name = "intensity",
      .exportName = "Q_ChangeBitmapIntensity",
      .family = kIntensity,
@@ -104,7 +105,8 @@ const imgtool::Registrar kRegistrar{{
      .args = {Tenths("change", "tenths of a percent of full scale", "the change", "100")},
      .call = [](BitmapRecord *b, const ArgValues &a,
                 std::ostream &) { return Q_ChangeBitmapIntensity(b, a.Int("change"), 0); },
-     .toneCurve = true},
+     .toneCurve = true,
+     .rowLocal = true},
     {.name = "gray-ext",
      .exportName = "Q_GrayScaleBitmapExt",
      .family = kIntensity,
@@ -177,7 +179,8 @@ const imgtool::Registrar kRegistrar{{
          [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
            return Q_IntensityDetectBitmap(b, a.UInt("low"), a.UInt("high"), a.Colour("inside"),
                                           a.Colour("outside"), static_cast<uint32_t>(a.Enum("channel")), 0);
-         }},
+         },
+     .rowLocal = true},
     {.name = "gamma",
      .exportName = "Q_GammaCorrectBitmap",
      .family = kIntensity,
@@ -192,7 +195,8 @@ const imgtool::Registrar kRegistrar{{
                .help = "the gamma (100 = no change)"}},
      .call = [](BitmapRecord *b, const ArgValues &a,
                 std::ostream &) { return Q_GammaCorrectBitmap(b, a.UInt("gamma"), 0); },
-     .toneCurve = true},
+     .toneCurve = true,
+     .rowLocal = true},
     {.name = "histogram",
      .exportName = "Q_GetBitmapHistogram",
      .family = kIntensity,
@@ -239,7 +243,8 @@ const imgtool::Registrar kRegistrar{{
          [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
            return Q_ContBrightIntBitmap(b, a.Int("contrast"), a.Int("brightness"), a.Int("intensity"), 0);
          },
-     .toneCurve = true},
+     .toneCurve = true,
+     .rowLocal = true},
     {.name = "light",
      .exportName = "Q_LightControlBitmap",
      .family = kIntensity,
@@ -308,7 +313,8 @@ const imgtool::Registrar kRegistrar{{
               LevelSet("red", "-1", "red set"), LevelSet("green", "-1", "green set"),
               LevelSet("blue", "-1", "blue set")},
      .call = Levels,
-     .toneCurve = true},
+     .toneCurve = true,
+     .rowLocal = true},
     {.name = "adaptive-contrast",
      .exportName = "Q_AdaptiveContrastBitmap",
      .family = kIntensity,
@@ -363,7 +369,8 @@ const imgtool::Registrar kRegistrar{{
      .call =
          [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
            return Q_GammaCorrectBitmapExt(b, a.UInt("gamma"), static_cast<uint32_t>(a.Enum("space")));
-         }},
+         },
+     .rowLocal = true},
     {.name = "auto-binary",
      .exportName = "Q_AutoBinaryBitmap",
      .family = kAutoBinary,

@@ -34,6 +34,7 @@ const imgtool::Registrar kRegistrar{{
         }},
         .kinds = imgtool::kAnyKind,
         .call = Fill,
+        .rowLocal = true,
     },
     {
         .name = "count-colors",

@@ -101,6 +101,7 @@ const imgtool::Registrar kRegistrar{{
         .kinds = kLutKinds,
         .call = Solarize,
         .toneCurve = true,
+        .rowLocal = true,
     },
     {
         .name = "posterize",
@@ -119,6 +120,7 @@ const imgtool::Registrar kRegistrar{{
         .call = Posterize,
         .variants = {{.label = "two levels", .args = {{"levels", "2"}}}},
         .toneCurve = true,
+        .rowLocal = true,
     },
     {
         .name = "contrast",
@@ -138,6 +140,7 @@ const imgtool::Registrar kRegistrar{{
         .call = Contrast,
         .variants = {{.label = "lower", .args = {{"change", "-500"}}}},
         .toneCurve = true,
+        .rowLocal = true,
     },
     {
         .name = "multiply",
@@ -155,6 +158,7 @@ const imgtool::Registrar kRegistrar{{
         .kinds = kLutKinds,
         .call = Multiply,
         .toneCurve = true,
+        .rowLocal = true,
     },
     {
         .name = "math-logic",
@@ -212,6 +216,7 @@ const imgtool::Registrar kRegistrar{{
         .kinds = kLutKinds,
         .call = MathLogic,
         .toneCurve = true,
+        .rowLocal = true,
     },
     {
         .name = "remap",
@@ -233,6 +238,7 @@ const imgtool::Registrar kRegistrar{{
         .kinds = kLutKinds,
         .call = Remap,
         .toneCurve = true,
+        .rowLocal = true,
     },
     {
         .name = "histo-contrast",
@@ -300,6 +306,7 @@ const imgtool::Registrar kRegistrar{{
         .kinds = kLutKinds,
         .call = MathFunction,
         .toneCurve = true,
+        .rowLocal = true,
     },
 }};
 

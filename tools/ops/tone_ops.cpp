@@ -55,19 +55,18 @@ int32_t Multitone(BitmapRecord *bitmap, const imgtool::ArgValues &args, std::ost
 }
 
 const imgtool::Registrar kRegistrar{{
-    {
-        .name = "desaturate",
-        .exportName = "Q_DesaturateBitmap",
-        .family = kDesaturation,
-        .summary = "Remove all colour: each pixel becomes the mean of its largest and smallest sample",
-        .help = "Replaces blue, green and red of every pixel (or palette entry) with (max + min) / 2, the "
-                "lightness of the HSL model. The bitmap keeps its depth; a fourth sample is left alone. "
-                "Only pixels inside the region change. Gray bitmaps are refused (-12).",
-        .args = {},
-        .kinds = imgtool::kPalette | imgtool::kAnyColor,
-        .call = Desaturate,
-        .failureStatuses = {RC_SUCCESS},  // a missing row buffer is a quiet success: kept
-    },
+    {.name = "desaturate",
+     .exportName = "Q_DesaturateBitmap",
+     .family = kDesaturation,
+     .summary = "Remove all colour: each pixel becomes the mean of its largest and smallest sample",
+     .help = "Replaces blue, green and red of every pixel (or palette entry) with (max + min) / 2, the "
+             "lightness of the HSL model. The bitmap keeps its depth; a fourth sample is left alone. "
+             "Only pixels inside the region change. Gray bitmaps are refused (-12).",
+     .args = {},
+     .kinds = imgtool::kPalette | imgtool::kAnyColor,
+     .call = Desaturate,
+     .failureStatuses = {RC_SUCCESS},  // a missing row buffer is a quiet success: kept,
+     .rowLocal = true},
     {
         .name = "duotone",
         .exportName = "Q_GrayScaleToDuotone",
