@@ -148,6 +148,7 @@ const imgtool::Registrar kRegistrar{{
         .kinds = imgtool::kAnyKind,
         .call = RoundTrip,
         .files = SeparateFiles,
+        .monotonicProgress = false,  // the round trip reports 0..100 twice
     },
     {
         .name = "merge",
@@ -164,6 +165,7 @@ const imgtool::Registrar kRegistrar{{
         .files = MergeFiles,
         .minInputs = 3,
         .maxInputs = 4,
+        .monotonicProgress = false,  // the round trip reports 0..100 twice
     },
     {
         .name = "channel-mix",
