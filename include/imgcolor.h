@@ -175,7 +175,62 @@ IMG_API int32_t Q_AdjustBitmapTint(BitmapRecord *bitmap, int32_t thetaShift, int
 
 
 /* ---- Colour planes, channel mix and line profile ------------------------------------------- */
-/* Records, constants and exports of PLANES, chmix and the line profile. */
+/* Records, constants and exports of PLANES, chmix and the line profile.
+ * Definitions and decisions: docs/planes.md. */
+
+/* Q_ColorSeparateBitmap, Q_ColorMergeBitmap: the colour model of the planes.
+ * RGB, MODEL2 (CMYK, four planes), MODEL3 (HSV), MODEL4 (HLS) and MODEL6 (CMY)
+ * go through imgdisplay's ConvertColorModelRow; YUV, XYZ, LAB, YCRCB and
+ * SPHERICAL through the colour-space conversions, rescaled into plane values. */
+#define COLORSEP_RGB 0u
+#define COLORSEP_MODEL2 1u
+#define COLORSEP_MODEL3 2u
+#define COLORSEP_MODEL4 3u
+#define COLORSEP_MODEL6 4u
+#define COLORSEP_YUV 5u
+#define COLORSEP_XYZ 6u
+#define COLORSEP_LAB 7u
+#define COLORSEP_YCRCB 8u
+#define COLORSEP_SPHERICAL 9u
+
+/* Q_ChannelMix: one output channel. Factors in percent (100 = 1.0),
+ * -1000..1000; Constant in percent of full scale, -1000..1000. */
+typedef struct ChannelMixFactors {
+  int32_t Reserved; /* not read */
+  int32_t RedFactor;
+  int32_t GreenFactor;
+  int32_t BlueFactor;
+  int32_t Constant;
+} ChannelMixFactors;
+
+/* Splits a colour bitmap into three planes (four for COLORSEP_MODEL2): the
+ * records planes[0..2] (and [3]) are filled with new single-sample bitmaps
+ * of the source's size and orientation, 8 bits a pixel for sources of up to
+ * 32 bits, 16-bit gray for 48 and 64 bits. structSize: 208 or 176, the
+ * planes' record size. No flags word; the region is not looked at. On
+ * failure planes 0..2 are freed; plane 3 stays with the caller. */
+IMG_API int32_t Q_ColorSeparateBitmap(BitmapRecord *bitmap, BitmapRecord *const *planes, uint32_t structSize,
+                                      uint32_t model);
+/* Builds a new 24-bit (48-bit when every plane is 16-bit gray) BGR bitmap in
+ * `bitmap` from three planes (four for COLORSEP_MODEL2), of the smallest
+ * width and height among them, aligned at their top-left corners. Any
+ * earlier content of the record is overwritten, not freed. No flags word. */
+IMG_API int32_t Q_ColorMergeBitmap(BitmapRecord *bitmap, BitmapRecord *const *planes, uint32_t structSize,
+                                   uint32_t model);
+/* Replaces red, green and blue by weighted sums of the three plus a constant,
+ * inside the region, or in the palette of a palette bitmap. Gray: -12. */
+IMG_API int32_t Q_ChannelMix(BitmapRecord *bitmap, const ChannelMixFactors *red,
+                             const ChannelMixFactors *green, const ChannelMixFactors *blue, uint32_t flags);
+/* The samples along the line from (x1, y1) to (x2, y2), both ends included,
+ * visited by Bresenham's algorithm: points in image coordinates inside the
+ * bitmap (else -13). Each point inside the region gives one value on gray
+ * bitmaps (the sample on its own scale) and red, green, blue on colour and
+ * palette bitmaps (the palette colour), in `values`. *capacity: points the
+ * array holds (values: capacity, or 3 x capacity for colour); on return the
+ * points written. Too small: -13 with the needed count in *capacity. Null
+ * values or capacity: RC_NULL_OPTIONS (-814). Reports 0 and 100. */
+IMG_API int32_t Q_LineProfile(BitmapRecord *bitmap, int32_t x1, int32_t y1, int32_t x2, int32_t y2,
+                              uint32_t *values, uint32_t *capacity, uint32_t flags);
 
 
 /* ---- Coloured gray, colour balance, colour swap, equalisation, intensity balance ------------ */

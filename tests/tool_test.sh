@@ -468,5 +468,37 @@ run "bad thread count" 2 invert sample: j0.png -j 0
 expect "message for -j 0" "--threads: '0' is not a thread count" err
 rm -f j1.png j3.png
 
+# ---- Colour planes, channel mix, line profile ---------------------------------
+# Separation writes one file a plane; merge reads them back (RGB: the same
+# pixels); cmyk takes four; a plane count that does not fit the model fails.
+rm -f planes*.png merged.png
+run "separate rgb" 0 separate sample: planes.png --quiet
+for i in 0 1 2; do [ -f "planes-$i.png" ] && pass || fail "separate wrote planes-$i.png"; done
+[ -f planes-3.png ] && fail "rgb makes three planes" || pass
+same "plane size" "$(field planes-1.png size)" "451 x 300"
+run "merge rgb" 0 merge planes-0.png planes-1.png planes-2.png merged.png --quiet
+same "merge gives the photo back" "$(field merged.png checksum)" "$(field sample: checksum)"
+run "separate cmyk" 0 separate sample: cmyk.png --model cmyk --quiet
+[ -f cmyk-3.png ] && pass || fail "cmyk writes four planes"
+run "merge cmyk" 0 merge cmyk-0.png cmyk-1.png cmyk-2.png cmyk-3.png cmyk-merged.png --model cmyk --quiet
+run "merge cmyk of three" 1 merge cmyk-0.png cmyk-1.png cmyk-2.png x.png --model cmyk --quiet
+expect "plane count message" "planes: 3 given, the model takes 4" err
+run "merge of two" 2 merge planes-0.png planes-1.png x.png
+expect "merge usage" "merge takes IN IN IN \\[IN \\.\\.\\.\\] and OUT" err
+run "separate to stdout" 1 separate sample: - --format png --quiet
+expect "several images need a file" "makes 3 images; name a file as OUT" err
+run "merge onto a plane" 2 merge planes-0.png planes-1.png planes-2.png planes-0.png
+[ -f x.png ] && fail "no output after failed merges" || pass
+# Channel mix takes its factors as lists; the identity keeps the photo.
+run "channel-mix identity" 0 channel-mix sample: mix.png --red 100,0,0 --green 0,100,0,0 --blue 0,0,100 --quiet
+same "identity mix" "$(field mix.png checksum)" "$(field sample: checksum)"
+run "channel-mix range" 2 channel-mix sample: mix.png --red 1001,0,0
+expect "factor range" "--red" err
+# The line profile prints comma-separated values on standard output.
+run "line-profile" 0 line-profile sample: --x1 0 --y1 0 --x2 3 --y2 0 --quiet
+expect "profile header" "^point,red,green,blue$"
+expect "profile last point" "^3,[0-9]+,[0-9]+,[0-9]+$"
+run "line-profile outside" 1 line-profile sample: --x2 451 --quiet
+
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

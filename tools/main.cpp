@@ -502,9 +502,17 @@ int RunFilesOperation(const OpDescriptor &op, const std::vector<std::string> &po
   imgtool::OutputImages made;
   std::ostringstream report;
   const int32_t status = op.files(records, made, values, report);
-  if (status < RC_SUCCESS) throw Failure{op.name + ": " + StatusText(status)};
+  if (status < RC_SUCCESS) {
+    std::cerr << report.str();  // what the call said about its failure
+    throw Failure{op.name + ": " + StatusText(status)};
+  }
   if (op.writesImage) {
     progress.Phase("writing", 90, 100);
+    // Every image is checked before the first file is written.
+    if (made.size() == 0) throw Failure{op.name + ": made no image (nothing was written)"};
+    for (size_t i = 0; i < made.size(); ++i)
+      if (!(made.bitmap(i)->Flags & BITMAP_ALLOCATED))
+        throw Failure{op.name + ": image '" + made.suffix(i) + "' was not made (nothing was written)"};
     if (out.toStdout && made.size() != 1)
       throw Failure{op.name + ": makes " + std::to_string(made.size()) + " images; name a file as OUT"};
     for (size_t i = 0; i < made.size(); ++i) {

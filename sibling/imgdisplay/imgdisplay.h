@@ -61,6 +61,31 @@ IMG_API int32_t GetRegionMaxRuns(const BitmapRecord *bitmap);
  * returns how many were written (at most maxRuns), or a status < 0. */
 IMG_API int32_t GetRegionRowRuns(const BitmapRecord *bitmap, int32_t row, RowRun *runs, int32_t maxRuns);
 
+/* ---- Display colour models -------------------------------------------------
+ * Rows of interleaved samples, 8 bits (codes below 16 and 0) or 16 bits
+ * (host-order words) each. Model 0 / 16 is the family's own blue, green, red
+ * row; the others hold their samples in the order of their name, every
+ * sample on the sample range 0..full scale (255 or 65535): CMYK (four
+ * samples), HSV and HLS (hue: one turn is full scale + 1 steps, red at 0),
+ * CMY (full scale minus each sample). Definitions: docs/planes.md. */
+#define COLOR_MODEL_BGR 0
+#define COLOR_MODEL_CMYK 2
+#define COLOR_MODEL_HSV 3
+#define COLOR_MODEL_HLS 4
+#define COLOR_MODEL_CMY 6
+#define COLOR_MODEL_BGR16 16
+#define COLOR_MODEL_CMYK16 112
+#define COLOR_MODEL_HSV16 64
+#define COLOR_MODEL_HLS16 80
+#define COLOR_MODEL_CMY16 96
+/* Converts `width` pixels from one model into another of the same sample
+ * width. Source and destination may be the same buffer only when both
+ * models have as many samples a pixel; otherwise they must not overlap.
+ * Returns 1; RC_INVALID_PARAMETER for a null row, a width below 1, an unknown
+ * code or models of different sample widths. */
+IMG_API int32_t ConvertColorModelRow(const void *source, void *destination, int32_t width, int32_t fromModel,
+                                     int32_t toModel);
+
 IMG_END_DECLS
 
 #endif

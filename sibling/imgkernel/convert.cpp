@@ -791,6 +791,10 @@ IMG_API int32_t ConvertRowBuffer(void *buffer, int32_t width, int32_t sourceBits
   if (status != RC_SUCCESS) return status;
   status = RowTargetFormat(destinationBits, destinationOrder, destinationPalette, targetRamp, &out);
   if (status != RC_SUCCESS) return status;
+  // A colour row already in the destination's depth and sample order stays
+  // as it is (decoding and encoding it would give the same bytes).
+  const bool colour = in.kind == Kind::Color24 || in.kind == Kind::Color48;
+  if (colour && in.kind == out.kind && in.bgr == out.bgr) return RC_SUCCESS;
 
   // Chunks of whole bytes; back to front when pixels grow so that no source
   // byte is overwritten before it was read.

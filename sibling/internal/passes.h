@@ -67,6 +67,25 @@ int32_t Bracketed(const ProgressRange &range, Work &&work) {
   return progress.report(range.end);
 }
 
+// Progress of a course that walks `total` steps of its own (stored rows of
+// several bitmaps, for instance): the callback hears range.start once before
+// the first step and ProgressAt after every step, even when the percentage
+// repeats (a course that reports after every row). Without a callback nothing
+// is reported and every answer is 1.
+class StepProgress {
+ public:
+  StepProgress(const ProgressRange &range, int64_t total) : range_(range), total_(total) {}
+  int32_t Start() const { return range_.report ? progress_.report(range_.start) : RC_SUCCESS; }
+  int32_t After(int64_t done) const {
+    return range_.report ? progress_.report(ProgressAt(range_, done, total_)) : RC_SUCCESS;
+  }
+
+ private:
+  Progress progress_;
+  ProgressRange range_;
+  int64_t total_;
+};
+
 // ---- Rows handed to kernels ----------------------------------------------------------
 
 template <class T>
@@ -689,6 +708,11 @@ class MultiPass {
   int32_t bits(int32_t i) const { return bits_[i]; }
   RowConverter converter(int32_t i) const { return converters_[i]; }
 
+  // Progress as StepProgress reports it (the start before the first row, then
+  // after every row even when the percentage repeats) instead of only the
+  // percentages that change.
+  void ReportEveryRow() { everyRow_ = true; }
+
   template <class Kernel>
   int32_t Run(int32_t top, int32_t bottom, const Rect *columns, const ProgressRange &range, Kernel &&kernel) {
     if (status_ != RC_SUCCESS) return status_;
@@ -702,6 +726,11 @@ class MultiPass {
     }
     Progress progress;
     const int64_t total = static_cast<int64_t>(bottom) - top;
+    const StepProgress steps(range, total);
+    if (everyRow_) {
+      const int32_t answer = steps.Start();
+      if (answer != RC_SUCCESS) return answer;
+    }
     for (int32_t y = top; y < bottom; ++y) {
       for (int32_t i = 0; i < count_; ++i) {
         if (y >= members_[i].bitmap->Height) continue;
@@ -716,8 +745,12 @@ class MultiPass {
         if ((status = ::WriteRow(converters_[i], rows.row(i), y, nullptr, nullptr)) != RC_SUCCESS)
           return status;
       }
-      if (range.report && (status = progress.step(ProgressAt(range, y - top + 1, total))) != RC_SUCCESS)
+      if (everyRow_) {
+        if ((status = steps.After(static_cast<int64_t>(y) - top + 1)) != RC_SUCCESS) return status;
+      } else if (range.report &&
+                 (status = progress.step(ProgressAt(range, y - top + 1, total))) != RC_SUCCESS) {
         return status;
+      }
     }
     for (int32_t i = 0; i < count_; ++i)
       if (members_[i].output) ::UpdateBitmapInfo(members_[i].bitmap);
@@ -751,6 +784,7 @@ class MultiPass {
 
   int32_t count_ = 0;
   int32_t status_ = RC_SUCCESS;
+  bool everyRow_ = false;
   KernelBuffer<PassMember> members_;
   KernelBuffer<RowConverter> converters_;
   KernelBuffer<int32_t> statuses_;

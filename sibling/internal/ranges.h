@@ -54,6 +54,10 @@ inline constexpr Range kMathLogicValue{-100 * 32768, 100 * 65536};
 
 
 // Colour planes, channel mix and line profile.
+inline constexpr Range kColorSepModel{0, 9};     // COLORSEP_*
+inline constexpr Range kMixFactor{-1000, 1000};  // percent (100 = 1.0); the constant: percent of full scale
+// A line profile's end points: image coordinates, at most the bitmap's size less one.
+inline constexpr Range kLinePoint{0, INT32_MAX};
 
 
 // Coloured gray, colour balance, colour swap, equalisation, intensity balance.

@@ -1,0 +1,30 @@
+// Channel mix internals shared by the export, its instruction-set rows and
+// their tests. Internal to imgcolor.
+#pragma once
+
+#include <cstdint>
+
+#include "cpu.h"
+#include "imgcolor.h"
+
+namespace img {
+
+// table[output][input][v]: output 0 red, 1 green, 2 blue; input 0 red,
+// 1 green, 2 blue (the blue input's table carries the constant).
+struct ChannelMixTables {
+  const int32_t *table[3][3];
+};
+
+// Fills `storage` (3 x 3 x 256 entries) and points `tables` into it.
+void BuildChannelMixTables(const ChannelMixFactors *const factors[3], int32_t *storage,
+                           ChannelMixTables &tables);
+
+// Mixes pixels [left, right) of an 8-bit working row of `channels` samples.
+// The scalar form is the reference; MixRow8 runs the loop of the best
+// instruction set up to `isa` that the processor has (bit for bit the same).
+void MixRow8Scalar(const ChannelMixTables &tables, uint8_t *row, int32_t channels, int32_t left,
+                   int32_t right);
+void MixRow8(const ChannelMixTables &tables, uint8_t *row, int32_t channels, int32_t left, int32_t right,
+             Isa isa);
+
+}  // namespace img
