@@ -165,14 +165,18 @@ IMG_API int32_t Q_AdjustBitmapTint(BitmapRecord *bitmap, int32_t thetaShift, int
 /* ---- Colour threshold, colour replace and selective colour -------------------------------- */
 /* Records, constants and exports of ClrThr, Clr_Rep and the selective colour. */
 
+
 /* ---- Colour planes, channel mix and line profile ------------------------------------------- */
 /* Records, constants and exports of PLANES, chmix and the line profile. */
+
 
 /* ---- Coloured gray, colour balance, colour swap, equalisation, intensity balance ------------ */
 /* Records, constants and exports of Colr_n and the local equalisation and intensity balance. */
 
+
 /* ---- Binarisation, target sampling, red-eye removal, segmentation, adding bitmaps ---------- */
 /* Records, constants and exports of BWConv, SAMTRG, RedEye, the segmentation and AddBitmaps. */
+
 
 /* ---- Target sampling and adding bitmaps ---------------------------------------------------- */
 

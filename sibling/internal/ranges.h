@@ -52,9 +52,12 @@ inline constexpr Range kMathLogicValue{-100 * 32768, 100 * 65536};
 
 // Colour threshold, colour replace and selective colour.
 
+
 // Colour planes, channel mix and line profile.
 
+
 // Coloured gray, colour balance, colour swap, equalisation, intensity balance.
+
 
 // Binarisation, target sampling, red-eye removal, segmentation, adding bitmaps.
 
@@ -63,7 +66,7 @@ inline constexpr Range kSampleChannel{1, 4};       // SAMPLE_CHAN_*: flags AND 0
 inline constexpr Range kSampleMethod{0x10, 0x30};  // SAMPLE_METHOD_*: flags AND 0xFFF0, a multiple of 0x10
 inline constexpr Range kAddMode{1, 2};             // ADD_AVERAGE, ADD_SUM
 inline constexpr Range kAddWeightedMode{1, 4};     // ADD_*
-inline constexpr Range kAddFactor{0,
-                                  INT32_MAX};  // weight of one bitmap (the export takes any unsigned value)
+// Weight of one bitmap (the export takes any unsigned value; the tool's lists are signed 32-bit).
+inline constexpr Range kAddFactor{0, INT32_MAX};
 
 }  // namespace img::ranges
