@@ -29,8 +29,7 @@ const char *const kColourHelp =
 
 // The curve points the call uses, on the colours' 8-bit scale (16-bit samples
 // take each value x 257): one line per curve, "red: 128 -> 160".
-void ReportCurves(const BitmapRecord *b, uint32_t sample, uint32_t target, uint32_t channel,
-                  std::ostream &out) {
+void ReportCurves(bool gray, uint32_t sample, uint32_t target, uint32_t channel, std::ostream &out) {
   auto level = [](uint32_t colour, int k) -> int32_t {  // k: 0 red, 1 green, 2 blue, 3 gray
     if (colour & SAMPLE_GRAY_LEVEL) return static_cast<int32_t>((colour & 0xFFFFu) >> 8);
     const int32_t r = colour & 0xFF, g = (colour >> 8) & 0xFF, bl = (colour >> 16) & 0xFF;
@@ -40,8 +39,7 @@ void ReportCurves(const BitmapRecord *b, uint32_t sample, uint32_t target, uint3
   auto line = [&](int k) {
     out << names[k] << ": " << level(sample, k) << " -> " << level(target, k) << "\n";
   };
-  // One sample a pixel: gray bitmaps of 8 (palette path), 12 and 16 bits.
-  if (b->ColorOrder == ORDER_GRAY)
+  if (gray)
     line(3);
   else if (channel == SAMPLE_CHAN_ALL)
     for (int k = 0; k < 3; ++k) line(k);
@@ -51,9 +49,12 @@ void ReportCurves(const BitmapRecord *b, uint32_t sample, uint32_t target, uint3
 
 int32_t SampleTarget(BitmapRecord *b, const ArgValues &a, std::ostream &out) {
   const uint32_t channel = static_cast<uint32_t>(a.Enum("channel"));
+  // One sample a pixel: gray bitmaps of 8 (palette path), 12 and 16 bits;
+  // 8-bit gray comes back a palette bitmap, so this is asked first.
+  const bool gray = b->ColorOrder == ORDER_GRAY;
   const int32_t status = Q_SampleTargetBitmap(b, a.Colour("sample"), a.Colour("target"),
                                               channel | static_cast<uint32_t>(a.Enum("method")));
-  if (status == RC_SUCCESS) ReportCurves(b, a.Colour("sample"), a.Colour("target"), channel, out);
+  if (status == RC_SUCCESS) ReportCurves(gray, a.Colour("sample"), a.Colour("target"), channel, out);
   return status;
 }
 
@@ -217,6 +218,8 @@ const imgtool::Registrar kRegistrar{{
                     const ArgValues &a, std::ostream &) { return AddFiles(inputs, outputs, a, false); },
         .minInputs = 1,
         .maxInputs = kMostInputs,
+        // A converter of a bitmap but the last failing is overlooked: kept.
+        .failureStatuses = {RC_SUCCESS},
     },
     {
         .name = "add-weighted",
@@ -252,6 +255,8 @@ const imgtool::Registrar kRegistrar{{
                     const ArgValues &a, std::ostream &) { return AddFiles(inputs, outputs, a, true); },
         .minInputs = 1,
         .maxInputs = kMostInputs,
+        // A converter of a bitmap but the last failing is overlooked: kept.
+        .failureStatuses = {RC_SUCCESS},
     },
 }};
 
