@@ -241,6 +241,55 @@ IMG_API int32_t Q_LineProfile(BitmapRecord *bitmap, int32_t x1, int32_t y1, int3
 /* Records, constants and exports of BWConv, SAMTRG, RedEye, the segmentation and AddBitmaps. */
 
 
+/* ---- Target sampling and adding bitmaps ---------------------------------------------------- */
+
+/* Q_SampleTargetBitmap: flags = one SAMPLE_CHAN_* | one SAMPLE_METHOD_*. */
+#define SAMPLE_CHAN_RED 1u
+#define SAMPLE_CHAN_GREEN 2u
+#define SAMPLE_CHAN_BLUE 3u
+#define SAMPLE_CHAN_ALL 4u            /* one curve per channel; on gray rows one curve from the gray values */
+#define SAMPLE_METHOD_LINEAR 0x10u    /* line through (sample, target) and (max, max) */
+#define SAMPLE_METHOD_QUADRATIC 0x20u /* identity plus a parabola through (sample, target) */
+#define SAMPLE_METHOD_PROPORTIONAL 0x30u /* scaled by target / sample */
+/* A colour value with this bit is a gray level: bits 8-15 for 8-bit samples,
+ * bits 0-15 for 16-bit samples. */
+#define SAMPLE_GRAY_LEVEL 0x4000000u
+
+/* Tone curves that send the sample colour to the target colour, applied to
+ * the pixels inside the region (palette bitmaps, 8-bit gray included: to the
+ * ColorsUsed palette entries, with progress 0..100 after each entry; rows
+ * report nothing). sampleColor, targetColor: red in bits 0-7, green 8-15,
+ * blue 16-23, or SAMPLE_GRAY_LEVEL. flags AND 0xFF0F: channel 1..4; flags AND
+ * 0xFFF0: method 0x10..0x30; else RC_INVALID_PARAMETER. Checks: record size,
+ * 32-bit gray, signed data, null or unallocated bitmap (-2), flags. When the
+ * chosen channel's bytes (a gray bitmap: the gray values) of the two colours
+ * are equal, returns 1 at once. SAMPLE_CHAN_ALL on four-sample rows (32 and
+ * 64 bits) maps blue, green and red by their curves; the fourth stays. */
+IMG_API int32_t Q_SampleTargetBitmap(BitmapRecord *bitmap, uint32_t sampleColor, uint32_t targetColor,
+                                     uint32_t flags);
+
+/* Q_AddBitmaps, Q_AddWeightedBitmaps: combination mode. */
+#define ADD_AVERAGE 1u          /* sum of the samples / count, truncated */
+#define ADD_SUM 2u              /* sum of the samples, saturated */
+#define ADD_WEIGHTED_AVERAGE 3u /* sum of factor x sample / sum of factors, rounded half to even */
+#define ADD_WEIGHTED_SUM 4u     /* sum of (sample x factor / 100), saturated */
+
+/* The bitmaps of `list` combined sample by sample into `bitmap`, which is
+ * released (when it owns pixels) and made a copy of the list's first bitmap;
+ * the area combined is the one common to all, limited to the bounds of the
+ * first bitmap's region. The list and its bitmaps are left as they were.
+ * structSize: 208 or 176, the size of `bitmap` (-789 otherwise; a null
+ * bitmap then gives -2). Bitmap lists of different kinds, sizes and
+ * orientations are accepted; signed data too. On failure `bitmap` is left
+ * empty (no pixels). No progress is reported.
+ * Q_AddBitmaps: mode ADD_AVERAGE or ADD_SUM, else -13.
+ * Q_AddWeightedBitmaps: mode 1..4, else -13; factors: one per list entry, in
+ * list order (null: modes 3 and 4 become 1 and 2); factors whose sum (32-bit)
+ * is 0 in ADD_WEIGHTED_AVERAGE give -13 before anything changes. */
+IMG_API int32_t Q_AddBitmaps(BitmapRecord *bitmap, uint32_t structSize, BitmapList list, uint32_t mode);
+IMG_API int32_t Q_AddWeightedBitmaps(BitmapRecord *bitmap, uint32_t structSize, BitmapList list,
+                                     const uint32_t *factors, uint32_t mode);
+
 IMG_END_DECLS
 
 #endif

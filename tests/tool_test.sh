@@ -500,5 +500,35 @@ expect "profile header" "^point,red,green,blue$"
 expect "profile last point" "^3,[0-9]+,[0-9]+,[0-9]+$"
 run "line-profile outside" 1 line-profile sample: --x2 451 --quiet
 
+# ---- Target sampling and adding bitmaps ---------------------------------------------
+# Flat images of known levels: 100 and 200 in every sample.
+run "flat 100" 0 fill sample: flat100.png --color '#646464'
+run "flat 200" 0 fill sample: flat200.png --color '#C8C8C8'
+run "add: sum saturates" 0 add flat100.png flat200.png sum.png --mode sum
+same "add: 100 + 200" "blue=255 green=255 red=255" "$(field sum.png 'pixel 3,4' --pixel 3,4)"
+run "add: average" 0 add flat100.png flat200.png flat100.png avg.png
+same "add: (100 + 200 + 100) / 3" "blue=133 green=133 red=133" "$(field avg.png 'pixel 0,0' --pixel 0,0)"
+run "add: the region's bounds only" 0 add flat100.png flat200.png part.png --mode sum --rect 10,10,20,20
+same "add: outside the bounds" "blue=100 green=100 red=100" "$(field part.png 'pixel 5,5' --pixel 5,5)"
+same "add: inside the bounds" "blue=255 green=255 red=255" "$(field part.png 'pixel 15,15' --pixel 15,15)"
+run "add: the same file twice" 0 add sample: sample: twice.png
+same "add: a file averaged with itself" "$sample_sum" "$(field twice.png checksum)"
+run "add-weighted: factors 1 and 3" 0 add-weighted flat100.png flat200.png weighted.png --factors 1,3
+same "add-weighted: (100 + 600) / 4" "blue=175 green=175 red=175" "$(field weighted.png 'pixel 0,0' --pixel 0,0)"
+run "add-weighted: a factor per input" 2 add-weighted flat100.png flat200.png bad.png --factors 1
+expect "add-weighted: factor count named" '--factors: 1 factors for 2 inputs' err
+run "add-weighted: zero factors" 1 add-weighted flat100.png flat200.png bad.png --factors 0,0
+expect "add-weighted: -13 reported" 'failed with status -13' err
+run "add: OUT is not an input" 2 add flat100.png flat200.png flat200.png
+run "add: standard input once" 2 add - - bad.png
+if [ -e bad.png ]; then fail "add: no output after errors"; else pass; fi
+run "sample-target: colour curves reported" 0 sample-target sample: target.png --sample '#808080' --target '#A07050'
+expect "sample-target: red curve" '^red: 128 -> 160$'
+expect "sample-target: blue curve" '^blue: 128 -> 80$'
+run "sample-target: one gray curve" 0 sample-target gray.png target-gray.png --channel red
+expect "sample-target: gray values 128 -> 120" '^gray: 128 -> 120$'
+run "sample-target: nothing to change" 0 sample-target sample: same.png --sample '#808080' --target '#808080'
+same "sample-target: unchanged" "$sample_sum" "$(field same.png checksum)"
+
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

@@ -33,6 +33,9 @@ struct EntryRule {
   bool gray32 = true;       // 32-bit gray is refused (RC_GRAY32_NOT_SUPPORTED)
   bool knownKind = false;   // a kind the family does not know is refused (RC_UNSUPPORTED_BITMAP)
   bool signedData = false;  // signed samples are refused (RC_SIGNED_DATA_NOT_SUPPORTED)
+  // A bitmap whose Flags lack BITMAP_ALLOCATED is refused (RC_NO_BITMAP)
+  // after the kind checks (courses that look at the record before the pixels).
+  bool allocatedAfterKind = false;
   // Kind checks that the operation makes after its own arguments, through
   // CheckAfterArguments (the table engines look at the kind last).
   KindChecks afterArguments{};
@@ -50,7 +53,8 @@ inline int32_t CheckKind(const KindChecks &checks, const BitmapRecord *bitmap) {
 // Runs the checks of `rule` in their order: flags word (RC_INVALID_PARAMETER),
 // null bitmap, record size (RC_INVALID_STRUCT_SIZE; the value is stored back
 // unchanged: entry code owns the record for the call), pixel memory, 32-bit
-// gray, unknown kind, signed data, a null bitmap refused after the frame.
+// gray, unknown kind, signed data, a bitmap without pixel memory refused
+// after them, a null bitmap refused after the frame.
 // Returns 0 when every check passed, else the status to return.
 inline int32_t CheckEntry(const EntryRule &rule, uint32_t flags, BitmapRecord *bitmap) {
   if (rule.flagsWord && flags != 0) return RC_INVALID_PARAMETER;
@@ -71,7 +75,10 @@ inline int32_t CheckEntry(const EntryRule &rule, uint32_t flags, BitmapRecord *b
   if (!ValidRecordSize(size)) return RC_INVALID_STRUCT_SIZE;
   *static_cast<volatile uint32_t *>(&bitmap->StructSize) = size;
   if (rule.pixels && (!(bitmap->Flags & BITMAP_ALLOCATED) || bitmap->Pixels == nullptr)) return RC_NO_BITMAP;
-  return CheckKind(KindChecks{rule.gray32, rule.knownKind, rule.signedData}, bitmap);
+  if (const int32_t status = CheckKind(KindChecks{rule.gray32, rule.knownKind, rule.signedData}, bitmap))
+    return status;
+  if (rule.allocatedAfterKind && !(bitmap->Flags & BITMAP_ALLOCATED)) return RC_NO_BITMAP;
+  return 0;
 }
 
 // The rule's kind checks after the operation's own arguments (the bitmap

@@ -189,6 +189,59 @@ int32_t RunPaletteRow(BitmapRecord *bitmap, Kernel &&kernel) {
   return RC_SUCCESS;
 }
 
+// Progress over `total` steps within a range, the span shared out evenly with
+// the remainder carried: each step adds span / total, and one more whenever
+// the carried remainders reach total. Start() reports range.start; Step()
+// reports after a step when the percentage changed (with more steps than
+// percent, only on the steps that carry). Returns 1 or the callback's answer.
+class CarriedProgress {
+ public:
+  CarriedProgress(const ProgressRange &range, int32_t total)
+      : range_(range), total_(total > 0 ? total : 1), percent_(range.start) {
+    const int32_t span = range.end - range.start;
+    step_ = span / total_;
+    remainder_ = span % total_;
+  }
+  int32_t Start() { return range_.report ? progress_.step(percent_) : RC_SUCCESS; }
+  int32_t Step() {
+    percent_ += step_;
+    carried_ += remainder_;
+    if (carried_ >= total_) {
+      carried_ -= total_;
+      ++percent_;
+    }
+    return range_.report ? progress_.step(percent_) : RC_SUCCESS;
+  }
+
+ private:
+  ProgressRange range_;
+  int32_t total_;
+  int32_t percent_;
+  int32_t step_ = 0;
+  int32_t remainder_ = 0;
+  int32_t carried_ = 0;
+  Progress progress_;
+};
+
+// RunPaletteRow with the entries handed to the kernel one at a time (rows of
+// one pixel, y = -1) and progress reported at the start and after each entry
+// (CarriedProgress over ColorsUsed entries). An answer other than 1, from the
+// kernel or the callback, stops the course before the palette is written.
+template <class Kernel>
+int32_t RunPaletteEntries(BitmapRecord *bitmap, const ProgressRange &range, Kernel &&kernel) {
+  return RunPaletteRow(bitmap, [&](RowView<uint8_t> &row) -> int32_t {
+    CarriedProgress progress(range, row.width);
+    int32_t status = progress.Start();
+    const RowRun one{0, 1};
+    for (int32_t i = 0; i < row.width && status == RC_SUCCESS; ++i) {
+      RowView<uint8_t> entry{row.Pixel(i), row.channels, -1, &one, 1, 1};
+      status = CallKernel(kernel, entry);
+      if (status == RC_SUCCESS) status = progress.Step();
+    }
+    return status;
+  });
+}
+
 // ---- Row pass ------------------------------------------------------------------------
 
 // What a failed row-buffer allocation means: -1, or (for operations that keep
@@ -649,11 +702,18 @@ struct PassMember {
   bool output;
 };
 
+// Which member statuses end a MultiPass: every member's (Each), or only the
+// last member's converter creation and row reads (LastOnly, for courses that
+// keep only the last status of a loop over the members: a member whose
+// converter could not be made is handed to the kernel as a null row, and a
+// failed read of another member leaves its row as it was).
+enum class MemberStatus : uint8_t { Each, LastOnly };
+
 // The rows of every member for image row y.
 struct MemberRows {
   int32_t y;
   int32_t count;
-  void *const *samples;     // samples[i]: member i's working row
+  void *const *samples;     // samples[i]: member i's working row (null: no converter, LastOnly)
   const int32_t *channels;  // samples a pixel of member i
   const int32_t *bits;      // 8 or 16
   const int32_t *widths;    // pixels a row of member i
@@ -666,10 +726,12 @@ struct MemberRows {
 // [top, bottom) the rows of all members that have that row are read, the
 // kernel(MemberRows &) combines them, and the outputs are written back over
 // `columns` (whole rows without). UpdateBitmapInfo on every output after a
-// complete pass. Progress after each row.
+// complete pass. Progress after each row. An empty row range [top, bottom)
+// begins nothing and succeeds.
 class MultiPass {
  public:
-  MultiPass(const PassMember *members, int32_t count) : count_(count) {
+  MultiPass(const PassMember *members, int32_t count, MemberStatus rule = MemberStatus::Each)
+      : count_(count), rule_(rule) {
     const std::size_t n = static_cast<std::size_t>(count > 0 ? count : 0);
     members_ = KernelBuffer<PassMember>(n, __LINE__, kPassSource);
     converters_ = KernelBuffer<RowConverter>(n, __LINE__, kPassSource);
@@ -694,6 +756,7 @@ class MultiPass {
       bits_[i] = ::RowBitsPerChannel(converters_[i]);
       widths_[i] = members[i].bitmap->Width;
     }
+    if (rule_ == MemberStatus::LastOnly && count_ > 0) status_ = statuses_[count_ - 1];
   }
   ~MultiPass() {
     for (int32_t i = 0; i < count_; ++i)
@@ -716,9 +779,11 @@ class MultiPass {
   template <class Kernel>
   int32_t Run(int32_t top, int32_t bottom, const Rect *columns, const ProgressRange &range, Kernel &&kernel) {
     if (status_ != RC_SUCCESS) return status_;
+    if (top >= bottom) return RC_SUCCESS;
     RowBuffers rows(static_cast<std::size_t>(count_));
     if (!rows.ok()) return RC_NO_MEMORY;
     for (int32_t i = 0; i < count_; ++i) {
+      if (!converters_[i]) continue;  // LastOnly: a member without converter
       if (!rows.Allocate(i, converters_[i])) return RC_NO_MEMORY;
       const int32_t status = columns && members_[i].output ? ::BeginRectangle(converters_[i], columns)
                                                            : ::BeginWholeBitmap(converters_[i]);
@@ -733,15 +798,15 @@ class MultiPass {
     }
     for (int32_t y = top; y < bottom; ++y) {
       for (int32_t i = 0; i < count_; ++i) {
-        if (y >= members_[i].bitmap->Height) continue;
+        if (!converters_[i] || y >= members_[i].bitmap->Height) continue;
         const int32_t status = ::ReadRow(converters_[i], rows.row(i), y, nullptr, nullptr);
-        if (status != RC_SUCCESS) return status;
+        if (status != RC_SUCCESS && (rule_ == MemberStatus::Each || i == count_ - 1)) return status;
       }
       MemberRows view{y, count_, rows.rows(), channels_.get(), bits_.get(), widths_.get()};
       int32_t status = CallKernel(kernel, view);
       if (status != RC_SUCCESS) return status;
       for (int32_t i = 0; i < count_; ++i) {
-        if (!members_[i].output || y >= members_[i].bitmap->Height) continue;
+        if (!members_[i].output || !converters_[i] || y >= members_[i].bitmap->Height) continue;
         if ((status = ::WriteRow(converters_[i], rows.row(i), y, nullptr, nullptr)) != RC_SUCCESS)
           return status;
       }
@@ -783,6 +848,7 @@ class MultiPass {
   };
 
   int32_t count_ = 0;
+  MemberStatus rule_ = MemberStatus::Each;
   int32_t status_ = RC_SUCCESS;
   bool everyRow_ = false;
   KernelBuffer<PassMember> members_;

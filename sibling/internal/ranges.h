@@ -65,5 +65,12 @@ inline constexpr Range kLinePoint{0, INT32_MAX};
 
 // Binarisation, target sampling, red-eye removal, segmentation, adding bitmaps.
 
+// Target sampling and adding bitmaps.
+inline constexpr Range kSampleChannel{1, 4};       // SAMPLE_CHAN_*: flags AND 0xFF0F
+inline constexpr Range kSampleMethod{0x10, 0x30};  // SAMPLE_METHOD_*: flags AND 0xFFF0, a multiple of 0x10
+inline constexpr Range kAddMode{1, 2};             // ADD_AVERAGE, ADD_SUM
+inline constexpr Range kAddWeightedMode{1, 4};     // ADD_*
+// Weight of one bitmap (the export takes any unsigned value; the tool's lists are signed 32-bit).
+inline constexpr Range kAddFactor{0, INT32_MAX};
 
 }  // namespace img::ranges
