@@ -87,7 +87,8 @@ int32_t ColoredGrayRows(BitmapRecord *bitmap, const GrayWeights &w) {
 int32_t ColoredGray(BitmapRecord *bitmap, const GrayWeights &w) {
   const int32_t bits = bitmap->BitsPerPixel;
   if (bits < 9) {
-    const double f[3] = {1.0 + w.factors[0] / 1000.0, 1.0 + w.factors[1] / 1000.0, 1.0 + w.factors[2] / 1000.0};
+    const double f[3] = {1.0 + w.factors[0] / 1000.0, 1.0 + w.factors[1] / 1000.0,
+                         1.0 + w.factors[2] / 1000.0};
     const int32_t status = ChangePaletteEntries(bitmap, [&](uint8_t *p) {
       const int32_t weighted = static_cast<int32_t>(p[2] * w.red + p[1] * w.green + p[0] * w.blue);
       const uint8_t gray = static_cast<uint8_t>(weighted / 1000);
@@ -104,8 +105,8 @@ int32_t ColoredGray(BitmapRecord *bitmap, const GrayWeights &w) {
   const bool was64 = bits == 64;
   if (!was64) {
     const PlainKernelSettings plain;
-    const int32_t status = ::ConvertBitmapFormat(bitmap, bitmap, BITMAP_RECORD_SIZE, 64, ORDER_BGR_COLOR,
-                                                 nullptr, 0, 0);
+    const int32_t status =
+        ::ConvertBitmapFormat(bitmap, bitmap, BITMAP_RECORD_SIZE, 64, ORDER_BGR_COLOR, nullptr, 0, 0);
     if (status != RC_SUCCESS) return status;
   }
   const int32_t status = ColoredGrayRows(bitmap, w);
@@ -135,7 +136,8 @@ inline void MixPixel(T *p, const Mix &m, int64_t max) {
 }
 
 int32_t Balance(BitmapRecord *bitmap, const Mix &mix) {
-  if (IsPaletteBitmap(bitmap)) return ChangePaletteEntries(bitmap, [&](uint8_t *p) { MixPixel(p, mix, 255); });
+  if (IsPaletteBitmap(bitmap))
+    return ChangePaletteEntries(bitmap, [&](uint8_t *p) { MixPixel(p, mix, 255); });
   RowPass pass(bitmap, RowSetup{});
   if (pass.status() != RC_SUCCESS) return pass.status();
   if (pass.channels() < 3) return RC_UNSUPPORTED_BITMAP;
@@ -200,8 +202,8 @@ int32_t SwapStored(BitmapRecord *bitmap, const uint8_t *from) {
       if (bits <= 32)
         PermuteRun(row + static_cast<std::ptrdiff_t>(runs[r].Start) * stride, count, stride, stored);
       else
-        PermuteRun(reinterpret_cast<uint16_t *>(row) + static_cast<std::ptrdiff_t>(runs[r].Start) * stride, count,
-                   stride, stored);
+        PermuteRun(reinterpret_cast<uint16_t *>(row) + static_cast<std::ptrdiff_t>(runs[r].Start) * stride,
+                   count, stride, stored);
     }
   });
   if (status == RC_SUCCESS) ::UpdateBitmapInfo(bitmap);
@@ -218,9 +220,8 @@ int32_t Swap(BitmapRecord *bitmap, const uint8_t *from) {
   if (pass.status() != RC_SUCCESS) return pass.status();
   if (pass.channels() < 3) return RC_UNSUPPORTED_BITMAP;
   return pass.RunRows([&](auto &row) {
-    row.ForEachRun([&](int32_t left, int32_t right) {
-      PermuteRun(row.Pixel(left), right - left, row.channels, from);
-    });
+    row.ForEachRun(
+        [&](int32_t left, int32_t right) { PermuteRun(row.Pixel(left), right - left, row.channels, from); });
   });
 }
 
@@ -228,9 +229,9 @@ int32_t Swap(BitmapRecord *bitmap, const uint8_t *from) {
 
 }  // namespace img
 
-extern "C" IMG_API int32_t Q_ConvertToColoredGray(BitmapRecord *bitmap, int32_t redWeight, int32_t greenWeight,
-                                                  int32_t blueWeight, int32_t redFactor, int32_t greenFactor,
-                                                  int32_t blueFactor, uint32_t flags) {
+extern "C" IMG_API int32_t Q_ConvertToColoredGray(BitmapRecord *bitmap, int32_t redWeight,
+                                                  int32_t greenWeight, int32_t blueWeight, int32_t redFactor,
+                                                  int32_t greenFactor, int32_t blueFactor, uint32_t flags) {
   if (const int32_t status = img::CheckEntry(img::kFlagsEntry, flags, bitmap)) return status;
   namespace R = img::ranges;
   const int32_t smallest = std::min({redWeight, greenWeight, blueWeight});

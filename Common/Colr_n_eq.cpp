@@ -180,7 +180,8 @@ bool IsDeep(const BitmapRecord *bitmap) {
 extern "C" IMG_API int32_t Q_HistoEqualizeBitmap(BitmapRecord *bitmap, int32_t mode) {
   if (const int32_t status = img::CheckEntry(img::kEntry, 0, bitmap)) return status;
   const bool signedData = (bitmap->Flags & BITMAP_SIGNED) != 0;
-  if (bitmap->ColorOrder == ORDER_GRAY && !signedData && (bitmap->BitsPerPixel == 16 || bitmap->BitsPerPixel == 12))
+  if (bitmap->ColorOrder == ORDER_GRAY && !signedData &&
+      (bitmap->BitsPerPixel == 16 || bitmap->BitsPerPixel == 12))
     ::ConvertBitmapDepth(bitmap, bitmap->BitsPerPixel);
   if (signedData) {
     if (const int32_t status = ::SignedToUnsigned(bitmap, 0, 0); status != RC_SUCCESS) return status;

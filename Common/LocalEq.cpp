@@ -95,10 +95,13 @@ class LocalEqualizer {
     values_ = KernelBuffer<uint16_t>(curves_ * capacity_, __LINE__, kSourceFile);
     prefix_ = KernelBuffer<uint32_t>(curves_ * capacity_, __LINE__, kSourceFile);
     curve_ = KernelBuffer<Curve>(curves_, __LINE__, kSourceFile);
-    columns_ = KernelBuffer<Place>(static_cast<std::size_t>(x_.extent > 0 ? x_.extent : 1), __LINE__, kSourceFile);
-    rows_ = KernelBuffer<Place>(static_cast<std::size_t>(y_.extent > 0 ? y_.extent : 1), __LINE__, kSourceFile);
+    columns_ =
+        KernelBuffer<Place>(static_cast<std::size_t>(x_.extent > 0 ? x_.extent : 1), __LINE__, kSourceFile);
+    rows_ =
+        KernelBuffer<Place>(static_cast<std::size_t>(y_.extent > 0 ? y_.extent : 1), __LINE__, kSourceFile);
     if (bins_ == 256) counts_ = KernelBuffer<uint32_t>(256, __LINE__, kSourceFile);
-    if (!values_ || !prefix_ || !curve_ || !columns_ || !rows_ || (bins_ == 256 && !counts_)) return RC_NO_MEMORY;
+    if (!values_ || !prefix_ || !curve_ || !columns_ || !rows_ || (bins_ == 256 && !counts_))
+      return RC_NO_MEMORY;
     Fill(x_, columns_.get());
     Fill(y_, rows_.get());
     return RC_SUCCESS;
@@ -166,7 +169,8 @@ class LocalEqualizer {
     } else {
       std::sort(values, values + n);
     }
-    const uint64_t limit64 = clip_ == 0 ? n : static_cast<uint64_t>(clip_) * n / (10u * static_cast<uint64_t>(bins_));
+    const uint64_t limit64 =
+        clip_ == 0 ? n : static_cast<uint64_t>(clip_) * n / (10u * static_cast<uint64_t>(bins_));
     const uint32_t limit = static_cast<uint32_t>(limit64 < 1 ? 1 : limit64 > n ? n : limit64);
     uint32_t distinct = 0, sum = 0, excess = 0;
     for (uint32_t k = 0; k < n;) {
@@ -189,7 +193,15 @@ class LocalEqualizer {
     const Curve &curve = curve_[i];
     if (curve.pixels == 0) return v;
     const uint16_t *values = values_.get() + i * capacity_;
-    const uint32_t at = static_cast<uint32_t>(std::upper_bound(values, values + curve.distinct, v) - values);
+    // Values <= v: a binary search without branches on the data (the
+    // comparisons of random samples would mispredict at every step).
+    const uint16_t *base = values;
+    for (uint32_t n = curve.distinct; n > 1;) {
+      const uint32_t half = n / 2;
+      base = base[half] <= v ? base + half : base;
+      n -= half;
+    }
+    const uint32_t at = static_cast<uint32_t>(base - values) + (*base <= v ? 1u : 0u);
     const double below = at ? prefix_[i * capacity_ + at - 1] : 0u;
     return (below + curve.excessPerBin * (v + 1.0)) * curve.scale;
   }
@@ -206,7 +218,8 @@ class LocalEqualizer {
 };
 
 int32_t Equalize(BitmapRecord *bitmap, int32_t tileWidth, int32_t tileHeight, uint32_t clip, bool luminance) {
-  RowPass pass(bitmap, RowSetup{.progress = {0, 50, true}, .write = false, .progressAt = ProgressPoint::AfterRow});
+  RowPass pass(bitmap,
+               RowSetup{.progress = {0, 50, true}, .write = false, .progressAt = ProgressPoint::AfterRow});
   if (pass.status() != RC_SUCCESS) return pass.status();
   Rect bounds{};
   if (const int32_t status = ::GetRegionBounds(bitmap, nullptr, &bounds); status != RC_SUCCESS) return status;
@@ -270,8 +283,8 @@ extern "C" IMG_API int32_t Q_LocalHistoEqualizeBitmap(BitmapRecord *bitmap, uint
   // of 8, cut to it.
   if (!R::kLocalTile.Contains(tileWidth) || !R::kLocalTile.Contains(tileHeight) ||
       static_cast<int64_t>(tileWidth) > std::max(bitmap->Width, 8) ||
-      static_cast<int64_t>(tileHeight) > std::max(bitmap->Height, 8) ||
-      !R::kLocalClip.Contains(clipLimit) || (clipLimit > 0 && clipLimit < 10) || !R::kLocalMode.Contains(mode))
+      static_cast<int64_t>(tileHeight) > std::max(bitmap->Height, 8) || !R::kLocalClip.Contains(clipLimit) ||
+      (clipLimit > 0 && clipLimit < 10) || !R::kLocalMode.Contains(mode))
     return RC_INVALID_PARAMETER;
   return img::Equalize(bitmap, static_cast<int32_t>(tileWidth), static_cast<int32_t>(tileHeight), clipLimit,
                        mode == LOCALEQ_LUMINANCE);

@@ -44,9 +44,8 @@ TEST(ChannelExports, ChecksInOrder) {
   const ColorBalanceFactors id[3] = {Shares(1, 0, 0), Shares(0, 1, 0), Shares(0, 0, 1)};
   const ColorBalanceFactors s27 = Shares(1, 0, 0, 27), s29 = Shares(1, 0, 0, 29), neg = Shares(0, -0.5, 1);
   const auto balance = [&](BitmapRecord *b, const ColorBalanceFactors *r, const ColorBalanceFactors *g,
-                           const ColorBalanceFactors *bl, uint32_t flags = 0) {
-    return Q_BalanceColors(b, r, g, bl, flags);
-  };
+                           const ColorBalanceFactors *bl,
+                           uint32_t flags = 0) { return Q_BalanceColors(b, r, g, bl, flags); };
   const auto asSigned = [](BitmapRecord *b, auto call) {
     b->Flags |= BITMAP_SIGNED;
     const int32_t status = call(b);
@@ -61,19 +60,21 @@ TEST(ChannelExports, ChecksInOrder) {
        RC_INVALID_STRUCT_SIZE},
       {"gray size 176", [&] { return sized(176, [](BitmapRecord *b) { return Gray(b, 0, 0, 0, 0, 0, 0); }); },
        RC_SUCCESS},
-      {"gray gray32 before weights", [&] { return Gray(gray32, -1, 0, 0, 0, 0, 0); }, RC_GRAY32_NOT_SUPPORTED},
+      {"gray gray32 before weights", [&] { return Gray(gray32, -1, 0, 0, 0, 0, 0); },
+       RC_GRAY32_NOT_SUPPORTED},
       {"gray weight -1", [&] { return Gray(bmp, 0, -1, 0, 0, 0, 0); }, RC_INVALID_PARAMETER},
       {"gray weight 1001", [&] { return Gray(bmp, 1001, 0, 0, 0, 0, 0); }, RC_INVALID_PARAMETER},
       {"gray sum 1001", [&] { return Gray(bmp, 300, 300, 401, 0, 0, 0); }, RC_INVALID_PARAMETER},
       {"gray sum 1000", [&] { return Gray(bmp, 300, 300, 400, 0, 0, 0); }, RC_SUCCESS},
       {"gray factor -1001", [&] { return Gray(bmp, 0, 0, 0, 0, 0, -1001); }, RC_INVALID_PARAMETER},
       {"gray factor 1001", [&] { return Gray(bmp, 0, 0, 0, 1001, 0, 0); }, RC_INVALID_PARAMETER},
-      {"gray signed not checked", [&] { return asSigned(bmp, [](BitmapRecord *b) { return Gray(b, 0, 0, 0, 0, 0, 0); }); },
-       RC_SUCCESS},
+      {"gray signed not checked",
+       [&] { return asSigned(bmp, [](BitmapRecord *b) { return Gray(b, 0, 0, 0, 0, 0, 0); }); }, RC_SUCCESS},
       // balance
       {"balance flags", [&] { return balance(nullptr, nullptr, nullptr, nullptr, 1); }, RC_INVALID_PARAMETER},
       {"balance null", [&] { return balance(nullptr, &id[0], &id[1], &id[2]); }, RC_NO_BITMAP},
-      {"balance size", [&] { return sized(200, [&](BitmapRecord *b) { return balance(b, &id[0], &id[1], &id[2]); }); },
+      {"balance size",
+       [&] { return sized(200, [&](BitmapRecord *b) { return balance(b, &id[0], &id[1], &id[2]); }); },
        RC_INVALID_STRUCT_SIZE},
       {"balance gray32 before records", [&] { return balance(gray32, nullptr, nullptr, nullptr); },
        RC_GRAY32_NOT_SUPPORTED},
@@ -81,8 +82,10 @@ TEST(ChannelExports, ChecksInOrder) {
       {"balance red 27", [&] { return balance(bmp, &s27, nullptr, nullptr); }, RC_INVALID_STRUCT_SIZE},
       {"balance green null", [&] { return balance(bmp, &id[0], nullptr, &s27); }, RC_NULL_OPTIONS},
       {"balance blue 29", [&] { return balance(bmp, &id[0], &id[1], &s29); }, RC_INVALID_STRUCT_SIZE},
-      {"balance records before gray", [&] { return balance(gray8, &id[0], &id[1], nullptr); }, RC_NULL_OPTIONS},
-      {"balance gray before shares", [&] { return balance(gray8, &neg, &id[1], &id[2]); }, RC_UNSUPPORTED_BITMAP},
+      {"balance records before gray", [&] { return balance(gray8, &id[0], &id[1], nullptr); },
+       RC_NULL_OPTIONS},
+      {"balance gray before shares", [&] { return balance(gray8, &neg, &id[1], &id[2]); },
+       RC_UNSUPPORTED_BITMAP},
       {"balance 12-bit gray", [&] { return balance(gray12, &id[0], &id[1], &id[2]); }, RC_UNSUPPORTED_BITMAP},
       {"balance 16-bit gray", [&] { return balance(gray16, &id[0], &id[1], &id[2]); }, RC_UNSUPPORTED_BITMAP},
       {"balance ramp palette", [&] { return balance(ramp, &id[0], &id[1], &id[2]); }, RC_UNSUPPORTED_BITMAP},
@@ -159,7 +162,8 @@ TEST(Balance, MixingRule) {
     kit::Bitmap bmp(format, 5, 3, format.IsPalette() ? palette.data() : nullptr);
     bmp.Randomize(3);
     const auto before = bmp.Pixels();
-    std::vector<PaletteEntry> entries(bmp->Palette, bmp->Palette + (format.IsPalette() ? bmp->ColorsUsed : 0));
+    std::vector<PaletteEntry> entries(bmp->Palette,
+                                      bmp->Palette + (format.IsPalette() ? bmp->ColorsUsed : 0));
     ASSERT_EQ(Q_BalanceColors(bmp, &id[0], &id[1], &id[2], 0), RC_SUCCESS);
     EXPECT_EQ(bmp.Pixels(), before);
     ASSERT_EQ(Q_BalanceColors(bmp, &cross[0], &cross[1], &cross[2], 0), RC_SUCCESS);

@@ -22,7 +22,8 @@ std::vector<uint32_t> Levels(const kit::Bitmap &b) {
 }
 
 TEST(Equalize, ChecksInOrder) {
-  kit::Bitmap bmp(Kind(24), 3, 2), gray32(Kind(32), 2, 2), signed8(Kind(8, ORDER_GRAY), 2, 1, {Level(5), Level(9)});
+  kit::Bitmap bmp(Kind(24), 3, 2), gray32(Kind(32), 2, 2),
+      signed8(Kind(8, ORDER_GRAY), 2, 1, {Level(5), Level(9)});
   gray32->ColorOrder = ORDER_GRAY;
   signed8->Flags |= BITMAP_SIGNED;
   const auto sized = [&](uint32_t size) {
@@ -53,24 +54,50 @@ TEST(Equalize, TablesOnEveryWidth) {
     std::vector<Pixel> in;
     std::vector<Pixel> out;
   } cases[] = {
-      {"gray8 per channel", Kind(8, ORDER_GRAY), 1, {Level(0), Level(0), Level(100), Level(200)},
+      {"gray8 per channel",
+       Kind(8, ORDER_GRAY),
+       1,
+       {Level(0), Level(0), Level(100), Level(200)},
        {Level(127), Level(127), Level(191), Level(255)}},
-      {"gray8 common", Kind(8, ORDER_GRAY), 4, {Level(0), Level(0), Level(100), Level(200)},
+      {"gray8 common",
+       Kind(8, ORDER_GRAY),
+       4,
+       {Level(0), Level(0), Level(100), Level(200)},
        {Level(127), Level(127), Level(191), Level(255)}},
-      {"gray16 per channel", Kind(16, ORDER_GRAY), 1, {Level(0), Level(0), Level(25600), Level(51200)},
+      {"gray16 per channel",
+       Kind(16, ORDER_GRAY),
+       1,
+       {Level(0), Level(0), Level(25600), Level(51200)},
        {Level(32767), Level(32767), Level(49151), Level(65535)}},
       // Deep common table first, then the 8-bit routine over it (kept order).
-      {"gray16 common", Kind(16, ORDER_GRAY), 4, {Level(0), Level(0), Level(25600), Level(51200)},
+      {"gray16 common",
+       Kind(16, ORDER_GRAY),
+       4,
+       {Level(0), Level(0), Level(25600), Level(51200)},
        {Level(32639), Level(32639), Level(49087), Level(65535)}},
-      {"24 channels apart", Kind(24), 1, {Rgb(10, 0, 7), Rgb(10, 50, 7)}, {Rgb(255, 127, 255), Rgb(255, 255, 255)}},
-      {"48 uniform", Kind(48, ORDER_RGB), 2, {Rgb(9, 9, 9), Rgb(9, 9, 9)}, {Rgb(65535, 65535, 65535), Rgb(65535, 65535, 65535)}},
+      {"24 channels apart",
+       Kind(24),
+       1,
+       {Rgb(10, 0, 7), Rgb(10, 50, 7)},
+       {Rgb(255, 127, 255), Rgb(255, 255, 255)}},
+      {"48 uniform",
+       Kind(48, ORDER_RGB),
+       2,
+       {Rgb(9, 9, 9), Rgb(9, 9, 9)},
+       {Rgb(65535, 65535, 65535), Rgb(65535, 65535, 65535)}},
       {"5-5-5 is not deep", Kind(16), 1, {Rgb(3, 3, 3), Rgb(3, 3, 3)}, {Rgb(31, 31, 31), Rgb(31, 31, 31)}},
       // Luminance shift limited: L 227 maps to 63 (d = -164), white stays.
-      {"luminance limits", Kind(24), 2,
+      {"luminance limits",
+       Kind(24),
+       2,
        {Rgb(255, 255, 10), Rgb(255, 255, 255), Rgb(255, 255, 255), Rgb(255, 255, 255)},
        {Rgb(91, 91, 0), Rgb(255, 255, 255), Rgb(255, 255, 255), Rgb(255, 255, 255)}},
       // L 28 maps to 127 (d = 99): blue 250 + 99 limited to 255.
-      {"luminance up", Kind(32), 2, {Rgb(0, 0, 250, 5), Rgb(255, 255, 255, 6)}, {Rgb(99, 99, 255, 5), Rgb(255, 255, 255, 6)}},
+      {"luminance up",
+       Kind(32),
+       2,
+       {Rgb(0, 0, 250, 5), Rgb(255, 255, 255, 6)},
+       {Rgb(99, 99, 255, 5), Rgb(255, 255, 255, 6)}},
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.name);
@@ -116,7 +143,8 @@ TEST(Equalize, QuietCommonTableAndFailures) {
     };
     for (int32_t mode : {1, 2}) {
       kit::CheckAllocationFailures(setup, [&](kit::Bitmap &b) { return Q_HistoEqualizeBitmap(b, mode); });
-      EXPECT_EQ(kit::CheckCancellation(setup, [&](kit::Bitmap &b) { return Q_HistoEqualizeBitmap(b, mode); }), 0);
+      EXPECT_EQ(kit::CheckCancellation(setup, [&](kit::Bitmap &b) { return Q_HistoEqualizeBitmap(b, mode); }),
+                0);
     }
     kit::CheckAllocationFailures(setup, [](kit::Bitmap &b) { return Q_HistoEqualizeBitmap(b, 4); },
                                  {RC_SUCCESS});

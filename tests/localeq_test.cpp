@@ -16,7 +16,8 @@ using kit::Rgb;
 
 kit::Format Kind(int32_t bits, int32_t order = ORDER_BGR) { return kit::Format{bits, order}; }
 
-int32_t Local(BitmapRecord *b, uint32_t w, uint32_t h, uint32_t clip = 0, uint32_t mode = 1, uint32_t flags = 0) {
+int32_t Local(BitmapRecord *b, uint32_t w, uint32_t h, uint32_t clip = 0, uint32_t mode = 1,
+              uint32_t flags = 0) {
   return Q_LocalHistoEqualizeBitmap(b, w, h, clip, mode, flags);
 }
 
@@ -25,7 +26,8 @@ int32_t Balance(BitmapRecord *b, uint32_t method, uint32_t strength, uint32_t fl
 }
 
 TEST(LocalAndBalance, ChecksInOrder) {
-  kit::Bitmap bmp(Kind(24), 20, 10), small(Kind(24), 5, 3), gray32(Kind(32), 2, 2), gray8(Kind(8, ORDER_GRAY), 9, 9);
+  kit::Bitmap bmp(Kind(24), 20, 10), small(Kind(24), 5, 3), gray32(Kind(32), 2, 2),
+      gray8(Kind(8, ORDER_GRAY), 9, 9);
   kit::Bitmap gray16(Kind(16, ORDER_GRAY), 9, 9);
   gray32->ColorOrder = ORDER_GRAY;
   const auto sized = [&](uint32_t size, auto call) {
@@ -43,7 +45,8 @@ TEST(LocalAndBalance, ChecksInOrder) {
   kit::ExpectStatuses({
       {"local flags", [] { return Local(nullptr, 0, 0, 0, 0, 1); }, RC_INVALID_PARAMETER},
       {"local null", [] { return Local(nullptr, 8, 8); }, RC_NO_BITMAP},
-      {"local size", [&] { return sized(0, [](BitmapRecord *b) { return Local(b, 8, 8); }); }, RC_INVALID_STRUCT_SIZE},
+      {"local size", [&] { return sized(0, [](BitmapRecord *b) { return Local(b, 8, 8); }); },
+       RC_INVALID_STRUCT_SIZE},
       {"local gray32", [&] { return Local(gray32, 0, 0); }, RC_GRAY32_NOT_SUPPORTED},
       {"local signed before ranges", [&] { return asSigned([](BitmapRecord *b) { return Local(b, 0, 0); }); },
        RC_SIGNED_DATA_NOT_SUPPORTED},
@@ -113,7 +116,8 @@ TEST(LocalEqualize, BlendBetweenTileCentres) {
 // Every tile holds the same number of pixels (the last tile of a row or
 // column moves back to the edge), so a uniform bitmap keeps one value.
 TEST(LocalEqualize, UniformStaysUniform) {
-  for (const kit::Format &format : {Kind(8, ORDER_GRAY), Kind(24), Kind(48, ORDER_RGB), Kind(16, ORDER_GRAY), Kind(16)})
+  for (const kit::Format &format :
+       {Kind(8, ORDER_GRAY), Kind(24), Kind(48, ORDER_RGB), Kind(16, ORDER_GRAY), Kind(16)})
     for (uint32_t clip : {0u, 10u, 35u, 1000u})
       for (uint32_t mode : {1u, 2u}) {
         SCOPED_TRACE(testing::Message() << format.Name() << " clip " << clip << " mode " << mode);
@@ -163,11 +167,29 @@ TEST(IntensityBalance, GainsAndNeutralGray) {
     uint32_t method, strength;
     std::vector<Pixel> in, out;
   } cases[] = {
-      {"gray world", Kind(24), 1, 100, {Rgb(100, 50, 150), Rgb(100, 50, 150)}, {Rgb(100, 100, 100), Rgb(100, 100, 100)}},
-      {"gray world half", Kind(32), 1, 50, {Rgb(100, 50, 150, 3), Rgb(100, 50, 150, 4)},
+      {"gray world",
+       Kind(24),
+       1,
+       100,
+       {Rgb(100, 50, 150), Rgb(100, 50, 150)},
+       {Rgb(100, 100, 100), Rgb(100, 100, 100)}},
+      {"gray world half",
+       Kind(32),
+       1,
+       50,
+       {Rgb(100, 50, 150, 3), Rgb(100, 50, 150, 4)},
        {Rgb(100, 75, 125, 3), Rgb(100, 75, 125, 4)}},
-      {"gray world none", Kind(48), 1, 0, {Rgb(100, 50, 150), Rgb(1, 2, 3)}, {Rgb(100, 50, 150), Rgb(1, 2, 3)}},
-      {"white patch 16-bit", Kind(64), 2, 100, {Rgb(30000, 65535, 0), Rgb(30000, 0, 0)},
+      {"gray world none",
+       Kind(48),
+       1,
+       0,
+       {Rgb(100, 50, 150), Rgb(1, 2, 3)},
+       {Rgb(100, 50, 150), Rgb(1, 2, 3)}},
+      {"white patch 16-bit",
+       Kind(64),
+       2,
+       100,
+       {Rgb(30000, 65535, 0), Rgb(30000, 0, 0)},
        {Rgb(65535, 65535, 0), Rgb(65535, 0, 0)}},
   };
   for (const Case &c : cases) {
@@ -211,7 +233,8 @@ TEST(IntensityBalance, PalettesAndCleanup) {
   ASSERT_EQ(Q_ColorIntensityBalance(bmp, 1, 100, 0), RC_SUCCESS);
   EXPECT_EQ(bmp.At(0, 0), Level(2));
   const PaletteEntry &e = bmp->Palette[2];
-  EXPECT_TRUE(e.Red == 20 && e.Green == 20 && e.Blue == 20) << int(e.Red) << " " << int(e.Green) << " " << int(e.Blue);
+  EXPECT_TRUE(e.Red == 20 && e.Green == 20 && e.Blue == 20)
+      << int(e.Red) << " " << int(e.Green) << " " << int(e.Blue);
   for (const kit::Format &format : {Kind(8), Kind(24), Kind(48)}) {
     const auto setup = [&] {
       kit::Bitmap b(format, 9, 4, format.IsPalette() ? palette : nullptr);

@@ -73,7 +73,8 @@ int32_t Equalize(BitmapRecord *b, const ArgValues &a, std::ostream &) {
 int32_t LocalEqualize(BitmapRecord *b, const ArgValues &a, std::ostream &) {
   const uint32_t width = std::min(a.UInt("tile-width"), static_cast<uint32_t>(std::max(b->Width, 8)));
   const uint32_t height = std::min(a.UInt("tile-height"), static_cast<uint32_t>(std::max(b->Height, 8)));
-  return Q_LocalHistoEqualizeBitmap(b, width, height, a.UInt("clip"), static_cast<uint32_t>(a.Enum("mode")), 0);
+  return Q_LocalHistoEqualizeBitmap(b, width, height, a.UInt("clip"), static_cast<uint32_t>(a.Enum("mode")),
+                                    0);
 }
 
 int32_t IntensityBalance(BitmapRecord *b, const ArgValues &a, std::ostream &) {
@@ -146,7 +147,8 @@ const imgtool::Registrar kRegistrar{{
                   .defaultValue = "per-channel",
                   .help = "how the tables are built",
                   .values = {{"per-channel", HISTOEQ_PER_CHANNEL, "one histogram and table per channel"},
-                             {"luminance", HISTOEQ_LUMINANCE, "the luminance equalised, every channel shifted"},
+                             {"luminance", HISTOEQ_LUMINANCE,
+                              "the luminance equalised, every channel shifted"},
                              {"common", HISTOEQ_COMMON, "one table from the intensity, for every channel"}}}},
         .kinds = imgtool::kAnyKind,
         .call = Equalize,
@@ -204,7 +206,8 @@ const imgtool::Registrar kRegistrar{{
                   .defaultValue = "gray-world",
                   .help = "how the gains are found",
                   .values = {{"gray-world", INTENSITY_BALANCE_GRAY_WORLD, "equal channel means"},
-                             {"white-patch", INTENSITY_BALANCE_WHITE_PATCH, "99.5th percentile to full scale"}}},
+                             {"white-patch", INTENSITY_BALANCE_WHITE_PATCH,
+                              "99.5th percentile to full scale"}}},
                  {.name = "strength",
                   .type = ArgType::UInt,
                   .unit = "percent",
