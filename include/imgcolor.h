@@ -165,8 +165,10 @@ IMG_API int32_t Q_AdjustBitmapTint(BitmapRecord *bitmap, int32_t thetaShift, int
 /* ---- Colour threshold, colour replace and selective colour -------------------------------- */
 /* Records, constants and exports of ClrThr, Clr_Rep and the selective colour. */
 
+
 /* ---- Colour planes, channel mix and line profile ------------------------------------------- */
 /* Records, constants and exports of PLANES, chmix and the line profile. */
+
 
 /* ---- Coloured gray, colour balance, colour swap, equalisation, intensity balance ------------ */
 /* Records, constants and exports of Colr_n and the local equalisation and intensity balance. */
@@ -226,12 +228,14 @@ IMG_API int32_t Q_SwapColors(BitmapRecord *bitmap, uint32_t flags);
 IMG_API int32_t Q_HistoEqualizeBitmap(BitmapRecord *bitmap, int32_t mode);
 /* Contrast-limited adaptive equalisation over tiles of the region's bounds.
  * tileWidth, tileHeight: pixels, 8..Width and 8..Height (8 for a bitmap
- * smaller than that; a tile larger than the region's bounds is cut to them). clipLimit: tenths of the mean
- * bin height (tile pixels / bins), 0 = no clipping or 10..1000. mode: LOCALEQ_* (luminance: the luma of the
- * integer YUV form, the pixel rebuilt from it). Each tile's histogram (256 or 65536 bins) is clipped at the
- * limit (at least 1), the excess spread evenly over all bins; a pixel's value is the bilinear blend of the
- * four nearest tile centres' curves T * C(v) / tile pixels, rounded. Progress 0..50 counting, 50..100
- * mapping. */
+ * smaller than that; a tile larger than the region's bounds is cut to them).
+ * clipLimit: tenths of the mean bin height (tile pixels / bins), 0 = no
+ * clipping or 10..1000. mode: LOCALEQ_* (luminance: the luma of the integer
+ * YUV form, the pixel rebuilt from it). Each tile's histogram (256 or 65536
+ * bins) is clipped at the limit (at least 1), the excess spread evenly over
+ * all bins; a pixel's value is the bilinear blend of the four nearest tile
+ * centres' curves T * C(v) / tile pixels, rounded. Progress 0..50 counting,
+ * 50..100 mapping. */
 IMG_API int32_t Q_LocalHistoEqualizeBitmap(BitmapRecord *bitmap, uint32_t tileWidth, uint32_t tileHeight,
                                            uint32_t clipLimit, uint32_t mode, uint32_t flags);
 /* Automatic white balance of colour bitmaps through one table per channel.
@@ -245,8 +249,10 @@ IMG_API int32_t Q_LocalHistoEqualizeBitmap(BitmapRecord *bitmap, uint32_t tileWi
 IMG_API int32_t Q_ColorIntensityBalance(BitmapRecord *bitmap, uint32_t method, uint32_t strength,
                                         uint32_t flags);
 
+
 /* ---- Binarisation, target sampling, red-eye removal, segmentation, adding bitmaps ---------- */
 /* Records, constants and exports of BWConv, SAMTRG, RedEye, the segmentation and AddBitmaps. */
+
 
 IMG_END_DECLS
 

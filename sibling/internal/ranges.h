@@ -52,7 +52,9 @@ inline constexpr Range kMathLogicValue{-100 * 32768, 100 * 65536};
 
 // Colour threshold, colour replace and selective colour.
 
+
 // Colour planes, channel mix and line profile.
+
 
 // Coloured gray, colour balance, colour swap, equalisation, intensity balance.
 inline constexpr Range kGrayShare{0, 1000};                // thousandths; the three together at most 1000
@@ -66,6 +68,8 @@ inline constexpr Range kLocalMode{1, 2};                   // LOCALEQ_*
 inline constexpr Range kIntensityBalanceMethod{1, 2};      // INTENSITY_BALANCE_*
 inline constexpr Range kIntensityBalanceStrength{0, 100};  // percent
 
+
 // Binarisation, target sampling, red-eye removal, segmentation, adding bitmaps.
+
 
 }  // namespace img::ranges
