@@ -236,6 +236,82 @@ IMG_API int32_t Q_LineProfile(BitmapRecord *bitmap, int32_t x1, int32_t y1, int3
 /* ---- Coloured gray, colour balance, colour swap, equalisation, intensity balance ------------ */
 /* Records, constants and exports of Colr_n and the local equalisation and intensity balance. */
 
+/* Q_BalanceColors: the shares of one input channel in each output channel
+ * (0 or more, no upper bound; doubles). 28 bytes: packed to 4. */
+#pragma pack(push, 4)
+typedef struct ColorBalanceFactors {
+  uint32_t StructSize; /* 28 */
+  double ToRed;
+  double ToGreen;
+  double ToBlue;
+} ColorBalanceFactors;
+#pragma pack(pop)
+#define COLOR_BALANCE_FACTORS_SIZE 28u
+
+/* Q_SwapColors: the first set bit of these decides. New red, green, blue: */
+#define SWAP_RG 0x01u   /* G, R, B */
+#define SWAP_RB 0x02u   /* B, G, R */
+#define SWAP_GB 0x04u   /* R, B, G */
+#define SWAP_RGBR 0x08u /* B, R, G */
+#define SWAP_RBGR 0x10u /* G, B, R */
+
+/* Q_HistoEqualizeBitmap modes */
+#define HISTOEQ_PER_CHANNEL 1
+#define HISTOEQ_LUMINANCE 2
+#define HISTOEQ_COMMON 4
+
+/* Q_LocalHistoEqualizeBitmap modes */
+#define LOCALEQ_EACH_CHANNEL 1u
+#define LOCALEQ_LUMINANCE 2u
+
+/* Q_ColorIntensityBalance methods */
+#define INTENSITY_BALANCE_GRAY_WORLD 1u
+#define INTENSITY_BALANCE_WHITE_PATCH 2u
+
+/* Every pixel (or palette entry) becomes gray = (R*redWeight + G*greenWeight +
+ * B*blueWeight) / 1000, then each channel gray + gray*factor/1000, limited to
+ * the sample range. Weights: thousandths, 0..1000 each, their sum at most
+ * 1000; factors: thousandths, -1000..1000. Allocation and signed data are not
+ * checked. 8-bit gray leaves as a colour palette bitmap (ColorOrder 1); 12-
+ * and 16-bit gray and 48-bit bitmaps leave as 48-bit colour, 64-bit as 64. */
+IMG_API int32_t Q_ConvertToColoredGray(BitmapRecord *bitmap, int32_t redWeight, int32_t greenWeight,
+                                       int32_t blueWeight, int32_t redFactor, int32_t greenFactor,
+                                       int32_t blueFactor, uint32_t flags);
+/* new R = R*r.ToRed + G*g.ToRed + B*b.ToRed (likewise green and blue) in
+ * double precision, truncated and limited to the sample range. Records:
+ * null -814, StructSize not 28 -789; gray bitmaps -12; a negative share -13. */
+IMG_API int32_t Q_BalanceColors(BitmapRecord *bitmap, const ColorBalanceFactors *redFactors,
+                                const ColorBalanceFactors *greenFactors,
+                                const ColorBalanceFactors *blueFactors, uint32_t flags);
+/* No flags word: `flags` is SWAP_*. A gray bitmap returns 1 unchanged before
+ * the flags are looked at; no known bit -13. */
+IMG_API int32_t Q_SwapColors(BitmapRecord *bitmap, uint32_t flags);
+/* No flags word. mode: HISTOEQ_*; signed data is equalised by its offset
+ * form. 12/16-bit gray and 48/64-bit bitmaps use 65536 bins. */
+IMG_API int32_t Q_HistoEqualizeBitmap(BitmapRecord *bitmap, int32_t mode);
+/* Contrast-limited adaptive equalisation over tiles of the region's bounds.
+ * tileWidth, tileHeight: pixels, 8..Width and 8..Height (8 for a bitmap
+ * smaller than that; a tile larger than the region's bounds is cut to them).
+ * clipLimit: tenths of the mean bin height (tile pixels / bins), 0 = no
+ * clipping or 10..1000. mode: LOCALEQ_* (luminance: the luma of the integer
+ * YUV form, the pixel rebuilt from it). Each tile's histogram (256 or 65536
+ * bins) is clipped at the limit (at least 1), the excess spread evenly over
+ * all bins; a pixel's value is the bilinear blend of the four nearest tile
+ * centres' curves T * C(v) / tile pixels, rounded. Progress 0..50 counting,
+ * 50..100 mapping. */
+IMG_API int32_t Q_LocalHistoEqualizeBitmap(BitmapRecord *bitmap, uint32_t tileWidth, uint32_t tileHeight,
+                                           uint32_t clipLimit, uint32_t mode, uint32_t flags);
+/* Automatic white balance of colour bitmaps through one table per channel.
+ * method: INTENSITY_BALANCE_GRAY_WORLD (each channel scaled so that its mean
+ * equals the mean of the three) or INTENSITY_BALANCE_WHITE_PATCH (the value
+ * below which 99.5 % of a channel's samples lie maps to full scale).
+ * strength: percent 0..100, the blend of corrected and original. Statistics
+ * over the region's pixels (0..50), the tables applied to them, or to the
+ * palette of a palette bitmap without a region (50..100). Gray bitmaps -12
+ * after the ranges. */
+IMG_API int32_t Q_ColorIntensityBalance(BitmapRecord *bitmap, uint32_t method, uint32_t strength,
+                                        uint32_t flags);
+
 
 /* ---- Binarisation, target sampling, red-eye removal, segmentation, adding bitmaps ---------- */
 /* Records, constants and exports of BWConv, SAMTRG, RedEye, the segmentation and AddBitmaps. */

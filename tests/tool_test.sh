@@ -530,5 +530,22 @@ expect "sample-target: gray values 128 -> 120" '^gray: 128 -> 120$'
 run "sample-target: nothing to change" 0 sample-target sample: same.png --sample '#808080' --target '#808080'
 same "sample-target: unchanged" "$sample_sum" "$(field same.png checksum)"
 
+# ---- Coloured gray, balance, swap, equalisation, intensity balance ----------------------
+run "swap red and blue" 0 swap-colors sample: swapped.png --swap rb
+run "swap them back" 0 swap-colors swapped.png swapback.png --swap rb
+same "swapping twice keeps the pixels" "$sample_sum" "$(field swapback.png checksum)"
+run "rotate one way" 0 swap-colors sample: rot.png --swap rgbr
+run "and back" 0 swap-colors rot.png rotback.png --swap rbgr
+same "rotating there and back keeps the pixels" "$sample_sum" "$(field rotback.png checksum)"
+run "identity balance" 0 balance sample: bal.png --red 100,0,0 --green 0,100,0 --blue 0,0,100
+same "identity shares keep the pixels" "$sample_sum" "$(field bal.png checksum)"
+run "balance needs three shares" 2 balance sample: bal2.png --red 80,15
+run "balance refuses gray" 1 balance gray.png bal3.png
+run "colored gray on gray" 0 colored-gray gray.png tinted.png --red-factor 300
+run "equalize by luminance" 0 equalize sample: eq.png --mode luminance
+run "local equalization, small tiles" 0 local-equalize sample: leq.png --tile-width 8 --tile-height 8 --clip 0
+run "local equalization refuses tile 7" 2 local-equalize sample: leq2.png --tile-width 7
+run "white patch balance" 0 intensity-balance sample: ib.png --method white-patch --strength 60
+
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

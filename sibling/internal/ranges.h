@@ -61,6 +61,16 @@ inline constexpr Range kLinePoint{0, INT32_MAX};
 
 
 // Coloured gray, colour balance, colour swap, equalisation, intensity balance.
+inline constexpr Range kGrayShare{0, 1000};                // thousandths; the three together at most 1000
+inline constexpr Range kGrayFactor{-1000, 1000};           // thousandths of the gray level
+inline constexpr Range kBalanceShare{0, 1000000};          // tool only: percent of an input channel
+inline constexpr Range kSwapFlags{1, 0x1F};                // SWAP_*; the first set bit decides
+inline constexpr Range kHistoEqualizeMode{1, 4};           // HISTOEQ_*: 1, 2 or 4
+inline constexpr Range kLocalTile{8, 65535};               // pixels; at most the bitmap's width / height
+inline constexpr Range kLocalClip{0, 1000};                // tenths of the mean bin height; 1..9 refused
+inline constexpr Range kLocalMode{1, 2};                   // LOCALEQ_*
+inline constexpr Range kIntensityBalanceMethod{1, 2};      // INTENSITY_BALANCE_*
+inline constexpr Range kIntensityBalanceStrength{0, 100};  // percent
 
 
 // Binarisation, target sampling, red-eye removal, segmentation, adding bitmaps.
