@@ -88,7 +88,9 @@ struct Recolour {
 class ColourCache {
  public:
   static constexpr uint32_t kBits = 16;
-  ColourCache() : entries_(std::size_t{1} << kBits, __LINE__, kSourceFile) {}
+  explicit ColourCache(bool wanted) {
+    if (wanted) entries_ = KernelBuffer<uint64_t>(std::size_t{1} << kBits, __LINE__, kSourceFile);
+  }
   bool ok() const { return static_cast<bool>(entries_); }
 
   template <class Convert>
@@ -115,7 +117,7 @@ int32_t RemoveRedeye(BitmapRecord *bitmap, uint32_t newColor, int32_t threshold,
                                 static_cast<int32_t>((newColor >> 8) & 0xFF) * widen,
                                 static_cast<int32_t>((newColor >> 16) & 0xFF) * widen),
                           static_cast<int64_t>(threshold) - 128, lightness / 100.0};
-  ColourCache cache;
+  ColourCache cache(!wide);  // 8-bit rows only
   if (!wide && !cache.ok()) return RC_NO_MEMORY;
   return pass.RunRows([&](auto &row) {
     using T = std::remove_reference_t<decltype(*row.samples)>;
