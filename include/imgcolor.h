@@ -316,6 +316,61 @@ IMG_API int32_t Q_ColorIntensityBalance(BitmapRecord *bitmap, uint32_t method, u
 /* ---- Binarisation, target sampling, red-eye removal, segmentation, adding bitmaps ---------- */
 /* Records, constants and exports of BWConv, SAMTRG, RedEye, the segmentation and AddBitmaps. */
 
+/* Dynamic binary (BWConv): each pixel becomes black or white by comparing its
+ * sample with the midpoint of the darkest and brightest sample of the
+ * dimension x dimension window around it (rows y - (d-1)/2 .. y + d/2, columns
+ * likewise; edge rows and columns repeated; the window reaches outside the
+ * region). A window whose range (brightest - darkest) is not above
+ * localContrast is flat: its pixel is white when the brightest sample is at
+ * least 128 (16-bit working samples: 32767). The decided sample is the
+ * window's row d/2 from its top: the pixel's own row for an odd dimension,
+ * the row below it for an even one. Works on the gray working form (colour
+ * bitmaps come back black and white in all three samples; palette bitmaps
+ * take the nearest palette colour); no progress reports.
+ * dimension: pixels, 1.. (0: -13; 1: the bitmap inside its region is filled
+ * white, FillBitmap's status). localContrast: sample range, 0..255 for 8-bit
+ * working samples, 0..65535 for 16-bit, 0..4095 for 12-bit gray (stated on
+ * its own scale). Signed data -1360; a null bitmap is refused by the first
+ * service that reads it (-2). */
+IMG_API int32_t Q_DynamicBinaryBitmap(BitmapRecord *bitmap, uint32_t dimension, uint32_t localContrast,
+                                      uint32_t flags);
+
+/* Red-eye removal (RedEye): inside the region, every pixel whose CIE L*a*b*
+ * a* (byte form, -128..127) is at least threshold - 128 takes the a* and b*
+ * of newColor (red bits 0-7, green 8-15, blue 16-23) and keeps its L* times
+ * lightness / 100 (limited to 0..100); every pixel of the region goes through
+ * the byte Lab round trip, so unmatched pixels may move by a rounding step.
+ * threshold: 0..255 in use (any value accepted); lightness: percent (any
+ * value accepted, negative gives 0). A bottom-up bitmap is turned top row
+ * first and turned back only after a complete pass (a gray bitmap, -12, and
+ * every failure leave it turned). Null or unallocated bitmap -2; signed -1360;
+ * gray bitmaps -12. No progress reports. */
+IMG_API int32_t Q_RemoveRedeyeBitmap(BitmapRecord *bitmap, uint32_t newColor, int32_t threshold,
+                                     int32_t lightness, uint32_t flags);
+
+/* Segmentation (Segment): graph-based segmentation of the pixels inside the
+ * region. The graph joins each pixel to its 8 neighbours inside the region;
+ * an edge weighs the Euclidean distance of the two colours (blue, green, red;
+ * gray: the level) on the 8-bit scale (16-bit samples divided by 257). Edges
+ * are taken by increasing weight (stable: equal weights in raster order of
+ * their first pixel, then right, down-left, down, down-right); two segments
+ * merge when the edge weighs at most the internal difference of each (the
+ * heaviest edge that built it, 0 for one pixel) plus k / its size in pixels.
+ * Afterwards, edges again in that order, a segment smaller than minSize merges
+ * with the segment across the edge. Each pixel of the region takes its
+ * segment's mean colour (each sample rounded half up; a fourth sample stays;
+ * palette bitmaps the nearest palette colour). Segments are numbered from 0
+ * in raster order of their first pixel.
+ * k: 1..100000. minSize: pixels, 1..2^31-1. labels: null, or a caller record
+ * that receives a new 16-bit gray bitmap of the bitmap's size and orientation
+ * holding each pixel's segment number (pixels outside the region: 0); its
+ * previous content is not freed. labelsSize: its declared size, 176 or 208
+ * (else -789; ignored without labels). More than 65536 segments with labels:
+ * -13, nothing changed. Progress: reading 0..50, writing 51..100. Signed data
+ * -1360. */
+IMG_API int32_t Q_SegmentBitmap(BitmapRecord *bitmap, uint32_t k, uint32_t minSize, BitmapRecord *labels,
+                                uint32_t labelsSize, uint32_t flags);
+
 
 /* ---- Target sampling and adding bitmaps ---------------------------------------------------- */
 

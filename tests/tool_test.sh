@@ -547,5 +547,20 @@ run "local equalization, small tiles" 0 local-equalize sample: leq.png --tile-wi
 run "local equalization refuses tile 7" 2 local-equalize sample: leq2.png --tile-width 7
 run "white patch balance" 0 intensity-balance sample: ib.png --method white-patch --strength 60
 
+# ---- Dynamic binary, red-eye removal, segmentation --------------------------------
+run "dynamic-binary on the sample" 0 dynamic-binary sample: bin.png --dimension 15 --contrast 15
+run "binary result is colour black and white" 0 info bin.png
+expect "binary size" '^size: +451 x 300$'
+run "dynamic-binary dimension 0 refused" 2 dynamic-binary sample: bad.png --dimension 0
+if [ -e bad.png ]; then fail "no output after a refused dimension"; else pass; fi
+run "remove-redeye in a rectangle" 0 remove-redeye sample: eye.png --rect 100,50,200,150 --threshold 140
+run "convert to gray" 0 convert sample: g.png --gray
+run "remove-redeye on gray" 1 remove-redeye g.png eye2.png
+expect "gray refusal message" "accepts palette" err
+run "segment writes the image and its labels" 0 segment sample: seg.png --k 300 --min-size 20
+expect "segment count reported" '^segments: [0-9]+$'
+run "labels image" 0 info seg-labels.png
+expect "labels are 16-bit gray" '16 bits per pixel'
+
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

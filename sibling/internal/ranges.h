@@ -74,6 +74,17 @@ inline constexpr Range kIntensityBalanceStrength{0, 100};  // percent
 
 
 // Binarisation, target sampling, red-eye removal, segmentation, adding bitmaps.
+inline constexpr Range kBinaryDimension{1, UINT32_MAX};  // side of the window, pixels
+inline constexpr Range kBinaryContrast8{0, 255};         // sample range, 8-bit working samples
+inline constexpr Range kBinaryContrast12{0, 4095};       // 12-bit gray, on its own scale
+inline constexpr Range kBinaryContrast16{0, 65535};      // 16-bit working samples
+// Red-eye removal checks neither: every value has a meaning (a threshold at or
+// below 0 takes every pixel, above 255 none; a negative lightness gives 0).
+// The tool offers these.
+inline constexpr Range kRedEyeThreshold{0, 255};  // a* + 128 at which a pixel counts as red
+inline constexpr Range kRedEyeLightness{0, 1000};  // percent of the kept lightness
+inline constexpr Range kSegmentThreshold{1, 100000};   // k, on the 8-bit colour-distance scale
+inline constexpr Range kSegmentMinimum{1, INT32_MAX};  // pixels
 
 // Target sampling and adding bitmaps.
 inline constexpr Range kSampleChannel{1, 4};       // SAMPLE_CHAN_*: flags AND 0xFF0F
