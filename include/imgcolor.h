@@ -269,14 +269,18 @@ typedef struct SelectiveColorOptions {
 IMG_API int32_t Q_SelectiveColorBitmap(BitmapRecord *bitmap, const SelectiveColorOptions *options,
                                        uint32_t flags);
 
+
 /* ---- Colour planes, channel mix and line profile ------------------------------------------- */
 /* Records, constants and exports of PLANES, chmix and the line profile. */
+
 
 /* ---- Coloured gray, colour balance, colour swap, equalisation, intensity balance ------------ */
 /* Records, constants and exports of Colr_n and the local equalisation and intensity balance. */
 
+
 /* ---- Binarisation, target sampling, red-eye removal, segmentation, adding bitmaps ---------- */
 /* Records, constants and exports of BWConv, SAMTRG, RedEye, the segmentation and AddBitmaps. */
+
 
 IMG_END_DECLS
 

@@ -58,10 +58,14 @@ inline constexpr Range kFuzziness{1, UINT32_MAX};    // tolerance of a chosen co
 inline constexpr Range kSelectiveMethod{0, 1};       // SELCOLOR_RELATIVE, SELCOLOR_ABSOLUTE
 inline constexpr Range kSelectiveAdjust{-100, 100};  // percent of an ink
 
+
 // Colour planes, channel mix and line profile.
+
 
 // Coloured gray, colour balance, colour swap, equalisation, intensity balance.
 
+
 // Binarisation, target sampling, red-eye removal, segmentation, adding bitmaps.
+
 
 }  // namespace img::ranges
