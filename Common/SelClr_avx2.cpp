@@ -1,6 +1,6 @@
-// Selective colour, the AVX2 loop (Isa::Avx2): the inline pixel step of
-// SelClr.h compiled for AVX2, which the compiler vectorises; the integer
-// arithmetic is the scalar path's, so the results are identical.
+// Selective colour, the AVX2 loop (Isa::Avx2): the planar loop of SelClr.h
+// compiled for AVX2, which the compiler vectorises (eight pixels a step);
+// its integer arithmetic gives the reference's samples exactly.
 #include "SelClr.h"
 
 namespace img::selclr {
@@ -10,7 +10,7 @@ namespace {
 template <bool kRelative>
 __attribute__((target("avx2"))) void Loop(uint8_t *row, int32_t channels, int32_t first, int32_t end,
                                           const Plan &plan) {
-  SelectRunOf<uint8_t, 255, kRelative>(row, channels, first, end, plan);
+  SelectRunPlanar8<kRelative>(row, channels, first, end, plan);
 }
 
 }  // namespace

@@ -16,6 +16,7 @@
 
 namespace {
 
+using bench::Memcpy;
 using Fixture = bench::RandomBitmap;
 
 const ColorThresholdComponent kHsv[3] = {{16, 20, 60, 1}, {16, 30, 100, 0x101}, {16, 0, 40, 0}};
@@ -77,7 +78,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
 
 }  // namespace
 
-BENCHMARK_CAPTURE(bench::Memcpy, bits24, 24)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Memcpy, bits24, 24)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(Run, threshold_hsv, Threshold)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(Run, replace, Replace)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(Run, selective_color, SelectiveColor)->Unit(benchmark::kMillisecond);

@@ -182,24 +182,46 @@ TEST(SelectiveColor, PalettesRegionsAndProgress) {
   EXPECT_GE(kit::CheckAllocationFailures(setup, call), 2);
 }
 
-// The AVX2 loop gives the scalar loop's samples over random rows of three
-// and four samples, random adjustments, both methods.
+// The planar loops (baseline and AVX2) give the reference's samples: over
+// every 31st 8-bit colour (every value of each channel) for one plan of
+// each method, and over random rows of three and four samples with random
+// adjustments.
 TEST(SelectiveColor, InstructionSetsAgree) {
-  if (!img::IsaAvailable(img::Isa::Avx2)) GTEST_SKIP() << "no AVX2";
   std::mt19937 rng(7);
   std::uniform_int_distribution<int32_t> adjust(-100, 100);
-  for (int32_t round = 0; round < 8; ++round) {
-    SelectiveColorOptions o = Options(round % 2 ? SELCOLOR_RELATIVE : SELCOLOR_ABSOLUTE);
+  const auto randomPlan = [&](int32_t method) {
+    SelectiveColorOptions o = Options(method);
     for (SelectiveColorAdjust &a : o.Ranges) a = {adjust(rng), adjust(rng), adjust(rng), adjust(rng)};
-    const img::selclr::Plan plan = img::selclr::MakePlan(o);
-    for (const int32_t channels : {3, 4}) {
-      const int32_t width = 70001;
-      std::vector<uint8_t> scalar(static_cast<size_t>(width) * channels);
-      for (uint8_t &v : scalar) v = static_cast<uint8_t>(rng());
-      std::vector<uint8_t> avx2 = scalar;
-      img::selclr::SelectRun8(img::Isa::Scalar, scalar.data(), channels, 3, width, plan);
-      img::selclr::SelectRun8(img::Isa::Avx2, avx2.data(), channels, 3, width, plan);
-      ASSERT_EQ(scalar, avx2) << "round " << round << ", " << channels << " channels";
+    return img::selclr::MakePlan(o);
+  };
+  constexpr int32_t kColours = (1 << 24) / 31 + 1;
+  std::vector<uint8_t> every(size_t{3} * kColours);
+  for (uint32_t i = 0; i < kColours; ++i) {
+    const uint32_t c = 31 * i;
+    every[3 * i] = static_cast<uint8_t>(c), every[3 * i + 1] = static_cast<uint8_t>(c >> 8),
+              every[3 * i + 2] = static_cast<uint8_t>(c >> 16);
+  }
+  for (const img::Isa isa : {img::Isa::Sse2, img::Isa::Avx2}) {
+    if (!img::IsaAvailable(isa)) continue;
+    SCOPED_TRACE(img::IsaName(isa));
+    for (const int32_t method : {SELCOLOR_RELATIVE, SELCOLOR_ABSOLUTE}) {
+      const img::selclr::Plan plan = randomPlan(method);
+      std::vector<uint8_t> reference = every, fast = every;
+      img::selclr::SelectRun8(img::Isa::Scalar, reference.data(), 3, 0, kColours, plan);
+      img::selclr::SelectRun8(isa, fast.data(), 3, 0, kColours, plan);
+      ASSERT_TRUE(reference == fast) << "colours, method " << method;
+    }
+    for (int32_t round = 0; round < 4; ++round) {
+      const img::selclr::Plan plan = randomPlan(round % 2);
+      for (const int32_t channels : {3, 4}) {
+        const int32_t width = 20001;
+        std::vector<uint8_t> reference(static_cast<size_t>(width) * channels);
+        for (uint8_t &v : reference) v = static_cast<uint8_t>(rng());
+        std::vector<uint8_t> fast = reference;
+        img::selclr::SelectRun8(img::Isa::Scalar, reference.data(), channels, 3, width, plan);
+        img::selclr::SelectRun8(isa, fast.data(), channels, 3, width, plan);
+        ASSERT_TRUE(reference == fast) << "round " << round << ", " << channels << " channels";
+      }
     }
   }
 }
