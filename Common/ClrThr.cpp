@@ -134,21 +134,28 @@ inline uint8_t EntryOf(const Selection &s, int32_t v) {
 }
 
 // The components of one pixel in turn: a later component tests the value an
-// earlier one may have set.
+// earlier one may have set. Written without branches on the pixel's values
+// (random pixels would mispredict them); the whole-pixel flag is the same
+// for every pixel of a call.
 inline void Threshold(int32_t v[3], const Selection *s) {
   for (int32_t i = 0; i < 3; ++i) {
     const uint8_t e = EntryOf(s[i], v[i]);
-    if (e == 0) continue;
     if (!s[i].whole) {
-      v[i] = e == 2 ? s[i].upperFill : s[i].fill;
+      const int32_t pick[3] = {v[i], s[i].fill, s[i].upperFill};
+      v[i] = pick[e];
     } else {
-      v[0] = s[0].fill, v[1] = s[1].fill, v[2] = s[2].fill;
+      const bool hit = e != 0;
+      v[0] = hit ? s[0].fill : v[0];
+      v[1] = hit ? s[1].fill : v[1];
+      v[2] = hit ? s[2].fill : v[2];
     }
   }
 }
 
 template <Layout L>
-void StepRun(uint8_t *space, int32_t first, int32_t end, const Selection *s) {
+void StepRun(uint8_t *space, int32_t first, int32_t end, const Selection *selections) {
+  // A copy the byte stores below cannot alias: the selections stay in registers.
+  const Selection s[3] = {selections[0], selections[1], selections[2]};
   for (int32_t x = first; x < end; ++x) {
     uint8_t *p = space + static_cast<std::ptrdiff_t>(x) * L.size;
     int32_t v[3] = {Load<L.f[0]>(p), Load<L.f[1]>(p), Load<L.f[2]>(p)};
