@@ -190,7 +190,8 @@ typedef struct ColorThresholdComponent {
  * the colour space `space` (COLORSPACE_RGB .. COLORSPACE_SPHERICAL, not
  * COLORSPACE_LAB_TABLE), into their fill values and the pixel back to RGB.
  * Palette bitmaps change their palette (the region is not used); gray
- * bitmaps: RC_UNSUPPORTED_BITMAP. Reports no progress. Checks: record size,
+ * bitmaps (IsGrayBitmap, gray-ramp palettes included): RC_UNSUPPORTED_BITMAP.
+ * Reports no progress. Checks: record size,
  * flags word, null bitmap (RC_NO_BITMAP), 32-bit gray, signed data, null
  * components (RC_NULL_OPTIONS), first StructSize, gray bitmap, then the space
  * and the ranges (RC_INVALID_PARAMETER). */
@@ -261,8 +262,9 @@ typedef struct SelectiveColorOptions {
  * of weight x (the range's ink adjustment + its black adjustment) / 100,
  * multiplied by the ink itself in relative mode, and is held to 0..1. The
  * new sample is 1 - ink rounded to the nearest sample value (halves away
- * from zero). Palette bitmaps change their palette; gray bitmaps:
- * RC_UNSUPPORTED_BITMAP. Progress 0..100 over the rows (palettes: 0 and 100).
+ * from zero). Palette bitmaps change their palette; gray bitmaps
+ * (IsGrayBitmap, gray-ramp palettes included): RC_UNSUPPORTED_BITMAP.
+ * Progress 0..100 over the rows (palettes: 0 and 100).
  * Checks: flags word, null bitmap, record size, 32-bit gray, signed data,
  * null options (RC_NULL_OPTIONS), options size (RC_INVALID_STRUCT_SIZE),
  * method and adjustments (RC_INVALID_PARAMETER), gray bitmap. */
