@@ -49,7 +49,8 @@ int32_t CheckComponents(uint32_t space, const ColorThresholdComponent *component
   return 0;
 }
 
-Selection FillTable(const ColorThresholdComponent &c, int32_t lower, int32_t upper, uint8_t *table) {
+Selection FillTable(const ColorThresholdComponent &c, int32_t lower, int32_t upper, uint8_t *table,
+                    int32_t *map) {
   const uint32_t top = c.Mode & 0xF00u;
   Selection s;
   s.lower = lower;
@@ -60,8 +61,12 @@ Selection FillTable(const ColorThresholdComponent &c, int32_t lower, int32_t upp
   s.table = table;
   const uint8_t outside = (c.Mode & 0x00Fu) == 0 ? 1 : 0;
   const uint8_t above = top == kClip ? 2 : outside;
-  for (int32_t v = lower; v <= upper; ++v)
-    table[v - lower] = v < c.Low ? outside : v <= c.High ? static_cast<uint8_t>(1 - outside) : above;
+  s.map = map;
+  for (int32_t v = lower; v <= upper; ++v) {
+    const uint8_t e = v < c.Low ? outside : v <= c.High ? static_cast<uint8_t>(1 - outside) : above;
+    table[v - lower] = e;
+    map[v - lower] = e == 0 ? v : e == 1 ? s.fill : s.upperFill;
+  }
   return s;
 }
 
@@ -126,25 +131,18 @@ inline void Store(uint8_t *p, int32_t v) {
   }
 }
 
-// The entry of value v in the component's table; values beyond the limits
-// (which the conversions never produce) are kept.
-inline uint8_t EntryOf(const Selection &s, int32_t v) {
-  const uint32_t i = static_cast<uint32_t>(v) - static_cast<uint32_t>(s.lower);
-  return i <= s.span ? s.table[i] : 0;
-}
-
 // The components of one pixel in turn: a later component tests the value an
-// earlier one may have set. Written without branches on the pixel's values
-// (random pixels would mispredict them); the whole-pixel flag is the same
-// for every pixel of a call.
+// earlier one may have set. A component that changes only itself reads its
+// new value from the map; the whole-pixel flag is the same for every pixel of
+// a call, and no other branch depends on the pixel's values.
 inline void Threshold(int32_t v[3], const Selection *s) {
   for (int32_t i = 0; i < 3; ++i) {
-    const uint8_t e = EntryOf(s[i], v[i]);
+    const uint32_t j = static_cast<uint32_t>(v[i]) - static_cast<uint32_t>(s[i].lower);
+    if (j > s[i].span) continue;  // beyond the limits (no conversion gets there): kept
     if (!s[i].whole) {
-      const int32_t pick[3] = {v[i], s[i].fill, s[i].upperFill};
-      v[i] = pick[e];
+      v[i] = s[i].map[j];
     } else {
-      const bool hit = e != 0;
+      const bool hit = s[i].table[j] != 0;
       v[0] = hit ? s[0].fill : v[0];
       v[1] = hit ? s[1].fill : v[1];
       v[2] = hit ? s[2].fill : v[2];
@@ -195,18 +193,23 @@ int32_t Worker(BitmapRecord *bitmap, uint32_t space, const ColorThresholdCompone
 
   RowPass pass(bitmap, RowSetup{.palette = PaletteRule::Entries});
   if (pass.status() != RC_SUCCESS) return pass.status();
+  // Per component its selection table and the map of new values. The row
+  // step works a pixel at a time, so no planes of a row's values are kept.
   KernelBuffer<uint8_t> tables[3];
+  KernelBuffer<int32_t> maps[3];
   for (int32_t i = 0; i < 3; ++i) {
-    tables[i] = KernelBuffer<uint8_t>(static_cast<std::size_t>(limits.upper[i] - limits.lower[i] + 1),
-                                      __LINE__, kSourceFile);
-    if (!tables[i]) return RC_NO_MEMORY;
+    const auto entries = static_cast<std::size_t>(limits.upper[i] - limits.lower[i] + 1);
+    tables[i] = KernelBuffer<uint8_t>(entries, __LINE__, kSourceFile);
+    maps[i] = KernelBuffer<int32_t>(entries, __LINE__, kSourceFile);
+    if (!tables[i] || !maps[i]) return RC_NO_MEMORY;
   }
   ColourSpacePass spaces(pass, {space});
   // Without the space pixels nothing is changed and the call succeeds: kept.
   if (spaces.Allocate() != RC_SUCCESS) return RC_SUCCESS;
   Selection selections[3];
   for (int32_t i = 0; i < 3; ++i)
-    selections[i] = FillTable(components[i], limits.lower[i], limits.upper[i], tables[i].get());
+    selections[i] =
+        FillTable(components[i], limits.lower[i], limits.upper[i], tables[i].get(), maps[i].get());
 
   if (pass.OnPalette()) {
     const int32_t count = PaletteCount(bitmap);

@@ -32,9 +32,11 @@ struct Selection {
   int32_t upperFill = 0;
   bool whole = false;  // a selected value sets all three components to their fill values
   const uint8_t *table = nullptr;
+  const int32_t *map = nullptr;  // map[v - lower]: v, fill or upper fill as table[v - lower] says
 };
-// Fills `table` (upper - lower + 1 entries) for the component.
-Selection FillTable(const ColorThresholdComponent &component, int32_t lower, int32_t upper, uint8_t *table);
+// Fills `table` and `map` (upper - lower + 1 entries each) for the component.
+Selection FillTable(const ColorThresholdComponent &component, int32_t lower, int32_t upper, uint8_t *table,
+                    int32_t *map);
 
 // Thresholds space pixels first..end-1 of `space` (8- or 16-bit layout) in
 // place. CMYK and the spherical form are left as they are.
