@@ -142,81 +142,49 @@ inline uint32_t Blend(uint32_t changed, uint32_t saved, uint32_t w, uint32_t ful
   return v < full ? v : full;
 }
 
-// One colour row (three samples a pixel) of the replace. A pixel of weight 0
-// keeps the samples as read whatever its changed form is, so only the runs of
-// pixels with a weight go through HSV and HLS (each pixel converts on its
-// own: the result is that of converting every pixel).
+// One colour row (three samples a pixel) of the replace.
 template <class T>
-int32_t ReplaceRow(SpaceRow<T, ClrSpcConversions> &row, T *saved, uint32_t *weight, const Weights *weights,
+int32_t ReplaceRow(SpaceRow<T, ClrSpcConversions> &row, T *saved, const Weights *weights,
                    const BrightnessTable &bright, const Change &change) {
   constexpr bool kWide = sizeof(T) == 2;
   constexpr std::ptrdiff_t kHsSize = kWide ? 8 : 4, kLabSize = kWide ? 6 : 3;
   constexpr uint32_t kFull = kWide ? 65535 : 255;
-  int32_t status = row.To(COLORSPACE_LAB_TABLE);
-  if (status != RC_SUCCESS) return status;
-  const uint8_t *const lab = row.Space(COLORSPACE_LAB_TABLE);
-  row.row.ForEach([&](int32_t x) { weight[x] = LabWeight<kWide>(weights, lab + x * kLabSize); });
-  // fn(first, end) for each run of selected pixels; the first failure stops.
-  const auto selected = [&](auto &&fn) {
-    int32_t result = RC_SUCCESS;
-    row.row.ForEachRun([&](int32_t first, int32_t end) {
-      for (int32_t x = first; x < end && result == RC_SUCCESS;) {
-        while (x < end && weight[x] == 0) ++x;
-        const int32_t start = x;
-        while (x < end && weight[x] != 0) ++x;
-        if (start < x) result = fn(start, x);
-      }
-    });
-    return result;
-  };
-  const auto convert = [&](uint32_t code, uint32_t space) {
-    return selected([&](int32_t first, int32_t end) {
-      return ClrSpcConversions::Row(code, row.rgb, row.Space(space), nullptr, first, end);
-    });
-  };
-  status = selected([&](int32_t first, int32_t end) {
+  row.row.ForEachRun([&](int32_t first, int32_t end) {
     std::memcpy(saved + 3 * first, row.rgb + 3 * first,
                 3 * sizeof(T) * static_cast<std::size_t>(end - first));
-    return RC_SUCCESS;
   });
-  if (status == RC_SUCCESS) status = convert(COLORSPACE_HSV, COLORSPACE_HSV);
+  int32_t status = row.To(COLORSPACE_LAB_TABLE);
+  if (status == RC_SUCCESS) status = row.To(COLORSPACE_HSV);
   if (status != RC_SUCCESS) return status;
   uint8_t *const hsv = row.Space(COLORSPACE_HSV);
-  selected([&](int32_t first, int32_t end) {
-    for (int32_t x = first; x < end; ++x) {
-      uint8_t *p = hsv + x * kHsSize;
-      if constexpr (kWide) {
-        const int32_t h = ShiftHue(static_cast<int32_t>(Load32(p)), change.hue16, 36000);
-        std::memcpy(p, &h, 4);
-      } else {
-        Store16(p, static_cast<uint32_t>(ShiftHue(Load16(p), change.hue8, 360)));
-      }
+  row.row.ForEach([&](int32_t x) {
+    uint8_t *p = hsv + x * kHsSize;
+    if constexpr (kWide) {
+      const int32_t h = ShiftHue(static_cast<int32_t>(Load32(p)), change.hue16, 36000);
+      std::memcpy(p, &h, 4);
+    } else {
+      Store16(p, static_cast<uint32_t>(ShiftHue(Load16(p), change.hue8, 360)));
     }
-    return RC_SUCCESS;
   });
-  if ((status = convert(COLORSPACE_HSV + COLORSPACE_TO_RGB, COLORSPACE_HSV)) != RC_SUCCESS) return status;
-  if ((status = convert(COLORSPACE_HLS, COLORSPACE_HLS)) != RC_SUCCESS) return status;
+  if ((status = row.Back(COLORSPACE_HSV)) != RC_SUCCESS) return status;
+  if ((status = row.To(COLORSPACE_HLS)) != RC_SUCCESS) return status;
   uint8_t *const hls = row.Space(COLORSPACE_HLS);
-  selected([&](int32_t first, int32_t end) {
-    for (int32_t x = first; x < end; ++x) {
-      uint8_t *p = hls + x * kHsSize;
-      if constexpr (kWide)
-        Store16(p + 6, static_cast<uint32_t>(ChangeSaturation(Load16(p + 6), change.sat16, 10000)));
-      else
-        p[3] = static_cast<uint8_t>(ChangeSaturation(p[3], change.sat8, 100));
-    }
-    return RC_SUCCESS;
+  row.row.ForEach([&](int32_t x) {
+    uint8_t *p = hls + x * kHsSize;
+    if constexpr (kWide)
+      Store16(p + 6, static_cast<uint32_t>(ChangeSaturation(Load16(p + 6), change.sat16, 10000)));
+    else
+      p[3] = static_cast<uint8_t>(ChangeSaturation(p[3], change.sat8, 100));
   });
-  if ((status = convert(COLORSPACE_HLS + COLORSPACE_TO_RGB, COLORSPACE_HLS)) != RC_SUCCESS) return status;
-  return selected([&](int32_t first, int32_t end) {
-    for (int32_t x = first; x < end; ++x) {
-      T *q = row.rgb + 3 * static_cast<std::ptrdiff_t>(x);
-      const T *p = saved + 3 * static_cast<std::ptrdiff_t>(x);
-      for (int32_t k = 0; k < 3; ++k)
-        q[k] = static_cast<T>(Blend(bright.entry[q[k]], p[k], weight[x], kFull));
-    }
-    return RC_SUCCESS;
+  if ((status = row.Back(COLORSPACE_HLS)) != RC_SUCCESS) return status;
+  const uint8_t *const lab = row.Space(COLORSPACE_LAB_TABLE);
+  row.row.ForEach([&](int32_t x) {
+    const uint32_t w = LabWeight<kWide>(weights, lab + x * kLabSize);
+    T *q = row.rgb + 3 * static_cast<std::ptrdiff_t>(x);
+    const T *s = saved + 3 * static_cast<std::ptrdiff_t>(x);
+    for (int32_t k = 0; k < 3; ++k) q[k] = static_cast<T>(Blend(bright.entry[q[k]], s[k], w, kFull));
   });
+  return RC_SUCCESS;
 }
 
 // One-channel rows: brightness only, blended by the gray weight.
@@ -316,15 +284,13 @@ int32_t ReplaceWorker(BitmapRecord *bitmap, const ColorReplaceEntry *entries, in
     return pass.RunRows([&](auto &row) { ReplaceGrayRow(row, weights.get(), bright[0]); });
   }
   IMG_BUFFER(uint8_t, saved, static_cast<std::size_t>(bitmap->Width) * 6);
-  IMG_BUFFER(uint32_t, weight, static_cast<std::size_t>(bitmap->Width));
-  if (!saved || !weight) return RC_NO_MEMORY;
+  if (!saved) return RC_NO_MEMORY;
   ColourSpacePass spaces(pass, {COLORSPACE_LAB_TABLE, COLORSPACE_HSV, COLORSPACE_HLS}, lab.get());
   if (spaces.Allocate() != RC_SUCCESS) return RC_NO_MEMORY;
   if (lab.Build() != RC_SUCCESS) return RC_NO_MEMORY;
   return spaces.Run([&](auto &row) {
     using T = std::remove_reference_t<decltype(*row.rgb)>;
-    return ReplaceRow(row, reinterpret_cast<T *>(saved.get()), weight.get(), weights.get(), bright[0],
-                      change);
+    return ReplaceRow(row, reinterpret_cast<T *>(saved.get()), weights.get(), bright[0], change);
   });
 }
 
