@@ -1,7 +1,6 @@
-// Q_ColorThresholdBitmap: checks in their order, the table fill and the row
+// Q_ColorThresholdBitmap: checks in their order, the selection and the row
 // step in each space, palettes, silence and the quiet success of a missing
 // space buffer.
-#include "ClrThr.h"
 
 #include <gtest/gtest.h>
 
@@ -144,26 +143,6 @@ TEST(ColorThreshold, ComponentsAndModes) {
     ASSERT_EQ(Q_ColorThresholdBitmap(bmp, c.space, c.comps.c, 0), RC_SUCCESS);
     EXPECT_EQ(bmp.Pixels(), std::vector<kit::Pixel>(2, c.out));
   }
-}
-
-TEST(ColorThreshold, TableFill) {
-  uint8_t t[256];
-  int32_t m[256];
-  const img::clrthr::Selection clip = img::clrthr::FillTable({16, 64, 191, 0x200}, 0, 255, t, m);
-  EXPECT_EQ(t[63], 1);
-  EXPECT_EQ(t[64], 0);
-  EXPECT_EQ(t[191], 0);
-  EXPECT_EQ(t[192], 2);
-  EXPECT_EQ(clip.fill, 0);
-  EXPECT_EQ(clip.upperFill, 255);
-  EXPECT_EQ((std::vector<int32_t>{m[63], m[64], m[191], m[192]}), (std::vector<int32_t>{0, 64, 191, 255}));
-  const img::clrthr::Selection inside = img::clrthr::FillTable({16, -5, 5, 0x111}, -128, 127, t, m);
-  EXPECT_EQ(t[-6 + 128], 0);
-  EXPECT_EQ(t[-5 + 128], 1);
-  EXPECT_EQ(t[5 + 128], 1);
-  EXPECT_EQ(t[6 + 128], 0);
-  EXPECT_EQ(inside.fill, 127);
-  EXPECT_TRUE(inside.whole);
 }
 
 TEST(ColorThreshold, PaletteRegionsAndSilence) {
