@@ -173,6 +173,112 @@ IMG_API int32_t Q_AdjustBitmapTint(BitmapRecord *bitmap, int32_t thetaShift, int
 /* ---- Colour threshold, colour replace and selective colour -------------------------------- */
 /* Records, constants and exports of ClrThr, Clr_Rep and the selective colour. */
 
+/* One component of Q_ColorThresholdBitmap, three in the order of the space's
+ * components (COLORSPACE_RGB: red, green, blue). Low and High are on the
+ * component's own scale (limits in docs/selection.md: HSV hue 0..360,
+ * saturation 0..100, value 0..255; 16-bit samples 0..36000, 0..10000,
+ * 0..65535; ...). */
+typedef struct ColorThresholdComponent {
+  uint32_t StructSize; /* 16; only the first element's is checked */
+  int32_t Low;         /* lower end of the range, inclusive */
+  int32_t High;        /* upper end, inclusive, at least Low */
+  uint32_t Mode;       /* COLORTHR_* digits, at most 0x211 */
+} ColorThresholdComponent;
+
+/* ColorThresholdComponent.Mode: one of each group. */
+#define COLORTHR_SELECT_OUTSIDE 0x000u /* values outside Low..High are selected */
+#define COLORTHR_SELECT_INSIDE 0x001u  /* values inside Low..High are selected */
+#define COLORTHR_COMPONENT 0x000u      /* a selected value changes its component */
+#define COLORTHR_WHOLE_PIXEL 0x010u    /* a selected value sets every component to its fill value */
+#define COLORTHR_FILL_MIN 0x000u       /* fill with the component's lower limit */
+#define COLORTHR_FILL_MAX 0x100u       /* fill with the component's upper limit */
+#define COLORTHR_CLIP 0x200u           /* below the range: lower limit, above: upper limit (lower digits 0) */
+
+/* Turns the selected components (or whole pixels) of every pixel, taken in
+ * the colour space `space` (COLORSPACE_RGB .. COLORSPACE_SPHERICAL, not
+ * COLORSPACE_LAB_TABLE), into their fill values and the pixel back to RGB.
+ * Palette bitmaps change their palette (the region is not used); gray
+ * bitmaps (IsGrayBitmap, gray-ramp palettes included): RC_UNSUPPORTED_BITMAP.
+ * Reports no progress. Checks: record size,
+ * flags word, null bitmap (RC_NO_BITMAP), 32-bit gray, signed data, null
+ * components (RC_NULL_OPTIONS), first StructSize, gray bitmap, then the space
+ * and the ranges (RC_INVALID_PARAMETER). */
+IMG_API int32_t Q_ColorThresholdBitmap(BitmapRecord *bitmap, uint32_t space,
+                                       const ColorThresholdComponent *components, uint32_t flags);
+
+/* One chosen colour of the colour replace exports. */
+typedef struct ColorReplaceEntry {
+  uint32_t Reserved;  /* not read */
+  uint32_t Color;     /* red bits 0-7, green 8-15, blue 16-23; COLORREP_GRAY_LEVEL: see below */
+  uint32_t Fuzziness; /* tolerance, 1..2^32-1; the selection falls off as exp(-d^2 / Fuzziness^1.5) */
+} ColorReplaceEntry;
+/* Color flag: on gray rows, bits 0-15 are the gray level itself (8-bit rows:
+ * bits 8-15). */
+#define COLORREP_GRAY_LEVEL 0x04000000u
+
+/* Shifts hue, scales saturation and offsets brightness of the pixels close
+ * to the chosen colours (closeness in Lab, one Gaussian tolerance per colour)
+ * and blends each changed pixel with the original by its selection weight.
+ * count: 1 and more entries. hue: hundredths of a degree, -18000..18000;
+ * saturation and brightness: tenths of a percent, -1000..1000. Gray bitmaps
+ * change their brightness only. Palette bitmaps change their palette.
+ * Reports progress 0..100 over the rows. */
+IMG_API int32_t Q_ColorReplaceBitmap(BitmapRecord *bitmap, const ColorReplaceEntry *entries, int32_t count,
+                                     int32_t hue, int32_t saturation, int32_t brightness, uint32_t flags);
+/* Writes the selection weight of every pixel (0..full scale) as a gray level
+ * and converts the bitmap to 8 bits per pixel: a selection mask. Palette
+ * bitmaps get a gray entry per colour. Returns the depth conversion's status
+ * (the status of the weighting itself is not returned). */
+IMG_API int32_t Q_ColorReplaceWeightsBitmap(BitmapRecord *bitmap, const ColorReplaceEntry *entries,
+                                            int32_t count, uint32_t flags);
+
+/* The nine colour ranges of Q_SelectiveColorBitmap. */
+#define SELCOLOR_REDS 0
+#define SELCOLOR_YELLOWS 1
+#define SELCOLOR_GREENS 2
+#define SELCOLOR_CYANS 3
+#define SELCOLOR_BLUES 4
+#define SELCOLOR_MAGENTAS 5
+#define SELCOLOR_WHITES 6
+#define SELCOLOR_NEUTRALS 7
+#define SELCOLOR_BLACKS 8
+#define SELCOLOR_RANGES 9
+#define SELCOLOR_RELATIVE 0
+#define SELCOLOR_ABSOLUTE 1
+
+/* The change of one range, each in percent, -100..100. */
+typedef struct SelectiveColorAdjust {
+  int32_t Cyan;
+  int32_t Magenta;
+  int32_t Yellow;
+  int32_t Black;
+} SelectiveColorAdjust;
+
+typedef struct SelectiveColorOptions {
+  uint32_t StructSize;                          /* sizeof(SelectiveColorOptions), 152 */
+  int32_t Method;                               /* SELCOLOR_RELATIVE or SELCOLOR_ABSOLUTE */
+  SelectiveColorAdjust Ranges[SELCOLOR_RANGES]; /* indexed by SELCOLOR_REDS .. SELCOLOR_BLACKS */
+} SelectiveColorOptions;
+
+/* Selective colour. With a pixel's samples on 0..1 sorted max >= mid >= min,
+ * it belongs to: the range of its largest channel (reds, greens, blues) with
+ * weight max - mid; the range of its two largest (yellows = red and green,
+ * cyans = green and blue, magentas = red and blue) with weight mid - min;
+ * whites with 2 min - 1 when min > 1/2; blacks with 1 - 2 max when max < 1/2;
+ * neutrals with 1 - (|max - 1/2| + |min - 1/2|). Each ink (cyan = 1 - red,
+ * magenta = 1 - green, yellow = 1 - blue) changes by the sum over the ranges
+ * of weight x (the range's ink adjustment + its black adjustment) / 100,
+ * multiplied by the ink itself in relative mode, and is held to 0..1. The
+ * new sample is 1 - ink rounded to the nearest sample value (halves away
+ * from zero). Palette bitmaps change their palette; gray bitmaps
+ * (IsGrayBitmap, gray-ramp palettes included): RC_UNSUPPORTED_BITMAP.
+ * Progress 0..100 over the rows (palettes: 0 and 100).
+ * Checks: flags word, null bitmap, record size, 32-bit gray, signed data,
+ * null options (RC_NULL_OPTIONS), options size (RC_INVALID_STRUCT_SIZE),
+ * method and adjustments (RC_INVALID_PARAMETER), gray bitmap. */
+IMG_API int32_t Q_SelectiveColorBitmap(BitmapRecord *bitmap, const SelectiveColorOptions *options,
+                                       uint32_t flags);
+
 
 /* ---- Colour planes, channel mix and line profile ------------------------------------------- */
 /* Records, constants and exports of PLANES, chmix and the line profile.

@@ -562,5 +562,21 @@ expect "segment count reported" '^segments: [0-9]+$'
 run "labels image" 0 info seg-labels.png
 expect "labels are 16-bit gray" '16 bits per pixel'
 
+# ---- Colour threshold, replace and selective colour --------------------------------------
+run "color-replace-weights makes a mask" 0 color-replace-weights sample: mask.png --color '#C08050' --fuzziness 60
+run "info on the mask" 0 info mask.png
+expect "the mask is 8-bit gray" '^kind: +gray$'
+expect "the mask depth" '^depth: +8 bits per pixel'
+# No adjustment changes no ink.
+run "selective colour without adjustments" 0 selective-color sample: sel.png --reds 0,0,0,0 --blues 0,0,0,0 \
+  --whites 0,0,0,0 --blacks 0,0,0,0
+same "selective colour without adjustments keeps the pixels" "$sample_sum" "$(field sel.png checksum)"
+run "selective colour refuses gray" 1 selective-color gray.png sel.png
+expect "selective colour names the kinds it takes" 'gray bitmap; selective-color accepts palette' err
+run "color-threshold in HSV" 0 color-threshold sample: thr.png --space hsv --components 20,60,1,0,0,1,0,0,1
+run "color-threshold: nine values" 2 color-threshold sample: thr.png --components 1,2,3
+run "color-threshold: code 9 is not offered" 2 color-threshold sample: thr.png --space lab-table
+run "color-replace with a region" 0 color-replace sample: rep.png --rect 0,0,100,100 --hue -18000
+
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

@@ -51,6 +51,12 @@ inline constexpr Range kSampleLevel{0, 65535};
 inline constexpr Range kMathLogicValue{-100 * 32768, 100 * 65536};
 
 // Colour threshold, colour replace and selective colour.
+inline constexpr Range kThresholdMode{0, 0x211};     // ColorThresholdComponent.Mode digits
+inline constexpr Range kThresholdSpace{0, 10};       // COLORSPACE_* forward codes (9 refused on its own)
+inline constexpr Range kReplaceCount{1, INT32_MAX};  // chosen colours
+inline constexpr Range kFuzziness{1, UINT32_MAX};    // tolerance of a chosen colour
+inline constexpr Range kSelectiveMethod{0, 1};       // SELCOLOR_RELATIVE, SELCOLOR_ABSOLUTE
+inline constexpr Range kSelectiveAdjust{-100, 100};  // percent of an ink
 
 
 // Colour planes, channel mix and line profile.
