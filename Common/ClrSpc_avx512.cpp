@@ -202,11 +202,118 @@ IMG_AVX512 void LabTabInvRow(const LabTableSet *set, uint8_t *rgb, uint8_t *sp, 
   Rest(COLORSPACE_LAB_TABLE + kToRgb, set, rgb, sp, i, end);
 }
 
+// ---- Lab in floating point, forward -----------------------------------------------------
+//
+// The reference takes pow(t, 0.333333) three times a pixel. Here X, Y, Z and
+// the branches on them are the reference's own doubles (the same operations
+// in the same order, no fused multiply-add); only the power is approximated:
+// the cube root by Newton's iteration on t^(-1/3) (y <- y (4 - t y^3) / 3,
+// five steps from a guess within 10 %), times t^(-1/3000000) =
+// exp(-ln t / 3000000) (0.333333 = 1/3 - 1/3000000), ln t from the exponent
+// and five terms of the series of ln(1 + u) around a mantissa of 1.5.
+// Relative error below 2e-10 for t in [0.008856, 2] (measured 1.1e-10 over
+// 4e7 values; the series' remainder alone is below 4e-11 after the factor
+// 1/3000000). L = 116 f - 15.5 is then within 3e-8 of the reference's
+// value, a = 500 (fx - fy) and b = 200 (fy - fz) within 3e-7: a lane whose
+// L, a or b lies within 1e-6 (L) or 1e-5 (a, b) of an integer is redone with
+// the reference formula, so every result is the reference's truncation.
+
+IMG_AVX512_INLINE __m512d Pd(double v) { return _mm512_set1_pd(v); }
+
+// pow(t, 0.333333) within 2e-10 (relative) for t > 0.008856.
+IMG_AVX512_INLINE __m512d PowThird(__m512d t) {
+  const __m512i guess = _mm512_sub_epi64(
+      _mm512_set1_epi64(int64_t{1364} << 52),
+      _mm512_cvttpd_epi64(_mm512_mul_pd(_mm512_cvtepi64_pd(_mm512_castpd_si512(t)), Pd(1.0 / 3))));
+  __m512d y = _mm512_castsi512_pd(guess);
+  for (int i = 0; i < 5; ++i) {
+    const __m512d y3 = _mm512_mul_pd(_mm512_mul_pd(y, y), y);
+    y = _mm512_mul_pd(_mm512_mul_pd(y, _mm512_sub_pd(Pd(4), _mm512_mul_pd(t, y3))), Pd(1.0 / 3));
+  }
+  const __m512d root = _mm512_mul_pd(_mm512_mul_pd(t, y), y);
+  const __m512d e = _mm512_getexp_pd(t);
+  const __m512d m = _mm512_getmant_pd(t, _MM_MANT_NORM_1_2, _MM_MANT_SIGN_src);
+  const __m512d u = _mm512_mul_pd(_mm512_sub_pd(m, Pd(1.5)), Pd(2.0 / 3));
+  __m512d series = _mm512_sub_pd(Pd(0.25), _mm512_mul_pd(u, Pd(0.2)));
+  series = _mm512_sub_pd(Pd(1.0 / 3), _mm512_mul_pd(u, series));
+  series = _mm512_sub_pd(Pd(0.5), _mm512_mul_pd(u, series));
+  series = _mm512_sub_pd(Pd(1), _mm512_mul_pd(u, series));
+  const __m512d ln = _mm512_add_pd(_mm512_mul_pd(e, Pd(0.6931471805599453)),
+                                   _mm512_add_pd(Pd(0.4054651081081644), _mm512_mul_pd(u, series)));
+  const __m512d x = _mm512_mul_pd(ln, Pd(-1.0 / 3000000));
+  const __m512d correction =
+      _mm512_add_pd(_mm512_add_pd(Pd(1), x), _mm512_mul_pd(_mm512_mul_pd(x, x), Pd(0.5)));
+  return _mm512_mul_pd(root, correction);
+}
+
+// LabF with the power approximated: the linear branch is the reference's.
+IMG_AVX512_INLINE __m512d LabFFast(__m512d t) {
+  const __mmask8 curve = _mm512_cmp_pd_mask(t, Pd(0.008856), _CMP_GT_OQ);
+  const __m512d line = _mm512_add_pd(_mm512_mul_pd(Pd(7.787), t), Pd(0.137931));
+  return _mm512_mask_blend_pd(curve, line, PowThird(t));
+}
+
+// Lanes whose value lies within `margin` of an integer.
+IMG_AVX512_INLINE __mmask8 NearIntegerD(__m512d v, double margin) {
+  return _mm512_cmp_pd_mask(_mm512_abs_pd(_mm512_reduce_pd(v, 0)), Pd(margin), _CMP_LT_OQ);
+}
+
+// cr R + cg G + cb B in the reference's order.
+IMG_AVX512_INLINE __m512d WeightedSum(__m512d R, __m512d G, __m512d B, double cr, double cg, double cb) {
+  return _mm512_add_pd(_mm512_add_pd(_mm512_mul_pd(Pd(cr), R), _mm512_mul_pd(Pd(cg), G)),
+                       _mm512_mul_pd(Pd(cb), B));
+}
+
+// Two sets of eight 32-bit lanes (the low halves) as sixteen.
+IMG_AVX512_INLINE __m512i Join(__m512i lo, __m512i hi) {
+  return _mm512_inserti64x4(lo, _mm512_castsi512_si256(hi), 1);
+}
+
+// Eight pixels (doubles R, G, B): L clamped to 0..255, a and b truncated;
+// the lanes to redo with the reference are returned.
+IMG_AVX512_INLINE __mmask8 LabFwd8Lanes(__m512d R, __m512d G, __m512d B, __m512i &L, __m512i &a, __m512i &b) {
+  const __m512d Yr = _mm512_div_pd(WeightedSum(R, G, B, 0.212671, 0.715160, 0.072169), Pd(255));
+  const __m512d Xr = _mm512_div_pd(WeightedSum(R, G, B, 0.412453, 0.357580, 0.180423), Pd(kXn8));
+  const __m512d Zr = _mm512_div_pd(WeightedSum(R, G, B, 0.019334, 0.119193, 0.950227), Pd(kZn8));
+  const __m512d fx = LabFFast(Xr), fy = LabFFast(Yr), fz = LabFFast(Zr);
+  const __mmask8 curve = _mm512_cmp_pd_mask(Yr, Pd(0.008856), _CMP_GT_OQ);
+  const __m512d lCurve = _mm512_add_pd(_mm512_sub_pd(_mm512_mul_pd(Pd(116), fy), Pd(16)), Pd(0.5));
+  const __m512d lLine = _mm512_add_pd(_mm512_mul_pd(Pd(903.3), Yr), Pd(0.5));
+  const __m512d l = _mm512_mask_blend_pd(curve, lLine, lCurve);
+  const __m512d av = _mm512_mul_pd(Pd(500), _mm512_sub_pd(fx, fy));
+  const __m512d bv = _mm512_mul_pd(Pd(200), _mm512_sub_pd(fy, fz));
+  L = _mm512_castsi256_si512(_mm512_cvttpd_epi32(_mm512_min_pd(_mm512_max_pd(l, Pd(0)), Pd(255))));
+  a = _mm512_castsi256_si512(_mm512_cvttpd_epi32(av));
+  b = _mm512_castsi256_si512(_mm512_cvttpd_epi32(bv));
+  return NearIntegerD(l, 1e-6) | NearIntegerD(av, 1e-5) | NearIntegerD(bv, 1e-5);
+}
+
+IMG_AVX512 void LabFwdRow(const LabTableSet *set, uint8_t *rgb, uint8_t *sp, int32_t first, int32_t end) {
+  int32_t i = first;
+  for (; i + 16 <= end; i += 16) {
+    const __m512i v = Load48(rgb + 3 * static_cast<ptrdiff_t>(i));
+    const __m512i B = Field(v, 0), G = Field(v, 1), R = Field(v, 2);
+    __m512i L[2], a[2], b[2];
+    __mmask16 redo = 0;
+    for (int h = 0; h < 2; ++h)
+      redo |= static_cast<__mmask16>(
+          LabFwd8Lanes(Lanes::Half(R, h), Lanes::Half(G, h), Lanes::Half(B, h), L[h], a[h], b[h]) << (8 * h));
+    uint8_t *q = sp + 3 * static_cast<ptrdiff_t>(i);
+    Store48(q, Join(L[0], L[1]), Join(a[0], a[1]), Join(b[0], b[1]));
+    for (; redo != 0; redo &= static_cast<__mmask16>(redo - 1)) {
+      const int32_t k = __builtin_ctz(redo);
+      const uint8_t *c = rgb + 3 * static_cast<ptrdiff_t>(i + k);
+      ForwardPixel8(COLORSPACE_LAB, c[2], c[1], c[0], q + 3 * k);
+    }
+  }
+  Rest(COLORSPACE_LAB, set, rgb, sp, i, end);
+}
+
 #pragma GCC diagnostic pop
 
 }  // namespace
 
-const SpaceLoops kAvx512Loops = {{nullptr, nullptr, nullptr, nullptr, YcrcbFwdRow<Lanes>, nullptr, nullptr,
+const SpaceLoops kAvx512Loops = {{nullptr, nullptr, nullptr, nullptr, YcrcbFwdRow<Lanes>, nullptr, LabFwdRow,
                                   nullptr, nullptr, LabTabFwdRow, nullptr},
                                  {nullptr, nullptr, nullptr, nullptr, YcrcbInvRow<Lanes>, nullptr, nullptr,
                                   nullptr, nullptr, LabTabInvRow, nullptr}};

@@ -364,7 +364,8 @@ TEST(ColorSpace, FastInverseRowsMatchOnEveryInput) {
   // Code, pixel size, largest first field (then every pair of bytes).
   const std::array<int, 3> domains[] = {{COLORSPACE_HSV, 4, 419}, {COLORSPACE_HLS, 4, 419},
                                         {COLORSPACE_XYZ, 3, 255}, {COLORSPACE_YCRCB, 3, 255},
-                                        {COLORSPACE_YUV, 4, 255}, {COLORSPACE_LAB_TABLE, 3, 255}};
+                                        {COLORSPACE_YUV, 4, 255}, {COLORSPACE_LAB_TABLE, 3, 255},
+                                        {COLORSPACE_LAB, 3, 255}};
   LabTables t;
   for (const auto &[code, size, firstMax] : domains) {
     std::vector<uint8_t> sp(size * 65536);
