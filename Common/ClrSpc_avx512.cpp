@@ -264,28 +264,42 @@ IMG_AVX512_INLINE __m512d WeightedSum(__m512d R, __m512d G, __m512d B, double cr
                        _mm512_mul_pd(Pd(cb), B));
 }
 
-// Two sets of eight 32-bit lanes (the low halves) as sixteen.
-IMG_AVX512_INLINE __m512i Join(__m512i lo, __m512i hi) {
-  return _mm512_inserti64x4(lo, _mm512_castsi512_si256(hi), 1);
+// Two sets of eight 32-bit lanes as sixteen.
+IMG_AVX512_INLINE __m512i Join(__m256i lo, __m256i hi) {
+  return _mm512_inserti64x4(_mm512_castsi256_si512(lo), hi, 1);
 }
 
-// Eight pixels (doubles R, G, B): L clamped to 0..255, a and b truncated;
+IMG_AVX512_INLINE __m512d LoadPd8(const int32_t *x) {
+  return _mm512_cvtepi32_pd(_mm256_load_si256(reinterpret_cast<const __m256i *>(x)));
+}
+
+// The constants of the 8- and 16-bit forms, with the margins of their checks
+// (the 16-bit L, a and b are 100, 257 and 257 times larger, and so are their
+// errors: within 3e-6 for L and 8e-5 for a and b).
+struct LabScale {
+  double yDiv, xn, zn, lMul, lSub, lLine, aMul, bMul, lMax, lMargin, abMargin;
+};
+constexpr LabScale kLab8{255, kXn8, kZn8, 116, 16, 903.3, 500, 200, 255, 1e-6, 1e-5};
+constexpr LabScale kLab16{65535, kXn16, kZn16, 11600, 1600, 90330, 128500, 51400, 65535, 1e-5, 1e-4};
+
+// Eight pixels (doubles R, G, B): L clamped to 0..lMax, a and b truncated;
 // the lanes to redo with the reference are returned.
-IMG_AVX512_INLINE __mmask8 LabFwd8Lanes(__m512d R, __m512d G, __m512d B, __m512i &L, __m512i &a, __m512i &b) {
-  const __m512d Yr = _mm512_div_pd(WeightedSum(R, G, B, 0.212671, 0.715160, 0.072169), Pd(255));
-  const __m512d Xr = _mm512_div_pd(WeightedSum(R, G, B, 0.412453, 0.357580, 0.180423), Pd(kXn8));
-  const __m512d Zr = _mm512_div_pd(WeightedSum(R, G, B, 0.019334, 0.119193, 0.950227), Pd(kZn8));
+IMG_AVX512_INLINE __mmask8 LabFwdLanes(const LabScale &c, __m512d R, __m512d G, __m512d B, __m256i &L,
+                                       __m256i &a, __m256i &b) {
+  const __m512d Yr = _mm512_div_pd(WeightedSum(R, G, B, 0.212671, 0.715160, 0.072169), Pd(c.yDiv));
+  const __m512d Xr = _mm512_div_pd(WeightedSum(R, G, B, 0.412453, 0.357580, 0.180423), Pd(c.xn));
+  const __m512d Zr = _mm512_div_pd(WeightedSum(R, G, B, 0.019334, 0.119193, 0.950227), Pd(c.zn));
   const __m512d fx = LabFFast(Xr), fy = LabFFast(Yr), fz = LabFFast(Zr);
   const __mmask8 curve = _mm512_cmp_pd_mask(Yr, Pd(0.008856), _CMP_GT_OQ);
-  const __m512d lCurve = _mm512_add_pd(_mm512_sub_pd(_mm512_mul_pd(Pd(116), fy), Pd(16)), Pd(0.5));
-  const __m512d lLine = _mm512_add_pd(_mm512_mul_pd(Pd(903.3), Yr), Pd(0.5));
+  const __m512d lCurve = _mm512_add_pd(_mm512_sub_pd(_mm512_mul_pd(Pd(c.lMul), fy), Pd(c.lSub)), Pd(0.5));
+  const __m512d lLine = _mm512_add_pd(_mm512_mul_pd(Pd(c.lLine), Yr), Pd(0.5));
   const __m512d l = _mm512_mask_blend_pd(curve, lLine, lCurve);
-  const __m512d av = _mm512_mul_pd(Pd(500), _mm512_sub_pd(fx, fy));
-  const __m512d bv = _mm512_mul_pd(Pd(200), _mm512_sub_pd(fy, fz));
-  L = _mm512_castsi256_si512(_mm512_cvttpd_epi32(_mm512_min_pd(_mm512_max_pd(l, Pd(0)), Pd(255))));
-  a = _mm512_castsi256_si512(_mm512_cvttpd_epi32(av));
-  b = _mm512_castsi256_si512(_mm512_cvttpd_epi32(bv));
-  return NearIntegerD(l, 1e-6) | NearIntegerD(av, 1e-5) | NearIntegerD(bv, 1e-5);
+  const __m512d av = _mm512_mul_pd(Pd(c.aMul), _mm512_sub_pd(fx, fy));
+  const __m512d bv = _mm512_mul_pd(Pd(c.bMul), _mm512_sub_pd(fy, fz));
+  L = _mm512_cvttpd_epi32(_mm512_min_pd(_mm512_max_pd(l, Pd(0)), Pd(c.lMax)));
+  a = _mm512_cvttpd_epi32(av);
+  b = _mm512_cvttpd_epi32(bv);
+  return NearIntegerD(l, c.lMargin) | NearIntegerD(av, c.abMargin) | NearIntegerD(bv, c.abMargin);
 }
 
 IMG_AVX512 void LabFwdRow(const LabTableSet *set, uint8_t *rgb, uint8_t *sp, int32_t first, int32_t end) {
@@ -293,11 +307,12 @@ IMG_AVX512 void LabFwdRow(const LabTableSet *set, uint8_t *rgb, uint8_t *sp, int
   for (; i + 16 <= end; i += 16) {
     const __m512i v = Load48(rgb + 3 * static_cast<ptrdiff_t>(i));
     const __m512i B = Field(v, 0), G = Field(v, 1), R = Field(v, 2);
-    __m512i L[2], a[2], b[2];
+    __m256i L[2], a[2], b[2];
     __mmask16 redo = 0;
     for (int h = 0; h < 2; ++h)
       redo |= static_cast<__mmask16>(
-          LabFwd8Lanes(Lanes::Half(R, h), Lanes::Half(G, h), Lanes::Half(B, h), L[h], a[h], b[h]) << (8 * h));
+          LabFwdLanes(kLab8, Lanes::Half(R, h), Lanes::Half(G, h), Lanes::Half(B, h), L[h], a[h], b[h])
+          << (8 * h));
     uint8_t *q = sp + 3 * static_cast<ptrdiff_t>(i);
     Store48(q, Join(L[0], L[1]), Join(a[0], a[1]), Join(b[0], b[1]));
     for (; redo != 0; redo &= static_cast<__mmask16>(redo - 1)) {
@@ -309,9 +324,36 @@ IMG_AVX512 void LabFwdRow(const LabTableSet *set, uint8_t *rgb, uint8_t *sp, int
   Rest(COLORSPACE_LAB, set, rgb, sp, i, end);
 }
 
-#pragma GCC diagnostic pop
-
 }  // namespace
+
+// The 16-bit floating Lab forward row: eight pixels a step, the 8-bit scheme
+// with the 16-bit constants (see LabFwdLanes); the rest of the run and the
+// lanes near an integer through the reference.
+IMG_AVX512 void LabFwdRow16Avx512(const uint16_t *rgb, uint8_t *sp, int32_t first, int32_t end) {
+  int32_t i = first;
+  for (; i + 8 <= end; i += 8) {
+    alignas(32) int32_t c[3][8];
+    for (int k = 0; k < 8; ++k)
+      for (int f = 0; f < 3; ++f) c[f][k] = rgb[3 * static_cast<ptrdiff_t>(i + k) + f];
+    __m256i L, a, b;
+    __mmask8 redo = LabFwdLanes(kLab16, LoadPd8(c[2]), LoadPd8(c[1]), LoadPd8(c[0]), L, a, b);
+    alignas(32) int32_t out[3][8];
+    _mm256_store_si256(reinterpret_cast<__m256i *>(out[0]), L);
+    _mm256_store_si256(reinterpret_cast<__m256i *>(out[1]), a);
+    _mm256_store_si256(reinterpret_cast<__m256i *>(out[2]), b);
+    for (int k = 0; k < 8; ++k) {
+      uint8_t *p = sp + 6 * static_cast<ptrdiff_t>(i + k);
+      Put16(p, out[0][k]), Put16(p + 2, out[1][k]), Put16(p + 4, out[2][k]);
+    }
+    for (; redo != 0; redo &= static_cast<__mmask8>(redo - 1)) {
+      const int32_t k = __builtin_ctz(redo);
+      Row16(COLORSPACE_LAB, const_cast<uint16_t *>(rgb), sp, nullptr, i + k, i + k + 1);
+    }
+  }
+  if (i < end) Row16(COLORSPACE_LAB, const_cast<uint16_t *>(rgb), sp, nullptr, i, end);
+}
+
+#pragma GCC diagnostic pop
 
 const SpaceLoops kAvx512Loops = {{nullptr, nullptr, nullptr, nullptr, YcrcbFwdRow<Lanes>, nullptr, LabFwdRow,
                                   nullptr, nullptr, LabTabFwdRow, nullptr},

@@ -154,7 +154,9 @@ Row8Fn RowBelow(Isa isa, uint32_t code);
 void ForwardPixel8(uint32_t code, int32_t r, int32_t g, int32_t b, uint8_t *spacePixel);
 Rgb InversePixel8(uint32_t code, const uint8_t *spacePixel);
 
-// The 16-bit rows: the scalar reference is the only form.
+// The 16-bit rows: the scalar reference, and the one loop of an instruction
+// set (the floating Lab forward, AVX-512).
 void Row16(uint32_t code, uint16_t *rgb, uint8_t *sp, const LabTableSet *set, int32_t first, int32_t end);
+void LabFwdRow16Avx512(const uint16_t *rgb, uint8_t *sp, int32_t first, int32_t end);
 
 }  // namespace img::clrspc
