@@ -102,8 +102,13 @@ int32_t ConvertColorRow16Isa(Isa isa, uint32_t code, uint16_t *rgbRow, void *spa
   if (!clrspc::RowArgsValid(code, rgbRow, spaceRow, set, first)) return RC_INVALID_PARAMETER;
   if (first >= end) return RC_SUCCESS;
   uint8_t *sp = static_cast<uint8_t *>(spaceRow);
-  if (code == COLORSPACE_LAB && BestIsa(isa) == Isa::Avx512)
+  const bool avx512 = BestIsa(isa) == Isa::Avx512;
+  if (avx512 && code == COLORSPACE_LAB)
     clrspc::LabFwdRow16Avx512(rgbRow, sp, first, end);
+  else if (avx512 && code == COLORSPACE_LAB + kToRgb)
+    clrspc::LabInvRow16Avx512(rgbRow, sp, first, end);
+  else if (avx512 && (code == COLORSPACE_YCRCB || code == COLORSPACE_YCRCB + kToRgb))
+    clrspc::YcrcbRow16Avx512(code != COLORSPACE_YCRCB, rgbRow, sp, first, end);
   else
     clrspc::Row16(code, rgbRow, sp, set, first, end);
   return RC_SUCCESS;

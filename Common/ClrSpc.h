@@ -63,7 +63,8 @@ int32_t ConvertColorRow8Isa(Isa isa, uint32_t code, uint8_t *rgbRow, void *space
                             int32_t first, int32_t end);
 
 // ConvertColorRow16 with the loops of instruction sets up to `isa` (the
-// floating Lab forward has an AVX-512 loop; Isa::Scalar is the reference).
+// floating Lab and YCrCb, both ways, have AVX-512 loops; Isa::Scalar is the
+// reference).
 int32_t ConvertColorRow16Isa(Isa isa, uint32_t code, uint16_t *rgbRow, void *spaceRow, const LabTableSet *set,
                              int32_t first, int32_t end);
 

@@ -269,10 +269,6 @@ IMG_AVX512_INLINE __m512i Join(__m256i lo, __m256i hi) {
   return _mm512_inserti64x4(_mm512_castsi256_si512(lo), hi, 1);
 }
 
-IMG_AVX512_INLINE __m512d LoadPd8(const int32_t *x) {
-  return _mm512_cvtepi32_pd(_mm256_load_si256(reinterpret_cast<const __m256i *>(x)));
-}
-
 // The constants of the 8- and 16-bit forms, with the margins of their checks
 // (the 16-bit L, a and b are 100, 257 and 257 times larger, and so are their
 // errors: within 3e-6 for L and 8e-5 for a and b).
@@ -324,19 +320,47 @@ IMG_AVX512 void LabFwdRow(const LabTableSet *set, uint8_t *rgb, uint8_t *sp, int
   Rest(COLORSPACE_LAB, set, rgb, sp, i, end);
 }
 
+// ---- 16-bit rows ------------------------------------------------------------------------
+//
+// Eight pixels of three 16-bit samples: one masked 48-byte load, each field
+// spread to 32-bit lanes by a word permute; written back by one word permute
+// and a masked 48-byte store.
+
+constexpr __mmask32 k24Words = 0xFFFFFF;
+
+IMG_AVX512_INLINE __m512d Field16(__m512i v, int f) {
+  const __m512i idx = _mm512_add_epi16(_mm512_setr_epi32(0, 3, 6, 9, 12, 15, 18, 21, 0, 0, 0, 0, 0, 0, 0, 0),
+                                       _mm512_set1_epi32(f));
+  return _mm512_cvtepi32_pd(_mm512_castsi512_si256(_mm512_maskz_permutexvar_epi16(0x5555, idx, v)));
+}
+
+// Writes the low 16 bits of the eight lanes of f0, f1, f2 as eight pixels.
+IMG_AVX512_INLINE void Store16x3(uint16_t *q, __m256i f0, __m256i f1, __m256i f2) {
+  static constexpr std::array<uint16_t, 32> kIdx = [] {
+    std::array<uint16_t, 32> m{};
+    for (int j = 0; j < 24; ++j) m[j] = static_cast<uint16_t>(16 * (j % 3) + 2 * (j / 3));
+    return m;
+  }();
+  const __m512i idx = _mm512_loadu_si512(kIdx.data());
+  _mm512_mask_storeu_epi16(q, k24Words,
+                           _mm512_permutex2var_epi16(Join(f0, f1), idx, _mm512_castsi256_si512(f2)));
+}
+
+IMG_AVX512_INLINE __m256i TruncClampD(__m512d v, double lo, double hi) {
+  return _mm512_cvttpd_epi32(_mm512_min_pd(_mm512_max_pd(v, Pd(lo)), Pd(hi)));
+}
+
 }  // namespace
 
 // The 16-bit floating Lab forward row: eight pixels a step, the 8-bit scheme
 // with the 16-bit constants (see LabFwdLanes); the rest of the run and the
 // lanes near an integer through the reference.
-IMG_AVX512 void LabFwdRow16Avx512(const uint16_t *rgb, uint8_t *sp, int32_t first, int32_t end) {
+IMG_AVX512 void LabFwdRow16Avx512(uint16_t *rgb, uint8_t *sp, int32_t first, int32_t end) {
   int32_t i = first;
   for (; i + 8 <= end; i += 8) {
-    alignas(32) int32_t c[3][8];
-    for (int k = 0; k < 8; ++k)
-      for (int f = 0; f < 3; ++f) c[f][k] = rgb[3 * static_cast<ptrdiff_t>(i + k) + f];
+    const __m512i v = _mm512_maskz_loadu_epi16(k24Words, rgb + 3 * static_cast<ptrdiff_t>(i));
     __m256i L, a, b;
-    __mmask8 redo = LabFwdLanes(kLab16, LoadPd8(c[2]), LoadPd8(c[1]), LoadPd8(c[0]), L, a, b);
+    __mmask8 redo = LabFwdLanes(kLab16, Field16(v, 2), Field16(v, 1), Field16(v, 0), L, a, b);
     alignas(32) int32_t out[3][8];
     _mm256_store_si256(reinterpret_cast<__m256i *>(out[0]), L);
     _mm256_store_si256(reinterpret_cast<__m256i *>(out[1]), a);
@@ -347,10 +371,111 @@ IMG_AVX512 void LabFwdRow16Avx512(const uint16_t *rgb, uint8_t *sp, int32_t firs
     }
     for (; redo != 0; redo &= static_cast<__mmask8>(redo - 1)) {
       const int32_t k = __builtin_ctz(redo);
-      Row16(COLORSPACE_LAB, const_cast<uint16_t *>(rgb), sp, nullptr, i + k, i + k + 1);
+      Row16(COLORSPACE_LAB, rgb, sp, nullptr, i + k, i + k + 1);
     }
   }
-  if (i < end) Row16(COLORSPACE_LAB, const_cast<uint16_t *>(rgb), sp, nullptr, i, end);
+  if (i < end) Row16(COLORSPACE_LAB, rgb, sp, nullptr, i, end);
+}
+
+// The 16-bit YCrCb rows in doubles, eight a vector: the reference's
+// operations in its order (no fused multiply-add) and its clamps, so the
+// same bits by construction; the rest of the run through the reference.
+IMG_AVX512 void YcrcbRow16Avx512(bool inverse, uint16_t *rgb, uint8_t *sp, int32_t first, int32_t end) {
+  const uint32_t code = inverse ? COLORSPACE_YCRCB + kToRgb : COLORSPACE_YCRCB;
+  int32_t i = first;
+  for (; i + 8 <= end; i += 8) {
+    uint16_t *q = rgb + 3 * static_cast<ptrdiff_t>(i);
+    uint16_t *p = reinterpret_cast<uint16_t *>(sp) + 3 * static_cast<ptrdiff_t>(i);
+    if (!inverse) {
+      const __m512i v = _mm512_maskz_loadu_epi16(k24Words, q);
+      const __m512d B = Field16(v, 0), G = Field16(v, 1), R = Field16(v, 2);
+      const __m512d y = WeightedSum(R, G, B, 0.299, 0.587, 0.114);
+      const __m512d cr =
+          _mm512_sub_pd(_mm512_sub_pd(_mm512_mul_pd(Pd(0.5), R), _mm512_mul_pd(Pd(0.41869), G)),
+                        _mm512_mul_pd(Pd(0.08131), B));
+      const __m512d cb =
+          _mm512_add_pd(_mm512_sub_pd(_mm512_mul_pd(Pd(-0.16874), R), _mm512_mul_pd(Pd(0.33126), G)),
+                        _mm512_mul_pd(Pd(0.5), B));
+      Store16x3(p, TruncClampD(y, 0, 65535), TruncClampD(cr, -32768, 32767), TruncClampD(cb, -32768, 32767));
+    } else {
+      const __m512i v = _mm512_maskz_loadu_epi16(k24Words, p);
+      const __m512d Y = Field16(v, 0);
+      // Cr and Cb are signed: the low 16 bits of the lanes, sign-extended.
+      const __m512i raw = _mm512_maskz_permutexvar_epi16(
+          0x5555, _mm512_setr_epi32(1, 4, 7, 10, 13, 16, 19, 22, 0, 0, 0, 0, 0, 0, 0, 0), v);
+      const __m512i raw2 = _mm512_maskz_permutexvar_epi16(
+          0x5555, _mm512_setr_epi32(2, 5, 8, 11, 14, 17, 20, 23, 0, 0, 0, 0, 0, 0, 0, 0), v);
+      const __m512d Cr =
+          _mm512_cvtepi32_pd(_mm512_castsi512_si256(_mm512_srai_epi32(_mm512_slli_epi32(raw, 16), 16)));
+      const __m512d Cb =
+          _mm512_cvtepi32_pd(_mm512_castsi512_si256(_mm512_srai_epi32(_mm512_slli_epi32(raw2, 16), 16)));
+      const __m512d r = _mm512_add_pd(Y, _mm512_mul_pd(Pd(1.402), Cr));
+      const __m512d g = _mm512_sub_pd(_mm512_sub_pd(Y, _mm512_mul_pd(Pd(0.3441363), Cb)),
+                                      _mm512_mul_pd(Pd(0.71413636), Cr));
+      const __m512d b = _mm512_add_pd(Y, _mm512_mul_pd(Pd(1.772), Cb));
+      Store16x3(q, TruncClampD(b, 0, 65535), TruncClampD(g, 0, 65535), TruncClampD(r, 0, 65535));
+    }
+  }
+  if (i < end) Row16(code, rgb, sp, nullptr, i, end);
+}
+
+// The 16-bit floating Lab inverse, eight pixels a step: Yr and f(Yr) (one
+// pow) of each L met are computed once by the reference's own steps and kept
+// in 4096 slots (L mod 4096); the rest runs in doubles with the reference's
+// operations in its order (both branches of the inverse f, then a blend), so
+// the same bits by construction.
+IMG_AVX512_INLINE __m512d LabFInvD(__m512d f) {
+  const __mmask8 cube = _mm512_cmp_pd_mask(f, Pd(0.206893), _CMP_GT_OQ);
+  const __m512d line = _mm512_div_pd(_mm512_sub_pd(f, Pd(0.137931)), Pd(7.787));
+  return _mm512_mask_blend_pd(cube, line, _mm512_mul_pd(_mm512_mul_pd(f, f), f));
+}
+
+IMG_AVX512_INLINE __m512d MixD(__m512d X, __m512d Y, __m512d Z, double cx, double cy, double cz) {
+  const __m512d xy = cy < 0 ? _mm512_sub_pd(_mm512_mul_pd(Pd(cx), X), _mm512_mul_pd(Pd(-cy), Y))
+                            : _mm512_add_pd(_mm512_mul_pd(Pd(cx), X), _mm512_mul_pd(Pd(cy), Y));
+  const __m512d xyz =
+      cz < 0 ? _mm512_sub_pd(xy, _mm512_mul_pd(Pd(-cz), Z)) : _mm512_add_pd(xy, _mm512_mul_pd(Pd(cz), Z));
+  return _mm512_add_pd(xyz, Pd(0.5));
+}
+
+IMG_AVX512 void LabInvRow16Avx512(uint16_t *rgb, uint8_t *sp, int32_t first, int32_t end) {
+  alignas(64) int32_t keys[4096];
+  alignas(64) double yr[4096], fy[4096];
+  for (int32_t &k : keys) k = -1;
+  int32_t i = first;
+  for (; i + 8 <= end; i += 8) {
+    const uint16_t *p = reinterpret_cast<const uint16_t *>(sp) + 3 * static_cast<ptrdiff_t>(i);
+    alignas(32) int32_t slot[8];
+    for (int k = 0; k < 8; ++k) {
+      const int32_t L = p[3 * k], s = L & 4095;
+      if (keys[s] != L) {
+        const LabY y = LabY16(L);
+        keys[s] = L, yr[s] = y.yr, fy[s] = y.fy;
+      }
+      slot[k] = s;
+    }
+    const __m256i at = _mm256_load_si256(reinterpret_cast<const __m256i *>(slot));
+    const __m512d Yr = _mm512_i32gather_pd(at, yr, 8), Fy = _mm512_i32gather_pd(at, fy, 8);
+    const __m512i v = _mm512_maskz_loadu_epi16(k24Words, p);
+    const __m512i ra = _mm512_maskz_permutexvar_epi16(
+        0x5555, _mm512_setr_epi32(1, 4, 7, 10, 13, 16, 19, 22, 0, 0, 0, 0, 0, 0, 0, 0), v);
+    const __m512i rb = _mm512_maskz_permutexvar_epi16(
+        0x5555, _mm512_setr_epi32(2, 5, 8, 11, 14, 17, 20, 23, 0, 0, 0, 0, 0, 0, 0, 0), v);
+    const __m512d a =
+        _mm512_cvtepi32_pd(_mm512_castsi512_si256(_mm512_srai_epi32(_mm512_slli_epi32(ra, 16), 16)));
+    const __m512d b =
+        _mm512_cvtepi32_pd(_mm512_castsi512_si256(_mm512_srai_epi32(_mm512_slli_epi32(rb, 16), 16)));
+    const __m512d fx = _mm512_add_pd(_mm512_div_pd(a, Pd(128500.0)), Fy);
+    const __m512d fz = _mm512_sub_pd(Fy, _mm512_div_pd(b, Pd(51400.0)));
+    const __m512d X = _mm512_mul_pd(Pd(kXn16), LabFInvD(fx)), Y = _mm512_mul_pd(Pd(65535), Yr),
+                  Z = _mm512_mul_pd(Pd(kZn16), LabFInvD(fz));
+    const __m512d R = MixD(X, Y, Z, 3.240479, -1.53715, -0.498535);
+    const __m512d G = MixD(X, Y, Z, -0.969256, 1.875992, 0.041556);
+    const __m512d B = MixD(X, Y, Z, 0.055648, -0.204043, 1.057311);
+    Store16x3(rgb + 3 * static_cast<ptrdiff_t>(i), TruncClampD(B, 0, 65535), TruncClampD(G, 0, 65535),
+              TruncClampD(R, 0, 65535));
+  }
+  if (i < end) Row16(COLORSPACE_LAB + kToRgb, rgb, sp, nullptr, i, end);
 }
 
 #pragma GCC diagnostic pop

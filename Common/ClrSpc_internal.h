@@ -154,9 +154,11 @@ Row8Fn RowBelow(Isa isa, uint32_t code);
 void ForwardPixel8(uint32_t code, int32_t r, int32_t g, int32_t b, uint8_t *spacePixel);
 Rgb InversePixel8(uint32_t code, const uint8_t *spacePixel);
 
-// The 16-bit rows: the scalar reference, and the one loop of an instruction
-// set (the floating Lab forward, AVX-512).
+// The 16-bit rows: the scalar reference, and the AVX-512 loops of the
+// floating Lab and YCrCb both ways.
 void Row16(uint32_t code, uint16_t *rgb, uint8_t *sp, const LabTableSet *set, int32_t first, int32_t end);
-void LabFwdRow16Avx512(const uint16_t *rgb, uint8_t *sp, int32_t first, int32_t end);
+void LabFwdRow16Avx512(uint16_t *rgb, uint8_t *sp, int32_t first, int32_t end);
+void YcrcbRow16Avx512(bool inverse, uint16_t *rgb, uint8_t *sp, int32_t first, int32_t end);
+void LabInvRow16Avx512(uint16_t *rgb, uint8_t *sp, int32_t first, int32_t end);
 
 }  // namespace img::clrspc
