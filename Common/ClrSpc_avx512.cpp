@@ -454,6 +454,14 @@ IMG_AVX512 void LabInvRow16Avx512(uint16_t *rgb, uint8_t *sp, int32_t first, int
       }
       slot[k] = s;
     }
+    // Two pixels of the step whose L share a slot: the first one's entry is
+    // gone; the step goes through the reference.
+    bool kept = true;
+    for (int k = 0; k < 8; ++k) kept = kept && keys[slot[k]] == p[3 * k];
+    if (!kept) {
+      Row16(COLORSPACE_LAB + kToRgb, rgb, sp, nullptr, i, i + 8);
+      continue;
+    }
     const __m256i at = _mm256_load_si256(reinterpret_cast<const __m256i *>(slot));
     const __m512d Yr = _mm512_i32gather_pd(at, yr, 8), Fy = _mm512_i32gather_pd(at, fy, 8);
     const __m512i v = _mm512_maskz_loadu_epi16(k24Words, p);

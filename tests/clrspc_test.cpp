@@ -418,7 +418,10 @@ TEST_P(RoundTrip16Test, DenseSample) {
       if (isa == Isa::Scalar) {
         ref = sp, refBack = back;
       } else {
-        ASSERT_TRUE(sp == ref && back == refBack) << code << " " << img::IsaName(isa) << " row " << row;
+        const auto bad = std::mismatch(sp.begin(), sp.end(), ref.begin()).first - sp.begin();
+        const auto badBack = std::mismatch(back.begin(), back.end(), refBack.begin()).first - back.begin();
+        ASSERT_TRUE(sp == ref && back == refBack) << code << " " << img::IsaName(isa) << " row " << row
+                                                  << " space byte " << bad << " rgb sample " << badBack;
       }
     }
     for (int i = 0; i < kRow; ++i) {
