@@ -5,7 +5,10 @@
 #include <type_traits>
 
 #include "ClrSpc.h"
+#include "colour_memo.h"
 #include "frame.h"
+
+static constexpr const wchar_t *kSourceFile = L"Common/AdjustTint";
 
 namespace img::tint {
 
@@ -33,11 +36,52 @@ inline void ShiftPixel(uint8_t *p, int32_t thetaShift, int32_t phiShift) {
   std::memcpy(p + 2, &f, 2);
 }
 
+// One pixel through the spherical form, turned, and back: the row
+// conversions on a row of one pixel.
+template <class T>
+void TintPixel(int32_t &r, int32_t &g, int32_t &b, int32_t thetaShift, int32_t phiShift) {
+  constexpr uint32_t kBack = COLORSPACE_SPHERICAL + COLORSPACE_TO_RGB;
+  T rgb[3] = {static_cast<T>(b), static_cast<T>(g), static_cast<T>(r)};
+  uint8_t sphere[8];
+  if constexpr (sizeof(T) == 2) {
+    ConvertColorRow16(COLORSPACE_SPHERICAL, rgb, sphere, nullptr, 0, 1);
+    ShiftPixel(sphere + 4, thetaShift, phiShift);
+    ConvertColorRow16(kBack, rgb, sphere, nullptr, 0, 1);
+  } else {
+    ConvertColorRow8(COLORSPACE_SPHERICAL, rgb, sphere, nullptr, 0, 1);
+    ShiftPixel(sphere + 2, thetaShift, phiShift);
+    ConvertColorRow8(kBack, rgb, sphere, nullptr, 0, 1);
+  }
+  b = rgb[0], g = rgb[1], r = rgb[2];
+}
+
+// The rows of the region, pixel by pixel through the call's colour memo (the
+// result depends on the colour alone).
+template <class T>
+int32_t TintRows(RowPass &pass, int32_t thetaShift, int32_t phiShift) {
+  ColourMemo<T> memo(__LINE__, kSourceFile);
+  if (!memo) return RC_NO_MEMORY;
+  const auto compute = [=](int32_t &r, int32_t &g, int32_t &b) {
+    TintPixel<T>(r, g, b, thetaShift, phiShift);
+  };
+  return pass.RunRows([&](auto &row) {
+    if constexpr (sizeof(*row.samples) == sizeof(T)) {
+      row.ForEachRun([&](int32_t left, int32_t right) {
+        ForEachColour(row.samples, row.channels, left, right,
+                      [&](int32_t &r, int32_t &g, int32_t &b) { memo.Apply(r, g, b, compute); });
+      });
+    }
+  });
+}
+
 // The palette of a palette bitmap without a region, or the rows of the
 // region, through the spherical form and back; nothing is reported.
 int32_t Worker(BitmapRecord *bitmap, int32_t thetaShift, int32_t phiShift) {
   RowPass pass(bitmap, RowSetup{.palette = PaletteRule::EntriesWithoutRegion});
   if (pass.status() != RC_SUCCESS) return pass.status();
+  if (!pass.OnPalette())
+    return pass.wide() ? TintRows<uint16_t>(pass, thetaShift, phiShift)
+                       : TintRows<uint8_t>(pass, thetaShift, phiShift);
   ColourSpacePass space(pass, {COLORSPACE_SPHERICAL});
   const int32_t status = space.Run([&](auto &row) {
     using T = std::remove_reference_t<decltype(*row.rgb)>;

@@ -94,8 +94,23 @@ int32_t ConvertColorRow8Isa(Isa isa, uint32_t code, uint8_t *rgbRow, void *space
 
 int32_t ConvertColorRow16(uint32_t code, uint16_t *rgbRow, void *spaceRow, const LabTableSet *set,
                           int32_t first, int32_t end) {
+  return ConvertColorRow16Isa(Isa::Avx512, code, rgbRow, spaceRow, set, first, end);
+}
+
+int32_t ConvertColorRow16Isa(Isa isa, uint32_t code, uint16_t *rgbRow, void *spaceRow, const LabTableSet *set,
+                             int32_t first, int32_t end) {
   if (!clrspc::RowArgsValid(code, rgbRow, spaceRow, set, first)) return RC_INVALID_PARAMETER;
-  if (first < end) clrspc::Row16(code, rgbRow, static_cast<uint8_t *>(spaceRow), set, first, end);
+  if (first >= end) return RC_SUCCESS;
+  uint8_t *sp = static_cast<uint8_t *>(spaceRow);
+  const bool avx512 = BestIsa(isa) == Isa::Avx512;
+  if (avx512 && code == COLORSPACE_LAB)
+    clrspc::LabFwdRow16Avx512(rgbRow, sp, first, end);
+  else if (avx512 && code == COLORSPACE_LAB + kToRgb)
+    clrspc::LabInvRow16Avx512(rgbRow, sp, first, end);
+  else if (avx512 && (code == COLORSPACE_YCRCB || code == COLORSPACE_YCRCB + kToRgb))
+    clrspc::YcrcbRow16Avx512(code != COLORSPACE_YCRCB, rgbRow, sp, first, end);
+  else
+    clrspc::Row16(code, rgbRow, sp, set, first, end);
   return RC_SUCCESS;
 }
 

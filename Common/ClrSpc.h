@@ -62,6 +62,12 @@ int32_t ConvertColorRow16(uint32_t code, uint16_t *rgbRow, void *spaceRow, const
 int32_t ConvertColorRow8Isa(Isa isa, uint32_t code, uint8_t *rgbRow, void *spaceRow, const LabTableSet *set,
                             int32_t first, int32_t end);
 
+// ConvertColorRow16 with the loops of instruction sets up to `isa` (the
+// floating Lab and YCrCb, both ways, have AVX-512 loops; Isa::Scalar is the
+// reference).
+int32_t ConvertColorRow16Isa(Isa isa, uint32_t code, uint16_t *rgbRow, void *spaceRow, const LabTableSet *set,
+                             int32_t first, int32_t end);
+
 // Allocates and fills every table of `set` (which must start zeroed). Returns
 // 1, or RC_NO_MEMORY as soon as an allocation fails, leaving the tables
 // already made in place for FreeLabTables. A null set gives -13.

@@ -3,6 +3,7 @@
 // ClrSpc_avx2.cpp, ClrSpc_avx512.cpp) and the dispatch (ClrSpc.cpp) share.
 #pragma once
 
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 
@@ -42,6 +43,55 @@ inline void Put16(uint8_t *p, int32_t v) {
 inline void Put32(uint8_t *p, int32_t v) {
   const uint32_t u = static_cast<uint32_t>(v);
   std::memcpy(p, &u, 4);
+}
+
+// trunc(v) clamped to [lo, hi]; NaN gives lo. Clamping before the conversion
+// gives the same result as after it and keeps the conversion defined.
+inline int32_t TruncClamp(double v, int32_t lo, int32_t hi) {
+  if (!(v > lo)) return lo;
+  if (v >= hi) return hi;
+  return static_cast<int32_t>(v);
+}
+
+inline double Cube(double t) { return t * t * t; }
+
+// ---- Lab in floating point: the formulas of the reference ---------------------------------
+
+inline double LabF(double t) { return t > 0.008856 ? std::pow(t, 0.333333) : 7.787 * t + 0.137931; }
+inline double LabFInv(double f) { return f > 0.206893 ? Cube(f) : (f - 0.137931) / 7.787; }
+
+constexpr double kXn8 = 242.36628, kZn8 = 277.63227;
+// The same white point on the 16-bit scale: 257 times the 8-bit one.
+constexpr double kXn16 = 62288.13396, kZn16 = 71351.49339;
+
+// The inverse in two steps: Yr and f(Yr) depend on L alone (the rows keep
+// them per L), the rest on them and a, b.
+struct LabY {
+  double yr, fy;
+};
+inline LabY LabY8(int32_t L) {
+  double Yr = Cube((L + 16) / 116.0);
+  if (Yr < 0.008856) Yr = L / 903.3;
+  return {Yr, LabF(Yr)};
+}
+inline LabY LabY16(int32_t L) {
+  double Yr = Cube((L + 1600) / 11600.0);
+  if (Yr < 0.008856) Yr = L / 90330.0;
+  return {Yr, LabF(Yr)};
+}
+inline Rgb LabInv8From(const LabY &y, int32_t a, int32_t b) {
+  const double fx = a / 500.0 + y.fy, fz = y.fy - b / 200.0;
+  const double X = kXn8 * LabFInv(fx), Y = 255 * y.yr, Z = kZn8 * LabFInv(fz);
+  return {TruncClamp(3.240479 * X - 1.53715 * Y - 0.498535 * Z + 0.5, 0, 255),
+          TruncClamp(-0.969256 * X + 1.875992 * Y + 0.041556 * Z + 0.5, 0, 255),
+          TruncClamp(0.055648 * X - 0.204043 * Y + 1.057311 * Z + 0.5, 0, 255)};
+}
+inline Rgb LabInv16From(const LabY &y, int32_t a, int32_t b) {
+  const double fx = a / 128500.0 + y.fy, fz = y.fy - b / 51400.0;
+  const double X = kXn16 * LabFInv(fx), Y = 65535 * y.yr, Z = kZn16 * LabFInv(fz);
+  return {TruncClamp(3.240479 * X - 1.53715 * Y - 0.498535 * Z + 0.5, 0, 65535),
+          TruncClamp(-0.969256 * X + 1.875992 * Y + 0.041556 * Z + 0.5, 0, 65535),
+          TruncClamp(0.055648 * X - 0.204043 * Y + 1.057311 * Z + 0.5, 0, 65535)};
 }
 
 // The 8-bit HSV and HLS inverse pixel formulas (the models of hue_model.h in
@@ -104,7 +154,11 @@ Row8Fn RowBelow(Isa isa, uint32_t code);
 void ForwardPixel8(uint32_t code, int32_t r, int32_t g, int32_t b, uint8_t *spacePixel);
 Rgb InversePixel8(uint32_t code, const uint8_t *spacePixel);
 
-// The 16-bit rows: the scalar reference is the only form.
+// The 16-bit rows: the scalar reference, and the AVX-512 loops of the
+// floating Lab and YCrCb both ways.
 void Row16(uint32_t code, uint16_t *rgb, uint8_t *sp, const LabTableSet *set, int32_t first, int32_t end);
+void LabFwdRow16Avx512(uint16_t *rgb, uint8_t *sp, int32_t first, int32_t end);
+void YcrcbRow16Avx512(bool inverse, uint16_t *rgb, uint8_t *sp, int32_t first, int32_t end);
+void LabInvRow16Avx512(uint16_t *rgb, uint8_t *sp, int32_t first, int32_t end);
 
 }  // namespace img::clrspc

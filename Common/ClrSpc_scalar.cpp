@@ -13,19 +13,9 @@ namespace img::clrspc {
 
 namespace {
 
-// trunc(v) clamped to [lo, hi]; NaN gives lo. Clamping before the conversion
-// gives the same result as after it and keeps the conversion defined.
-inline int32_t TruncClamp(double v, int32_t lo, int32_t hi) {
-  if (!(v > lo)) return lo;
-  if (v >= hi) return hi;
-  return static_cast<int32_t>(v);
-}
-
 // The 16-bit integer forms keep their signed 32-bit products as they are,
 // overflow included (two's-complement wrap-around).
 using W = hue::Wrap32;
-
-inline double Cube(double t) { return t * t * t; }
 
 // ---- HSV and HLS (the models of hue_model.h) --------------------------------------------
 
@@ -137,13 +127,6 @@ inline Rgb YuvInv16(const uint8_t *p) {
 
 // ---- Lab in floating point ----------------------------------------------------------
 
-inline double LabF(double t) { return t > 0.008856 ? std::pow(t, 0.333333) : 7.787 * t + 0.137931; }
-inline double LabFInv(double f) { return f > 0.206893 ? Cube(f) : (f - 0.137931) / 7.787; }
-
-constexpr double kXn8 = 242.36628, kZn8 = 277.63227;
-// The same white point on the 16-bit scale: 257 times the 8-bit one.
-constexpr double kXn16 = 62288.13396, kZn16 = 71351.49339;
-
 // Stores L and the low 8 bits of a and b (they wrap, they are not clamped).
 inline void LabFwd8(int32_t R, int32_t G, int32_t B, uint8_t *p) {
   const double Yr = (0.212671 * R + 0.715160 * G + 0.072169 * B) / 255;
@@ -170,25 +153,7 @@ inline void LabFwd16(int32_t R, int32_t G, int32_t B, uint8_t *p) {
 }
 
 inline Rgb LabInv8(const uint8_t *p) {
-  const int32_t L = p[0], a = static_cast<int8_t>(p[1]), b = static_cast<int8_t>(p[2]);
-  double Yr = Cube((L + 16) / 116.0);
-  if (Yr < 0.008856) Yr = L / 903.3;
-  const double fy = LabF(Yr), fx = a / 500.0 + fy, fz = fy - b / 200.0;
-  const double X = kXn8 * LabFInv(fx), Y = 255 * Yr, Z = kZn8 * LabFInv(fz);
-  return {TruncClamp(3.240479 * X - 1.53715 * Y - 0.498535 * Z + 0.5, 0, 255),
-          TruncClamp(-0.969256 * X + 1.875992 * Y + 0.041556 * Z + 0.5, 0, 255),
-          TruncClamp(0.055648 * X - 0.204043 * Y + 1.057311 * Z + 0.5, 0, 255)};
-}
-
-inline Rgb LabInv16(const uint8_t *p) {
-  const int32_t L = Get16(p), a = static_cast<int16_t>(Get16(p + 2)), b = static_cast<int16_t>(Get16(p + 4));
-  double Yr = Cube((L + 1600) / 11600.0);
-  if (Yr < 0.008856) Yr = L / 90330.0;
-  const double fy = LabF(Yr), fx = a / 128500.0 + fy, fz = fy - b / 51400.0;
-  const double X = kXn16 * LabFInv(fx), Y = 65535 * Yr, Z = kZn16 * LabFInv(fz);
-  return {TruncClamp(3.240479 * X - 1.53715 * Y - 0.498535 * Z + 0.5, 0, 65535),
-          TruncClamp(-0.969256 * X + 1.875992 * Y + 0.041556 * Z + 0.5, 0, 65535),
-          TruncClamp(0.055648 * X - 0.204043 * Y + 1.057311 * Z + 0.5, 0, 65535)};
+  return LabInv8From(LabY8(p[0]), static_cast<int8_t>(p[1]), static_cast<int8_t>(p[2]));
 }
 
 // ---- Lab through tables ---------------------------------------------------------------
@@ -493,9 +458,23 @@ void Row16(uint32_t code, uint16_t *rgb, uint8_t *sp, const LabTableSet *set, in
     case COLORSPACE_YUV + kToRgb:
       InverseRow(rgb, sp, 8, first, end, [](const uint8_t *p) { return YuvInv16(p); });
       break;
-    case COLORSPACE_LAB + kToRgb:
-      InverseRow(rgb, sp, 6, first, end, [](const uint8_t *p) { return LabInv16(p); });
+    case COLORSPACE_LAB + kToRgb: {
+      // Yr and f(Yr) (one pow) depend on L alone: kept for the last L of each
+      // of 1024 slots (L mod 1024), the same values recomputed or not.
+      struct Slot {
+        int32_t L;
+        LabY y;
+      };
+      Slot slots[1024];
+      for (Slot &slot : slots) slot.L = -1;
+      InverseRow(rgb, sp, 6, first, end, [&slots](const uint8_t *p) {
+        const int32_t L = Get16(p);
+        Slot &slot = slots[L & 1023];
+        if (slot.L != L) slot = {L, LabY16(L)};
+        return LabInv16From(slot.y, static_cast<int16_t>(Get16(p + 2)), static_cast<int16_t>(Get16(p + 4)));
+      });
       break;
+    }
     case COLORSPACE_CMY + kToRgb:
       InverseRow(rgb, sp, 6, first, end, [](const uint8_t *p) {
         return Rgb{65535 - Get16(p), 65535 - Get16(p + 2), 65535 - Get16(p + 4)};

@@ -306,9 +306,26 @@ void LabTabInvRow(const LabTableSet *set, uint8_t *rgb, uint8_t *sp, int32_t fir
 
 }  // namespace
 
+// ---- Lab in floating point, inverse -----------------------------------------------------
+
+// Yr and f(Yr) (one pow) depend on L alone: each L met in the run is computed
+// once, by the reference's own steps, so the bits are the reference's.
+void LabInvRow(const LabTableSet *, uint8_t *rgb, uint8_t *sp, int32_t first, int32_t end) {
+  LabY y[256];
+  bool known[256] = {};
+  for (int32_t i = first; i < end; ++i) {
+    const uint8_t *p = sp + 3 * static_cast<ptrdiff_t>(i);
+    const int32_t L = p[0];
+    if (!known[L]) y[L] = LabY8(L), known[L] = true;
+    const Rgb c = LabInv8From(y[L], static_cast<int8_t>(p[1]), static_cast<int8_t>(p[2]));
+    uint8_t *q = rgb + 3 * static_cast<ptrdiff_t>(i);
+    q[0] = static_cast<uint8_t>(c.b), q[1] = static_cast<uint8_t>(c.g), q[2] = static_cast<uint8_t>(c.r);
+  }
+}
+
 const SpaceLoops kSse2Loops = {{nullptr, HsvFwdRow, HlsFwdRow, XyzFwdRow, YcrcbFwdRow, YuvFwdRow, nullptr,
                                 nullptr, nullptr, LabTabFwdRow, nullptr},
-                               {nullptr, HsvInvRow, HlsInvRow, XyzInvRow, YcrcbInvRow, YuvInvRow, nullptr,
+                               {nullptr, HsvInvRow, HlsInvRow, XyzInvRow, YcrcbInvRow, YuvInvRow, LabInvRow,
                                 nullptr, nullptr, LabTabInvRow, nullptr}};
 
 }  // namespace img::clrspc

@@ -7,6 +7,7 @@
 #include <cmath>
 
 #include "ClrSpc.h"
+#include "colour_memo.h"
 #include "frame.h"
 #include "imgplatform.h"
 
@@ -173,6 +174,63 @@ int32_t ChangeRow(SpaceRow<T, ClrSpcConversions> &row, int32_t *index, const Hue
   return RC_SUCCESS;
 }
 
+// The three changes of one pixel (blue, green, red in rgb), the steps of
+// ChangeRow on a row of one pixel.
+template <class T>
+void ChangePixel(T *rgb, const HueChange *table) {
+  constexpr bool kWide = sizeof(T) == 2;
+  constexpr int32_t kCircle = kWide ? 36000 : 360;
+  constexpr int32_t kSatFull = kWide ? 10000 : 100;
+  constexpr int32_t kMax = kWide ? 65535 : 255;
+  constexpr uint32_t kBack = COLORSPACE_TO_RGB;
+  const auto convert = [rgb](uint32_t code, uint8_t *p) {
+    if constexpr (kWide)
+      ConvertColorRow16(code, rgb, p, nullptr, 0, 1);
+    else
+      ConvertColorRow8(code, rgb, p, nullptr, 0, 1);
+  };
+  uint8_t p[8];
+  convert(COLORSPACE_HSV, p);
+  const int32_t h = kWide ? static_cast<int32_t>(Load32(p)) : Load16(p);
+  const HueChange &e = table[kWide ? h / 100 : h];
+  int32_t n = h + e.hue;
+  if (n < 0) n += kCircle;
+  n %= kCircle;
+  if constexpr (kWide)
+    Store32(p, static_cast<uint32_t>(n));
+  else
+    Store16(p, static_cast<uint32_t>(n));
+  convert(COLORSPACE_HSV + kBack, p);
+  convert(COLORSPACE_HLS, p);
+  if constexpr (kWide)
+    Store16(p + 6, static_cast<uint32_t>(ChangeSaturation(Load16(p + 6), e.saturation, kSatFull)));
+  else
+    p[3] = static_cast<uint8_t>(ChangeSaturation(p[3], e.saturation, kSatFull));
+  convert(COLORSPACE_HLS + kBack, p);
+  for (int32_t k = 0; k < 3; ++k) rgb[k] = static_cast<T>(Clamp(rgb[k] + e.intensity, 0, kMax));
+}
+
+// The rows pixel by pixel through the call's colour memo: a pixel's result
+// depends on its colour alone.
+template <class T>
+int32_t ChangeRows(RowPass &pass, const HueChange *table) {
+  ColourMemo<T> memo(__LINE__, kSourceFile);
+  if (!memo) return RC_NO_MEMORY;
+  const auto compute = [table](int32_t &r, int32_t &g, int32_t &b) {
+    T rgb[3] = {static_cast<T>(b), static_cast<T>(g), static_cast<T>(r)};
+    ChangePixel(rgb, table);
+    b = rgb[0], g = rgb[1], r = rgb[2];
+  };
+  return pass.RunRows([&](auto &row) {
+    if constexpr (sizeof(*row.samples) == sizeof(T)) {
+      row.ForEachRun([&](int32_t left, int32_t right) {
+        ForEachColour(row.samples, row.channels, left, right,
+                      [&](int32_t &r, int32_t &g, int32_t &b) { memo.Apply(r, g, b, compute); });
+      });
+    }
+  });
+}
+
 // Palette bitmaps change their entries (no progress); other bitmaps their
 // rows with progress. Without a row buffer the bitmap stays untouched and
 // the status stands at the converter's success: kept.
@@ -185,6 +243,8 @@ int32_t Worker(BitmapRecord *bitmap, int32_t hue, int32_t saturation, int32_t in
       RowSetup{.progress = progress, .palette = PaletteRule::Entries, .noRowBuffer = NoRowBuffer::Succeeds});
   if (pass.status() != RC_SUCCESS) return pass.status();
   BuildHueTable(table.get(), hue, saturation, intensity, ranges, count, pass.OnPalette() ? 8 : pass.bits());
+  if (!pass.OnPalette())
+    return pass.wide() ? ChangeRows<uint16_t>(pass, table.get()) : ChangeRows<uint8_t>(pass, table.get());
   IMG_BUFFER(int32_t, index, static_cast<std::size_t>(bitmap->Width > 256 ? bitmap->Width : 256));
   if (!index) return RC_NO_MEMORY;
   ColourSpacePass space(pass, {COLORSPACE_HSV, COLORSPACE_HLS});

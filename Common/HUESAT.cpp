@@ -6,6 +6,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "colour_memo.h"
 #include "frame.h"
 #include "hue_model.h"
 
@@ -141,12 +142,20 @@ struct RemapOp {
 };
 
 // ---- Row runs ---------------------------------------------------------------------------
-// With three or more channels the pixel is blue, green, red (a fourth sample
-// is kept); with one channel sample 0 is read as all three colours and the
+// A pixel equal to its left neighbour takes its result; the others go through
+// the call's colour memo (rows) or are computed (palette entries). With three or more channels the pixel is
+// blue, green, red (a fourth sample is kept); with one channel sample 0 is read as all three colours and the
 // three writes land on sample 0, blue last.
 
 template <class T, class Op, bool kPixel16>
-void RunPixels(T *row, int32_t channels, bool threeOnly, int32_t start, int32_t end, const Op &op) {
+void RunPixels(T *row, int32_t channels, bool threeOnly, int32_t start, int32_t end, const Op &op,
+               ColourMemo<T> *memo) {
+  const auto compute = [&op](int32_t &r, int32_t &g, int32_t &b) {
+    if constexpr (kPixel16)
+      op.Pixel16(r, g, b);
+    else
+      op.Pixel8(r, g, b);
+  };
   const bool colour = threeOnly ? channels == 3 : channels >= 3;
   T *p = row + static_cast<ptrdiff_t>(start) * channels;
   int32_t lastIn[3] = {-1, -1, -1}, lastOut[3] = {0, 0, 0};
@@ -160,10 +169,10 @@ void RunPixels(T *row, int32_t channels, bool threeOnly, int32_t start, int32_t 
       r = lastOut[0], g = lastOut[1], b = lastOut[2];
     } else {
       lastIn[0] = r, lastIn[1] = g, lastIn[2] = b;
-      if constexpr (kPixel16)
-        op.Pixel16(r, g, b);
+      if (memo)
+        memo->Apply(r, g, b, compute);
       else
-        op.Pixel8(r, g, b);
+        compute(r, g, b);
       lastOut[0] = r, lastOut[1] = g, lastOut[2] = b;
     }
     if (colour) {
@@ -176,14 +185,20 @@ void RunPixels(T *row, int32_t channels, bool threeOnly, int32_t start, int32_t 
   }
 }
 
-// Rows and palette entries through the operation's per-pixel step.
+// Rows and palette entries through the operation's per-pixel step, rows
+// through the memo of their sample width when there is one.
 template <class Op>
-auto PixelKernel(const Op &op, bool threeOnly16) {
-  return [&op, threeOnly16](auto &row) {
+auto PixelKernel(const Op &op, bool threeOnly16, ColourMemo<uint8_t> *memo8, ColourMemo<uint16_t> *memo16) {
+  return [&op, threeOnly16, memo8, memo16](auto &row) {
     using T = std::remove_reference_t<decltype(*row.samples)>;
     constexpr bool kWide = sizeof(T) == 2;
+    ColourMemo<T> *memo;
+    if constexpr (kWide)
+      memo = memo16;
+    else
+      memo = memo8;
     row.ForEachRun([&](int32_t start, int32_t end) {
-      RunPixels<T, Op, kWide>(row.samples, row.channels, kWide && threeOnly16, start, end, op);
+      RunPixels<T, Op, kWide>(row.samples, row.channels, kWide && threeOnly16, start, end, op, memo);
     });
   };
 }
@@ -197,15 +212,20 @@ template <class Op, class Check16>
 int32_t Dispatch(BitmapRecord *bitmap, const Op &op, bool threeOnly16, Check16 check16) {
   RowPass pass(bitmap, RowSetup{.palette = PaletteRule::Entries});
   if (pass.status() != RC_SUCCESS) return pass.status();
-  const auto kernel = PixelKernel(op, threeOnly16);
   if (pass.OnPalette()) {
     if (const int32_t count = PaletteCount(bitmap); count < 0) return count;
+    const auto kernel = PixelKernel(op, threeOnly16, nullptr, nullptr);
     return Bracketed(kFullProgress, [&] { return RunPaletteRow(bitmap, kernel); });
   }
   if (pass.wide()) {
     if (const int32_t status = check16()) return status;
+    ColourMemo<uint16_t> memo(__LINE__, kSourceFile);
+    if (!memo) return RC_NO_MEMORY;
+    return pass.RunRows(PixelKernel(op, threeOnly16, nullptr, &memo));
   }
-  return pass.RunRows(kernel);
+  ColourMemo<uint8_t> memo(__LINE__, kSourceFile);
+  if (!memo) return RC_NO_MEMORY;
+  return pass.RunRows(PixelKernel(op, threeOnly16, &memo, nullptr));
 }
 
 constexpr EntryRule kEntry{.nullBitmap = NullBitmap::RefusedUnallocated, .signedData = true};

@@ -1,6 +1,9 @@
 // Desaturation: blue, green and red of every pixel (or palette entry) become
 // the mean of the largest and the smallest of them, the lightness of the HSL
 // model. The bitmap keeps its depth and kind; a fourth sample is untouched.
+// Rows of three samples take the AVX2 loop where the processor has it.
+#include "deSat.h"
+
 #include "frame.h"
 #include "imgcolor.h"
 
@@ -25,19 +28,36 @@ inline void Lightness(Sample *p) {
 // Pixels [left, right) of a working row; the stride is known at compile time
 // for the usual three and four samples.
 template <class Sample, int32_t kChannels>
-void DesaturatePixels(Sample *row, int32_t channels, int32_t left, int32_t right) {
+void ScalarPixels(Sample *row, int32_t channels, int32_t left, int32_t right) {
   const std::ptrdiff_t n = kChannels ? kChannels : channels;
   Sample *p = row + left * n;
   for (int32_t x = left; x < right; ++x, p += n) Lightness(p);
 }
 
 template <class Sample>
-void DesaturateRow(const RowView<Sample> &row) {
-  row.ForEachRun([&](int32_t left, int32_t right) {
-    if (row.channels == 3) return DesaturatePixels<Sample, 3>(row.samples, 3, left, right);
-    if (row.channels == 4) return DesaturatePixels<Sample, 4>(row.samples, 4, left, right);
-    DesaturatePixels<Sample, 0>(row.samples, row.channels, left, right);
-  });
+void Pixels(Isa isa, Sample *row, int32_t channels, int32_t left, int32_t right) {
+  if (channels == 3) {
+    if (isa >= Isa::Avx2) left = desat::DesaturateAvx2(row, left, right);
+    return ScalarPixels<Sample, 3>(row, 3, left, right);
+  }
+  if (channels == 4) return ScalarPixels<Sample, 4>(row, 4, left, right);
+  ScalarPixels<Sample, 0>(row, channels, left, right);
+}
+
+}  // namespace
+
+void desat::DesaturatePixels(Isa isa, uint8_t *row, int32_t channels, int32_t left, int32_t right) {
+  Pixels(BestIsa(isa), row, channels, left, right);
+}
+void desat::DesaturatePixels(Isa isa, uint16_t *row, int32_t channels, int32_t left, int32_t right) {
+  Pixels(BestIsa(isa), row, channels, left, right);
+}
+
+namespace {
+
+template <class Sample>
+void DesaturateRow(Isa isa, const RowView<Sample> &row) {
+  row.ForEachRun([&](int32_t left, int32_t right) { Pixels(isa, row.samples, row.channels, left, right); });
 }
 
 int32_t Desaturate(BitmapRecord *bitmap) {
@@ -47,7 +67,8 @@ int32_t Desaturate(BitmapRecord *bitmap) {
   // rely on this quiet success.
   RowPass pass(bitmap, RowSetup{.palette = PaletteRule::Entries, .noRowBuffer = NoRowBuffer::Succeeds});
   if (pass.status() != RC_SUCCESS) return pass.status();
-  const int32_t status = pass.Run([](auto &row) { DesaturateRow(row); });
+  const Isa isa = BestIsa();
+  const int32_t status = pass.Run([isa](auto &row) { DesaturateRow(isa, row); });
   return status == RC_SUCCESS && pass.OnPalette() ? FinishOperation() : status;
 }
 

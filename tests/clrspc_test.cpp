@@ -364,7 +364,8 @@ TEST(ColorSpace, FastInverseRowsMatchOnEveryInput) {
   // Code, pixel size, largest first field (then every pair of bytes).
   const std::array<int, 3> domains[] = {{COLORSPACE_HSV, 4, 419}, {COLORSPACE_HLS, 4, 419},
                                         {COLORSPACE_XYZ, 3, 255}, {COLORSPACE_YCRCB, 3, 255},
-                                        {COLORSPACE_YUV, 4, 255}, {COLORSPACE_LAB_TABLE, 3, 255}};
+                                        {COLORSPACE_YUV, 4, 255}, {COLORSPACE_LAB_TABLE, 3, 255},
+                                        {COLORSPACE_LAB, 3, 255}};
   LabTables t;
   for (const auto &[code, size, firstMax] : domains) {
     std::vector<uint8_t> sp(size * 65536);
@@ -401,14 +402,28 @@ TEST_P(RoundTrip16Test, DenseSample) {
   LabTables t;
   std::mt19937 rng(12345);
   std::vector<uint16_t> rgb(3 * kRow), back(3 * kRow);
-  std::vector<uint8_t> sp(8 * kRow);
+  std::vector<uint8_t> sp(8 * kRow), ref;
+  std::vector<uint16_t> refBack;
   int worst = 0, worstNoWrap = 0;
   for (int row = 0; row < (kOuterStep == 1 ? 245 : 40); ++row) {
     for (int i = 0; i < 3 * kRow; ++i) rgb[i] = static_cast<uint16_t>(rng() >> 16);
     for (int i = 0; row == 0 && i < 8; ++i)
       for (int k = 0; k < 3; ++k) rgb[3 * i + k] = (i >> k) & 1 ? 65535 : 0;
-    ASSERT_EQ(img::ConvertColorRow16(code, rgb.data(), sp.data(), &t.set, 0, kRow), RC_SUCCESS);
-    ASSERT_EQ(img::ConvertColorRow16(code + kInv, back.data(), sp.data(), &t.set, 0, kRow), RC_SUCCESS);
+    // Every instruction set gives the reference's bits both ways.
+    for (Isa isa : img::kAllIsas) {
+      if (!img::IsaAvailable(isa)) continue;
+      ASSERT_EQ(img::ConvertColorRow16Isa(isa, code, rgb.data(), sp.data(), &t.set, 0, kRow), RC_SUCCESS);
+      ASSERT_EQ(img::ConvertColorRow16Isa(isa, code + kInv, back.data(), sp.data(), &t.set, 0, kRow),
+                RC_SUCCESS);
+      if (isa == Isa::Scalar) {
+        ref = sp, refBack = back;
+      } else {
+        const auto bad = std::mismatch(sp.begin(), sp.end(), ref.begin()).first - sp.begin();
+        const auto badBack = std::mismatch(back.begin(), back.end(), refBack.begin()).first - back.begin();
+        ASSERT_TRUE(sp == ref && back == refBack) << code << " " << img::IsaName(isa) << " row " << row
+                                                  << " space byte " << bad << " rgb sample " << badBack;
+      }
+    }
     for (int i = 0; i < kRow; ++i) {
       int e = 0;
       for (int k = 0; k < 3; ++k) e = std::max(e, std::abs(int(rgb[3 * i + k]) - int(back[3 * i + k])));
