@@ -275,10 +275,11 @@ bool FillsInPass(const BitmapRecord &first, BitmapList list, uint32_t n) {
 
 // The result as CopyBitmap makes it from the first bitmap (record, palette,
 // region, attached table) but with pixels still to be filled: CopyBitmap of
-// a record without pixel bytes, then a pixel block of the first bitmap's
-// size in place of the empty one.
-int32_t CopyWithoutPixels(BitmapRecord *result, const BitmapRecord &first, uint32_t structSize) {
-  IMG_BUFFER(uint8_t, pixels, first.DataSize);
+// a record without pixel bytes, then `pixels` (a block of the first bitmap's
+// size) in place of the empty one.
+int32_t CopyWithoutPixels(BitmapRecord *result, const BitmapRecord &first, uint32_t structSize,
+                          KernelBuffer<uint8_t> &pixels) {
+  if (!pixels) pixels = KernelBuffer<uint8_t>(first.DataSize, __LINE__, kSourceFile);
   if (!pixels) return RC_NO_MEMORY;
   BitmapRecord shell = first;
   shell.DataSize = 0;
@@ -288,6 +289,25 @@ int32_t CopyWithoutPixels(BitmapRecord *result, const BitmapRecord &first, uint3
   result->Pixels = pixels.release();
   result->DataSize = first.DataSize;
   return RC_SUCCESS;
+}
+
+// The result's own pixel block when the pass can fill it again: of the
+// first bitmap's size and shared with no bitmap of the list. Taken from the
+// result (which the call releases next).
+void KeepPixels(BitmapRecord *result, const BitmapRecord &first, BitmapList list, uint32_t n,
+                KernelBuffer<uint8_t> &kept) {
+  if (!(result->Flags & BITMAP_ALLOCATED) || !result->Pixels || result->DataSize != first.DataSize) return;
+  const uint8_t *begin = result->Pixels, *end = result->Pixels + result->DataSize;
+  auto overlaps = [&](const BitmapRecord &b) {
+    return b.Pixels && b.Pixels < end && b.Pixels + b.DataSize > begin;
+  };
+  if (overlaps(first)) return;
+  for (uint32_t i = 0; i < n; ++i) {
+    BitmapRecord item{};
+    if (GetBitmapListItem(list, i, &item, BITMAP_RECORD_SIZE) != RC_SUCCESS || overlaps(item)) return;
+  }
+  kept.adopt(result->Pixels, __LINE__, kSourceFile);
+  result->Pixels = nullptr;
 }
 
 }  // namespace
@@ -323,13 +343,17 @@ int32_t AddWithIsa(Isa isa, BitmapRecord *result, uint32_t structSize, BitmapLis
 
   BitmapRecord first{};
   if ((status = RemoveBitmapListItem(list.list, 0, &first)) != RC_SUCCESS) return status;
-  if (result->Flags & BITMAP_ALLOCATED) FreeBitmap(result);
-  if (weighted) ResetBitmap(result, structSize, 0, 0, 0);
   // The copy of the first bitmap is made by the pass as it combines the rows
   // (one walk over the memory instead of two) when nothing can move the
-  // first bitmap's rows before the pass reads them.
+  // first bitmap's rows before the pass reads them. A result that already
+  // holds a pixel block of that size gets it back: the pass writes every
+  // byte of it, so a fresh (zeroed) block would only cost another walk.
   const bool fill = FillsInPass(first, list.list, n - 1);
-  status = fill ? CopyWithoutPixels(result, first, structSize) : CopyBitmap(result, &first, structSize);
+  KernelBuffer<uint8_t> kept;
+  if (fill) KeepPixels(result, first, list.list, n - 1, kept);
+  if (result->Flags & BITMAP_ALLOCATED) FreeBitmap(result);
+  if (weighted) ResetBitmap(result, structSize, 0, 0, 0);
+  status = fill ? CopyWithoutPixels(result, first, structSize, kept) : CopyBitmap(result, &first, structSize);
   if (status != RC_SUCCESS) {
     Empty(result, structSize);
     return status;
