@@ -3,8 +3,7 @@
 // saturated sum, weighted average or weighted sum. The caller's list and its
 // bitmaps are left as they were (bottom-up bitmaps are turned top-row-first
 // for the call and turned back).
-#include <cmath>
-
+#include "AddBitmaps_internal.h"
 #include "frame.h"
 
 namespace img::add {
@@ -13,89 +12,80 @@ namespace {
 
 constexpr const wchar_t *kSourceFile = L"Common/AddBitmaps";
 
-// ---- Samples ----------------------------------------------------------------------------
+// ---- Two 8-bit rows -----------------------------------------------------------------------
 
-struct Combination {
-  uint32_t mode;
-  const uint32_t *factors;  // modes 3 and 4
-  uint32_t weightSum;       // mode 3: the factors' sum, unsigned 32-bit
-  int32_t count;
-};
-
-// The sample scale of a working form: 8-bit, unsigned 16-bit or signed 16-bit.
-template <class T, bool kSigned>
-struct Scale {
-  static constexpr int64_t kMax = sizeof(T) == 1 ? 255 : kSigned ? 32767 : 65535;
-  static int64_t Value(T v) {
-    if constexpr (kSigned) return static_cast<int16_t>(v);
-    return v;
+uint32_t Gcd(uint32_t x, uint32_t y) {
+  while (y) {
+    const uint32_t r = x % y;
+    x = y;
+    y = r;
   }
-  // The low bits of v (a negative signed sum keeps its low 16 bits).
-  static T Store(int64_t v) { return static_cast<T>(static_cast<uint64_t>(v)); }
-};
+  return x;
+}
 
-// One sample of the output from sample k of every member's row (a null row,
-// a member without converter, counts as 0).
-template <class T, bool kSigned>
-T CombineSample(const Combination &c, const T *const *rows, std::ptrdiff_t k) {
-  using S = Scale<T, kSigned>;
-  auto value = [&](int32_t i) -> int64_t { return rows[i] ? S::Value(rows[i][k]) : 0; };
-  switch (c.mode) {
-    case ADD_AVERAGE: {
-      int64_t sum = 0;
-      for (int32_t i = 0; i < c.count; ++i) sum += value(i);
-      const int64_t mean = sum / c.count;  // toward zero
-      return S::Store(mean > S::kMax ? S::kMax : mean);
-    }
-    case ADD_SUM: {
-      // Running sum in list order, stopped when it passes the maximum; a
-      // negative signed sum is not clamped.
-      int64_t sum = 0;
-      for (int32_t i = 0; i < c.count; ++i)
-        if ((sum += value(i)) > S::kMax) return S::Store(S::kMax);
-      return S::Store(sum);
-    }
-    case ADD_WEIGHTED_AVERAGE: {
-      double sum = 0;
-      for (int32_t i = 0; i < c.count; ++i)
-        sum += static_cast<double>(c.factors[i]) * static_cast<double>(value(i));
-      // Rounded half to even and read as an unsigned 32-bit value: anything
-      // negative (signed data) or above the maximum gives the maximum.
-      const double rounded = std::nearbyint(sum / static_cast<double>(c.weightSum));
-      return S::Store(rounded < 0 || rounded > static_cast<double>(S::kMax) ? S::kMax
-                                                                            : static_cast<int64_t>(rounded));
-    }
-    default: {  // ADD_WEIGHTED_SUM
-      // Each term sample x factor in 32 bits divided by 100 as unsigned: a
-      // negative sample with a non-zero factor makes a huge term.
-      uint64_t sum = 0;
-      for (int32_t i = 0; i < c.count; ++i) {
-        const uint32_t product = static_cast<uint32_t>(value(i)) * c.factors[i];
-        if ((sum += product / 100u) > static_cast<uint64_t>(S::kMax)) return S::Store(S::kMax);
-      }
-      return S::Store(static_cast<int64_t>(sum));
-    }
+}  // namespace
+
+bool WeightedPair(uint32_t f0, uint32_t f1, Pair8 *pair) {
+  if (static_cast<uint64_t>(f0) + f1 > UINT32_MAX || f0 + f1 == 0) return false;  // a wrapped sum
+  const uint32_t g = Gcd(f0, f1);
+  f0 /= g;
+  f1 /= g;
+  if (f0 + f1 == 1) {  // one factor 0: doubled, so that the shift below is at least 0
+    f0 *= 2;
+    f1 *= 2;
+  }
+  const uint32_t w = f0 + f1;
+  if (w > 257) return false;
+  uint32_t l = 0;
+  while ((1u << l) < w) ++l;
+  *pair = Pair8{PairRule::WeightedAverage,
+                static_cast<uint16_t>(f0),
+                static_cast<uint16_t>(f1),
+                static_cast<uint16_t>(w),
+                static_cast<uint16_t>((65536u * ((1u << l) - w)) / w + 1),
+                static_cast<int32_t>(l - 1)};
+  return true;
+}
+
+void CombinePair(Isa isa, const Pair8 &pair, uint8_t *out, const uint8_t *a, const uint8_t *b,
+                 std::size_t n) {
+  switch (isa) {
+    case Isa::Avx512:  // no loops of its own
+    case Isa::Avx2:
+      return CombinePairAvx2(pair, out, a, b, n);
+    case Isa::Ssse3:
+    case Isa::Sse2:
+      return CombinePairSse2(pair, out, a, b, n);
+    case Isa::Scalar:
+      break;
+  }
+  static constexpr uint32_t kNone[2] = {0, 0};
+  const uint32_t factors[2] = {pair.f0, pair.f1};
+  const Combination c{pair.rule == PairRule::Sum       ? ADD_SUM
+                      : pair.rule == PairRule::Average ? ADD_AVERAGE
+                                                       : ADD_WEIGHTED_AVERAGE,
+                      pair.rule == PairRule::WeightedAverage ? factors : kNone, pair.weight, 2};
+  for (std::size_t k = 0; k < n; ++k) {
+    const uint8_t *rows[2] = {a, b};
+    out[k] = CombineSample<uint8_t, false>(c, rows, static_cast<std::ptrdiff_t>(k));
   }
 }
+
+namespace {
 
 // Samples [first, end) of the output row rows[0], which is the first member's
 // row (each sample is read before it is written).
 template <class T, bool kSigned>
-void CombineRow(const Combination &c, const T *const *rows, std::ptrdiff_t first, std::ptrdiff_t end) {
+void CombineRow(const Combination &c, const Pair8 *pair, const T *const *rows, std::ptrdiff_t first,
+                std::ptrdiff_t end) {
   T *out = const_cast<T *>(rows[0]);
   if (!out) return;
   if constexpr (sizeof(T) == 1) {
-    // Two 8-bit bitmaps, the usual case, in loops the compiler vectorises.
-    if (c.count == 2 && rows[1] && (c.mode == ADD_AVERAGE || c.mode == ADD_SUM)) {
-      const T *b = rows[1];
-      if (c.mode == ADD_SUM)
-        for (std::ptrdiff_t k = first; k < end; ++k) {
-          const uint32_t s = static_cast<uint32_t>(out[k]) + b[k];
-          out[k] = static_cast<T>(s > 255u ? 255u : s);
-        }
-      else
-        for (std::ptrdiff_t k = first; k < end; ++k)
-          out[k] = static_cast<T>((static_cast<uint32_t>(out[k]) + b[k]) >> 1);
+    // Two 8-bit bitmaps, the usual case, in the row loops of the call's
+    // instruction set (the pair form, when the mode has one).
+    if (pair && rows[1] && end > first) {
+      CombinePair(c.isa, *pair, out + first, out + first, rows[1] + first,
+                  static_cast<std::size_t>(end - first));
       return;
     }
   }
@@ -174,8 +164,9 @@ Form FormOf(const BitmapRecord *records, uint32_t n) {
   return {ROW_LAYOUT_BGR8, 3, false, false};
 }
 
-// Combines the list (the result first) into its first bitmap.
-int32_t Combine(BitmapList list, Combination combination, bool weighted) {
+// Combines the list (the result first) into its first bitmap; with a
+// source, the result's pixels are still to be copied from it (see Add).
+int32_t Combine(BitmapList list, Combination combination, bool weighted, const BitmapRecord *source) {
   uint32_t n = 0;
   int32_t status = GetBitmapListCount(list, &n);
   if (status != RC_SUCCESS) return status;
@@ -214,7 +205,21 @@ int32_t Combine(BitmapList list, Combination combination, bool weighted) {
 
   IMG_BUFFER(PassMember, members, n);
   if (!members) return RC_NO_MEMORY;
-  for (uint32_t i = 0; i < n; ++i) members[i] = PassMember{&records[i], form.layout, i == 0};
+  // The kernel writes only the result's row: every member may hand over its
+  // stored row.
+  for (uint32_t i = 0; i < n; ++i)
+    members[i] = PassMember{&records[i], form.layout, i == 0, true, i == 0 ? source : nullptr};
+  Pair8 pairForm{};
+  const Pair8 *pair = nullptr;
+  if (!form.wide && n == 2) {
+    if (combination.mode == ADD_SUM || combination.mode == ADD_AVERAGE) {
+      pairForm.rule = combination.mode == ADD_SUM ? PairRule::Sum : PairRule::Average;
+      pair = &pairForm;
+    } else if (combination.mode == ADD_WEIGHTED_AVERAGE &&
+               WeightedPair(combination.factors[0], combination.factors[1], &pairForm)) {
+      pair = &pairForm;
+    }
+  }
   // Only the last member's converter and reads count, as the course keeps it.
   MultiPass pass(members.get(), static_cast<int32_t>(n), MemberStatus::LastOnly);
   // Whole rows of the result are written: outside the combined samples they
@@ -223,11 +228,11 @@ int32_t Combine(BitmapList list, Combination combination, bool weighted) {
   return pass.Run(area.Top, area.Bottom, &rows, kNoProgress, [&](const MemberRows &m) {
     if (form.wide) {
       auto *const *r = reinterpret_cast<const uint16_t *const *>(m.samples);
-      isSigned ? CombineRow<uint16_t, true>(combination, r, first, end)
-               : CombineRow<uint16_t, false>(combination, r, first, end);
+      isSigned ? CombineRow<uint16_t, true>(combination, nullptr, r, first, end)
+               : CombineRow<uint16_t, false>(combination, nullptr, r, first, end);
     } else {
-      CombineRow<uint8_t, false>(combination, reinterpret_cast<const uint8_t *const *>(m.samples), first,
-                                 end);
+      CombineRow<uint8_t, false>(combination, pair, reinterpret_cast<const uint8_t *const *>(m.samples),
+                                 first, end);
     }
   });
 }
@@ -249,8 +254,66 @@ void Empty(BitmapRecord *result, uint32_t structSize) {
   ResetBitmap(result, structSize, 0, 0, 0);
 }
 
-int32_t Add(BitmapRecord *result, uint32_t structSize, BitmapList source, const uint32_t *factors,
-            uint32_t mode, bool weighted) {
+// True when the result can be filled by the pass from the first bitmap
+// instead of copied before it: the first bitmap's stored rows are all its
+// pixel bytes, and no bitmap of the list that the call turns top-row-first
+// shares its pixel memory (turning it would move the rows the pass reads).
+bool FillsInPass(const BitmapRecord &first, BitmapList list, uint32_t n) {
+  if (!(first.Flags & BITMAP_ALLOCATED) || !first.Pixels || first.Height < 0 ||
+      first.DataSize != static_cast<uint64_t>(first.BytesPerLine) * static_cast<uint64_t>(first.Height))
+    return false;
+  const uint8_t *begin = first.Pixels, *end = first.Pixels + first.DataSize;
+  for (uint32_t i = 0; i < n; ++i) {
+    BitmapRecord item{};
+    if (GetBitmapListItem(list, i, &item, BITMAP_RECORD_SIZE) != RC_SUCCESS) return false;
+    if (item.Orientation != ORIENT_TOP_FIRST && item.Pixels && item.Pixels < end &&
+        item.Pixels + item.DataSize > begin)
+      return false;
+  }
+  return true;
+}
+
+// The result as CopyBitmap makes it from the first bitmap (record, palette,
+// region, attached table) but with pixels still to be filled: CopyBitmap of
+// a record without pixel bytes, then `pixels` (a block of the first bitmap's
+// size) in place of the empty one.
+int32_t CopyWithoutPixels(BitmapRecord *result, const BitmapRecord &first, uint32_t structSize,
+                          KernelBuffer<uint8_t> &pixels) {
+  if (!pixels) pixels = KernelBuffer<uint8_t>(first.DataSize, __LINE__, kSourceFile);
+  if (!pixels) return RC_NO_MEMORY;
+  BitmapRecord shell = first;
+  shell.DataSize = 0;
+  const int32_t status = CopyBitmap(result, &shell, structSize);
+  if (status != RC_SUCCESS) return status;
+  IMG_FREE(result->Pixels);
+  result->Pixels = pixels.release();
+  result->DataSize = first.DataSize;
+  return RC_SUCCESS;
+}
+
+// The result's own pixel block when the pass can fill it again: of the
+// first bitmap's size and shared with no bitmap of the list. Taken from the
+// result (which the call releases next).
+void KeepPixels(BitmapRecord *result, const BitmapRecord &first, BitmapList list, uint32_t n,
+                KernelBuffer<uint8_t> &kept) {
+  if (!(result->Flags & BITMAP_ALLOCATED) || !result->Pixels || result->DataSize != first.DataSize) return;
+  const uint8_t *begin = result->Pixels, *end = result->Pixels + result->DataSize;
+  auto overlaps = [&](const BitmapRecord &b) {
+    return b.Pixels && b.Pixels < end && b.Pixels + b.DataSize > begin;
+  };
+  if (overlaps(first)) return;
+  for (uint32_t i = 0; i < n; ++i) {
+    BitmapRecord item{};
+    if (GetBitmapListItem(list, i, &item, BITMAP_RECORD_SIZE) != RC_SUCCESS || overlaps(item)) return;
+  }
+  kept.adopt(result->Pixels, __LINE__, kSourceFile);
+  result->Pixels = nullptr;
+}
+
+}  // namespace
+
+int32_t AddWithIsa(Isa isa, BitmapRecord *result, uint32_t structSize, BitmapList source,
+                   const uint32_t *factors, uint32_t mode, bool weighted) {
   if (!ValidRecordSize(structSize)) return RC_INVALID_STRUCT_SIZE;
   if (!result) return RC_NO_BITMAP;
   result->StructSize = structSize;
@@ -269,7 +332,7 @@ int32_t Add(BitmapRecord *result, uint32_t structSize, BitmapList source, const 
   if (status != RC_SUCCESS) return status;
   if (n == 0) return RC_INVALID_PARAMETER;
 
-  Combination combination{mode, factors, 0, 0};
+  Combination combination{mode, factors, 0, 0, isa};
   if (weighted && !factors && (mode == ADD_WEIGHTED_AVERAGE || mode == ADD_WEIGHTED_SUM))
     combination.mode -= 2;
   if (weighted && factors && mode == ADD_WEIGHTED_AVERAGE) {
@@ -280,15 +343,24 @@ int32_t Add(BitmapRecord *result, uint32_t structSize, BitmapList source, const 
 
   BitmapRecord first{};
   if ((status = RemoveBitmapListItem(list.list, 0, &first)) != RC_SUCCESS) return status;
+  // The copy of the first bitmap is made by the pass as it combines the rows
+  // (one walk over the memory instead of two) when nothing can move the
+  // first bitmap's rows before the pass reads them. A result that already
+  // holds a pixel block of that size gets it back: the pass writes every
+  // byte of it, so a fresh (zeroed) block would only cost another walk.
+  const bool fill = FillsInPass(first, list.list, n - 1);
+  KernelBuffer<uint8_t> kept;
+  if (fill) KeepPixels(result, first, list.list, n - 1, kept);
   if (result->Flags & BITMAP_ALLOCATED) FreeBitmap(result);
   if (weighted) ResetBitmap(result, structSize, 0, 0, 0);
-  if ((status = CopyBitmap(result, &first, structSize)) != RC_SUCCESS) {
+  status = fill ? CopyWithoutPixels(result, first, structSize, kept) : CopyBitmap(result, &first, structSize);
+  if (status != RC_SUCCESS) {
     Empty(result, structSize);
     return status;
   }
   status = InsertBitmapListItem(list.list, 0, result);
   if (status == RC_SUCCESS) {
-    status = Combine(list.list, combination, weighted);
+    status = Combine(list.list, combination, weighted, fill ? &first : nullptr);
     RemoveBitmapListItem(list.list, 0, nullptr);
   }
   if (status != RC_SUCCESS) {
@@ -298,16 +370,14 @@ int32_t Add(BitmapRecord *result, uint32_t structSize, BitmapList source, const 
   return InsertBitmapListItem(list.list, 0, &first);
 }
 
-}  // namespace
-
 }  // namespace img::add
 
 extern "C" IMG_API int32_t Q_AddBitmaps(BitmapRecord *bitmap, uint32_t structSize, BitmapList list,
                                         uint32_t mode) {
-  return img::add::Add(bitmap, structSize, list, nullptr, mode, false);
+  return img::add::AddWithIsa(img::BestIsa(), bitmap, structSize, list, nullptr, mode, false);
 }
 
 extern "C" IMG_API int32_t Q_AddWeightedBitmaps(BitmapRecord *bitmap, uint32_t structSize, BitmapList list,
                                                 const uint32_t *factors, uint32_t mode) {
-  return img::add::Add(bitmap, structSize, list, factors, mode, true);
+  return img::add::AddWithIsa(img::BestIsa(), bitmap, structSize, list, factors, mode, true);
 }

@@ -17,6 +17,7 @@
 // uint16_t (16-bit working samples), returning a status (1 goes on) or void.
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -700,7 +701,42 @@ struct PassMember {
   BitmapRecord *bitmap;
   int32_t layout;
   bool output;
+  // The kernel promises to leave this member's row alone (an output's row:
+  // to change only the pass's columns). When the working row is the stored
+  // row byte for byte (PlainWorkingRow), the kernel then gets the stored row
+  // itself: no read into a buffer, no write back.
+  bool direct = false;
+  // An output made as a copy of `source` (the same kind, size, orientation
+  // and row length; its pixels are still to be filled): the pass copies each
+  // stored row of the source into the output just before the row is read,
+  // the rows it does not visit before the walk. The copy and the combination
+  // take one walk over the memory instead of two.
+  const BitmapRecord *source = nullptr;
 };
+
+// True when the converter's working row of `layout` is the stored row byte
+// for byte (its read and write are plain copies; the same cases as the
+// converters' own, sibling/imgutil/rows.cpp).
+inline bool PlainWorkingRow(const BitmapRecord *b, int32_t layout) {
+  constexpr bool kLittle = std::endian::native == std::endian::little;
+  const bool bgr = IsBgrOrder(b->ColorOrder), native = layout == ROW_LAYOUT_NATIVE;
+  switch (KindOf(b)) {
+    case Kind::Gray8:
+      return native || layout == ROW_LAYOUT_GRAY;
+    case Kind::Gray16:
+      return kLittle && (native || layout == ROW_LAYOUT_GRAY);
+    case Kind::Color24:
+      return bgr && (native || layout == ROW_LAYOUT_BGR || layout == ROW_LAYOUT_BGR8);
+    case Kind::Color32:
+      return bgr && native;
+    case Kind::Color48:
+      return kLittle && bgr && (native || layout == ROW_LAYOUT_BGR);
+    case Kind::Color64:
+      return kLittle && bgr && native;
+    default:
+      return false;
+  }
+}
 
 // Which member statuses end a MultiPass: every member's (Each), or only the
 // last member's converter creation and row reads (LastOnly, for courses that
@@ -727,7 +763,9 @@ struct MemberRows {
 // kernel(MemberRows &) combines them, and the outputs are written back over
 // `columns` (whole rows without). UpdateBitmapInfo on every output after a
 // complete pass. Progress after each row. An empty row range [top, bottom)
-// begins nothing and succeeds.
+// begins nothing and succeeds (outputs made from a source get its rows).
+// Direct members skip the copies into and out of row buffers, and an output
+// with a source is filled in the same walk (see PassMember).
 class MultiPass {
  public:
   MultiPass(const PassMember *members, int32_t count, MemberStatus rule = MemberStatus::Each)
@@ -739,7 +777,8 @@ class MultiPass {
     channels_ = KernelBuffer<int32_t>(n, __LINE__, kPassSource);
     bits_ = KernelBuffer<int32_t>(n, __LINE__, kPassSource);
     widths_ = KernelBuffer<int32_t>(n, __LINE__, kPassSource);
-    if (!members_ || !converters_ || !statuses_ || !channels_ || !bits_ || !widths_) {
+    plain_ = KernelBuffer<bool>(n, __LINE__, kPassSource);
+    if (!members_ || !converters_ || !statuses_ || !channels_ || !bits_ || !widths_ || !plain_) {
       status_ = RC_NO_MEMORY;
       count_ = 0;
       return;
@@ -779,7 +818,11 @@ class MultiPass {
   template <class Kernel>
   int32_t Run(int32_t top, int32_t bottom, const Rect *columns, const ProgressRange &range, Kernel &&kernel) {
     if (status_ != RC_SUCCESS) return status_;
-    if (top >= bottom) return RC_SUCCESS;
+    if (top >= bottom) {
+      for (int32_t i = 0; i < count_; ++i)
+        for (int32_t y = 0; members_[i].source && y < members_[i].bitmap->Height; ++y) CopySourceRow(i, y);
+      return RC_SUCCESS;
+    }
     RowBuffers rows(static_cast<std::size_t>(count_));
     if (!rows.ok()) return RC_NO_MEMORY;
     for (int32_t i = 0; i < count_; ++i) {
@@ -788,7 +831,12 @@ class MultiPass {
       const int32_t status = columns && members_[i].output ? ::BeginRectangle(converters_[i], columns)
                                                            : ::BeginWholeBitmap(converters_[i]);
       if (status != RC_SUCCESS) return status;
+      plain_[i] = members_[i].direct && PlainWorkingRow(members_[i].bitmap, members_[i].layout);
     }
+    // The rows of the sources' copies that the walk does not visit.
+    for (int32_t i = 0; i < count_; ++i)
+      for (int32_t y = 0; members_[i].source && y < members_[i].bitmap->Height; ++y)
+        if (y < top || y >= bottom) CopySourceRow(i, y);
     Progress progress;
     const int64_t total = static_cast<int64_t>(bottom) - top;
     const StepProgress steps(range, total);
@@ -798,7 +846,12 @@ class MultiPass {
     }
     for (int32_t y = top; y < bottom; ++y) {
       for (int32_t i = 0; i < count_; ++i) {
+        if (members_[i].source) CopySourceRow(i, y);
         if (!converters_[i] || y >= members_[i].bitmap->Height) continue;
+        if (plain_[i] && y >= 0) {
+          rows.Point(i, ImageRow(members_[i].bitmap, y));
+          continue;
+        }
         const int32_t status = ::ReadRow(converters_[i], rows.row(i), y, nullptr, nullptr);
         if (status != RC_SUCCESS && (rule_ == MemberStatus::Each || i == count_ - 1)) return status;
       }
@@ -806,7 +859,9 @@ class MultiPass {
       int32_t status = CallKernel(kernel, view);
       if (status != RC_SUCCESS) return status;
       for (int32_t i = 0; i < count_; ++i) {
-        if (!members_[i].output || !converters_[i] || y >= members_[i].bitmap->Height) continue;
+        if (!members_[i].output || !converters_[i] || (plain_[i] && y >= 0) ||
+            y >= members_[i].bitmap->Height)
+          continue;
         if ((status = ::WriteRow(converters_[i], rows.row(i), y, nullptr, nullptr)) != RC_SUCCESS)
           return status;
       }
@@ -823,10 +878,21 @@ class MultiPass {
   }
 
  private:
-  // The members' working rows, released together.
+  // Image row y of the source's stored rows into the output member i.
+  void CopySourceRow(int32_t i, int32_t y) {
+    const BitmapRecord *out = members_[i].bitmap, *source = members_[i].source;
+    if (y < 0 || y >= out->Height || y >= source->Height) return;
+    const uint32_t bytes =
+        out->BytesPerLine < source->BytesPerLine ? out->BytesPerLine : source->BytesPerLine;
+    std::memcpy(ImageRow(out, y), ImageRow(source, y), bytes);
+  }
+
+  // The members' working rows, released together, and the rows handed to
+  // the kernel (the buffer, or the stored row of a direct member).
   class RowBuffers {
    public:
-    explicit RowBuffers(std::size_t n) : rows_(n, __LINE__, kPassSource), n_(n) {}
+    explicit RowBuffers(std::size_t n)
+        : rows_(n, __LINE__, kPassSource), views_(n, __LINE__, kPassSource), n_(n) {}
     ~RowBuffers() {
       if (!rows_) return;
       for (std::size_t i = 0; i < n_; ++i)
@@ -834,16 +900,18 @@ class MultiPass {
     }
     RowBuffers(const RowBuffers &) = delete;
     RowBuffers &operator=(const RowBuffers &) = delete;
-    bool ok() const { return static_cast<bool>(rows_); }
+    bool ok() const { return rows_ && views_; }
     bool Allocate(int32_t i, RowConverter converter) {
-      rows_[i] = ::AllocRowBuffer(converter);
+      views_[i] = rows_[i] = ::AllocRowBuffer(converter);
       return rows_[i] != nullptr;
     }
+    void Point(int32_t i, void *stored) { views_[i] = stored; }
     void *row(int32_t i) const { return rows_[i]; }
-    void *const *rows() const { return rows_.get(); }
+    void *const *rows() const { return views_.get(); }
 
    private:
     KernelBuffer<void *> rows_;
+    KernelBuffer<void *> views_;
     std::size_t n_;
   };
 
@@ -857,6 +925,7 @@ class MultiPass {
   KernelBuffer<int32_t> channels_;
   KernelBuffer<int32_t> bits_;
   KernelBuffer<int32_t> widths_;
+  KernelBuffer<bool> plain_;  // direct members whose working row is the stored row
 };
 
 }  // namespace img
