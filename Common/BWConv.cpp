@@ -10,6 +10,12 @@
 // the ring of window rows, then along the row. The results are those of the
 // exact window extremes; the memory is the ring of window rows and a few
 // arrays of window rows' size, never a copy of the bitmap.
+//
+// 8-bit rows on AVX2 / AVX-512 run the loops of BWConv_lanes.h: the same
+// column scans a vector of columns at a time, and the row extremes by
+// doubling (log2 of the window's width passes over the row).
+#include "BWConv.h"
+
 #include <algorithm>
 
 #include "frame.h"
@@ -72,8 +78,9 @@ struct Higher {
 template <class T>
 class Extremes {
  public:
-  Extremes(const Geometry &g, const Rect &bounds, int32_t width)
-      : g_(g), rows_(g.above + g.below + 1), span_(g.left + g.right + 1) {
+  Extremes(const Geometry &g, const Rect &bounds, int32_t width, const bwconv::Loops8 *loops)
+      : g_(g), rows_(g.above + g.below + 1), span_(g.left + g.right + 1), loops_(loops) {
+    while (2 * power_ <= span_) power_ *= 2;
     first_ = std::max<int32_t>(0, bounds.Left - g.left);
     last_ = std::min<int32_t>(width, bounds.Right + g.right);
     origin_ = bounds.Left - g.left;
@@ -85,13 +92,15 @@ class Extremes {
     prefixMin_ = KernelBuffer<T>(columns, __LINE__, kSourceFile);
     prefixMax_ = KernelBuffer<T>(columns, __LINE__, kSourceFile);
     const std::size_t line = static_cast<std::size_t>(length_) + 1;
-    for (auto *b : {&colMin_, &colMax_, &preMin_, &preMax_, &sufMin_, &sufMax_})
-      *b = KernelBuffer<T>(line, __LINE__, kSourceFile);
+    for (auto *b : {&colMin_, &colMax_}) *b = KernelBuffer<T>(line, __LINE__, kSourceFile);
+    if (!loops_)  // the scalar row scans' prefix and suffix extremes
+      for (auto *b : {&preMin_, &preMax_, &sufMin_, &sufMax_})
+        *b = KernelBuffer<T>(line, __LINE__, kSourceFile);
   }
 
   bool ok() const {
-    return suffixMin_ && suffixMax_ && prefixMin_ && prefixMax_ && colMin_ && colMax_ && preMin_ && preMax_ &&
-           sufMin_ && sufMax_;
+    return suffixMin_ && suffixMax_ && prefixMin_ && prefixMax_ && colMin_ && colMax_ &&
+           (loops_ || (preMin_ && preMax_ && sufMin_ && sufMax_));
   }
 
   // Window extremes of every column of the bounds for the next output row:
@@ -108,17 +117,18 @@ class Extremes {
       T *lastMin = sMin + (n - 1) * columns, *lastMax = sMax + (n - 1) * columns;
       std::copy(bottom, bottom + columns, lastMin);
       std::copy(bottom, bottom + columns, lastMax);
+      if (n == 1) {
+        std::copy(bottom, bottom + columns, vMin);
+        std::copy(bottom, bottom + columns, vMax);
+      }
+      // Row 0's suffix is this window's extremes: straight into the row of
+      // column extremes (no later window reads it).
       for (int32_t r = n - 2; r >= 0; --r) {
         const T *row = w.rows[r] + first_;
-        T *dMin = sMin + r * columns, *dMax = sMax + r * columns;
-        const T *uMin = dMin + columns, *uMax = dMax + columns;
-        for (std::size_t c = 0; c < columns; ++c) {
-          dMin[c] = std::min(row[c], uMin[c]);
-          dMax[c] = std::max(row[c], uMax[c]);
-        }
+        T *dMin = r ? sMin + r * columns : vMin, *dMax = r ? sMax + r * columns : vMax;
+        const T *uMin = sMin + (r + 1) * columns, *uMax = sMax + (r + 1) * columns;
+        Pair(row, uMin, dMin, row, uMax, dMax, columns);
       }
-      std::copy(sMin, sMin + columns, vMin);
-      std::copy(sMax, sMax + columns, vMax);
     } else {
       // The block above from this row down, and the rows of the next block
       // that entered so far.
@@ -128,16 +138,10 @@ class Extremes {
         std::copy(entered, entered + columns, pMin);
         std::copy(entered, entered + columns, pMax);
       } else {
-        for (std::size_t c = 0; c < columns; ++c) {
-          pMin[c] = std::min(pMin[c], entered[c]);
-          pMax[c] = std::max(pMax[c], entered[c]);
-        }
+        Pair(pMin, entered, pMin, pMax, entered, pMax, columns);
       }
       const T *sMin = suffixMin_.get() + offset * columns, *sMax = suffixMax_.get() + offset * columns;
-      for (std::size_t c = 0; c < columns; ++c) {
-        vMin[c] = std::min(sMin[c], pMin[c]);
-        vMax[c] = std::max(sMax[c], pMax[c]);
-      }
+      Pair(sMin, pMin, vMin, sMax, pMax, vMax, columns);
     }
     // Columns left of 0 and right of the last repeat the edge columns.
     T *cMin = colMin_.get(), *cMax = colMax_.get();
@@ -146,8 +150,20 @@ class Extremes {
     std::fill(cMax, cMax + head, cMax[head]);
     std::fill(cMin + tail, cMin + length_, cMin[tail - 1]);
     std::fill(cMax + tail, cMax + length_, cMax[tail - 1]);
+    if constexpr (std::is_same_v<T, uint8_t>) {
+      if (loops_) return loops_->doubling(cMin, cMax, length_, span_);
+    }
     BlockScan(cMin, preMin_.get(), sufMin_.get(), length_, span_, Lower<T>{});
     BlockScan(cMax, preMax_.get(), sufMax_.get(), length_, span_, Higher<T>{});
+  }
+
+  // The SIMD decision of columns left .. right (after Next with loops).
+  void Decide(const T *centre, T *out, int32_t left, int32_t right, uint32_t contrast) const {
+    if constexpr (std::is_same_v<T, uint8_t>) {
+      const int32_t i = left - g_.left - origin_;
+      loops_->decide(colMin_.get() + i, colMax_.get() + i, span_ - power_, centre + left, out + left,
+                     right - left, contrast);
+    }
   }
 
   T Min(int32_t x) const {
@@ -160,8 +176,20 @@ class Extremes {
   }
 
  private:
+  // o1 = min(a1, b1), o2 = max(a2, b2), column by column.
+  void Pair(const T *a1, const T *b1, T *o1, const T *a2, const T *b2, T *o2, std::size_t n) const {
+    if constexpr (std::is_same_v<T, uint8_t>) {
+      if (loops_) return loops_->minMax(a1, b1, o1, a2, b2, o2, n);
+    }
+    for (std::size_t c = 0; c < n; ++c) {
+      o1[c] = std::min(a1[c], b1[c]);
+      o2[c] = std::max(a2[c], b2[c]);
+    }
+  }
+
   Geometry g_;
-  int32_t rows_, span_;
+  int32_t rows_, span_, power_ = 1;
+  const bwconv::Loops8 *loops_;  // null: the scalar scans
   int32_t first_ = 0, last_ = 0, origin_ = 0, length_ = 0, step_ = 0;
   KernelBuffer<T> suffixMin_, suffixMax_, prefixMin_, prefixMax_;
   KernelBuffer<T> colMin_, colMax_, preMin_, preMax_, sufMin_, sufMax_;
@@ -182,8 +210,9 @@ struct Levels<uint16_t> {
 };
 
 template <class T>
-int32_t Binarise(RowPass &pass, const Geometry &g, const Rect &bounds, uint32_t contrast) {
-  Extremes<T> extremes(g, bounds, pass.bitmap()->Width);
+int32_t Binarise(RowPass &pass, const Geometry &g, const Rect &bounds, uint32_t contrast,
+                 const bwconv::Loops8 *loops) {
+  Extremes<T> extremes(g, bounds, pass.bitmap()->Width, loops);
   if (!extremes.ok()) return RC_NO_MEMORY;
   constexpr uint32_t white = Levels<T>::kWhite, flat = Levels<T>::kFlatLimit;
   WindowPass window(pass, g.above, g.below, kNoProgress);
@@ -192,6 +221,7 @@ int32_t Binarise(RowPass &pass, const Geometry &g, const Rect &bounds, uint32_t 
       extremes.Next(w);
       const T *centre = w.rows[g.centre];
       out.ForEachRun([&](int32_t left, int32_t right) {
+        if (loops) return extremes.Decide(centre, out.samples, left, right, contrast);
         for (int32_t x = left; x < right; ++x) {
           const uint32_t lo = extremes.Min(x), hi = extremes.Max(x);
           const bool edge = hi - lo > contrast;
@@ -203,7 +233,19 @@ int32_t Binarise(RowPass &pass, const Geometry &g, const Rect &bounds, uint32_t 
   });
 }
 
-int32_t DynamicBinary(BitmapRecord *bitmap, uint32_t dimension, uint32_t contrast) {
+// The 8-bit loops of `isa`: none below AVX2 (the scalar scans).
+const bwconv::Loops8 *LoopsOf(Isa isa) {
+  switch (BestIsa(isa)) {
+    case Isa::Avx512:
+      return &bwconv::kAvx512Loops;
+    case Isa::Avx2:
+      return &bwconv::kAvx2Loops;
+    default:
+      return nullptr;
+  }
+}
+
+int32_t DynamicBinary(BitmapRecord *bitmap, uint32_t dimension, uint32_t contrast, Isa isa) {
   Rect bounds{};
   int32_t status = GetRegionBounds(bitmap, nullptr, &bounds);
   if (status != RC_SUCCESS) return status;
@@ -217,19 +259,25 @@ int32_t DynamicBinary(BitmapRecord *bitmap, uint32_t dimension, uint32_t contras
   if (!(pass.wide() ? ranges::kBinaryContrast16 : ranges::kBinaryContrast8).Contains(contrast))
     return RC_INVALID_PARAMETER;
   const Geometry g = GeometryOf(dimension, bitmap->Width, bitmap->Height);
-  return pass.wide() ? Binarise<uint16_t>(pass, g, bounds, contrast)
-                     : Binarise<uint8_t>(pass, g, bounds, contrast);
+  return pass.wide() ? Binarise<uint16_t>(pass, g, bounds, contrast, nullptr)
+                     : Binarise<uint8_t>(pass, g, bounds, contrast, LoopsOf(isa));
 }
 
 }  // namespace
+
+int32_t DynamicBinaryIsa(BitmapRecord *bitmap, uint32_t dimension, uint32_t localContrast, uint32_t flags,
+                         Isa isa) {
+  if (const int32_t status = CheckEntry(kEntry, flags, bitmap)) return status;
+  if (!ranges::kBinaryDimension.Contains(dimension)) return RC_INVALID_PARAMETER;
+  // A one-pixel window is never thresholded: the bitmap (inside its region)
+  // becomes white, whatever its pixels and the contrast.
+  if (dimension == 1) return FillBitmap(bitmap, 0xFFFFFFu);
+  return DynamicBinary(bitmap, dimension, localContrast, isa);
+}
+
 }  // namespace img
 
 extern "C" IMG_API int32_t Q_DynamicBinaryBitmap(BitmapRecord *bitmap, uint32_t dimension,
                                                  uint32_t localContrast, uint32_t flags) {
-  if (const int32_t status = img::CheckEntry(img::kEntry, flags, bitmap)) return status;
-  if (!img::ranges::kBinaryDimension.Contains(dimension)) return RC_INVALID_PARAMETER;
-  // A one-pixel window is never thresholded: the bitmap (inside its region)
-  // becomes white, whatever its pixels and the contrast.
-  if (dimension == 1) return FillBitmap(bitmap, 0xFFFFFFu);
-  return img::DynamicBinary(bitmap, dimension, localContrast);
+  return img::DynamicBinaryIsa(bitmap, dimension, localContrast, flags, img::Isa::Avx512);
 }

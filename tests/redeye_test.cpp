@@ -1,10 +1,13 @@
 // Q_RemoveRedeyeBitmap: entry checks, the byte Lab course against a reference
 // on both sample widths, the match threshold and lightness, the kept
 // orientation rule.
+#include "RedEye.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
+#include <random>
 #include <vector>
 
 #include "kit.h"
@@ -49,6 +52,27 @@ struct Reference {
   }
 };
 constexpr Reference kRef8{242.36628, 277.63227, 255}, kRef16{62288.13396, 71351.49339, 65535};
+
+// The fast cube roots give pow's byte Lab for every 8-bit colour, and for
+// 16-bit colours at random, at the extremes and along the gray axis.
+TEST(RemoveRedeye, FastLabMatchesPowEverywhere) {
+  using img::redeye::ToLabExact, img::redeye::ToLabFast;
+  int64_t mismatches = 0;
+  for (int32_t c = 0; c < (1 << 24); ++c) {
+    const int32_t r = c >> 16, g = (c >> 8) & 0xFF, b = c & 0xFF;
+    if (!(ToLabFast(false, r, g, b) == ToLabExact(false, r, g, b)) && ++mismatches < 5)
+      ADD_FAILURE() << "8-bit " << r << " " << g << " " << b;
+  }
+  std::mt19937 rng(11);
+  for (int32_t i = 0; i < (1 << 20); ++i) {
+    const uint32_t v = rng(), w = rng();
+    const int32_t r = i < 65536 ? i : int32_t(v & 0xFFFF), g = i < 65536 ? i : int32_t(v >> 16);
+    const int32_t b = i < 65536 ? (i & 1 ? 65535 - i : i) : int32_t(w & 0xFFFF);
+    if (!(ToLabFast(true, r, g, b) == ToLabExact(true, r, g, b)) && ++mismatches < 5)
+      ADD_FAILURE() << "16-bit " << r << " " << g << " " << b;
+  }
+  EXPECT_EQ(mismatches, 0);
+}
 
 TEST(RemoveRedeye, ChecksInOrder) {
   kit::Bitmap bmp(Kind(24), 3, 2), gray8(Kind(8, ORDER_GRAY), 2, 2), gray32(Kind(32), 2, 2);
