@@ -81,7 +81,12 @@ void BuildChannelMixTables(const ChannelMixFactors *const factors[3], int32_t *s
       int32_t *t = storage + (out * 3 + in) * 256;
       for (int32_t v = 0; v < 256; ++v) t[v] = (v * weights[in] + 50) / 100 + (in == 2 ? constant : 0);
       tables.table[out][in] = t;
+      const int32_t magnitude = weights[in] < 0 ? -weights[in] : weights[in];
+      tables.whole[out][in] = static_cast<int16_t>(magnitude / 100);
+      tables.part[out][in] = static_cast<int16_t>(magnitude % 100);
+      tables.negative[out][in] = weights[in] < 0;
     }
+    tables.constant[out] = static_cast<int16_t>(constant);
   }
 }
 
@@ -125,9 +130,14 @@ extern "C" IMG_API int32_t Q_ChannelMix(BitmapRecord *bitmap, const ChannelMixFa
 
 namespace img {
 
-// No loop of an instruction set of its own yet: every level runs the scalar form.
+// AVX-512 and AVX2 loops; the levels below, and the pixels a loop leaves
+// over, run the scalar form.
 void MixRow8(const ChannelMixTables &tables, uint8_t *row, int32_t channels, int32_t left, int32_t right,
-             Isa) {
+             Isa isa) {
+  if (isa >= Isa::Avx512 && IsaAvailable(Isa::Avx512))
+    left = MixRow8Avx512(tables, row, channels, left, right);
+  else if (isa >= Isa::Avx2 && IsaAvailable(Isa::Avx2))
+    left = MixRow8Avx2(tables, row, channels, left, right);
   MixRow8Scalar(tables, row, channels, left, right);
 }
 
