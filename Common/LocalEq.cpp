@@ -4,30 +4,36 @@
 // to the rectangle when it is smaller); when the size does not divide the
 // rectangle, the last tile of a row or column is moved back to end at the
 // rectangle's edge, overlapping its neighbour, so that every tile holds the
-// same number of pixels. Each tile keeps the values of its pixels inside the
-// region, sorted: its curve is
+// same number of pixels. A tile's curve over its n pixels inside the region:
 //   map(v) = (P(v) + E / N * (v + 1)) * T / n
-// with n the tile's pixels, N the bins (256 or 65536), T the top sample value,
-// P(v) the count of values <= v with every value's count clipped at the limit
+// with N the bins (256 or 65536), T the top sample value, P(v) the count of
+// values <= v with every value's count clipped at the limit
 // L = max(1, clip * n / (10 N)) (no clipping for clip 0) and E the clipped
 // excess, spread evenly over the bins. A tile without pixels maps v to v.
 // A pixel takes the bilinear blend of the curves of the four nearest tile
-// centres (one or two at the edges), rounded to nearest. The curves are
-// evaluated by binary search in the sorted values, so a pixel costs the same
-// whatever the tile size and 16-bit samples need no 65536 bins per tile.
+// centres (one or two at the edges), rounded to nearest.
+//
+// The first walk keeps the samples of the rectangle (one plane per channel,
+// or the luma); the second builds the curves of one row of tiles at a time,
+// when the rows being mapped first need them, and keeps two such rows. An
+// 8-bit curve is a table of its 256 values; a 16-bit one keeps its tile's
+// sorted distinct values with their clipped prefix counts and is evaluated
+// by binary search (a table of 65536 values per tile would cost more than
+// its pixels). Either way a pixel costs the same whatever the tile size.
+#include "LocalEq.h"
+
 #include <algorithm>
+#include <cstring>
 #include <type_traits>
 
 #include "curves.h"
 #include "frame.h"
 
-namespace img {
+namespace img::localeq {
 
 namespace {
 
 static constexpr const wchar_t *kSourceFile = L"Common/LocalEq";
-
-constexpr EntryRule kEntry{.flagsWord = true, .nullBitmap = NullBitmap::Refused, .signedData = true};
 
 // Tiles along one axis of the work rectangle.
 struct Axis {
@@ -42,11 +48,6 @@ struct Axis {
     count = (extent + tile - 1) / tile;
   }
   int32_t TileStart(int32_t i) const { return i < count - 1 ? i * tile : extent - tile; }
-  // The one or two tiles holding position p (relative to start).
-  void Holders(int32_t p, int32_t *a, int32_t *b) const {
-    *a = p / tile < count - 1 ? p / tile : count - 1;
-    *b = *a < count - 1 && p >= extent - tile ? count - 1 : -1;
-  }
   // Doubled coordinate of tile i's centre.
   int64_t Centre(int32_t i) const { return 2 * static_cast<int64_t>(TileStart(i)) + tile; }
   // The tile centres around position p and the weight of the second one;
@@ -66,16 +67,13 @@ struct Axis {
   }
 };
 
-// Per column or row of the rectangle: the tiles holding it and the centres
-// it lies between.
+// A row of the rectangle: the tile rows whose centres it lies between.
 struct Place {
-  int32_t holderA, holderB;
   int32_t lo, hi;
   double w;
 };
 
-// One tile's curve over one channel: its sorted distinct values and the
-// clipped counts up to each.
+// A 16-bit curve: its tile's sorted distinct values and clipped prefixes.
 struct Curve {
   uint32_t distinct = 0;
   uint32_t pixels = 0;
@@ -83,116 +81,213 @@ struct Curve {
   double scale = 0.0;  // T / pixels
 };
 
+// The clip limit of a tile of n pixels.
+uint32_t Limit(uint32_t clip, uint32_t n, uint32_t bins) {
+  const uint64_t limit =
+      clip == 0 ? n : static_cast<uint64_t>(clip) * n / (10u * static_cast<uint64_t>(bins));
+  return static_cast<uint32_t>(limit < 1 ? 1 : limit > n ? n : limit);
+}
+
+template <class T>
 class LocalEqualizer {
+  static constexpr bool kWide = std::is_same_v<T, uint16_t>;
+  static constexpr uint32_t kBins = kWide ? 65536u : 256u;
+
  public:
-  LocalEqualizer(const Axis &x, const Axis &y, int32_t planes, int32_t bins, uint32_t clip)
-      : x_(x), y_(y), planes_(planes), bins_(bins), clip_(clip) {
+  LocalEqualizer(Isa isa, const Axis &x, const Axis &y, int32_t planes, uint32_t clip, bool masked)
+      : isa_(isa), x_(x), y_(y), planes_(planes), clip_(clip), masked_(masked) {
+    width_ = static_cast<std::size_t>(x.extent > 0 ? x.extent : 0);
+    height_ = static_cast<std::size_t>(y.extent > 0 ? y.extent : 0);
+    tiles_ = static_cast<std::size_t>(x.count) * static_cast<std::size_t>(planes);
     capacity_ = static_cast<std::size_t>(x.tile) * static_cast<std::size_t>(y.tile);
-    curves_ = static_cast<std::size_t>(x.count) * static_cast<std::size_t>(y.count) * planes;
   }
 
   int32_t Allocate() {
-    values_ = KernelBuffer<uint16_t>(curves_ * capacity_, __LINE__, kSourceFile);
-    prefix_ = KernelBuffer<uint32_t>(curves_ * capacity_, __LINE__, kSourceFile);
-    curve_ = KernelBuffer<Curve>(curves_, __LINE__, kSourceFile);
-    columns_ =
-        KernelBuffer<Place>(static_cast<std::size_t>(x_.extent > 0 ? x_.extent : 1), __LINE__, kSourceFile);
-    rows_ =
-        KernelBuffer<Place>(static_cast<std::size_t>(y_.extent > 0 ? y_.extent : 1), __LINE__, kSourceFile);
-    if (bins_ == 256) counts_ = KernelBuffer<uint32_t>(256, __LINE__, kSourceFile);
-    if (!values_ || !prefix_ || !curve_ || !columns_ || !rows_ || (bins_ == 256 && !counts_))
+    const std::size_t area = std::max<std::size_t>(width_ * height_, 1);
+    samples_ = KernelBuffer<T>(area * planes_, __LINE__, kSourceFile);
+    if (masked_) mask_ = KernelBuffer<uint8_t>(area, __LINE__, kSourceFile);
+    const std::size_t columns = std::max<std::size_t>(width_, 1);
+    left_ = KernelBuffer<int32_t>(columns, __LINE__, kSourceFile);
+    right_ = KernelBuffer<int32_t>(columns, __LINE__, kSourceFile);
+    weight_ = KernelBuffer<double>(columns, __LINE__, kSourceFile);
+    rows_ = KernelBuffer<Place>(std::max<std::size_t>(height_, 1), __LINE__, kSourceFile);
+    bool tables = true;
+    for (Slot &slot : slots_) {
+      if constexpr (kWide) {
+        slot.values = KernelBuffer<uint16_t>(tiles_ * capacity_, __LINE__, kSourceFile);
+        slot.prefix = KernelBuffer<uint32_t>(tiles_ * capacity_, __LINE__, kSourceFile);
+        slot.curves = KernelBuffer<Curve>(tiles_, __LINE__, kSourceFile);
+        tables = tables && slot.values && slot.prefix && slot.curves;
+      } else {
+        slot.table = KernelBuffer<double>(tiles_ * kBins, __LINE__, kSourceFile);
+        tables = tables && slot.table;
+      }
+    }
+    if (!kWide) counts_ = KernelBuffer<uint32_t>(kBins, __LINE__, kSourceFile);
+    if (!samples_ || (masked_ && !mask_) || !left_ || !right_ || !weight_ || !rows_ || !tables ||
+        (!kWide && !counts_))
       return RC_NO_MEMORY;
-    Fill(x_, columns_.get());
-    Fill(y_, rows_.get());
+    if (masked_) std::memset(mask_.get(), 0, area);
+    // Columns: the tables (8-bit) or curves (16-bit) of the tiles around each.
+    const int32_t stride = planes_ * static_cast<int32_t>(kWide ? 1u : kBins);
+    for (int32_t p = 0, i = 0; p < x_.extent; ++p) {
+      int32_t lo, hi;
+      x_.Between(p, i, &lo, &hi, &weight_[p]);
+      left_[p] = lo * stride;
+      right_[p] = hi * stride;
+    }
+    for (int32_t p = 0, i = 0; p < y_.extent; ++p) y_.Between(p, i, &rows_[p].lo, &rows_[p].hi, &rows_[p].w);
     return RC_SUCCESS;
   }
 
-  // The place of an image column or row (inside the rectangle).
-  const Place &Column(int32_t px) const { return columns_[static_cast<std::size_t>(px - x_.start)]; }
+  // Where the first walk keeps plane c of an image row (from the rectangle's
+  // left edge), and the row's mask.
+  T *Samples(int32_t py, int32_t c) {
+    return samples_.get() +
+           (static_cast<std::size_t>(c) * height_ + static_cast<std::size_t>(py - y_.start)) * width_;
+  }
+  uint8_t *Mask(int32_t py) {
+    return masked_ ? mask_.get() + static_cast<std::size_t>(py - y_.start) * width_ : nullptr;
+  }
+
   const Place &Row(int32_t py) const { return rows_[static_cast<std::size_t>(py - y_.start)]; }
-  // Adds the value v of plane c of the pixel at that column and row.
-  void Add(const Place &col, const Place &row, int32_t c, uint32_t v) {
-    Push(col.holderA, row.holderA, c, v);
-    if (col.holderB >= 0) Push(col.holderB, row.holderA, c, v);
-    if (row.holderB >= 0) {
-      Push(col.holderA, row.holderB, c, v);
-      if (col.holderB >= 0) Push(col.holderB, row.holderB, c, v);
+
+  // Maps plane c's samples from column `left` to `right` (image columns) of
+  // a row whose tile rows are ready (Prepare), `step` samples apart.
+  template <class Sample>
+  void MapRun(Isa isa, const Place &row, int32_t c, Sample *p, int32_t step, int32_t left, int32_t right) {
+    const Slot &up = slots_[Find(row.lo)], &down = slots_[Find(row.hi)];
+    const int32_t first = left - x_.start, count = right - left;
+    const int32_t *l = left_.get() + first, *r = right_.get() + first;
+    const double *w = weight_.get() + first;
+    if constexpr (!kWide) {
+      const double *a = up.table.get() + c * kBins, *b = down.table.get() + c * kBins;
+      if (step == 1) {
+        const GrayRun8 run{p, count, l, r, w, a, b, row.w};
+        int32_t done = 0;
+        if (isa >= Isa::Avx512)
+          done = MapGray8Avx512(run);
+        else if (isa >= Isa::Avx2)
+          done = MapGray8Avx2(run);
+        MapGray8Scalar(run, done);
+        return;
+      }
+      for (int32_t k = 0; k < count; ++k, p += step) {
+        const uint32_t v = *p;
+        *p = static_cast<Sample>(
+            Blend(a[l[k] + v], a[r[k] + v], b[l[k] + v], b[r[k] + v], w[k], row.w, kBins - 1.0));
+      }
+    } else {
+      for (int32_t k = 0; k < count; ++k, p += step) {
+        const uint32_t v = *p;
+        const int32_t lc = l[k] + c, rc = r[k] + c;
+        *p = static_cast<Sample>(Blend(Evaluate(up, lc, v), Evaluate(up, rc, v), Evaluate(down, lc, v),
+                                       Evaluate(down, rc, v), w[k], row.w, kBins - 1.0));
+      }
     }
   }
 
-  // Sorts every tile's values and turns them into its curve.
-  void Build() {
-    for (std::size_t i = 0; i < curves_; ++i) BuildCurve(i);
+  // The blended, rounded value of v in plane c at image column px.
+  uint32_t Map(const Place &row, int32_t px, int32_t c, uint32_t v) {
+    T sample = static_cast<T>(v);
+    MapRun(Isa::Scalar, row, c, &sample, 1, px, px + 1);
+    return sample;
   }
 
-  // The blended, rounded value of v in plane c.
-  uint32_t Map(const Place &col, const Place &row, int32_t c, uint32_t v) const {
-    const double m00 = Evaluate(col.lo, row.lo, c, v), m10 = Evaluate(col.hi, row.lo, c, v);
-    const double m01 = Evaluate(col.lo, row.hi, c, v), m11 = Evaluate(col.hi, row.hi, c, v);
-    const double upper = m00 + col.w * (m10 - m00);
-    const double lower = m01 + col.w * (m11 - m01);
-    const double value = upper + row.w * (lower - upper) + 0.5;
-    const double top = bins_ - 1;
-    return static_cast<uint32_t>(value < 0.0 ? 0.0 : value > top ? top : value);
+  // Builds the curves of the tile rows a row lies between, when not built.
+  void Prepare(const Place &row) {
+    if (width_ == 0 || height_ == 0) return;
+    Build(row.lo);
+    Build(row.hi);
   }
 
  private:
-  static void Fill(const Axis &axis, Place *places) {
-    int32_t i = 0;
-    for (int32_t p = 0; p < axis.extent; ++p) {
-      Place &place = places[p];
-      axis.Holders(p, &place.holderA, &place.holderB);
-      axis.Between(p, i, &place.lo, &place.hi, &place.w);
-    }
-  }
-  std::size_t Index(int32_t tx, int32_t ty, int32_t c) const {
-    return (static_cast<std::size_t>(ty) * x_.count + tx) * planes_ + c;
-  }
-  void Push(int32_t tx, int32_t ty, int32_t c, uint32_t v) {
-    const std::size_t i = Index(tx, ty, c);
-    values_[i * capacity_ + curve_[i].pixels++] = static_cast<uint16_t>(v);
+  struct Slot {
+    int32_t tileRow = -1;
+    KernelBuffer<double> table;  // 8-bit: 256 values a tile and plane
+    KernelBuffer<uint16_t> values;
+    KernelBuffer<uint32_t> prefix;
+    KernelBuffer<Curve> curves;
+  };
+
+  std::size_t Find(int32_t tileRow) const { return slots_[0].tileRow == tileRow ? 0 : 1; }
+
+  // Tile rows are asked for in increasing order: the older slot takes a new one.
+  void Build(int32_t tileRow) {
+    if (slots_[0].tileRow == tileRow || slots_[1].tileRow == tileRow) return;
+    Slot &slot = slots_[slots_[0].tileRow < slots_[1].tileRow ? 0 : 1];
+    slot.tileRow = tileRow;
+    for (int32_t i = 0; i < x_.count; ++i)
+      for (int32_t c = 0; c < planes_; ++c) BuildTile(slot, i, tileRow, c);
   }
 
-  void BuildCurve(std::size_t i) {
-    Curve &curve = curve_[i];
-    const uint32_t n = curve.pixels;
-    uint16_t *values = values_.get() + i * capacity_;
-    uint32_t *prefix = prefix_.get() + i * capacity_;
-    if (n == 0) return;
-    if (bins_ == 256) {  // counting sort
+  // fn(v) for every value of plane c of tile (tx, ty) inside the region.
+  template <class Fn>
+  void ForTile(int32_t tx, int32_t ty, int32_t c, Fn &&fn) {
+    const std::size_t left = static_cast<std::size_t>(x_.TileStart(tx));
+    const int32_t top = y_.TileStart(ty);
+    for (int32_t yy = top; yy < top + y_.tile; ++yy) {
+      const T *s = samples_.get() + (static_cast<std::size_t>(c) * height_ + yy) * width_ + left;
+      if (!masked_) {
+        for (int32_t k = 0; k < x_.tile; ++k) fn(s[k]);
+        continue;
+      }
+      const uint8_t *m = mask_.get() + static_cast<std::size_t>(yy) * width_ + left;
+      for (int32_t k = 0; k < x_.tile; ++k)
+        if (m[k]) fn(s[k]);
+    }
+  }
+
+  void BuildTile(Slot &slot, int32_t tx, int32_t ty, int32_t c) {
+    const std::size_t index = static_cast<std::size_t>(tx) * planes_ + c;
+    if constexpr (!kWide) {
       uint32_t *counts = counts_.get();
-      std::fill(counts, counts + 256, 0u);
-      for (uint32_t k = 0; k < n; ++k) ++counts[values[k]];
-      uint32_t at = 0;
-      for (uint32_t v = 0; v < 256; ++v)
-        for (uint32_t k = 0; k < counts[v]; ++k) values[at++] = static_cast<uint16_t>(v);
+      std::fill(counts, counts + kBins, 0u);
+      uint32_t n = 0;
+      ForTile(tx, ty, c, [&](uint32_t v) {
+        ++counts[v];
+        ++n;
+      });
+      double *table = slot.table.get() + index * kBins;
+      if (n == 0) {
+        for (uint32_t v = 0; v < kBins; ++v) table[v] = v;
+        return;
+      }
+      if (isa_ >= Isa::Avx512)
+        BuildTable8Avx512(counts, Limit(clip_, n, kBins), n, table);
+      else
+        BuildTable8Scalar(counts, Limit(clip_, n, kBins), n, table);
     } else {
+      Curve &curve = slot.curves[index];
+      uint16_t *values = slot.values.get() + index * capacity_;
+      uint32_t *prefix = slot.prefix.get() + index * capacity_;
+      uint32_t n = 0;
+      ForTile(tx, ty, c, [&](uint16_t v) { values[n++] = v; });
+      curve.pixels = n;
+      if (n == 0) return;
       std::sort(values, values + n);
+      const uint32_t limit = Limit(clip_, n, kBins);
+      uint32_t distinct = 0, sum = 0, excess = 0;
+      for (uint32_t k = 0; k < n;) {
+        uint32_t run = 1;
+        while (k + run < n && values[k + run] == values[k]) ++run;
+        const uint32_t kept = run < limit ? run : limit;
+        excess += run - kept;
+        sum += kept;
+        values[distinct] = values[k];
+        prefix[distinct++] = sum;
+        k += run;
+      }
+      curve.distinct = distinct;
+      curve.excessPerBin = static_cast<double>(excess) / kBins;
+      curve.scale = static_cast<double>(kBins - 1) / n;
     }
-    const uint64_t limit64 =
-        clip_ == 0 ? n : static_cast<uint64_t>(clip_) * n / (10u * static_cast<uint64_t>(bins_));
-    const uint32_t limit = static_cast<uint32_t>(limit64 < 1 ? 1 : limit64 > n ? n : limit64);
-    uint32_t distinct = 0, sum = 0, excess = 0;
-    for (uint32_t k = 0; k < n;) {
-      uint32_t run = 1;
-      while (k + run < n && values[k + run] == values[k]) ++run;
-      const uint32_t kept = run < limit ? run : limit;
-      excess += run - kept;
-      sum += kept;
-      values[distinct] = values[k];
-      prefix[distinct++] = sum;
-      k += run;
-    }
-    curve.distinct = distinct;
-    curve.excessPerBin = static_cast<double>(excess) / bins_;
-    curve.scale = static_cast<double>(bins_ - 1) / n;
   }
 
-  double Evaluate(int32_t tx, int32_t ty, int32_t c, uint32_t v) const {
-    const std::size_t i = Index(tx, ty, c);
-    const Curve &curve = curve_[i];
+  double Evaluate(const Slot &slot, int32_t index, uint32_t v) const {
+    const Curve &curve = slot.curves[static_cast<std::size_t>(index)];
     if (curve.pixels == 0) return v;
-    const uint16_t *values = values_.get() + i * capacity_;
+    const uint16_t *values = slot.values.get() + static_cast<std::size_t>(index) * capacity_;
     // Values <= v: a binary search without branches on the data (the
     // comparisons of random samples would mispredict at every step).
     const uint16_t *base = values;
@@ -202,82 +297,102 @@ class LocalEqualizer {
       n -= half;
     }
     const uint32_t at = static_cast<uint32_t>(base - values) + (*base <= v ? 1u : 0u);
-    const double below = at ? prefix_[i * capacity_ + at - 1] : 0u;
+    const double below = at ? slot.prefix[static_cast<std::size_t>(index) * capacity_ + at - 1] : 0u;
     return (below + curve.excessPerBin * (v + 1.0)) * curve.scale;
   }
 
+  Isa isa_;
   Axis x_, y_;
-  int32_t planes_, bins_;
+  int32_t planes_;
   uint32_t clip_;
-  std::size_t capacity_ = 0, curves_ = 0;
-  KernelBuffer<uint16_t> values_;
-  KernelBuffer<uint32_t> prefix_;
-  KernelBuffer<Curve> curve_;
-  KernelBuffer<Place> columns_, rows_;
+  bool masked_;
+  std::size_t width_ = 0, height_ = 0, tiles_ = 0, capacity_ = 0;
+  KernelBuffer<T> samples_;
+  KernelBuffer<uint8_t> mask_;
+  KernelBuffer<int32_t> left_, right_;
+  KernelBuffer<double> weight_;
+  KernelBuffer<Place> rows_;
   KernelBuffer<uint32_t> counts_;
+  Slot slots_[2];
 };
 
-int32_t Equalize(BitmapRecord *bitmap, int32_t tileWidth, int32_t tileHeight, uint32_t clip, bool luminance) {
-  RowPass pass(bitmap,
-               RowSetup{.progress = {0, 50, true}, .write = false, .progressAt = ProgressPoint::AfterRow});
-  if (pass.status() != RC_SUCCESS) return pass.status();
-  Rect bounds{};
-  if (const int32_t status = ::GetRegionBounds(bitmap, nullptr, &bounds); status != RC_SUCCESS) return status;
-  const int32_t bins = pass.wide() ? 65536 : 256;
-  const int32_t top = bins - 1;
+template <class T>
+int32_t Run(Isa isa, RowPass &pass, const Rect &bounds, int32_t tileWidth, int32_t tileHeight, uint32_t clip,
+            bool luminance) {
+  constexpr int32_t top = std::is_same_v<T, uint16_t> ? 65535 : 255;
   const bool gray = pass.channels() < 3;
   const int32_t planes = gray || luminance ? 1 : 3;
   const bool luma = luminance && !gray;
-  LocalEqualizer eq(Axis(bounds.Left, bounds.Right - bounds.Left, tileWidth),
-                    Axis(bounds.Top, bounds.Bottom - bounds.Top, tileHeight), planes, bins, clip);
+  LocalEqualizer<T> eq(isa, Axis(bounds.Left, bounds.Right - bounds.Left, tileWidth),
+                       Axis(bounds.Top, bounds.Bottom - bounds.Top, tileHeight), planes, clip,
+                       ::BitmapHasRegion(pass.bitmap()) != 0);
   if (const int32_t status = eq.Allocate(); status != RC_SUCCESS) return status;
   int32_t status = pass.RunRows([&](auto &row) {
-    const Place &place = eq.Row(row.y);
-    row.ForEachRun([&](int32_t left, int32_t right) {
-      const auto *p = row.Pixel(left);
-      for (int32_t x = left; x < right; ++x, p += row.channels) {
-        const Place &col = eq.Column(x);
-        if (luma)
-          eq.Add(col, place, 0, static_cast<uint32_t>(LumaForward(p[2], p[1], p[0], top).y));
-        else
-          for (int32_t c = 0; c < planes; ++c) eq.Add(col, place, c, p[c]);
-      }
-    });
+    if constexpr (std::is_same_v<std::remove_reference_t<decltype(*row.samples)>, T>) {
+      uint8_t *mask = eq.Mask(row.y);
+      T *kept[3] = {eq.Samples(row.y, 0), planes > 1 ? eq.Samples(row.y, 1) : nullptr,
+                    planes > 1 ? eq.Samples(row.y, 2) : nullptr};
+      row.ForEachRun([&](int32_t left, int32_t right) {
+        const auto *p = row.Pixel(left);
+        const int32_t at = left - bounds.Left;
+        if (mask) std::memset(mask + at, 1, static_cast<std::size_t>(right - left));
+        for (int32_t k = 0; k < right - left; ++k, p += row.channels) {
+          if (luma)
+            kept[0][at + k] = static_cast<T>(LumaForward(p[2], p[1], p[0], top).y);
+          else
+            for (int32_t c = 0; c < planes; ++c) kept[c][at + k] = p[c];
+        }
+      });
+    }
   });
   if (status != RC_SUCCESS) return status;
-  eq.Build();
   pass.SetWalk({50, 100, true}, true);
   return pass.RunRows([&](auto &row) {
-    using T = std::remove_reference_t<decltype(*row.samples)>;
-    const Place &place = eq.Row(row.y);
-    row.ForEachRun([&](int32_t left, int32_t right) {
-      T *p = row.Pixel(left);
-      for (int32_t x = left; x < right; ++x, p += row.channels) {
-        const Place &col = eq.Column(x);
+    if constexpr (std::is_same_v<std::remove_reference_t<decltype(*row.samples)>, T>) {
+      const Place &place = eq.Row(row.y);
+      eq.Prepare(place);
+      row.ForEachRun([&](int32_t left, int32_t right) {
         if (!luma) {
-          for (int32_t c = 0; c < planes; ++c) p[c] = static_cast<T>(eq.Map(col, place, c, p[c]));
-          continue;
+          for (int32_t c = 0; c < planes; ++c)
+            eq.MapRun(isa, place, c, row.Pixel(left) + c, row.channels, left, right);
+          return;
         }
-        YuvPixel yuv = LumaForward(p[2], p[1], p[0], top);
-        yuv.y = static_cast<int32_t>(eq.Map(col, place, 0, static_cast<uint32_t>(yuv.y)));
-        int32_t r, g, b;
-        LumaBack(yuv, top, &r, &g, &b);
-        p[0] = static_cast<T>(b);
-        p[1] = static_cast<T>(g);
-        p[2] = static_cast<T>(r);
-      }
-    });
+        T *p = row.Pixel(left);
+        for (int32_t x = left; x < right; ++x, p += row.channels) {
+          YuvPixel yuv = LumaForward(p[2], p[1], p[0], top);
+          yuv.y = static_cast<int32_t>(eq.Map(place, x, 0, static_cast<uint32_t>(yuv.y)));
+          int32_t r, g, b;
+          LumaBack(yuv, top, &r, &g, &b);
+          p[0] = static_cast<T>(b);
+          p[1] = static_cast<T>(g);
+          p[2] = static_cast<T>(r);
+        }
+      });
+    }
   });
 }
 
 }  // namespace
 
-}  // namespace img
+int32_t Equalize(Isa isa, BitmapRecord *bitmap, int32_t tileWidth, int32_t tileHeight, uint32_t clip,
+                 bool luminance) {
+  RowPass pass(bitmap,
+               RowSetup{.progress = {0, 50, true}, .write = false, .progressAt = ProgressPoint::AfterRow});
+  if (pass.status() != RC_SUCCESS) return pass.status();
+  Rect bounds{};
+  if (const int32_t status = ::GetRegionBounds(bitmap, nullptr, &bounds); status != RC_SUCCESS) return status;
+  return pass.wide() ? Run<uint16_t>(isa, pass, bounds, tileWidth, tileHeight, clip, luminance)
+                     : Run<uint8_t>(isa, pass, bounds, tileWidth, tileHeight, clip, luminance);
+}
+
+}  // namespace img::localeq
 
 extern "C" IMG_API int32_t Q_LocalHistoEqualizeBitmap(BitmapRecord *bitmap, uint32_t tileWidth,
                                                       uint32_t tileHeight, uint32_t clipLimit, uint32_t mode,
                                                       uint32_t flags) {
-  if (const int32_t status = img::CheckEntry(img::kEntry, flags, bitmap)) return status;
+  constexpr img::EntryRule kEntry{
+      .flagsWord = true, .nullBitmap = img::NullBitmap::Refused, .signedData = true};
+  if (const int32_t status = img::CheckEntry(kEntry, flags, bitmap)) return status;
   namespace R = img::ranges;
   // A tile is at most the bitmap's size; a bitmap under 8 pixels takes tiles
   // of 8, cut to it.
@@ -286,6 +401,6 @@ extern "C" IMG_API int32_t Q_LocalHistoEqualizeBitmap(BitmapRecord *bitmap, uint
       static_cast<int64_t>(tileHeight) > std::max(bitmap->Height, 8) || !R::kLocalClip.Contains(clipLimit) ||
       (clipLimit > 0 && clipLimit < 10) || !R::kLocalMode.Contains(mode))
     return RC_INVALID_PARAMETER;
-  return img::Equalize(bitmap, static_cast<int32_t>(tileWidth), static_cast<int32_t>(tileHeight), clipLimit,
-                       mode == LOCALEQ_LUMINANCE);
+  return img::localeq::Equalize(img::BestIsa(), bitmap, static_cast<int32_t>(tileWidth),
+                                static_cast<int32_t>(tileHeight), clipLimit, mode == LOCALEQ_LUMINANCE);
 }

@@ -1,0 +1,75 @@
+// Local equalisation: the loops that have one form per instruction set (the
+// blend of 8-bit gray rows between the tables of four tiles) and the entry
+// that takes the instruction set, so that tests can force each one.
+#pragma once
+
+#include <cstdint>
+
+#include "cpu.h"
+#include "imgkernel.h"
+
+namespace img::localeq {
+
+// A run of 8-bit gray pixels mapped in place through the 256-entry tables of
+// the tiles around it.
+struct GrayRun8 {
+  uint8_t *samples;      // the run's first pixel
+  int32_t count;         // pixels in the run
+  const int32_t *left;   // per pixel: offset of the left tile's table in a tile row
+  const int32_t *right;  // per pixel: offset of the right tile's table
+  const double *weight;  // per pixel: weight of the right tile (0..1)
+  const double *upper;   // tables of the tile row above
+  const double *lower;   // tables of the tile row below
+  double weightBelow;    // weight of the row below (0..1)
+};
+
+// The blend of the four curve values (left/right, above/below), rounded once
+// and limited to 0..top. Every loop evaluates exactly these operations.
+inline uint32_t Blend(double m00, double m10, double m01, double m11, double wx, double wy, double top) {
+  const double upper = m00 + wx * (m10 - m00);
+  const double lower = m01 + wx * (m11 - m01);
+  const double value = upper + wy * (lower - upper) + 0.5;
+  return static_cast<uint32_t>(value < 0.0 ? 0.0 : value > top ? top : value);
+}
+
+// The pixels from `first` on, one at a time.
+inline void MapGray8Scalar(const GrayRun8 &run, int32_t first) {
+  for (int32_t x = first; x < run.count; ++x) {
+    const uint32_t v = run.samples[x];
+    const int32_t l = run.left[x] + static_cast<int32_t>(v), r = run.right[x] + static_cast<int32_t>(v);
+    run.samples[x] = static_cast<uint8_t>(
+        Blend(run.upper[l], run.upper[r], run.lower[l], run.lower[r], run.weight[x], run.weightBelow, 255.0));
+  }
+}
+
+// The 256-entry table of an 8-bit tile with n > 0 pixels from its value
+// counts (which it clips in place):
+//   table[v] = (P(v) + E / 256 * (v + 1)) * 255 / n.
+inline void BuildTable8Scalar(uint32_t *counts, uint32_t limit, uint32_t n, double *table) {
+  uint32_t excess = 0;
+  for (uint32_t v = 0; v < 256; ++v) {
+    const uint32_t kept = counts[v] < limit ? counts[v] : limit;
+    excess += counts[v] - kept;
+    counts[v] = kept;
+  }
+  const double excessPerBin = static_cast<double>(excess) / 256;
+  const double scale = 255.0 / n;
+  uint32_t sum = 0;
+  for (uint32_t v = 0; v < 256; ++v) {
+    sum += counts[v];
+    table[v] = (static_cast<double>(sum) + excessPerBin * (v + 1.0)) * scale;
+  }
+}
+void BuildTable8Avx512(uint32_t *counts, uint32_t limit, uint32_t n, double *table);
+
+// The SIMD loops: each maps a whole number of steps and returns the pixels
+// done; the caller finishes the run with MapGray8Scalar.
+int32_t MapGray8Avx2(const GrayRun8 &run);
+int32_t MapGray8Avx512(const GrayRun8 &run);
+
+// Q_LocalHistoEqualizeBitmap after its checks, with the loops of `isa` (or the
+// best below it that has loops).
+int32_t Equalize(Isa isa, BitmapRecord *bitmap, int32_t tileWidth, int32_t tileHeight, uint32_t clip,
+                 bool luminance);
+
+}  // namespace img::localeq
