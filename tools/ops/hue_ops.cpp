@@ -29,11 +29,11 @@ std::string Bounds(const img::Range &r) { return std::to_string(r.min) + ".." + 
 constexpr uint32_t kColourKinds = imgtool::kPalette | imgtool::kAnyColor;
 
 int32_t Hue(BitmapRecord *b, const ArgValues &a, std::ostream &) {
-  return Q_ChangeBitmapHue(b, a.Int("angle"), 0);
+  return Q_ChangeBitmapHue(b, a.Int("angle"), a.Flags());
 }
 
 int32_t Saturation(BitmapRecord *b, const ArgValues &a, std::ostream &) {
-  return Q_ChangeBitmapSaturation(b, a.Int("change"), 0);
+  return Q_ChangeBitmapSaturation(b, a.Int("change"), a.Flags());
 }
 
 // Builds the four tables of the remap from a hue range (in 256ths of the
@@ -54,7 +54,9 @@ int32_t RemapHue(BitmapRecord *b, const ArgValues &a, std::ostream &) {
     saturation[i] = static_cast<int32_t>(s > top ? top : s);
     value[i] = static_cast<int32_t>(v > top ? top : v);
   }
-  return Q_RemapBitmapHue(b, selection.data(), hue.data(), saturation.data(), value.data(), length, 0);
+  return Q_RemapBitmapHue(b, a.Pointer("selection", selection.data()), a.Pointer("hue", hue.data()),
+                          a.Pointer("saturation", saturation.data()), a.Pointer("value", value.data()),
+                          length, a.Flags());
 }
 
 int32_t HueSatInt(BitmapRecord *b, const ArgValues &a, std::ostream &) {
@@ -64,12 +66,13 @@ int32_t HueSatInt(BitmapRecord *b, const ArgValues &a, std::ostream &) {
   for (size_t i = 0; i + 7 <= list.size(); i += 7)
     bands.push_back(HueSatIntRange{32, list[i], list[i + 1], list[i + 2], list[i + 3], list[i + 4],
                                    list[i + 5], list[i + 6]});
-  return Q_ChangeHueSatIntBitmap(b, a.Int("hue"), a.Int("saturation"), a.Int("intensity"), bands.data(),
-                                 static_cast<uint32_t>(bands.size()), 0);
+  return Q_ChangeHueSatIntBitmap(b, a.Int("hue"), a.Int("saturation"), a.Int("intensity"),
+                                 a.Pointer("bands", bands.data()), static_cast<uint32_t>(bands.size()),
+                                 a.Flags());
 }
 
 int32_t Tint(BitmapRecord *b, const ArgValues &a, std::ostream &) {
-  return Q_AdjustBitmapTint(b, a.Int("theta"), a.Int("phi"), 0);
+  return Q_AdjustBitmapTint(b, a.Int("theta"), a.Int("phi"), a.Flags());
 }
 
 const imgtool::Registrar kRegistrar{{
@@ -90,6 +93,7 @@ const imgtool::Registrar kRegistrar{{
                   .help = "the turn; every value is accepted"}},
         .kinds = imgtool::kAnyKind,
         .call = Hue,
+        .refusals = {.zeroedRecord = RC_NO_BITMAP},
     },
     {
         .name = "saturation",
@@ -107,6 +111,7 @@ const imgtool::Registrar kRegistrar{{
                   .help = "the change of saturation"}},
         .kinds = imgtool::kAnyKind,
         .call = Saturation,
+        .refusals = {.zeroedRecord = RC_NO_BITMAP},
     },
     {
         .name = "remap-hue",
@@ -123,35 +128,40 @@ const imgtool::Registrar kRegistrar{{
                   .min = kHueStep.min,
                   .max = kHueStep.max,
                   .defaultValue = "0",
-                  .help = "first selected hue step"},
+                  .help = "first selected hue step",
+                  .outsideStatus = imgtool::kAccepted},
                  {.name = "to",
                   .type = ArgType::Int,
                   .unit = "hue step (256 to the circle)",
                   .min = kHueStep.min,
                   .max = kHueStep.max,
                   .defaultValue = "42",
-                  .help = "last selected hue step"},
+                  .help = "last selected hue step",
+                  .outsideStatus = imgtool::kAccepted},
                  {.name = "new-hue",
                   .type = ArgType::Int,
                   .unit = "hue step (256 to the circle)",
                   .min = kNewHue.min,
                   .max = kNewHue.max,
                   .defaultValue = "150",
-                  .help = "hue step the selected pixels get; -1 keeps their hue"},
+                  .help = "hue step the selected pixels get; -1 keeps their hue",
+                  .outsideStatus = imgtool::kAccepted},
                  {.name = "saturation-scale",
                   .type = ArgType::Int,
                   .unit = "percent",
                   .min = kRemapScale.min,
                   .max = kRemapScale.max,
                   .defaultValue = "100",
-                  .help = "scale of the saturation of selected pixels"},
+                  .help = "scale of the saturation of selected pixels",
+                  .outsideStatus = imgtool::kAccepted},
                  {.name = "value-scale",
                   .type = ArgType::Int,
                   .unit = "percent",
                   .min = kRemapScale.min,
                   .max = kRemapScale.max,
                   .defaultValue = "100",
-                  .help = "scale of the value of selected pixels"},
+                  .help = "scale of the value of selected pixels",
+                  .outsideStatus = imgtool::kAccepted},
                  {.name = "table-length",
                   .type = ArgType::Enum,
                   .unit = "entries",
@@ -159,9 +169,17 @@ const imgtool::Registrar kRegistrar{{
                   .help = "entries per table",
                   .values = {{"256", 256, "8-bit samples and palettes only"},
                              {"4096", 4096, "16-bit samples read in 4096 steps"},
-                             {"65536", 65536, "any bitmap"}}}},
+                             {"65536", 65536, "any bitmap"}},
+                  .outsideStatus = imgtool::kAccepted,
+                  .probeLimit = 65536}},
         .kinds = imgtool::kAnyKind,
         .call = RemapHue,
+        // Any table may be null.
+        .pointers = {{"selection", imgtool::kAccepted},
+                     {"hue", imgtool::kAccepted},
+                     {"saturation", imgtool::kAccepted},
+                     {"value", imgtool::kAccepted}},
+        .refusals = {.zeroedRecord = RC_NO_BITMAP},
     },
     {
         .name = "hue-sat-int",
@@ -206,12 +224,15 @@ const imgtool::Registrar kRegistrar{{
                           Bounds(R::kChange) + "), outer start, outer end, inner start, inner end (each " +
                           Bounds(R::kBandAngle) + ")",
                   .minCount = 7,
-                  .maxCount = 70}},
+                  .maxCount = 70,
+                  // a band orders its hues and feathers
+                  .endStatuses = {RC_INVALID_PARAMETER, RC_INVALID_PARAMETER}}},
         .kinds = kColourKinds,
         .call = HueSatInt,
         // A failed copy of the bands is -13, and a missing row buffer a quiet
         // success that leaves the bitmap alone: both kept.
         .failureStatuses = {RC_INVALID_PARAMETER, RC_SUCCESS},
+        .pointers = {{"bands"}},
     },
     {
         .name = "tint",

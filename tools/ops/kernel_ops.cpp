@@ -10,9 +10,9 @@ int32_t Fill(BitmapRecord *bitmap, const imgtool::ArgValues &args, std::ostream 
   return FillBitmap(bitmap, args.Colour("color"));
 }
 
-int32_t CountColors(BitmapRecord *bitmap, const imgtool::ArgValues &, std::ostream &out) {
+int32_t CountColors(BitmapRecord *bitmap, const imgtool::ArgValues &args, std::ostream &out) {
   uint32_t count = 0;
-  const int32_t status = CountBitmapColors(bitmap, &count, 0);
+  const int32_t status = CountBitmapColors(bitmap, args.Pointer("count", &count), args.Flags());
   if (status == RC_SUCCESS) out << "colors: " << count << "\n";
   return status;
 }
@@ -34,6 +34,8 @@ const imgtool::Registrar kRegistrar{{
         }},
         .kinds = imgtool::kAnyKind,
         .call = Fill,
+        .flagsWord = false,
+        .refusals = {.coloursUsed = imgtool::kAccepted},
     },
     {
         .name = "count-colors",
@@ -46,6 +48,8 @@ const imgtool::Registrar kRegistrar{{
         .kinds = imgtool::kAnyKind,
         .writesImage = false,
         .call = CountColors,
+        .pointers = {{"count", RC_NULL_OPTIONS}},
+        .refusals = {.coloursUsed = imgtool::kAccepted},
     },
 }};
 

@@ -34,16 +34,16 @@ std::string RootCurve() {
 constexpr uint32_t kLutKinds = imgtool::kAnyKind;
 
 int32_t Solarize(BitmapRecord *b, const ArgValues &a, std::ostream &) {
-  return Q_SolarizeBitmap(b, a.UInt("threshold"), 0);
+  return Q_SolarizeBitmap(b, a.UInt("threshold"), a.Flags());
 }
 int32_t Posterize(BitmapRecord *b, const ArgValues &a, std::ostream &) {
-  return Q_PosterizeBitmap(b, a.UInt("levels"), 0);
+  return Q_PosterizeBitmap(b, a.UInt("levels"), a.Flags());
 }
 int32_t Contrast(BitmapRecord *b, const ArgValues &a, std::ostream &) {
-  return Q_ChangeBitmapContrast(b, a.Int("change"), 0);
+  return Q_ChangeBitmapContrast(b, a.Int("change"), a.Flags());
 }
 int32_t Multiply(BitmapRecord *b, const ArgValues &a, std::ostream &) {
-  return Q_MultiplyBitmap(b, a.UInt("factor"), 0);
+  return Q_MultiplyBitmap(b, a.UInt("factor"), a.Flags());
 }
 int32_t MathLogic(BitmapRecord *b, const ArgValues &a, std::ostream &) {
   const uint32_t operation =
@@ -53,21 +53,23 @@ int32_t MathLogic(BitmapRecord *b, const ArgValues &a, std::ostream &) {
 int32_t Remap(BitmapRecord *b, const ArgValues &a, std::ostream &) {
   const std::vector<int32_t> &points = a.List("table");
   const uint32_t length = static_cast<uint32_t>(points.size());
-  return Q_RemapBitmapIntensity(b, points.data(), length,
+  return Q_RemapBitmapIntensity(b, a.Pointer("table", points.data()), length,
                                 LUT_INDEX_BY_VALUE | static_cast<uint32_t>(a.Enum("channel")));
 }
 int32_t HistoContrast(BitmapRecord *b, const ArgValues &a, std::ostream &) {
-  return Q_HistoContrastBitmap(b, a.Int("change"), 0);
+  return Q_HistoContrastBitmap(b, a.Int("change"), a.Flags());
 }
-int32_t Stretch(BitmapRecord *b, const ArgValues &, std::ostream &) { return Q_StretchBitmapIntensity(b, 0); }
-int32_t ColorCount(BitmapRecord *b, const ArgValues &, std::ostream &out) {
+int32_t Stretch(BitmapRecord *b, const ArgValues &a, std::ostream &) {
+  return Q_StretchBitmapIntensity(b, a.Flags());
+}
+int32_t ColorCount(BitmapRecord *b, const ArgValues &a, std::ostream &out) {
   uint32_t count = 0;
-  const int32_t status = Q_GetBitmapColorCount(b, &count, 0);
+  const int32_t status = Q_GetBitmapColorCount(b, a.Pointer("count", &count), a.Flags());
   if (status == RC_SUCCESS) out << "colors: " << count << "\n";
   return status;
 }
 int32_t MathFunction(BitmapRecord *b, const ArgValues &a, std::ostream &) {
-  return Q_MathFunctionBitmap(b, static_cast<uint32_t>(a.Enum("function")), a.UInt("factor"), 0);
+  return Q_MathFunctionBitmap(b, static_cast<uint32_t>(a.Enum("function")), a.UInt("factor"), a.Flags());
 }
 
 ArgSpec ChannelArg() {
@@ -158,60 +160,75 @@ const imgtool::Registrar kRegistrar{{
         .help = "Takes each sample (optionally inverted, 0 or the maximum), combines it with the value by "
                 "the operation and stores the result (optionally inverted, or a constant). The value's "
                 "range depends on the operation and the sample range (multiply and divide take percent).",
-        .args = {{.name = "value",
-                  .type = ArgType::Int,
-                  .unit = "sample value (multiply and divide: percent)",
-                  .min = R::kMathLogicValue.min,
-                  .max = R::kMathLogicValue.max,
-                  .defaultValue = "32",
-                  .help = "the operand"},
-                 {.name = "operation",
-                  .type = ArgType::Enum,
-                  .unit = "operation",
-                  .defaultValue = "add",
-                  .help = "how sample x and value v combine",
-                  .values = {{"and", MATHLOGIC_OP_AND, "x AND v"},
-                             {"or", MATHLOGIC_OP_OR, "x OR v"},
-                             {"xor", MATHLOGIC_OP_XOR, "x XOR v"},
-                             {"add", MATHLOGIC_OP_ADD, "x + v"},
-                             {"value-minus-sample", MATHLOGIC_OP_VALUE_MINUS_SAMPLE, "v - x"},
-                             {"sample-minus-value", MATHLOGIC_OP_SAMPLE_MINUS_VALUE, "x - v"},
-                             {"abs-difference", MATHLOGIC_OP_ABS_DIFFERENCE, "|x - v|"},
-                             {"multiply", MATHLOGIC_OP_MULTIPLY, "x * v / 100"},
-                             {"divide", MATHLOGIC_OP_DIVIDE, "x * 100 / v (v not 0)"},
-                             {"value-divide-sample", MATHLOGIC_OP_VALUE_DIVIDE_SAMPLE,
-                              "v / x (255 for x = 0)"},
-                             {"average", MATHLOGIC_OP_AVERAGE, "(x + v) / 2"},
-                             {"minimum", MATHLOGIC_OP_MINIMUM, "min(x, v)"},
-                             {"maximum", MATHLOGIC_OP_MAXIMUM, "max(x, v)"}}},
-                 {.name = "input",
-                  .type = ArgType::Enum,
-                  .unit = "operand",
-                  .defaultValue = "sample",
-                  .help = "what the operation takes as x",
-                  .values = {{"sample", MATHLOGIC_IN_SAMPLE, "the sample"},
-                             {"invert", MATHLOGIC_IN_INVERT, "the inverted sample"},
-                             {"zero", MATHLOGIC_IN_ZERO, "0"},
-                             {"max", MATHLOGIC_IN_MAX, "the largest sample value"}}},
-                 {.name = "output",
-                  .type = ArgType::Enum,
-                  .unit = "result",
-                  .defaultValue = "result",
-                  .help = "what is stored",
-                  .values = {{"result", MATHLOGIC_OUT_RESULT, "the result"},
-                             {"invert", MATHLOGIC_OUT_INVERT, "the inverted result"},
-                             {"zero", MATHLOGIC_OUT_ZERO, "0"},
-                             {"ones", MATHLOGIC_OUT_ONES, "all bits set"}}},
+        .args = {{
+                     .name = "value",
+                     .type = ArgType::Int,
+                     .unit = "sample value (multiply and divide: percent)",
+                     .min = R::kMathLogicValue.min,
+                     .max = R::kMathLogicValue.max,
+                     .defaultValue = "32",
+                     .help = "the operand",
+                     // The default operation on 8-bit samples narrows the range.
+                     .endStatuses = {RC_INVALID_PARAMETER, RC_INVALID_PARAMETER},
+                 },
+                 {
+                     .name = "operation",
+                     .type = ArgType::Enum,
+                     .unit = "operation",
+                     .defaultValue = "add",
+                     .help = "how sample x and value v combine",
+                     .values = {{"and", MATHLOGIC_OP_AND, "x AND v"},
+                                {"or", MATHLOGIC_OP_OR, "x OR v"},
+                                {"xor", MATHLOGIC_OP_XOR, "x XOR v"},
+                                {"add", MATHLOGIC_OP_ADD, "x + v"},
+                                {"value-minus-sample", MATHLOGIC_OP_VALUE_MINUS_SAMPLE, "v - x"},
+                                {"sample-minus-value", MATHLOGIC_OP_SAMPLE_MINUS_VALUE, "x - v"},
+                                {"abs-difference", MATHLOGIC_OP_ABS_DIFFERENCE, "|x - v|"},
+                                {"multiply", MATHLOGIC_OP_MULTIPLY, "x * v / 100"},
+                                {"divide", MATHLOGIC_OP_DIVIDE, "x * 100 / v (v not 0)"},
+                                {"value-divide-sample", MATHLOGIC_OP_VALUE_DIVIDE_SAMPLE,
+                                 "v / x (255 for x = 0)"},
+                                {"average", MATHLOGIC_OP_AVERAGE, "(x + v) / 2"},
+                                {"minimum", MATHLOGIC_OP_MINIMUM, "min(x, v)"},
+                                {"maximum", MATHLOGIC_OP_MAXIMUM, "max(x, v)"}},
+                     .outsideStatus = imgtool::kAccepted,  // lands in another field of the operation word
+                 },
+                 {
+                     .name = "input",
+                     .type = ArgType::Enum,
+                     .unit = "operand",
+                     .defaultValue = "sample",
+                     .help = "what the operation takes as x",
+                     .values = {{"sample", MATHLOGIC_IN_SAMPLE, "the sample"},
+                                {"invert", MATHLOGIC_IN_INVERT, "the inverted sample"},
+                                {"zero", MATHLOGIC_IN_ZERO, "0"},
+                                {"max", MATHLOGIC_IN_MAX, "the largest sample value"}},
+                     .outsideStatus = imgtool::kAccepted  // lands in another field of the operation word
+                 },
+                 {
+                     .name = "output",
+                     .type = ArgType::Enum,
+                     .unit = "result",
+                     .defaultValue = "result",
+                     .help = "what is stored",
+                     .values = {{"result", MATHLOGIC_OUT_RESULT, "the result"},
+                                {"invert", MATHLOGIC_OUT_INVERT, "the inverted result"},
+                                {"zero", MATHLOGIC_OUT_ZERO, "0"},
+                                {"ones", MATHLOGIC_OUT_ONES, "all bits set"}},
+                     .outsideStatus = imgtool::kAccepted  // lands in another field of the operation word
+                 },
                  ChannelArg()},
         .kinds = kLutKinds,
         .call = MathLogic,
+        .flagsWord = false,
     },
     {
         .name = "remap",
         .exportName = "Q_RemapBitmapIntensity",
         .family = kPointOps,
         .summary = "Map every sample through a given table",
-        .help = "Sample v becomes table[v]; the table needs one entry per sample value (256, 4096 or 65536); "
+        .help = "Sample v becomes table[v]; the table needs one entry per sample value (256, 4096 "
+                "or 65536); "
                 "values beyond the table stay.",
         .args = {{.name = "table",
                   .type = ArgType::IntList,
@@ -221,10 +238,13 @@ const imgtool::Registrar kRegistrar{{
                   .defaultValue = RootCurve(),
                   .help = "the entries, comma-separated (by default a square-root curve over 8-bit samples)",
                   .minCount = 1,
-                  .maxCount = R::kSampleLevel.max + 1},
+                  .maxCount = R::kSampleLevel.max + 1,
+                  .outsideStatus = imgtool::kAccepted},
                  ChannelArg()},
         .kinds = kLutKinds,
         .call = Remap,
+        .flagsWord = false,
+        .pointers = {{"table"}},
     },
     {
         .name = "histo-contrast",
@@ -247,7 +267,8 @@ const imgtool::Registrar kRegistrar{{
         .exportName = "Q_StretchBitmapIntensity",
         .family = kPointOps,
         .summary = "Spread the occupied range of values over the whole range",
-        .help = "The lowest used value becomes 0, the highest the largest value, the middle of the two the "
+        .help = "The lowest used value becomes 0, the highest the largest value, the middle of the "
+                "two the "
                 "centre. A bitmap of a single value stays unchanged.",
         .args = {},
         .kinds = kLutKinds,
@@ -263,14 +284,18 @@ const imgtool::Registrar kRegistrar{{
         .kinds = kLutKinds,
         .writesImage = false,
         .call = ColorCount,
+        .pointers = {{"count", RC_NULL_OPTIONS}},
+        .refusals = {.coloursUsed = imgtool::kAccepted},
     },
     {
         .name = "math-function",
         .exportName = "Q_MathFunctionBitmap",
         .family = kCurves,
         .summary = "Pass every sample through a curve",
-        .help = "Square, logarithm, square root, sine or cosine of each sample, scaled by the factor and "
-                "limited to the largest sample value (for 8-bit samples: square i*i*f/10000, log ln(i)*f/10, "
+        .help = "Square, logarithm, square root, sine or cosine of each sample, scaled by the "
+                "factor and "
+                "limited to the largest sample value (for 8-bit samples: square i*i*f/10000, log "
+                "ln(i)*f/10, "
                 "root sqrt(i)*f/16, sine and cosine of i*f/100 degrees around the middle).",
         .args = {{.name = "function",
                   .type = ArgType::Enum,

@@ -38,8 +38,8 @@ ArgSpec ColourArg(const char *name, const char *defaultValue, const char *what) 
                  .help = std::string(what) + ": " + kColourHelp};
 }
 
-int32_t Desaturate(BitmapRecord *bitmap, const imgtool::ArgValues &, std::ostream &) {
-  return Q_DesaturateBitmap(bitmap, 0);
+int32_t Desaturate(BitmapRecord *bitmap, const imgtool::ArgValues &args, std::ostream &) {
+  return Q_DesaturateBitmap(bitmap, args.Flags());
 }
 
 int32_t Duotone(BitmapRecord *bitmap, const imgtool::ArgValues &args, std::ostream &) {
@@ -50,7 +50,7 @@ int32_t Duotone(BitmapRecord *bitmap, const imgtool::ArgValues &args, std::ostre
 int32_t Multitone(BitmapRecord *bitmap, const imgtool::ArgValues &args, std::ostream &) {
   const uint32_t colors[4] = {args.Colour("color1"), args.Colour("color2"), args.Colour("color3"),
                               args.Colour("color4")};
-  return Q_GrayScaleToMultitone(bitmap, args.UInt("tones") - 1, 0, colors, nullptr,
+  return Q_GrayScaleToMultitone(bitmap, args.UInt("tones") - 1, 0, args.Pointer("colors", colors), nullptr,
                                 static_cast<uint32_t>(args.Enum("mode")));
 }
 
@@ -81,6 +81,7 @@ const imgtool::Registrar kRegistrar{{
         .args = {ColourArg("color", "#FF0000", "the tint"), ModeArg()},
         .kinds = imgtool::kAnyKind,
         .call = Duotone,
+        .flagsWord = false,
     },
     {
         .name = "multitone",
@@ -105,6 +106,8 @@ const imgtool::Registrar kRegistrar{{
                  ModeArg()},
         .kinds = imgtool::kAnyKind,
         .call = Multitone,
+        .flagsWord = false,
+        .pointers = {{"colors"}},
     },
 }};
 
