@@ -45,17 +45,19 @@ void Scan(const std::vector<std::string> &args, const std::function<bool(const s
 
 // The options every reading and writing command shares.
 struct IoOptions {
-  std::string format;     // --format png|jpeg|jpg: OUT's format
-  bool inPlace = false;   // --in-place: OUT may be IN
-  bool quiet = false;     // --quiet: no progress bar
-  bool progress = false;  // --progress: the bar even when stderr is not a terminal
+  std::string format;                      // --format png|jpeg|jpg: OUT's format
+  bool inPlace = false;                    // --in-place: OUT may be IN
+  bool quiet = false;                      // --quiet: no progress bar
+  bool progress = false;                   // --progress: the bar even when stderr is not a terminal
+  uint64_t maxPixels = kDefaultMaxPixels;  // --max-pixels N: larger images are refused unread
   bool ProgressWanted() const;
 };
 
-// Consumes --format, --in-place, --quiet and --progress (the first two only
-// when `writes`); false for any other option. Throws UsageError on a bad value.
+// Consumes --format, --in-place, --quiet, --progress and --max-pixels (the
+// first two only when `writes`); false for any other option. Throws
+// UsageError on a bad value.
 bool TakeIoOption(const Option &option, bool writes, IoOptions &io);
-// `--format` takes a value.
+// `--format` and `--max-pixels` take a value.
 bool IsIoValueOption(const std::string &name);
 
 struct Input {
@@ -82,7 +84,7 @@ Input ParseInput(const std::string &arg);
 Output ParseOutput(const std::string &arg, const Input &in, const IoOptions &io);
 
 // Reads and decodes the image; throws Failure naming the input.
-void ReadInput(const Input &in, Bitmap &bitmap);
+void ReadInput(const Input &in, Bitmap &bitmap, uint64_t maxPixels = kDefaultMaxPixels);
 // Encodes the bitmap to OUT. A file is written to a temporary file in the
 // same directory and renamed over OUT only when complete, so a failure never
 // leaves a partial file nor touches an existing OUT; a device or a pipe is
