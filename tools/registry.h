@@ -208,7 +208,7 @@ struct Refusals {
   int32_t flags = RC_INVALID_PARAMETER;      // a flags word of 1 (with flagsWord)
   int32_t noPixels = RC_NO_BITMAP;           // a record without BITMAP_ALLOCATED and Pixels
   int32_t gray32 = RC_GRAY32_NOT_SUPPORTED;  // a 32-bit gray bitmap
-  int32_t signedData = kAccepted;            // an accepted kind with BITMAP_SIGNED
+  int32_t signedData = RC_SUCCESS;           // an accepted kind with BITMAP_SIGNED
   int32_t coloursUsed = RC_NO_BITMAP;        // a palette bitmap with ColorsUsed 257 (palette kinds)
 };
 

@@ -155,7 +155,8 @@ const imgtool::Registrar kRegistrar{{
      .call =
          [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
            return Q_GrayScaleBitmapExt(b, a.Int("red"), a.Int("green"), a.Int("blue"), a.Flags());
-         }},
+         },
+     .refusals = {.signedData = RC_SIGNED_DATA_NOT_SUPPORTED}},
     {.name = "detect",
      .exportName = "Q_IntensityDetectBitmap",
      .family = kIntensity,
@@ -203,7 +204,8 @@ const imgtool::Registrar kRegistrar{{
            return Q_IntensityDetectBitmap(b, a.UInt("low"), a.UInt("high"), a.Colour("inside"),
                                           a.Colour("outside"), static_cast<uint32_t>(a.Enum("channel")),
                                           a.Flags());
-         }},
+         },
+     .refusals = {.signedData = RC_SIGNED_DATA_NOT_SUPPORTED}},
     {.name = "gamma",
      .exportName = "Q_GammaCorrectBitmap",
      .family = kIntensity,
@@ -392,7 +394,8 @@ const imgtool::Registrar kRegistrar{{
            return Q_AdaptiveContrastBitmap(b, a.UInt("window"), a.UInt("amount"),
                                            static_cast<uint32_t>(a.Enum("type")));
          },
-     .flagsWord = false},
+     .flagsWord = false,
+     .refusals = {.signedData = RC_SIGNED_DATA_NOT_SUPPORTED}},
     {.name = "gamma-ext",
      .exportName = "Q_GammaCorrectBitmapExt",
      .family = kGammaExt,
@@ -426,7 +429,8 @@ const imgtool::Registrar kRegistrar{{
              "and the emptiest "
              "level between them; pixels at or above it turn white, the others black.",
      .call = [](BitmapRecord *b, const ArgValues &a,
-                std::ostream &) { return Q_AutoBinaryBitmap(b, a.Flags()); }},
+                std::ostream &) { return Q_AutoBinaryBitmap(b, a.Flags()); },
+     .refusals = {.signedData = RC_SIGNED_DATA_NOT_SUPPORTED}},
 }};
 
 }  // namespace

@@ -55,60 +55,56 @@ int32_t Multitone(BitmapRecord *bitmap, const imgtool::ArgValues &args, std::ost
 }
 
 const imgtool::Registrar kRegistrar{{
-    {
-        .name = "desaturate",
-        .exportName = "Q_DesaturateBitmap",
-        .family = kDesaturation,
-        .summary = "Remove all colour: each pixel becomes the mean of its largest and smallest sample",
-        .help = "Replaces blue, green and red of every pixel (or palette entry) with (max + min) / 2, the "
-                "lightness of the HSL model. The bitmap keeps its depth; a fourth sample is left alone. "
-                "Only pixels inside the region change. Gray bitmaps are refused (-12).",
-        .args = {},
-        .kinds = imgtool::kPalette | imgtool::kAnyColor,
-        .call = Desaturate,
-        .failureStatuses = {RC_SUCCESS},  // a missing row buffer is a quiet success: kept
-    },
-    {
-        .name = "duotone",
-        .exportName = "Q_GrayScaleToDuotone",
-        .family = kTones,
-        .summary = "Tint the gray content with a ramp from one colour to white",
-        .help =
-            "Every gray level is replaced by a colour from a 256-entry ramp that runs from the colour to "
-            "white. In colour bitmaps only gray pixels (blue = green = red) change. Palette bitmaps get a "
-            "tinted palette; 1-bit bitmaps get black and the colour. 12- and 16-bit bitmaps come back "
-            "with 48 bits per pixel, 8-bit gray ones as 8-bit palette bitmaps.",
-        .args = {ColourArg("color", "#FF0000", "the tint"), ModeArg()},
-        .kinds = imgtool::kAnyKind,
-        .call = Duotone,
-        .flagsWord = false,
-    },
-    {
-        .name = "multitone",
-        .exportName = "Q_GrayScaleToMultitone",
-        .family = kTones,
-        .summary = "Tint the gray content with the product of up to four colour ramps",
-        .help = "Builds a ramp from each of the first `tones` colours to white, multiplies them together and "
-                "tints the gray content with the product as the duotone operation does. With four tones the "
-                "product is always used as it stands, whatever the mode. 1-bit bitmaps take the first two "
-                "colours as their palette.",
-        .args = {{.name = "tones",
-                  .type = ArgType::UInt,
-                  .unit = "colours",
-                  .min = R::kMultitoneTones.min + 1,  // the export takes the count less one
-                  .max = R::kMultitoneTones.max + 1,
-                  .defaultValue = "2",
-                  .help = "number of colours used"},
-                 ColourArg("color1", "#FF0000", "first tone"),
-                 ColourArg("color2", "#0000FF", "second tone"),
-                 ColourArg("color3", "#00FF00", "third tone"),
-                 ColourArg("color4", "#FFFF00", "fourth tone"),
-                 ModeArg()},
-        .kinds = imgtool::kAnyKind,
-        .call = Multitone,
-        .flagsWord = false,
-        .pointers = {{"colors"}},
-    },
+    {.name = "desaturate",
+     .exportName = "Q_DesaturateBitmap",
+     .family = kDesaturation,
+     .summary = "Remove all colour: each pixel becomes the mean of its largest and smallest sample",
+     .help = "Replaces blue, green and red of every pixel (or palette entry) with (max + min) / 2, the "
+             "lightness of the HSL model. The bitmap keeps its depth; a fourth sample is left alone. "
+             "Only pixels inside the region change. Gray bitmaps are refused (-12).",
+     .args = {},
+     .kinds = imgtool::kPalette | imgtool::kAnyColor,
+     .call = Desaturate,
+     .failureStatuses = {RC_SUCCESS},  // a missing row buffer is a quiet success: kept,
+     .refusals = {.signedData = RC_SIGNED_DATA_NOT_SUPPORTED}},
+    {.name = "duotone",
+     .exportName = "Q_GrayScaleToDuotone",
+     .family = kTones,
+     .summary = "Tint the gray content with a ramp from one colour to white",
+     .help = "Every gray level is replaced by a colour from a 256-entry ramp that runs from the colour to "
+             "white. In colour bitmaps only gray pixels (blue = green = red) change. Palette bitmaps get a "
+             "tinted palette; 1-bit bitmaps get black and the colour. 12- and 16-bit bitmaps come back "
+             "with 48 bits per pixel, 8-bit gray ones as 8-bit palette bitmaps.",
+     .args = {ColourArg("color", "#FF0000", "the tint"), ModeArg()},
+     .kinds = imgtool::kAnyKind,
+     .call = Duotone,
+     .flagsWord = false,
+     .refusals = {.signedData = RC_SIGNED_DATA_NOT_SUPPORTED}},
+    {.name = "multitone",
+     .exportName = "Q_GrayScaleToMultitone",
+     .family = kTones,
+     .summary = "Tint the gray content with the product of up to four colour ramps",
+     .help = "Builds a ramp from each of the first `tones` colours to white, multiplies them together and "
+             "tints the gray content with the product as the duotone operation does. With four tones the "
+             "product is always used as it stands, whatever the mode. 1-bit bitmaps take the first two "
+             "colours as their palette.",
+     .args = {{.name = "tones",
+               .type = ArgType::UInt,
+               .unit = "colours",
+               .min = R::kMultitoneTones.min + 1,  // the export takes the count less one
+               .max = R::kMultitoneTones.max + 1,
+               .defaultValue = "2",
+               .help = "number of colours used"},
+              ColourArg("color1", "#FF0000", "first tone"),
+              ColourArg("color2", "#0000FF", "second tone"),
+              ColourArg("color3", "#00FF00", "third tone"),
+              ColourArg("color4", "#FFFF00", "fourth tone"),
+              ModeArg()},
+     .kinds = imgtool::kAnyKind,
+     .call = Multitone,
+     .flagsWord = false,
+     .pointers = {{"colors"}},
+     .refusals = {.signedData = RC_SIGNED_DATA_NOT_SUPPORTED}},
 }};
 
 }  // namespace
