@@ -11,6 +11,8 @@
 #include <cstring>
 #include <memory>
 
+#include "registry.h"
+
 namespace imgtool {
 
 extern const uint8_t kSamplePhoto[];
