@@ -430,6 +430,8 @@ const imgtool::Registrar kRegistrar{{
              "level between them; pixels at or above it turn white, the others black.",
      .call = [](BitmapRecord *b, const ArgValues &a,
                 std::ostream &) { return Q_AutoBinaryBitmap(b, a.Flags()); },
+     // The histogram reports its share, then the detection its own 0..100.
+     .monotonicProgress = false,
      .refusals = {.signedData = RC_SIGNED_DATA_NOT_SUPPORTED}},
 }};
 
