@@ -42,7 +42,7 @@ int32_t RemapHue(BitmapRecord *b, const ArgValues &a, std::ostream &) {
   const uint32_t length = static_cast<uint32_t>(a.Enum("table-length"));
   const int64_t scale = length / 256;  // table entries per 8-bit hue step
   const int64_t top = length == 256 ? 255 : length == 4096 ? 4095 : 65535;
-  const int64_t from = a.Int("from") * scale, to = (a.Int("to") + 1) * scale - 1;
+  const int64_t from = int64_t{a.Int("from")} * scale, to = (int64_t{a.Int("to")} + 1) * scale - 1;
   const int32_t newHue = a.Int("new-hue");
   const int64_t satScale = a.Int("saturation-scale"), valScale = a.Int("value-scale");
   std::vector<int32_t> selection(length), hue(length), saturation(length), value(length);
