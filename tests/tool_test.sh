@@ -578,5 +578,21 @@ run "color-threshold: nine values" 2 color-threshold sample: thr.png --component
 run "color-threshold: code 9 is not offered" 2 color-threshold sample: thr.png --space lab-table
 run "color-replace with a region" 0 color-replace sample: rep.png --rect 0,0,100,100 --hue -18000
 
+# ---- Hostile files: the pixel limit ------------------------------------------------
+# A 68-byte PNG whose header claims 30000 x 30000 pixels is refused from its
+# header (default limit about 178 megapixels), quickly and without a bitmap;
+# --max-pixels moves the limit both ways.
+printf '\211\120\116\107\015\012\032\012\000\000\000\015\111\110\104\122\000\000\165\060\000\000\165\060\010\002\000\000\000\351\105\157\355\000\000\000\013\111\104\101\124\170\234\143\140\200\000\000\000\010\000\001\267\130\163\225\000\000\000\000\111\105\116\104\256\102\140\202' >huge.png
+run "huge header" 1 info huge.png
+expect "huge header refused" "30000 x 30000 pixels is over the limit of 178956970 pixels" err
+run "huge header, invert" 1 invert huge.png inv.png
+if [ -e inv.png ]; then fail "no output from a refused input"; else pass; fi
+run "sample under a lowered limit" 1 info sample: --max-pixels 135299
+expect "lowered limit" "451 x 300 pixels is over the limit of 135299 pixels" err
+run "sample at the limit" 0 invert sample: inv.png --max-pixels 135300
+run "bad limit" 2 info sample: --max-pixels 0
+expect "bad limit message" "--max-pixels: '0' is not a positive number" err
+rm -f huge.png inv.png
+
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

@@ -135,7 +135,9 @@ void Scan(const std::vector<std::string> &args, const std::function<bool(const s
 
 bool IoOptions::ProgressWanted() const { return progress || (!quiet && ::isatty(STDERR_FILENO)); }
 
-bool IsIoValueOption(const std::string &name) { return name == "format" || name == "threads"; }
+bool IsIoValueOption(const std::string &name) {
+  return name == "format" || name == "threads" || name == "max-pixels";
+}
 
 bool TakeIoOption(const Option &o, bool writes, IoOptions &io) {
   bool *flag = o.name == "quiet"                ? &io.quiet
@@ -152,6 +154,13 @@ bool TakeIoOption(const Option &o, bool writes, IoOptions &io) {
     if (!ParseNumber(o.value, n) || n < 1 || n > 256)
       throw UsageError{"--threads: '" + o.value + "' is not a thread count (expected 1..256)"};
     io.threads = static_cast<int32_t>(n);
+    return true;
+  }
+  if (o.name == "max-pixels" && o.hasValue) {
+    int64_t n = 0;
+    if (!ParseNumber(o.value, n) || n < 1)
+      throw UsageError{"--max-pixels: '" + o.value + "' is not a positive number of pixels"};
+    io.maxPixels = static_cast<uint64_t>(n);
     return true;
   }
   if (o.name != "format" || !writes || !o.hasValue) return false;
@@ -211,13 +220,13 @@ Output ParseOutput(const std::string &arg, const Input &in, const IoOptions &io)
   return out;
 }
 
-void ReadInput(const Input &in, Bitmap &bitmap) {
+void ReadInput(const Input &in, Bitmap &bitmap, uint64_t maxPixels) {
   std::string error;
   bool ok;
   if (in.source == Input::Source::Sample) {
-    ok = ReadImageMemory(kSamplePhoto, kSamplePhotoSize, bitmap, error);
+    ok = ReadImageMemory(kSamplePhoto, kSamplePhotoSize, bitmap, error, maxPixels);
   } else if (in.source == Input::Source::File) {
-    ok = ReadImageFile(in.path, bitmap, error);
+    ok = ReadImageFile(in.path, bitmap, error, maxPixels);
   } else {
     std::vector<uint8_t> bytes;
     uint8_t chunk[65536];
@@ -228,7 +237,7 @@ void ReadInput(const Input &in, Bitmap &bitmap) {
     if (!ok)
       error = ErrnoText();
     else
-      ok = ReadImageMemory(bytes.data(), bytes.size(), bitmap, error);
+      ok = ReadImageMemory(bytes.data(), bytes.size(), bitmap, error, maxPixels);
   }
   if (!ok) throw Failure{in.Name() + ": " + error};
 }

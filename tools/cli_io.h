@@ -50,14 +50,15 @@ struct IoOptions {
   bool quiet = false;     // --quiet: no progress bar
   bool progress = false;  // --progress: the bar even when stderr is not a terminal
   int32_t threads = 0;    // -j N / --threads N: row bands of a row-local operation; 0 = every core
+  uint64_t maxPixels = kDefaultMaxPixels;  // --max-pixels N: larger images are refused unread
   bool ProgressWanted() const;
 };
 
-// Consumes --format, --in-place, --quiet, --progress and --threads (the first
-// two only when `writes`); false for any other option. Throws UsageError on
-// a bad value.
+// Consumes --format, --in-place, --quiet, --progress, --threads and
+// --max-pixels (the first two only when `writes`); false for any other
+// option. Throws UsageError on a bad value.
 bool TakeIoOption(const Option &option, bool writes, IoOptions &io);
-// `--format` and `--threads` take a value.
+// `--format`, `--threads` and `--max-pixels` take a value.
 bool IsIoValueOption(const std::string &name);
 
 struct Input {
@@ -84,7 +85,7 @@ Input ParseInput(const std::string &arg);
 Output ParseOutput(const std::string &arg, const Input &in, const IoOptions &io);
 
 // Reads and decodes the image; throws Failure naming the input.
-void ReadInput(const Input &in, Bitmap &bitmap);
+void ReadInput(const Input &in, Bitmap &bitmap, uint64_t maxPixels = kDefaultMaxPixels);
 // Encodes the bitmap to OUT. A file is written to a temporary file in the
 // same directory and renamed over OUT only when complete, so a failure never
 // leaves a partial file nor touches an existing OUT; a device or a pipe is

@@ -49,6 +49,57 @@ std::string StatusList(const std::vector<int32_t> &statuses) {
   return out;
 }
 
+// A status with its name: "-13 (invalid parameter)"; kAccepted: "accepted".
+std::string StatusText(int32_t status) {
+  switch (status) {
+    case imgtool::kAccepted:
+      return "accepted";
+    case RC_SUCCESS:
+      return "1";
+    case RC_NO_MEMORY:
+      return "-1 (no memory)";
+    case RC_NO_BITMAP:
+      return "-2 (no bitmap)";
+    case RC_UNSUPPORTED_BITMAP:
+      return "-12 (unsupported bitmap)";
+    case RC_INVALID_PARAMETER:
+      return "-13 (invalid parameter)";
+    case RC_INVALID_STRUCT_SIZE:
+      return "-789 (record size)";
+    case RC_NULL_OPTIONS:
+      return "-814 (null options)";
+    case RC_SIGNED_DATA_NOT_SUPPORTED:
+      return "-1360 (signed data)";
+    case RC_GRAY32_NOT_SUPPORTED:
+      return "-1364 (32-bit gray)";
+    default:
+      return std::to_string(status);
+  }
+}
+
+// What the export answers to each refusal the bad-argument sweep
+// (tests/badargs_test.cpp) checks.
+void Refusals(const OpDescriptor &op, std::ostream &out) {
+  const imgtool::Refusals &r = op.refusals;
+  out << "Refusals: null bitmap " << StatusText(r.nullBitmap) << "; record size off by one "
+      << StatusText(r.recordSize) << "; zeroed record " << StatusText(r.zeroedRecord);
+  if (op.flagsWord) out << "; flags word not 0 " << StatusText(r.flags);
+  out << "; no pixel memory " << StatusText(r.noPixels) << "; 32-bit gray " << StatusText(r.gray32)
+      << "; signed samples " << StatusText(r.signedData);
+  if (op.kinds & imgtool::kPalette) out << "; ColorsUsed beyond the palette " << StatusText(r.coloursUsed);
+  for (const imgtool::PointerSpec &p : op.pointers)
+    out << "; null " << p.name << " " << StatusText(p.nullStatus);
+  out << ". An argument outside its range: see the last column.\n\n";
+}
+
+// The status of a value outside the argument's range.
+std::string Outside(const ArgSpec &a) {
+  if (a.type == imgtool::ArgType::Bool || a.type == imgtool::ArgType::Colour) return "";
+  std::string text = StatusText(a.outsideStatus);
+  if (a.boundsOn) text += " (the bitmap's scale narrows the range)";
+  return text;
+}
+
 void Operation(const OpDescriptor &op, std::ostream &out) {
   out << "### `" << op.name << "`: `" << op.exportName << "`\n\n";
   out << op.summary << ".";
@@ -60,15 +111,17 @@ void Operation(const OpDescriptor &op, std::ostream &out) {
     out << " A failed allocation may also end in " << StatusList(op.failureStatuses)
         << " (kept, see [quirks.md](quirks.md)).";
   out << "\n\n";
+  Refusals(op, out);
   if (op.args.empty()) {
     out << "No arguments.\n\n";
     return;
   }
-  out << "| argument | type | unit | range | default | meaning |\n|---|---|---|---|---|---|\n";
+  out << "| argument | type | unit | range | default | meaning | outside the range |\n"
+         "|---|---|---|---|---|---|---|\n";
   for (const ArgSpec &a : op.args)
     out << "| `--" << a.name << "` | " << imgtool::TypeName(a) << " | " << Cell(a.unit) << " | "
-        << Cell(imgtool::RangeText(a)) << " | `" << imgtool::DefaultText(a) << "` | " << Cell(a.help)
-        << " |\n";
+        << Cell(imgtool::RangeText(a)) << " | `" << imgtool::DefaultText(a) << "` | " << Cell(a.help) << " | "
+        << Outside(a) << " |\n";
   out << "\n";
   for (const ArgSpec &a : op.args) {
     if (a.values.empty()) continue;

@@ -88,6 +88,7 @@ struct PngContext {
   std::vector<uint8_t> scratch;
   const BitmapRecord *source = nullptr;
   BitmapRecord *target = nullptr;
+  uint64_t maxPixels = 0;  // reading: the most pixels accepted
   char message[256] = {};
   bool plainMessage = false;  // our own message, not a decoder's complaint
 
@@ -107,6 +108,16 @@ void PngError(png_structp png, png_const_charp message) {
 }
 
 void PngWarning(png_structp, png_const_charp) {}
+
+// False, with the reason in `message`, when the header claims more pixels
+// than the limit: checked before anything is allocated for them.
+bool WithinLimit(uint64_t width, uint64_t height, uint64_t maxPixels, char *message, size_t size) {
+  if (width * height <= maxPixels) return true;
+  std::snprintf(message, size, "image of %llu x %llu pixels is over the limit of %llu pixels (--max-pixels)",
+                static_cast<unsigned long long>(width), static_cast<unsigned long long>(height),
+                static_cast<unsigned long long>(maxPixels));
+  return false;
+}
 
 void PngReadBytes(png_structp png, png_bytep out, size_t count) {
   auto *ctx = static_cast<PngContext *>(png_get_io_ptr(png));
@@ -135,6 +146,8 @@ void DecodePng(PngContext *ctx) {
   png_uint_32 width = 0, height = 0;
   int depth = 0, colorType = 0, interlace = 0;
   png_get_IHDR(png, info, &width, &height, &depth, &colorType, &interlace, nullptr, nullptr);
+  char reason[160];
+  if (!WithinLimit(width, height, ctx->maxPixels, reason, sizeof reason)) PngFail(ctx, reason);
   int32_t bits = 0;
   int32_t order = ORDER_BGR;
   PaletteEntry palette[256] = {};
@@ -288,8 +301,9 @@ void EncodePng(PngContext *ctx) {
   png_write_end(png, info);
 }
 
-bool ReadPng(const uint8_t *data, size_t size, BitmapRecord *target, std::string &error) {
+bool ReadPng(const uint8_t *data, size_t size, BitmapRecord *target, uint64_t maxPixels, std::string &error) {
   PngContext ctx;
+  ctx.maxPixels = maxPixels;
   ctx.data = data;
   ctx.size = size;
   ctx.target = target;
@@ -344,6 +358,7 @@ struct JpegContext {
   FILE *fp = nullptr;
   const BitmapRecord *source = nullptr;
   BitmapRecord *target = nullptr;
+  uint64_t maxPixels = 0;
   bool plainMessage = false;  // our own message, not a decoder's complaint
 
   JpegContext() = default;
@@ -391,6 +406,9 @@ void DecodeJpeg(JpegContext *ctx) {
   cinfo->client_data = ctx;
   jpeg_mem_src(cinfo, ctx->data, static_cast<unsigned long>(ctx->size));
   jpeg_read_header(cinfo, TRUE);
+  char reason[160];
+  if (!WithinLimit(cinfo->image_width, cinfo->image_height, ctx->maxPixels, reason, sizeof reason))
+    JpegFail(ctx, reason);
   int32_t bits = 24, order = ORDER_BGR;
   if (cinfo->num_components == 1) {
     cinfo->out_color_space = JCS_GRAYSCALE;
@@ -445,8 +463,10 @@ void EncodeJpeg(JpegContext *ctx) {
   jpeg_finish_compress(cinfo);
 }
 
-bool ReadJpeg(const uint8_t *data, size_t size, BitmapRecord *target, std::string &error) {
+bool ReadJpeg(const uint8_t *data, size_t size, BitmapRecord *target, uint64_t maxPixels,
+              std::string &error) {
   JpegContext ctx;
+  ctx.maxPixels = maxPixels;
   ctx.data = data;
   ctx.size = size;
   ctx.target = target;
@@ -499,15 +519,16 @@ FileFormat FormatFromExtension(const std::string &path) {
   return FileFormat::Unknown;
 }
 
-bool ReadImageMemory(const uint8_t *data, size_t size, Bitmap &bitmap, std::string &error) {
+bool ReadImageMemory(const uint8_t *data, size_t size, Bitmap &bitmap, std::string &error,
+                     uint64_t maxPixels) {
   bitmap.reset();
   bool ok = false;
   if (size == 0) {
     error = "empty file";
   } else if (size >= 8 && png_sig_cmp(data, 0, 8) == 0) {
-    ok = ReadPng(data, size, bitmap.get(), error);
+    ok = ReadPng(data, size, bitmap.get(), maxPixels, error);
   } else if (size >= 3 && data[0] == 0xFF && data[1] == 0xD8 && data[2] == 0xFF) {
-    ok = ReadJpeg(data, size, bitmap.get(), error);
+    ok = ReadJpeg(data, size, bitmap.get(), maxPixels, error);
   } else if (size < 8 && png_sig_cmp(data, 0, size) == 0) {
     error = "truncated PNG data";
   } else {
@@ -517,7 +538,7 @@ bool ReadImageMemory(const uint8_t *data, size_t size, Bitmap &bitmap, std::stri
   return ok;
 }
 
-bool ReadImageFile(const std::string &path, Bitmap &bitmap, std::string &error) {
+bool ReadImageFile(const std::string &path, Bitmap &bitmap, std::string &error, uint64_t maxPixels) {
   bitmap.reset();
   File file(path, "rb");
   if (!file.get()) {
@@ -538,7 +559,7 @@ bool ReadImageFile(const std::string &path, Bitmap &bitmap, std::string &error) 
     error = std::strerror(errno);
     return false;
   }
-  return ReadImageMemory(bytes.data(), bytes.size(), bitmap, error);
+  return ReadImageMemory(bytes.data(), bytes.size(), bitmap, error, maxPixels);
 }
 
 bool WriteImage(FILE *fp, FileFormat format, const BitmapRecord *bitmap, std::string &error) {

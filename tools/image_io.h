@@ -48,10 +48,18 @@ class Bitmap {
   BitmapRecord record_;
 };
 
+// The most pixels a read accepts unless told otherwise (about 178 million:
+// 2^30 bytes at 6 bytes a pixel). A file that claims more is refused from
+// its header, before anything is allocated for its pixels.
+inline constexpr uint64_t kDefaultMaxPixels = 178956970;
+
 // Each returns true on success; on failure `error` holds the reason (without
-// the file name) and the bitmap is left empty.
-bool ReadImageFile(const std::string &path, Bitmap &bitmap, std::string &error);
-bool ReadImageMemory(const uint8_t *data, size_t size, Bitmap &bitmap, std::string &error);
+// the file name) and the bitmap is left empty. An image of more than
+// `maxPixels` pixels is refused.
+bool ReadImageFile(const std::string &path, Bitmap &bitmap, std::string &error,
+                   uint64_t maxPixels = kDefaultMaxPixels);
+bool ReadImageMemory(const uint8_t *data, size_t size, Bitmap &bitmap, std::string &error,
+                     uint64_t maxPixels = kDefaultMaxPixels);
 // Encodes in `format` to the stream; the caller flushes, checks and closes it.
 bool WriteImage(FILE *fp, FileFormat format, const BitmapRecord *bitmap, std::string &error);
 

@@ -122,7 +122,8 @@ std::string InputsText(const OpDescriptor &op) {
 std::string OperationUsage(const OpDescriptor &op) {
   return "imgcolor " + op.name + InputsText(op) + (op.writesImage ? " OUT" : "") +
          (op.args.empty() ? "" : " [--ARG VALUE ...]") + " [region options]" +
-         (op.writesImage ? " [--format png|jpeg] [--in-place]" : "") + " [--quiet|--progress]";
+         (op.writesImage ? " [--format png|jpeg] [--in-place]" : "") +
+         " [--quiet|--progress] [--max-pixels N]";
 }
 
 void OperationHelp(const OpDescriptor &op, std::ostream &out) {
@@ -261,12 +262,14 @@ std::string PixelText(const BitmapRecord *b, int32_t x, int32_t y) {
 }
 
 int Info(const std::vector<std::string> &args) {
-  const std::string usage = "imgcolor info FILE [--pixel X,Y ...]";
+  const std::string usage = "imgcolor info FILE [--pixel X,Y ...] [--max-pixels N]";
   std::vector<std::string> positional;
   std::vector<Option> options;
   imgtool::Scan(
-      args, [](const std::string &name) { return name == "pixel"; }, positional, options);
+      args, [](const std::string &name) { return name == "pixel" || name == "max-pixels"; }, positional,
+      options);
   std::vector<std::pair<int64_t, int64_t>> pixels;
+  IoOptions io;
   for (const Option &o : options) {
     if (o.name == "pixel" && o.hasValue) {
       const size_t comma = o.value.find(',');
@@ -275,7 +278,8 @@ int Info(const std::vector<std::string> &args) {
           !imgtool::ParseNumber(o.value.substr(comma + 1), y))
         throw UsageError{"--pixel: '" + o.value + "' is not X,Y"};
       pixels.emplace_back(x, y);
-    } else if (o.name != "quiet" || o.hasValue) {
+    } else if ((o.name != "quiet" || o.hasValue) &&
+               (o.name != "max-pixels" || !imgtool::TakeIoOption(o, false, io))) {
       throw UsageError{"info: unknown option --" + o.name, usage};
     }
   }
@@ -284,7 +288,7 @@ int Info(const std::vector<std::string> &args) {
   if (positional.size() > 1) throw UsageError{"info takes one FILE", usage};
   const Input in = imgtool::ParseInput(positional[0]);
   Bitmap bitmap;
-  imgtool::ReadInput(in, bitmap);
+  imgtool::ReadInput(in, bitmap, io.maxPixels);
   const BitmapRecord *b = bitmap.get();
   for (const auto &[x, y] : pixels)
     if (x < 0 || y < 0 || x >= b->Width || y >= b->Height)
@@ -347,7 +351,7 @@ void Process(const Input &in, const Output *out, const IoOptions &io, const std:
   imgtool::ProgressBar progress(io.ProgressWanted());
   progress.Phase("reading", 0, 10);
   Bitmap bitmap;
-  imgtool::ReadInput(in, bitmap);
+  imgtool::ReadInput(in, bitmap, io.maxPixels);
   progress.Phase(phase, 10, out ? 90 : 100);
   work(bitmap);
   if (out) {
@@ -361,7 +365,8 @@ void Process(const Input &in, const Output *out, const IoOptions &io, const std:
 
 int Convert(const std::vector<std::string> &args) {
   const std::string usage =
-      "imgcolor convert IN OUT [--depth N] [--gray] [--format png|jpeg] [--in-place] [--quiet|--progress]";
+      "imgcolor convert IN OUT [--depth N] [--gray] [--format png|jpeg] [--in-place] [--quiet|--progress]"
+      " [--max-pixels N]";
   std::vector<std::string> positional;
   std::vector<Option> options;
   imgtool::Scan(
@@ -490,7 +495,7 @@ int RunFilesOperation(const OpDescriptor &op, const std::vector<std::string> &po
   std::vector<Bitmap> bitmaps(inputs.size());
   std::vector<BitmapRecord *> records;
   for (size_t i = 0; i < inputs.size(); ++i) {
-    imgtool::ReadInput(inputs[i], bitmaps[i]);
+    imgtool::ReadInput(inputs[i], bitmaps[i], io.maxPixels);
     const uint32_t kind = imgtool::KindBitOf(bitmaps[i].get());
     if ((kind & op.kinds) == 0)
       throw Failure{op.name + ": " + inputs[i].Name() + " is a " + imgtool::KindNames(kind) + " bitmap; " +
@@ -540,7 +545,9 @@ int RunOperation(const OpDescriptor &op, const std::vector<std::string> &args) {
   imgtool::Scan(
       args,
       [&](const std::string &name) {
-        if (IsRegionOption(name) || (op.writesImage && imgtool::IsIoValueOption(name))) return true;
+        if (IsRegionOption(name) || name == "max-pixels" ||
+            (op.writesImage && imgtool::IsIoValueOption(name)))
+          return true;
         const ArgSpec *a = findArg(name);
         return a && a->type != ArgType::Bool;
       },

@@ -16,6 +16,7 @@
 // checks read them too.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -81,7 +82,25 @@ struct ArgSpec {
   std::vector<EnumValue> values;  // Enum only
   int32_t minCount = 1;           // IntList only: element count range
   int32_t maxCount = 1;
+  // What the export answers to a value outside min..max (the bad-argument
+  // sweep and the fuzzer pass each end, one past each end and the extremes of
+  // the type): RC_INVALID_PARAMETER, another status, or kAccepted where the
+  // export takes wider values than the tool offers (the call still ends in 1
+  // or a negative status).
+  int32_t outsideStatus = RC_INVALID_PARAMETER;
+  // Where the export's bound depends on the bitmap (a sample value up to its
+  // full scale, a threshold of 12-bit gray), the bounds the export checks on
+  // that bitmap; min..max above stay the widest any bitmap allows.
+  std::function<std::pair<int64_t, int64_t>(const BitmapRecord &bitmap)> boundsOn;
+  // The call function allocates this many elements (a count of bins, a table
+  // length): probes never pass more than this. 0: no such limit.
+  int64_t probeLimit = 0;
+  // What the export answers at the lower and the upper end of its range with
+  // every other argument at its default (another argument may narrow it).
+  std::array<int32_t, 2> endStatuses = {RC_SUCCESS, RC_SUCCESS};
 };
+// ArgSpec::outsideStatus of an argument whose export takes any value.
+inline constexpr int32_t kAccepted = 0;
 
 // Parsed arguments of one call; every argument of the descriptor is present
 // (given or its default).
@@ -94,6 +113,26 @@ class ArgValues {
   uint32_t Colour(std::string_view name) const;
   const std::vector<int32_t> &List(std::string_view name) const;
 
+  // Probes of the bad-argument sweep and the fuzzer. A call function passes
+  // Flags() as the export's trailing flags word (0 unless a probe sets it)
+  // and each pointer its descriptor lists in `pointers` through Pointer(),
+  // which gives null when a probe asks for it.
+  uint32_t Flags() const {
+    flagsRead_ = true;
+    return flags_;
+  }
+  template <class T>
+  T *Pointer(std::string_view name, T *pointer) const {
+    return name == nullPointer_ ? nullptr : pointer;
+  }
+  void SetFlags(uint32_t flags) {
+    flags_ = flags;
+    flagsRead_ = false;
+  }
+  void SetNullPointer(std::string name) { nullPointer_ = std::move(name); }
+  // Whether the call function asked for the flags word since SetFlags.
+  bool FlagsRead() const { return flagsRead_; }
+
   void Set(const std::string &name, int64_t value);
   void SetList(const std::string &name, std::vector<int32_t> values);
   bool Has(std::string_view name) const;
@@ -105,6 +144,9 @@ class ArgValues {
   };
   const Value &Get(std::string_view name) const;
   std::map<std::string, Value, std::less<>> values_;
+  uint32_t flags_ = 0;
+  mutable bool flagsRead_ = false;
+  std::string nullPointer_;
 };
 
 // Runs the operation on the bitmap with the arguments; returns the library's
@@ -158,6 +200,25 @@ struct GalleryVariant {
   std::vector<std::pair<std::string, std::string>> args;
 };
 
+// A pointer argument of an export and what the export answers when it is null.
+struct PointerSpec {
+  std::string name;  // the name the call function gives ArgValues::Pointer()
+  int32_t nullStatus = RC_INVALID_PARAMETER;
+};
+
+// What an export answers to a bitmap it refuses, one status each; kAccepted
+// where the export goes on (and ends in 1 or a negative status).
+struct Refusals {
+  int32_t nullBitmap = RC_NO_BITMAP;
+  int32_t recordSize = RC_INVALID_STRUCT_SIZE;  // 175, 177, 207, 209 bytes
+  int32_t zeroedRecord = RC_INVALID_STRUCT_SIZE;
+  int32_t flags = RC_INVALID_PARAMETER;      // a flags word of 1 (with flagsWord)
+  int32_t noPixels = RC_NO_BITMAP;           // a record without BITMAP_ALLOCATED and Pixels
+  int32_t gray32 = RC_GRAY32_NOT_SUPPORTED;  // a 32-bit gray bitmap
+  int32_t signedData = RC_SUCCESS;           // an accepted kind with BITMAP_SIGNED
+  int32_t coloursUsed = RC_NO_BITMAP;        // a palette bitmap with ColorsUsed 257 (palette kinds)
+};
+
 struct OpDescriptor {
   std::string name;        // subcommand, kebab-case ("solarize")
   std::string exportName;  // "Q_SolarizeBitmap"
@@ -181,6 +242,13 @@ struct OpDescriptor {
   std::vector<int32_t> failureStatuses = {};
   bool cancelReturned = true;
   bool monotonicProgress = true;
+  // The bad-argument sweep and docs/operations.md: the status of each refusal.
+  // The export has a trailing flags word that must be 0 (the call passes
+  // ArgValues::Flags()); false for exports whose last word means something.
+  bool flagsWord = true;
+  // The pointers the export takes, each passed through ArgValues::Pointer().
+  std::vector<PointerSpec> pointers = {};
+  Refusals refusals = {};
   // The gallery: variants shown beside the defaults, and whether each sample
   // goes through a table fixed by the arguments alone (the gallery then plots
   // that tone curve per channel).

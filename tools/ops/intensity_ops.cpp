@@ -1,8 +1,10 @@
 // The forwarded intensity operations, extended gamma and automatic binarisation.
+#include <array>
 #include <cstdint>
 #include <vector>
 
 #include "imgcolor.h"
+#include "pixels.h"
 #include "ranges.h"
 #include "registry.h"
 
@@ -28,7 +30,9 @@ ArgSpec Tenths(const char *name, const char *unit, const char *help, const char 
           .help = help};
 }
 
-ArgSpec Targets(const char *name, const char *def, const char *help) {
+// `ends`: the statuses with every target at the lowest and at the highest
+// value (lower <= middle <= upper).
+ArgSpec Targets(const char *name, const char *def, const char *help, std::array<int32_t, 2> ends) {
   return {.name = name,
           .type = ArgType::IntList,
           .unit = "tenths of a percent of full scale",
@@ -37,11 +41,13 @@ ArgSpec Targets(const char *name, const char *def, const char *help) {
           .defaultValue = def,
           .help = help,
           .minCount = 3,
-          .maxCount = 3};
+          .maxCount = 3,
+          .endStatuses = ends};
 }
 
 // A level set, or -1 when the set does not apply.
 ArgSpec LevelSet(const char *name, const char *def, const char *help) {
+  // A set takes five values: one at the highest value is refused.
   return {.name = name,
           .type = ArgType::IntList,
           .unit = "sample value (gamma: hundredths)",
@@ -50,7 +56,13 @@ ArgSpec LevelSet(const char *name, const char *def, const char *help) {
           .defaultValue = def,
           .help = help,
           .minCount = 1,
-          .maxCount = 5};
+          .maxCount = 5,
+          .endStatuses = {RC_SUCCESS, RC_INVALID_PARAMETER}};
+}
+
+// A sample value of the bitmap: 0 up to its full scale.
+std::pair<int64_t, int64_t> SampleBounds(const BitmapRecord &b) {
+  return {0, static_cast<int64_t>(img::TableLength(&b)) - 1};
 }
 
 std::vector<uint32_t> Unsigned(const std::vector<int32_t> &v) {
@@ -76,7 +88,7 @@ int32_t Levels(BitmapRecord *b, const ArgValues &a, std::ostream &) {
     *s.set = ColorLevelSet{v[0], v[1], v[2], v[3], v[4]};
     flags |= s.flag;
   }
-  return Q_ColorLevelBitmap(b, &rec, flags);
+  return Q_ColorLevelBitmap(b, a.Pointer("levels", &rec), flags);
 }
 
 const std::vector<imgtool::EnumValue> kDetectChannels = {
@@ -94,7 +106,7 @@ const imgtool::Registrar kRegistrar{{
      .family = kIntensity,
      .summary = "Invert every colour sample",
      .help = "Every colour sample v becomes full scale - v (palettes through the palette).",
-     .call = [](BitmapRecord *b, const ArgValues &, std::ostream &) { return Q_InvertBitmap(b, 0); },
+     .call = [](BitmapRecord *b, const ArgValues &a, std::ostream &) { return Q_InvertBitmap(b, a.Flags()); },
      .toneCurve = true,
      .rowLocal = true},
     {.name = "intensity",
@@ -104,7 +116,7 @@ const imgtool::Registrar kRegistrar{{
      .help = "Adds change x full scale / 1000 (rounded) to every colour sample, clamped.",
      .args = {Tenths("change", "tenths of a percent of full scale", "the change", "100")},
      .call = [](BitmapRecord *b, const ArgValues &a,
-                std::ostream &) { return Q_ChangeBitmapIntensity(b, a.Int("change"), 0); },
+                std::ostream &) { return Q_ChangeBitmapIntensity(b, a.Int("change"), a.Flags()); },
      .toneCurve = true,
      .rowLocal = true},
     {.name = "gray-ext",
@@ -113,31 +125,41 @@ const imgtool::Registrar kRegistrar{{
      .summary = "Convert to gray with chosen weights",
      .help = "gray = (red x R + green x G + blue x B) / 10000. Without a region the bitmap becomes 8-bit (or "
              "16-bit) gray; with one, the pixels inside take their gray level and the kind stays.",
-     .args = {{.name = "red",
-               .type = ArgType::Int,
-               .unit = "hundredths of a percent",
-               .min = R::kGrayWeight.min,
-               .max = R::kGrayWeight.max,
-               .defaultValue = "2990",
-               .help = "weight of red"},
-              {.name = "green",
-               .type = ArgType::Int,
-               .unit = "hundredths of a percent",
-               .min = R::kGrayWeight.min,
-               .max = R::kGrayWeight.max,
-               .defaultValue = "5870",
-               .help = "weight of green"},
-              {.name = "blue",
-               .type = ArgType::Int,
-               .unit = "hundredths of a percent",
-               .min = R::kGrayWeight.min,
-               .max = R::kGrayWeight.max,
-               .defaultValue = "1140",
-               .help = "weight of blue (the three sum to at most 10000)"}},
+     .args = {{
+                  .name = "red",
+                  .type = ArgType::Int,
+                  .unit = "hundredths of a percent",
+                  .min = R::kGrayWeight.min,
+                  .max = R::kGrayWeight.max,
+                  .defaultValue = "2990",
+                  .help = "weight of red",
+                  .endStatuses = {RC_SUCCESS, RC_INVALID_PARAMETER}  // the three sum to 10000 at most
+              },
+              {
+                  .name = "green",
+                  .type = ArgType::Int,
+                  .unit = "hundredths of a percent",
+                  .min = R::kGrayWeight.min,
+                  .max = R::kGrayWeight.max,
+                  .defaultValue = "5870",
+                  .help = "weight of green",
+                  .endStatuses = {RC_SUCCESS, RC_INVALID_PARAMETER}  // the three sum to 10000 at most
+              },
+              {
+                  .name = "blue",
+                  .type = ArgType::Int,
+                  .unit = "hundredths of a percent",
+                  .min = R::kGrayWeight.min,
+                  .max = R::kGrayWeight.max,
+                  .defaultValue = "1140",
+                  .help = "weight of blue (the three sum to at most 10000)",
+                  .endStatuses = {RC_SUCCESS, RC_INVALID_PARAMETER}  // the three sum to 10000 at most
+              }},
      .call =
          [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
-           return Q_GrayScaleBitmapExt(b, a.Int("red"), a.Int("green"), a.Int("blue"), 0);
-         }},
+           return Q_GrayScaleBitmapExt(b, a.Int("red"), a.Int("green"), a.Int("blue"), a.Flags());
+         },
+     .refusals = {.signedData = RC_SIGNED_DATA_NOT_SUPPORTED}},
     {.name = "detect",
      .exportName = "Q_IntensityDetectBitmap",
      .family = kIntensity,
@@ -150,14 +172,19 @@ const imgtool::Registrar kRegistrar{{
                .min = R::kSampleLevel.min,
                .max = R::kSampleLevel.max,
                .defaultValue = "128",
-               .help = "lowest level inside"},
-              {.name = "high",
-               .type = ArgType::UInt,
-               .unit = "sample value",
-               .min = R::kSampleLevel.min,
-               .max = R::kSampleLevel.max,
-               .defaultValue = "255",
-               .help = "highest level inside (at most full scale)"},
+               .help = "lowest level inside",
+               .boundsOn = SampleBounds},
+              {
+                  .name = "high",
+                  .type = ArgType::UInt,
+                  .unit = "sample value",
+                  .min = R::kSampleLevel.min,
+                  .max = R::kSampleLevel.max,
+                  .defaultValue = "255",
+                  .help = "highest level inside (at most full scale)",
+                  .boundsOn = SampleBounds,
+                  .endStatuses = {RC_INVALID_PARAMETER, RC_SUCCESS}  // at least low
+              },
               {.name = "inside",
                .type = ArgType::Colour,
                .unit = "colour value",
@@ -178,14 +205,17 @@ const imgtool::Registrar kRegistrar{{
      .call =
          [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
            return Q_IntensityDetectBitmap(b, a.UInt("low"), a.UInt("high"), a.Colour("inside"),
-                                          a.Colour("outside"), static_cast<uint32_t>(a.Enum("channel")), 0);
+                                          a.Colour("outside"), static_cast<uint32_t>(a.Enum("channel")),
+                                          a.Flags());
          },
+     .refusals = {.signedData = RC_SIGNED_DATA_NOT_SUPPORTED},
      .rowLocal = true},
     {.name = "gamma",
      .exportName = "Q_GammaCorrectBitmap",
      .family = kIntensity,
      .summary = "Gamma-correct every colour sample",
-     .help = "Every sample goes through full scale x (v / full scale)^(100 / gamma), rounded half to even.",
+     .help = "Every sample goes through full scale x (v / full scale)^(100 / gamma), rounded half to "
+             "even.",
      .args = {{.name = "gamma",
                .type = ArgType::UInt,
                .unit = "hundredths",
@@ -194,14 +224,16 @@ const imgtool::Registrar kRegistrar{{
                .defaultValue = "150",
                .help = "the gamma (100 = no change)"}},
      .call = [](BitmapRecord *b, const ArgValues &a,
-                std::ostream &) { return Q_GammaCorrectBitmap(b, a.UInt("gamma"), 0); },
+                std::ostream &) { return Q_GammaCorrectBitmap(b, a.UInt("gamma"), a.Flags()); },
+     .refusals = {.flags = imgtool::kAccepted},
      .toneCurve = true,
      .rowLocal = true},
     {.name = "histogram",
      .exportName = "Q_GetBitmapHistogram",
      .family = kIntensity,
      .summary = "Print the histogram of the bitmap's samples",
-     .help = "Counts the samples of each value (channel all: blue, green and red) into the given number of "
+     .help = "Counts the samples of each value (channel all: blue, green and red) into the given "
+             "number of "
              "bins and prints the non-empty ones.",
      .args = {{.name = "bins",
                .type = ArgType::UInt,
@@ -209,7 +241,9 @@ const imgtool::Registrar kRegistrar{{
                .min = 1,
                .max = R::kSampleLevel.max + 1,  // the export takes more; no sample value reaches past these
                .defaultValue = "256",
-               .help = "number of bins"},
+               .help = "number of bins",
+               .outsideStatus = imgtool::kAccepted,
+               .probeLimit = 1 << 20},
               {.name = "channel",
                .type = ArgType::Enum,
                .unit = "channel",
@@ -223,13 +257,16 @@ const imgtool::Registrar kRegistrar{{
      .call =
          [](BitmapRecord *b, const ArgValues &a, std::ostream &out) {
            std::vector<uint32_t> counts(a.UInt("bins"));
-           const int32_t status = Q_GetBitmapHistogram(b, counts.data(), static_cast<uint32_t>(counts.size()),
+           const int32_t status = Q_GetBitmapHistogram(b, a.Pointer("histogram", counts.data()),
+                                                       static_cast<uint32_t>(counts.size()),
                                                        static_cast<uint32_t>(a.Enum("channel")));
            if (status == RC_SUCCESS)
              for (size_t i = 0; i < counts.size(); ++i)
                if (counts[i]) out << "bin " << i << ": " << counts[i] << "\n";
            return status;
-         }},
+         },
+     .flagsWord = false,
+     .pointers = {{"histogram", RC_NULL_OPTIONS}}},
     {.name = "cbi",
      .exportName = "Q_ContBrightIntBitmap",
      .family = kIntensity,
@@ -241,20 +278,27 @@ const imgtool::Registrar kRegistrar{{
               Tenths("intensity", "tenths of a percent", "the change of intensity", "0")},
      .call =
          [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
-           return Q_ContBrightIntBitmap(b, a.Int("contrast"), a.Int("brightness"), a.Int("intensity"), 0);
+           return Q_ContBrightIntBitmap(b, a.Int("contrast"), a.Int("brightness"), a.Int("intensity"),
+                                        a.Flags());
          },
+     .refusals = {.flags = imgtool::kAccepted},
      .toneCurve = true,
      .rowLocal = true},
     {.name = "light",
      .exportName = "Q_LightControlBitmap",
      .family = kIntensity,
      .summary = "Move the dark, middle and bright tones to targets",
-     .help = "The mean of the samples, the mean of those below it and the mean of those at or above it go to "
-             "the lower, middle and upper targets (tenths of a percent of full scale, per red, green, blue) "
+     .help = "The mean of the samples, the mean of those below it and the mean of those at or above "
+             "it go to "
+             "the lower, middle and upper targets (tenths of a percent of full scale, per red, green, "
+             "blue) "
              "along a piecewise-linear curve. Type luminance works on the luma.",
-     .args = {Targets("lower", "200,200,200", "targets of the dark mean (red,green,blue)"),
-              Targets("middle", "500,500,500", "targets of the overall mean"),
-              Targets("upper", "800,800,800", "targets of the bright mean"),
+     .args = {Targets("lower", "200,200,200", "targets of the dark mean (red,green,blue)",
+                      {RC_SUCCESS, RC_INVALID_PARAMETER}),
+              Targets("middle", "500,500,500", "targets of the overall mean",
+                      {RC_INVALID_PARAMETER, RC_INVALID_PARAMETER}),
+              Targets("upper", "800,800,800", "targets of the bright mean",
+                      {RC_INVALID_PARAMETER, RC_SUCCESS}),
               {.name = "type",
                .type = ArgType::Enum,
                .unit = "measure",
@@ -266,9 +310,12 @@ const imgtool::Registrar kRegistrar{{
          [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
            const auto lo = Unsigned(a.List("lower")), mid = Unsigned(a.List("middle")),
                       hi = Unsigned(a.List("upper"));
-           return Q_LightControlBitmap(b, lo.data(), mid.data(), hi.data(),
-                                       static_cast<uint32_t>(a.Enum("type")));
-         }},
+           if (lo.size() != 3 || mid.size() != 3 || hi.size() != 3) return RC_INVALID_PARAMETER;
+           return Q_LightControlBitmap(b, a.Pointer("lower", lo.data()), a.Pointer("middle", mid.data()),
+                                       a.Pointer("upper", hi.data()), static_cast<uint32_t>(a.Enum("type")));
+         },
+     .flagsWord = false,
+     .pointers = {{"lower", RC_NULL_OPTIONS}, {"middle", RC_NULL_OPTIONS}, {"upper", RC_NULL_OPTIONS}}},
     {.name = "auto-level",
      .exportName = "Q_AutoColorLevelBitmap",
      .family = kIntensity,
@@ -283,43 +330,54 @@ const imgtool::Registrar kRegistrar{{
                .values = {{"channel", AUTO_LEVEL_PER_CHANNEL, "per channel"},
                           {"common", AUTO_LEVEL_COMMON, "one range for all channels"},
                           {"intensity", AUTO_LEVEL_INTENSITY, "on the intensity"}}},
-              {.name = "black-clip",
-               .type = ArgType::UInt,
-               .unit = "hundredths of a percent",
-               .min = R::kAutoLevelClip.min,
-               .max = R::kAutoLevelClip.max,
-               .defaultValue = "50",
-               .help = "share clipped to black (the two below 10000 together)"},
-              {.name = "white-clip",
-               .type = ArgType::UInt,
-               .unit = "hundredths of a percent",
-               .min = R::kAutoLevelClip.min,
-               .max = R::kAutoLevelClip.max,
-               .defaultValue = "50",
-               .help = "share clipped to white (the two below 10000 together)"}},
+              {
+                  .name = "black-clip",
+                  .type = ArgType::UInt,
+                  .unit = "hundredths of a percent",
+                  .min = R::kAutoLevelClip.min,
+                  .max = R::kAutoLevelClip.max,
+                  .defaultValue = "50",
+                  .help = "share clipped to black (the two below 10000 together)",
+                  .endStatuses = {RC_SUCCESS, RC_INVALID_PARAMETER}  // the two below 10000 together
+              },
+              {
+                  .name = "white-clip",
+                  .type = ArgType::UInt,
+                  .unit = "hundredths of a percent",
+                  .min = R::kAutoLevelClip.min,
+                  .max = R::kAutoLevelClip.max,
+                  .defaultValue = "50",
+                  .help = "share clipped to white (the two below 10000 together)",
+                  .endStatuses = {RC_SUCCESS, RC_INVALID_PARAMETER}  // the two below 10000 together
+              }},
      .call =
          [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
            return Q_AutoColorLevelBitmap(b, static_cast<uint32_t>(a.Enum("type")), a.UInt("black-clip"),
-                                         a.UInt("white-clip"), 0);
+                                         a.UInt("white-clip"), a.Flags());
          }},
     {.name = "levels",
      .exportName = "Q_ColorLevelBitmap",
      .family = kIntensity,
      .summary = "Input and output levels with gamma, master then per channel",
-     .help = "Each set is inlow,inhigh,outlow,outhigh,gamma on the bitmap's scale (gamma in hundredths); "
-             "x = clamp((v - inlow) / (inhigh - inlow)), v' = outlow + x^(100 / gamma) x (outhigh - outlow). "
+     .help = "Each set is inlow,inhigh,outlow,outhigh,gamma on the bitmap's scale (gamma in "
+             "hundredths); "
+             "x = clamp((v - inlow) / (inhigh - inlow)), v' = outlow + x^(100 / gamma) x "
+             "(outhigh - outlow). "
              "Sets left at -1 do not apply.",
      .args = {LevelSet("master", "16,235,0,255,120", "master set: inlow,inhigh,outlow,outhigh,gamma"),
               LevelSet("red", "-1", "red set"), LevelSet("green", "-1", "green set"),
               LevelSet("blue", "-1", "blue set")},
      .call = Levels,
+     .flagsWord = false,
+     .pointers = {{"levels", RC_NULL_OPTIONS}},
      .toneCurve = true,
      .rowLocal = true},
     {.name = "adaptive-contrast",
      .exportName = "Q_AdaptiveContrastBitmap",
      .family = kIntensity,
      .summary = "Local contrast around the window mean",
-     .help = "v' = m + (v - m) x (100 + amount) / 100 with m the mean of the square window around the pixel.",
+     .help = "v' = m + (v - m) x (100 + amount) / 100 with m the mean of the square window "
+             "around the pixel.",
      .args = {{.name = "window",
                .type = ArgType::UInt,
                .unit = "pixels",
@@ -346,13 +404,15 @@ const imgtool::Registrar kRegistrar{{
            return Q_AdaptiveContrastBitmap(b, a.UInt("window"), a.UInt("amount"),
                                            static_cast<uint32_t>(a.Enum("type")));
          },
+     .flagsWord = false,
+     .refusals = {.signedData = RC_SIGNED_DATA_NOT_SUPPORTED},
      .variants = {{.label = "window 31", .args = {{"window", "31"}}}}},
     {.name = "gamma-ext",
      .exportName = "Q_GammaCorrectBitmapExt",
      .family = kGammaExt,
      .summary = "Gamma per channel or on the luma alone",
-     .help =
-         "Space rgb corrects every channel; yuv corrects only the luma of an integer YUV form, keeping hues.",
+     .help = "Space rgb corrects every channel; yuv corrects only the luma of an integer YUV "
+             "form, keeping hues.",
      .args = {{.name = "gamma",
                .type = ArgType::UInt,
                .unit = "hundredths",
@@ -370,14 +430,21 @@ const imgtool::Registrar kRegistrar{{
          [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
            return Q_GammaCorrectBitmapExt(b, a.UInt("gamma"), static_cast<uint32_t>(a.Enum("space")));
          },
+     .flagsWord = false,
+     .refusals = {.nullBitmap = RC_INVALID_PARAMETER},
      .rowLocal = true},
     {.name = "auto-binary",
      .exportName = "Q_AutoBinaryBitmap",
      .family = kAutoBinary,
      .summary = "Black and white at a threshold found between the histogram's peaks",
-     .help = "Finds the highest histogram peak, a second peak by distance-weighted height and the emptiest "
+     .help = "Finds the highest histogram peak, a second peak by distance-weighted height "
+             "and the emptiest "
              "level between them; pixels at or above it turn white, the others black.",
-     .call = [](BitmapRecord *b, const ArgValues &, std::ostream &) { return Q_AutoBinaryBitmap(b, 0); }},
+     .call = [](BitmapRecord *b, const ArgValues &a,
+                std::ostream &) { return Q_AutoBinaryBitmap(b, a.Flags()); },
+     // The histogram reports its share, then the detection its own 0..100.
+     .monotonicProgress = false,
+     .refusals = {.signedData = RC_SIGNED_DATA_NOT_SUPPORTED}},
 }};
 
 }  // namespace
