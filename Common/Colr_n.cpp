@@ -214,7 +214,10 @@ int32_t Swap(BitmapRecord *bitmap, const uint8_t *from) {
   if (IsPaletteBitmap(bitmap))
     return ChangePaletteEntries(bitmap, [&](uint8_t *p) { PermuteRun(p, 1, 3, from); });
   const int32_t bits = bitmap->BitsPerPixel;
-  if (bits >= 24 && (bitmap->ColorOrder == ORDER_RGB || bitmap->ColorOrder == ORDER_BGR))
+  // Stored bytes are permuted in place only where the row converter would
+  // accept the bitmap; one without pixel memory goes to it and is refused.
+  if (bits >= 24 && (bitmap->ColorOrder == ORDER_RGB || bitmap->ColorOrder == ORDER_BGR) &&
+      (bitmap->Flags & BITMAP_ALLOCATED) && bitmap->Pixels)
     return SwapStored(bitmap, from);
   RowPass pass(bitmap, RowSetup{});
   if (pass.status() != RC_SUCCESS) return pass.status();

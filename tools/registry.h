@@ -249,6 +249,10 @@ struct OpDescriptor {
   // The pointers the export takes, each passed through ArgValues::Pointer().
   std::vector<PointerSpec> pointers = {};
   Refusals refusals = {};
+  // Whether `flagsWord`, `pointers`, `refusals` and the arguments' refusal
+  // statuses have been stated for this export (the bad-argument sweep runs
+  // only those; docs/operations.md marks the others as not yet stated).
+  bool refusalsStated = true;
   // The gallery: variants shown beside the defaults, and whether each sample
   // goes through a table fixed by the arguments alone (the gallery then plots
   // that tone curve per channel).

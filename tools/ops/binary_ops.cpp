@@ -45,101 +45,96 @@ int32_t SegmentFiles(const std::vector<BitmapRecord *> &inputs, imgtool::OutputI
 }
 
 const imgtool::Registrar kRegistrar{{
-    {
-        .name = "dynamic-binary",
-        .exportName = "Q_DynamicBinaryBitmap",
-        .family = kBinary,
-        .summary =
-            "Black and white by a local threshold: the midpoint of the window's darkest and brightest sample",
-        .help =
-            "Each pixel is compared with the midpoint of the darkest and brightest gray sample of the square "
-            "window around it (edges repeated; the window reaches outside the region). A window whose "
-            "range is not above the contrast is flat: its pixel turns white when the window's brightest "
-            "sample is at least half scale. Dimension 1 makes the bitmap white. Colour bitmaps come back "
-            "black and white in all three samples; the contrast of 12-bit gray is on the 12-bit scale.",
-        .args = {{.name = "dimension",
-                  .type = ArgType::UInt,
-                  .unit = "pixels",
-                  .min = R::kBinaryDimension.min,
-                  .max = R::kBinaryDimension.max,
-                  .defaultValue = "15",
-                  .help = "side of the square window"},
-                 {.name = "contrast",
-                  .type = ArgType::UInt,
-                  .unit = "sample value",
-                  .min = R::kBinaryContrast16.min,
-                  .max = R::kBinaryContrast16.max,
-                  .defaultValue = "15",
-                  .help =
-                      "smallest range that counts as an edge (8-bit samples at most 255, 12-bit gray 4095)"}},
-        .kinds = imgtool::kAnyKind,
-        .call = DynamicBinary,
-    },
-    {
-        .name = "remove-redeye",
-        .exportName = "Q_RemoveRedeyeBitmap",
-        .family = kRedEye,
-        .summary = "Recolour red pixels: a* and b* of a colour, the pixel's own lightness scaled",
-        .help =
-            "Inside the region, every pixel whose CIE L*a*b* a* is at least threshold - 128 takes the a* and "
-            "b* of the colour and keeps its L* times lightness / 100. Every pixel of the region makes the "
-            "byte Lab round trip, so unmatched pixels may move by a rounding step. Gray bitmaps are refused "
-            "(-12).",
-        .args = {{.name = "color",
-                  .type = ArgType::Colour,
-                  .unit = "colour value",
-                  .defaultValue = "#303030",
-                  .help =
-                      "replacement colour (its a* and b* are used): #RRGGBB or red in bits 0-7, green 8-15, "
-                      "blue 16-23"},
-                 {.name = "threshold",
-                  .type = ArgType::Int,
-                  .unit = "a* + 128",
-                  .min = R::kRedEyeThreshold.min,
-                  .max = R::kRedEyeThreshold.max,
-                  .defaultValue = "150",
-                  .help = "pixels with a* at least this less 128 are recoloured (0: all)"},
-                 {.name = "lightness",
-                  .type = ArgType::Int,
-                  .unit = "percent",
-                  .min = R::kRedEyeLightness.min,
-                  .max = R::kRedEyeLightness.max,
-                  .defaultValue = "70",
-                  .help = "the recoloured pixels' L* is scaled by this"}},
-        .kinds = imgtool::kPalette | imgtool::kAnyColor,
-        .call = RemoveRedeye,
-    },
-    {
-        .name = "segment",
-        .exportName = "Q_SegmentBitmap",
-        .family = kSegment,
-        .summary = "Graph-based segmentation: each pixel takes the mean colour of its segment",
-        .help =
-            "Pixels inside the region are joined along their 8 neighbours by increasing colour distance "
-            "while the distance is at most each segment's internal difference plus k / its size; segments "
-            "smaller than the minimum are then merged across their lightest edge. Each pixel takes its "
-            "segment's mean colour. The tool also writes the segment numbers as a 16-bit gray image to "
-            "OUT-labels and reports the number of segments.",
-        .args = {{.name = "k",
-                  .type = ArgType::UInt,
-                  .unit = "colour distance",
-                  .min = R::kSegmentThreshold.min,
-                  .max = R::kSegmentThreshold.max,
-                  .defaultValue = "300",
-                  .help = "larger values give larger segments"},
-                 {.name = "min-size",
-                  .type = ArgType::UInt,
-                  .unit = "pixels",
-                  .min = R::kSegmentMinimum.min,
-                  .max = R::kSegmentMinimum.max,
-                  .defaultValue = "4",
-                  .help = "smaller segments merge with a neighbour"}},
-        .kinds = imgtool::kAnyKind,
-        .call = Segment,
-        .files = SegmentFiles,
-        .minInputs = 1,
-        .maxInputs = 1,
-    },
+    {.name = "dynamic-binary",
+     .exportName = "Q_DynamicBinaryBitmap",
+     .family = kBinary,
+     .summary =
+         "Black and white by a local threshold: the midpoint of the window's darkest and brightest sample",
+     .help =
+         "Each pixel is compared with the midpoint of the darkest and brightest gray sample of the square "
+         "window around it (edges repeated; the window reaches outside the region). A window whose "
+         "range is not above the contrast is flat: its pixel turns white when the window's brightest "
+         "sample is at least half scale. Dimension 1 makes the bitmap white. Colour bitmaps come back "
+         "black and white in all three samples; the contrast of 12-bit gray is on the 12-bit scale.",
+     .args = {{.name = "dimension",
+               .type = ArgType::UInt,
+               .unit = "pixels",
+               .min = R::kBinaryDimension.min,
+               .max = R::kBinaryDimension.max,
+               .defaultValue = "15",
+               .help = "side of the square window"},
+              {.name = "contrast",
+               .type = ArgType::UInt,
+               .unit = "sample value",
+               .min = R::kBinaryContrast16.min,
+               .max = R::kBinaryContrast16.max,
+               .defaultValue = "15",
+               .help =
+                   "smallest range that counts as an edge (8-bit samples at most 255, 12-bit gray 4095)"}},
+     .kinds = imgtool::kAnyKind,
+     .call = DynamicBinary,
+     .refusalsStated = false},
+    {.name = "remove-redeye",
+     .exportName = "Q_RemoveRedeyeBitmap",
+     .family = kRedEye,
+     .summary = "Recolour red pixels: a* and b* of a colour, the pixel's own lightness scaled",
+     .help =
+         "Inside the region, every pixel whose CIE L*a*b* a* is at least threshold - 128 takes the a* and "
+         "b* of the colour and keeps its L* times lightness / 100. Every pixel of the region makes the "
+         "byte Lab round trip, so unmatched pixels may move by a rounding step. Gray bitmaps are refused "
+         "(-12).",
+     .args = {{.name = "color",
+               .type = ArgType::Colour,
+               .unit = "colour value",
+               .defaultValue = "#303030",
+               .help = "replacement colour (its a* and b* are used): #RRGGBB or red in bits 0-7, green 8-15, "
+                       "blue 16-23"},
+              {.name = "threshold",
+               .type = ArgType::Int,
+               .unit = "a* + 128",
+               .min = R::kRedEyeThreshold.min,
+               .max = R::kRedEyeThreshold.max,
+               .defaultValue = "150",
+               .help = "pixels with a* at least this less 128 are recoloured (0: all)"},
+              {.name = "lightness",
+               .type = ArgType::Int,
+               .unit = "percent",
+               .min = R::kRedEyeLightness.min,
+               .max = R::kRedEyeLightness.max,
+               .defaultValue = "70",
+               .help = "the recoloured pixels' L* is scaled by this"}},
+     .kinds = imgtool::kPalette | imgtool::kAnyColor,
+     .call = RemoveRedeye,
+     .refusalsStated = false},
+    {.name = "segment",
+     .exportName = "Q_SegmentBitmap",
+     .family = kSegment,
+     .summary = "Graph-based segmentation: each pixel takes the mean colour of its segment",
+     .help = "Pixels inside the region are joined along their 8 neighbours by increasing colour distance "
+             "while the distance is at most each segment's internal difference plus k / its size; segments "
+             "smaller than the minimum are then merged across their lightest edge. Each pixel takes its "
+             "segment's mean colour. The tool also writes the segment numbers as a 16-bit gray image to "
+             "OUT-labels and reports the number of segments.",
+     .args = {{.name = "k",
+               .type = ArgType::UInt,
+               .unit = "colour distance",
+               .min = R::kSegmentThreshold.min,
+               .max = R::kSegmentThreshold.max,
+               .defaultValue = "300",
+               .help = "larger values give larger segments"},
+              {.name = "min-size",
+               .type = ArgType::UInt,
+               .unit = "pixels",
+               .min = R::kSegmentMinimum.min,
+               .max = R::kSegmentMinimum.max,
+               .defaultValue = "4",
+               .help = "smaller segments merge with a neighbour"}},
+     .kinds = imgtool::kAnyKind,
+     .call = Segment,
+     .files = SegmentFiles,
+     .minInputs = 1,
+     .maxInputs = 1,
+     .refusalsStated = false},
 }};
 
 }  // namespace

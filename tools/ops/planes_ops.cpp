@@ -149,6 +149,7 @@ const imgtool::Registrar kRegistrar{{
         .call = RoundTrip,
         .files = SeparateFiles,
         .monotonicProgress = false,  // the round trip reports 0..100 twice
+        .refusalsStated = false,
     },
     {
         .name = "merge",
@@ -166,6 +167,7 @@ const imgtool::Registrar kRegistrar{{
         .minInputs = 3,
         .maxInputs = 4,
         .monotonicProgress = false,  // the round trip reports 0..100 twice
+        .refusalsStated = false,
     },
     {
         .name = "channel-mix",
@@ -178,6 +180,7 @@ const imgtool::Registrar kRegistrar{{
         .args = {MixArg("red", "80,15,5,0"), MixArg("green", "10,80,10,0"), MixArg("blue", "5,15,80,0")},
         .kinds = imgtool::kPalette | imgtool::kAnyColor,
         .call = Mix,
+        .refusalsStated = false,
     },
     {
         .name = "line-profile",
@@ -193,6 +196,7 @@ const imgtool::Registrar kRegistrar{{
         .kinds = imgtool::kAnyKind,
         .writesImage = false,
         .call = Profile,
+        .refusalsStated = false,
     },
 }};
 

@@ -129,93 +129,89 @@ std::vector<ArgSpec> ReplaceArgs() {
 }
 
 const imgtool::Registrar kRegistrar{{
-    {
-        .name = "color-threshold",
-        .exportName = "Q_ColorThresholdBitmap",
-        .family = kThreshold,
-        .summary = "Force the components of a colour space that fall in (or out of) a range",
-        .help = "Takes every pixel into the space, tests each component against its range and sets the "
-                "selected ones to a fill value (mode: +1 selects inside the range, else outside; +0x10 sets "
-                "the whole pixel to all three fill values; +0x100 fills with the upper limit, 0x200 sends "
-                "values below the range to the lower and above it to the upper limit, else the lower "
-                "limit). Limits per space: HSV hue 0..360, S 0..100, V 0..255; HLS hue, L 0..255, S "
-                "0..100; YCrCb 0..255, -128..127 twice; YUV 0..255, -112..111, -138..137; Lab 0..100, "
-                "-128..127 twice; others 0..255 (48/64-bit bitmaps: hundredths for hue and percentages, "
-                "16-bit scales for the rest). Refuses gray bitmaps.",
-        .args = {{.name = "space",
-                  .type = ArgType::Enum,
-                  .unit = "colour space",
-                  .defaultValue = "hsv",
-                  .help = "the space the components belong to",
-                  .values = {{"rgb", COLORSPACE_RGB, "red, green, blue"},
-                             {"hsv", COLORSPACE_HSV, "hue, saturation, value"},
-                             {"hls", COLORSPACE_HLS, "hue, lightness, saturation"},
-                             {"xyz", COLORSPACE_XYZ, "X, Y, Z"},
-                             {"ycrcb", COLORSPACE_YCRCB, "Y, Cr, Cb"},
-                             {"yuv", COLORSPACE_YUV, "Y, U, V"},
-                             {"lab", COLORSPACE_LAB, "L, a, b"},
-                             {"cmy", COLORSPACE_CMY, "cyan, magenta, yellow"},
-                             {"cmyk", COLORSPACE_CMYK, "no components: the pixels only go there and back"},
-                             {"spherical", COLORSPACE_SPHERICAL,
-                              "no components: the pixels only go there and back"}}},
-                 {.name = "components",
-                  .type = ArgType::IntList,
-                  .unit = "component values and mode digits",
-                  .min = kThresholdValue.min,
-                  .max = kThresholdValue.max,
-                  .defaultValue = "20,60,1,0,0,1,0,0,1",
-                  .help = "low, high, mode of each of the three components (mode " +
-                          std::to_string(R::kThresholdMode.min) + ".." +
-                          std::to_string(R::kThresholdMode.max) + ")",
-                  .minCount = 9,
-                  .maxCount = 9}},
-        .kinds = kColourKinds,
-        .call = Threshold,
-        // Without the space pixels nothing changes and the call succeeds: kept.
-        .failureStatuses = {RC_SUCCESS},
-    },
-    {
-        .name = "color-replace",
-        .exportName = "Q_ColorReplaceBitmap",
-        .family = kReplace,
-        .summary = "Shift hue, saturation and brightness of the pixels close to a colour",
-        .help = "The selection weight of a pixel (0..1000) is the bitwise AND of three Gaussian weights of "
-                "its Lab L, a and b around the chosen colour (L 6.5 times stricter); the changed pixel is "
-                "blended with the original by that weight. Gray bitmaps change their brightness by the "
-                "closeness of their level to the colour's. Palette bitmaps change their palette.",
-        .args = ReplaceArgs(),
-        .kinds = imgtool::kAnyKind,
-        .call = Replace,
-    },
-    {
-        .name = "color-replace-weights",
-        .exportName = "Q_ColorReplaceWeightsBitmap",
-        .family = kReplace,
-        .summary = "Make an 8-bit mask of the closeness of every pixel to a colour",
-        .help = "Writes the selection weight of the colour replace as a gray level (full scale for a pixel "
-                "of the chosen colour) and converts the bitmap to 8 bits per pixel. The status is that of "
-                "the depth conversion: a cancelled or failed weighting still ends in a converted bitmap.",
-        .args = ColourArgs(),
-        .kinds = imgtool::kAnyKind,
-        .call = ReplaceWeights,
-        // The weighting's own status is not returned: kept.
-        .failureStatuses = {RC_SUCCESS},
-        .cancelReturned = false,
-    },
-    {
-        .name = "selective-color",
-        .exportName = "Q_SelectiveColorBitmap",
-        .family = kSelective,
-        .summary = "Change the inks of reds, yellows, ..., whites, neutrals and blacks apart",
-        .help = "Each pixel belongs to the range of its largest channel (weight max - mid), of its two "
-                "largest (mid - min), to whites (2 min - 1 above one half), blacks (1 - 2 max below one "
-                "half) and neutrals (1 - |max - 1/2| - |min - 1/2|), samples on 0..1. Each ink (cyan = 1 - "
-                "red, ...) changes by the sum of weight x (ink adjustment + black adjustment) / 100, times "
-                "the ink in relative mode. Refuses gray bitmaps.",
-        .args = SelectiveArgs(),
-        .kinds = kColourKinds,
-        .call = Selective,
-    },
+    {.name = "color-threshold",
+     .exportName = "Q_ColorThresholdBitmap",
+     .family = kThreshold,
+     .summary = "Force the components of a colour space that fall in (or out of) a range",
+     .help = "Takes every pixel into the space, tests each component against its range and sets the "
+             "selected ones to a fill value (mode: +1 selects inside the range, else outside; +0x10 sets "
+             "the whole pixel to all three fill values; +0x100 fills with the upper limit, 0x200 sends "
+             "values below the range to the lower and above it to the upper limit, else the lower "
+             "limit). Limits per space: HSV hue 0..360, S 0..100, V 0..255; HLS hue, L 0..255, S "
+             "0..100; YCrCb 0..255, -128..127 twice; YUV 0..255, -112..111, -138..137; Lab 0..100, "
+             "-128..127 twice; others 0..255 (48/64-bit bitmaps: hundredths for hue and percentages, "
+             "16-bit scales for the rest). Refuses gray bitmaps.",
+     .args = {{.name = "space",
+               .type = ArgType::Enum,
+               .unit = "colour space",
+               .defaultValue = "hsv",
+               .help = "the space the components belong to",
+               .values = {{"rgb", COLORSPACE_RGB, "red, green, blue"},
+                          {"hsv", COLORSPACE_HSV, "hue, saturation, value"},
+                          {"hls", COLORSPACE_HLS, "hue, lightness, saturation"},
+                          {"xyz", COLORSPACE_XYZ, "X, Y, Z"},
+                          {"ycrcb", COLORSPACE_YCRCB, "Y, Cr, Cb"},
+                          {"yuv", COLORSPACE_YUV, "Y, U, V"},
+                          {"lab", COLORSPACE_LAB, "L, a, b"},
+                          {"cmy", COLORSPACE_CMY, "cyan, magenta, yellow"},
+                          {"cmyk", COLORSPACE_CMYK, "no components: the pixels only go there and back"},
+                          {"spherical", COLORSPACE_SPHERICAL,
+                           "no components: the pixels only go there and back"}}},
+              {.name = "components",
+               .type = ArgType::IntList,
+               .unit = "component values and mode digits",
+               .min = kThresholdValue.min,
+               .max = kThresholdValue.max,
+               .defaultValue = "20,60,1,0,0,1,0,0,1",
+               .help = "low, high, mode of each of the three components (mode " +
+                       std::to_string(R::kThresholdMode.min) + ".." + std::to_string(R::kThresholdMode.max) +
+                       ")",
+               .minCount = 9,
+               .maxCount = 9}},
+     .kinds = kColourKinds,
+     .call = Threshold,
+     // Without the space pixels nothing changes and the call succeeds: kept.
+     .failureStatuses = {RC_SUCCESS},
+     .refusalsStated = false},
+    {.name = "color-replace",
+     .exportName = "Q_ColorReplaceBitmap",
+     .family = kReplace,
+     .summary = "Shift hue, saturation and brightness of the pixels close to a colour",
+     .help = "The selection weight of a pixel (0..1000) is the bitwise AND of three Gaussian weights of "
+             "its Lab L, a and b around the chosen colour (L 6.5 times stricter); the changed pixel is "
+             "blended with the original by that weight. Gray bitmaps change their brightness by the "
+             "closeness of their level to the colour's. Palette bitmaps change their palette.",
+     .args = ReplaceArgs(),
+     .kinds = imgtool::kAnyKind,
+     .call = Replace,
+     .refusalsStated = false},
+    {.name = "color-replace-weights",
+     .exportName = "Q_ColorReplaceWeightsBitmap",
+     .family = kReplace,
+     .summary = "Make an 8-bit mask of the closeness of every pixel to a colour",
+     .help = "Writes the selection weight of the colour replace as a gray level (full scale for a pixel "
+             "of the chosen colour) and converts the bitmap to 8 bits per pixel. The status is that of "
+             "the depth conversion: a cancelled or failed weighting still ends in a converted bitmap.",
+     .args = ColourArgs(),
+     .kinds = imgtool::kAnyKind,
+     .call = ReplaceWeights,
+     // The weighting's own status is not returned: kept.
+     .failureStatuses = {RC_SUCCESS},
+     .cancelReturned = false,
+     .refusalsStated = false},
+    {.name = "selective-color",
+     .exportName = "Q_SelectiveColorBitmap",
+     .family = kSelective,
+     .summary = "Change the inks of reds, yellows, ..., whites, neutrals and blacks apart",
+     .help = "Each pixel belongs to the range of its largest channel (weight max - mid), of its two "
+             "largest (mid - min), to whites (2 min - 1 above one half), blacks (1 - 2 max below one "
+             "half) and neutrals (1 - |max - 1/2| - |min - 1/2|), samples on 0..1. Each ink (cyan = 1 - "
+             "red, ...) changes by the sum of weight x (ink adjustment + black adjustment) / 100, times "
+             "the ink in relative mode. Refuses gray bitmaps.",
+     .args = SelectiveArgs(),
+     .kinds = kColourKinds,
+     .call = Selective,
+     .refusalsStated = false},
 }};
 
 }  // namespace
