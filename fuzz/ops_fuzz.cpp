@@ -32,6 +32,7 @@
 #include <vector>
 
 #include "imgcolor.h"
+#include "imgplatform.h"
 #include "registry.h"
 
 namespace {

@@ -105,7 +105,11 @@ Bitmap &Bitmap::operator=(Bitmap &&o) noexcept {
 }
 
 Bitmap::~Bitmap() {
-  if (rec_.StructSize) FreeBitmap(&rec_);
+  if (!rec_.StructSize && !rec_.Pixels) return;  // never allocated
+  // Tests set other record sizes to see them refused; the memory is still ours.
+  if (rec_.StructSize != BITMAP_RECORD_SIZE && rec_.StructSize != BITMAP_RECORD_SIZE_OLD)
+    rec_.StructSize = BITMAP_RECORD_SIZE;
+  FreeBitmap(&rec_);
 }
 
 Pixel Bitmap::At(int32_t x, int32_t y) const {
