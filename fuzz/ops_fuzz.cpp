@@ -31,6 +31,7 @@
 #include <string>
 #include <vector>
 
+#include "cli_io.h"
 #include "imgcolor.h"
 #include "imgplatform.h"
 #include "registry.h"
@@ -355,13 +356,19 @@ void RunOne(const uint8_t *data, size_t size) {
       if (failAt) SetAllocationFailure(failAt);
       std::ostringstream report;
       int32_t status;
-      if (op->files) {
-        std::vector<BitmapRecord *> inputs;
-        for (BitmapRecord &x : bitmaps) inputs.push_back(&x);
-        imgtool::OutputImages outputs;
-        status = op->files(inputs, outputs, values, report);
-      } else {
-        status = op->call(&b, values, report);
+      try {
+        if (op->files) {
+          std::vector<BitmapRecord *> inputs;
+          for (BitmapRecord &x : bitmaps) inputs.push_back(&x);
+          imgtool::OutputImages outputs;
+          status = op->files(inputs, outputs, values, report);
+        } else {
+          status = op->call(&b, values, report);
+        }
+      } catch (const imgtool::UsageError &) {
+        // The tool's own refusal of an argument combination (a factor list of
+        // the wrong length, say), before any library call.
+        status = RC_INVALID_PARAMETER;
       }
       const bool failed = failAt && GetAllocationFailureCountdown() == 0;
       SetAllocationFailure(0);
