@@ -9,6 +9,7 @@
 
 #include "bench_common.h"
 #include "imgcolor.h"
+#include "imgplatform.h"
 
 namespace {
 
