@@ -22,6 +22,7 @@ Plan MakePlan(const SelectiveColorOptions &options) {
 
 void SelectRun8(Isa isa, uint8_t *row, int32_t channels, int32_t first, int32_t end, const Plan &plan) {
   const Isa best = BestIsa(isa);
+  if (best >= Isa::Avx512) return SelectRun8Avx512(row, channels, first, end, plan);
   if (best >= Isa::Avx2) return SelectRun8Avx2(row, channels, first, end, plan);
   if (best >= Isa::Sse2)
     return plan.relative ? SelectRunPlanar8<true>(row, channels, first, end, plan)

@@ -166,7 +166,8 @@ __attribute__((always_inline)) inline void SelectRunPlanar8(uint8_t *row, int32_
 void SelectRun8(Isa isa, uint8_t *row, int32_t channels, int32_t first, int32_t end, const Plan &plan);
 void SelectRun16(uint16_t *row, int32_t channels, int32_t first, int32_t end, const Plan &plan);
 
-// The AVX2 loop of 8-bit rows (SelClr_avx2.cpp).
+// The AVX2 and AVX-512 loops of 8-bit rows (SelClr_avx2.cpp, SelClr_avx512.cpp).
 void SelectRun8Avx2(uint8_t *row, int32_t channels, int32_t first, int32_t end, const Plan &plan);
+void SelectRun8Avx512(uint8_t *row, int32_t channels, int32_t first, int32_t end, const Plan &plan);
 
 }  // namespace img::selclr

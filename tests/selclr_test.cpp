@@ -182,7 +182,7 @@ TEST(SelectiveColor, PalettesRegionsAndProgress) {
   EXPECT_GE(kit::CheckAllocationFailures(setup, call), 2);
 }
 
-// The planar loops (baseline and AVX2) give the reference's samples: over
+// The planar loops (baseline and AVX2) and the AVX-512 loop give the reference's samples: over
 // every 31st 8-bit colour (every value of each channel) for one plan of
 // each method, and over random rows of three and four samples with random
 // adjustments.
@@ -201,7 +201,7 @@ TEST(SelectiveColor, InstructionSetsAgree) {
     every[3 * i] = static_cast<uint8_t>(c), every[3 * i + 1] = static_cast<uint8_t>(c >> 8),
               every[3 * i + 2] = static_cast<uint8_t>(c >> 16);
   }
-  for (const img::Isa isa : {img::Isa::Sse2, img::Isa::Avx2}) {
+  for (const img::Isa isa : {img::Isa::Sse2, img::Isa::Avx2, img::Isa::Avx512}) {
     if (!img::IsaAvailable(isa)) continue;
     SCOPED_TRACE(img::IsaName(isa));
     for (const int32_t method : {SELCOLOR_RELATIVE, SELCOLOR_ABSOLUTE}) {
