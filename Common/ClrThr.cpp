@@ -62,6 +62,10 @@ Selection FillTable(const ColorThresholdComponent &c, int32_t lower, int32_t upp
   const uint8_t outside = (c.Mode & 0x00Fu) == 0 ? 1 : 0;
   const uint8_t above = top == kClip ? 2 : outside;
   s.map = map;
+  s.low = c.Low;
+  s.high = c.High;
+  s.outside = outside != 0;
+  s.clip = top == kClip;
   for (int32_t v = lower; v <= upper; ++v) {
     const uint8_t e = v < c.Low ? outside : v <= c.High ? static_cast<uint8_t>(1 - outside) : above;
     table[v - lower] = e;
@@ -183,6 +187,17 @@ void ThresholdPixels(uint32_t space, bool wide, uint8_t *pixels, int32_t first, 
   (wide ? kSteps16 : kSteps8)[space](pixels, first, end, selections);
 }
 
+void ThresholdHsvRow8(Isa isa, uint8_t *rgb, uint8_t *hsv, int32_t first, int32_t end,
+                      const Selection *selections) {
+  if (first >= end) return;
+  ConvertColorRow8Isa(isa, COLORSPACE_HSV, rgb, hsv, nullptr, first, end);
+  if (BestIsa(isa) >= Isa::Avx512)
+    ThresholdHsv8Avx512(hsv, first, end, selections);
+  else
+    ThresholdPixels(COLORSPACE_HSV, false, hsv, first, end, selections);
+  ConvertColorRow8Isa(isa, COLORSPACE_HSV + COLORSPACE_TO_RGB, rgb, hsv, nullptr, first, end);
+}
+
 namespace {
 
 int32_t Worker(BitmapRecord *bitmap, uint32_t space, const ColorThresholdComponent *components) {
@@ -217,6 +232,16 @@ int32_t Worker(BitmapRecord *bitmap, uint32_t space, const ColorThresholdCompone
   }
   const int32_t status = spaces.Run([&](auto &row) {
     using T = std::remove_reference_t<decltype(*row.rgb)>;
+    if constexpr (sizeof(T) == 1) {
+      // HSV rows: the selection step of the best instruction set.
+      if (space == COLORSPACE_HSV) {
+        uint8_t *const hsv = row.Space(space);
+        row.row.ForEachRun([&](int32_t first, int32_t end) {
+          ThresholdHsvRow8(Isa::Avx512, row.rgb, hsv, first, end, selections);
+        });
+        return RC_SUCCESS;
+      }
+    }
     int32_t result = row.To(space);
     if (result != RC_SUCCESS) return result;
     uint8_t *const pixels = row.Space(space);

@@ -2,9 +2,12 @@
 // step in each space, palettes, silence and the quiet success of a missing
 // space buffer.
 
+#include "ClrThr.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <random>
 #include <vector>
 
 #include "ClrSpc.h"
@@ -205,6 +208,58 @@ TEST(ColorThreshold, AllocationFailures) {
           << n;
     }
     EXPECT_GE(quiet, 1);
+  }
+}
+
+// The HSV step of every instruction set gives the reference's pixels: over
+// every 31st colour with selections of each mode (fill values 360 and 100
+// included), and through the export on random 24- and 32-bit bitmaps with
+// and without a region (unselected pixels still go there and back).
+TEST(ColorThreshold, InstructionSetsAgree) {
+  const img::clrthr::Limits limits = img::clrthr::LimitsOf(COLORSPACE_HSV, false);
+  const Comps plans[] = {Make(20, 60, 0x001, 30, 100, 0x101, 0, 40, 0x000),
+                         Make(0, 180, 0x100, 0, 100, 0x000, 64, 191, 0x200),
+                         Make(100, 300, 0x011, 20, 80, 0x110, 10, 250, 0x001),
+                         Make(90, 270, 0x200, 10, 90, 0x200, 0, 255, 0x010),
+                         Make(0, 359, 0x101, 50, 50, 0x111, 128, 128, 0x100)};
+  constexpr int32_t kColours = (1 << 24) / 31 + 1;
+  std::vector<uint8_t> every(size_t{3} * kColours), hsv(size_t{4} * kColours);
+  for (uint32_t i = 0; i < kColours; ++i)
+    for (int32_t k = 0; k < 3; ++k) every[3 * i + k] = static_cast<uint8_t>((31 * i) >> (8 * k));
+  for (const Comps &plan : plans) {
+    uint8_t tables[3][361];
+    int32_t maps[3][361];
+    img::clrthr::Selection s[3];
+    for (int32_t i = 0; i < 3; ++i)
+      s[i] = img::clrthr::FillTable(plan.c[i], limits.lower[i], limits.upper[i], tables[i], maps[i]);
+    std::vector<uint8_t> reference = every;
+    img::clrthr::ThresholdHsvRow8(img::Isa::Scalar, reference.data(), hsv.data(), 3, kColours, s);
+    for (const img::Isa isa : img::kAllIsas) {
+      if (!img::IsaAvailable(isa)) continue;
+      SCOPED_TRACE(img::IsaName(isa));
+      std::vector<uint8_t> fast = every;
+      img::clrthr::ThresholdHsvRow8(isa, fast.data(), hsv.data(), 3, kColours, s);
+      ASSERT_TRUE(fast == reference);
+    }
+    for (const int32_t bits : {24, 32})
+      for (const bool region : {false, true}) {
+        kit::Bitmap bmp(Kind(bits), 37, 5), before(Kind(bits), 37, 5);
+        bmp.Randomize(static_cast<uint32_t>(bits + region));
+        before.Randomize(static_cast<uint32_t>(bits + region));
+        if (region) kit::SetEllipseRegion(bmp, 2, 1, 35, 5);
+        ASSERT_EQ(Q_ColorThresholdBitmap(bmp, COLORSPACE_HSV, plan.c, 0), RC_SUCCESS);
+        for (int32_t y = 0; y < 5; ++y)
+          for (int32_t x = 0; x < 37; ++x) {
+            kit::Pixel want = before.At(x, y);
+            if (kit::InRegion(bmp, x, y)) {
+              uint8_t px[3] = {static_cast<uint8_t>(want.v[2]), static_cast<uint8_t>(want.v[1]),
+                               static_cast<uint8_t>(want.v[0])};
+              img::clrthr::ThresholdHsvRow8(img::Isa::Scalar, px, hsv.data(), 0, 1, s);
+              want = Rgb(px[2], px[1], px[0], want.v[3]);
+            }
+            ASSERT_EQ(bmp.At(x, y), want) << bits << (region ? " region " : " ") << x << "," << y;
+          }
+      }
   }
 }
 
