@@ -142,48 +142,81 @@ inline uint32_t Blend(uint32_t changed, uint32_t saved, uint32_t w, uint32_t ful
   return v < full ? v : full;
 }
 
-// One colour row (three samples a pixel) of the replace.
+// One colour row (three samples a pixel) of the replace. A pixel of weight 0
+// keeps its samples ((s × 1000) / 1000 = s), so only the pixels with a
+// weight are changed: they are packed into `packed` in row order and the
+// HSV and HLS conversions run once over the packed run. Each conversion
+// works pixel by pixel, so a packed pixel converts as it would in the row.
 template <class T>
-int32_t ReplaceRow(SpaceRow<T, ClrSpcConversions> &row, T *saved, const Weights *weights,
-                   const BrightnessTable &bright, const Change &change) {
+int32_t ReplaceRow(SpaceRow<T, ClrSpcConversions> &row, T *packed, const Weights *weights,
+                   const BrightnessTable &bright, const Change &change, const void *context) {
   constexpr bool kWide = sizeof(T) == 2;
   constexpr std::ptrdiff_t kHsSize = kWide ? 8 : 4, kLabSize = kWide ? 6 : 3;
   constexpr uint32_t kFull = kWide ? 65535 : 255;
-  row.row.ForEachRun([&](int32_t first, int32_t end) {
-    std::memcpy(saved + 3 * first, row.rgb + 3 * first,
-                3 * sizeof(T) * static_cast<std::size_t>(end - first));
-  });
   int32_t status = row.To(COLORSPACE_LAB_TABLE);
-  if (status == RC_SUCCESS) status = row.To(COLORSPACE_HSV);
   if (status != RC_SUCCESS) return status;
+  // The weight of pixel x replaces the first two bytes of its Lab (read
+  // before). No branch on the weight: a pixel is copied to the end of the
+  // packed run whether or not the count then moves past it.
+  uint8_t *const lab = row.Space(COLORSPACE_LAB_TABLE);
+  T *const rgb = row.rgb;
+  int32_t count = 0;
+  // Plain locals: the byte stores below may alias anything a lambda captures.
+  for (int32_t r = 0; r < row.row.runCount; ++r)
+    for (int32_t x = row.row.runs[r].Start, end = row.row.runs[r].End; x < end; ++x) {
+      const uint16_t w = static_cast<uint16_t>(LabWeight<kWide>(weights, lab + x * kLabSize));
+      std::memcpy(lab + x * kLabSize, &w, 2);
+      const T *q = rgb + 3 * static_cast<std::ptrdiff_t>(x);
+      T *p = packed + 3 * static_cast<std::ptrdiff_t>(count);
+      p[0] = q[0], p[1] = q[1], p[2] = q[2];
+      count += w != 0 ? 1 : 0;
+    }
+  if (count == 0) return RC_SUCCESS;
   uint8_t *const hsv = row.Space(COLORSPACE_HSV);
-  row.row.ForEach([&](int32_t x) {
-    uint8_t *p = hsv + x * kHsSize;
+  if ((status = ClrSpcConversions::Row(COLORSPACE_HSV, packed, hsv, context, 0, count)) != RC_SUCCESS)
+    return status;
+  for (int32_t i = 0; i < count; ++i) {
+    uint8_t *p = hsv + i * kHsSize;
     if constexpr (kWide) {
       const int32_t h = ShiftHue(static_cast<int32_t>(Load32(p)), change.hue16, 36000);
       std::memcpy(p, &h, 4);
     } else {
       Store16(p, static_cast<uint32_t>(ShiftHue(Load16(p), change.hue8, 360)));
     }
-  });
-  if ((status = row.Back(COLORSPACE_HSV)) != RC_SUCCESS) return status;
-  if ((status = row.To(COLORSPACE_HLS)) != RC_SUCCESS) return status;
+  }
+  if ((status = ClrSpcConversions::Row(COLORSPACE_HSV + COLORSPACE_TO_RGB, packed, hsv, context, 0, count)) !=
+      RC_SUCCESS)
+    return status;
   uint8_t *const hls = row.Space(COLORSPACE_HLS);
-  row.row.ForEach([&](int32_t x) {
-    uint8_t *p = hls + x * kHsSize;
+  if ((status = ClrSpcConversions::Row(COLORSPACE_HLS, packed, hls, context, 0, count)) != RC_SUCCESS)
+    return status;
+  for (int32_t i = 0; i < count; ++i) {
+    uint8_t *p = hls + i * kHsSize;
     if constexpr (kWide)
       Store16(p + 6, static_cast<uint32_t>(ChangeSaturation(Load16(p + 6), change.sat16, 10000)));
     else
       p[3] = static_cast<uint8_t>(ChangeSaturation(p[3], change.sat8, 100));
-  });
-  if ((status = row.Back(COLORSPACE_HLS)) != RC_SUCCESS) return status;
-  const uint8_t *const lab = row.Space(COLORSPACE_LAB_TABLE);
-  row.row.ForEach([&](int32_t x) {
-    const uint32_t w = LabWeight<kWide>(weights, lab + x * kLabSize);
-    T *q = row.rgb + 3 * static_cast<std::ptrdiff_t>(x);
-    const T *s = saved + 3 * static_cast<std::ptrdiff_t>(x);
-    for (int32_t k = 0; k < 3; ++k) q[k] = static_cast<T>(Blend(bright.entry[q[k]], s[k], w, kFull));
-  });
+  }
+  if ((status = ClrSpcConversions::Row(COLORSPACE_HLS + COLORSPACE_TO_RGB, packed, hls, context, 0, count)) !=
+      RC_SUCCESS)
+    return status;
+  // The packed pixels go back to the pixels they came from, in row order. A
+  // pixel of weight 0 blends whatever the packed run holds at that point
+  // (within the run's buffer, which starts zeroed) with weight 0: itself.
+  int32_t next = 0;
+  const uint16_t *const brightness = bright.entry;
+  for (int32_t r = 0; r < row.row.runCount; ++r)
+    for (int32_t x = row.row.runs[r].Start, end = row.row.runs[r].End; x < end; ++x) {
+      uint16_t w;
+      std::memcpy(&w, lab + x * kLabSize, 2);
+      T *q = rgb + 3 * static_cast<std::ptrdiff_t>(x);
+      const T *c = packed + 3 * static_cast<std::ptrdiff_t>(next);
+      const T c0 = c[0], c1 = c[1], c2 = c[2];
+      q[0] = static_cast<T>(Blend(brightness[c0], q[0], w, kFull));
+      q[1] = static_cast<T>(Blend(brightness[c1], q[1], w, kFull));
+      q[2] = static_cast<T>(Blend(brightness[c2], q[2], w, kFull));
+      next += w != 0 ? 1 : 0;
+    }
   return RC_SUCCESS;
 }
 
@@ -283,14 +316,14 @@ int32_t ReplaceWorker(BitmapRecord *bitmap, const ColorReplaceEntry *entries, in
     if (lab.Build() != RC_SUCCESS) return RC_NO_MEMORY;
     return pass.RunRows([&](auto &row) { ReplaceGrayRow(row, weights.get(), bright[0]); });
   }
-  IMG_BUFFER(uint8_t, saved, static_cast<std::size_t>(bitmap->Width) * 6);
-  if (!saved) return RC_NO_MEMORY;
+  IMG_BUFFER(uint8_t, packed, static_cast<std::size_t>(bitmap->Width) * 6);
+  if (!packed) return RC_NO_MEMORY;
   ColourSpacePass spaces(pass, {COLORSPACE_LAB_TABLE, COLORSPACE_HSV, COLORSPACE_HLS}, lab.get());
   if (spaces.Allocate() != RC_SUCCESS) return RC_NO_MEMORY;
   if (lab.Build() != RC_SUCCESS) return RC_NO_MEMORY;
   return spaces.Run([&](auto &row) {
     using T = std::remove_reference_t<decltype(*row.rgb)>;
-    return ReplaceRow(row, reinterpret_cast<T *>(saved.get()), weights.get(), bright[0], change);
+    return ReplaceRow(row, reinterpret_cast<T *>(packed.get()), weights.get(), bright[0], change, lab.get());
   });
 }
 
