@@ -3,6 +3,9 @@
 // palettes, the bitwise AND of the weights, the swallowed worker status.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstring>
+#include <memory>
 #include <vector>
 
 #include "ClrSpc.h"
@@ -209,6 +212,82 @@ TEST(ColorReplace, AllocationFailuresAndCancellation) {
     EXPECT_GE(kit::CheckAllocationFailures(setup, call), 5);
     EXPECT_GE(kit::CheckCancellation(setup, call), 2);
   }
+}
+
+// Only pixels with a weight go through the conversions (packed into one
+// run): every pixel of random 24- and 48-bit bitmaps, with and without a
+// region, is what the row step gives it one pixel at a time.
+TEST(ColorReplace, PackedRunMatchesPixelByPixel) {
+  const ColorReplaceEntry entries[2] = {{0, 0x4080C0, 60}, {0, 0x20E040, 150}};
+  img::LabTableSet set{};
+  ASSERT_EQ(img::BuildLabTables(&set), RC_SUCCESS);
+  for (const int32_t bits : {24, 48})
+    for (const bool region : {false, true}) {
+      SCOPED_TRACE(testing::Message() << bits << (region ? " region" : ""));
+      const bool wide = bits == 48;
+      const uint32_t full = wide ? 65535 : 255;
+      std::vector<img::clrrep::Weights> weights(wide ? 65536 : 256);
+      img::clrrep::BuildWeights(weights.data(), wide, false, entries, 2);
+      auto bright = std::make_unique<img::clrrep::BrightnessTable>();
+      img::clrrep::FillBrightness(*bright, -70, wide);
+      kit::Bitmap bmp(Kind(bits), 41, 6), before(Kind(bits), 41, 6);
+      bmp.Randomize(9), before.Randomize(9);
+      if (region) kit::SetEllipseRegion(bmp, 3, 0, 40, 6);
+      ASSERT_EQ(Q_ColorReplaceBitmap(bmp, entries, 2, -9000, 300, -70, 0), RC_SUCCESS);
+      for (int32_t y = 0; y < 6; ++y)
+        for (int32_t x = 0; x < 41; ++x) {
+          const kit::Pixel in = before.At(x, y);
+          kit::Pixel want = in;
+          if (kit::InRegion(bmp, x, y)) {
+            uint16_t px[3] = {static_cast<uint16_t>(in.v[2]), static_cast<uint16_t>(in.v[1]),
+                              static_cast<uint16_t>(in.v[0])};
+            uint8_t b8[3] = {static_cast<uint8_t>(px[0]), static_cast<uint8_t>(px[1]),
+                             static_cast<uint8_t>(px[2])};
+            uint8_t lab[6], hs[8];
+            const auto row = [&](uint32_t code, uint8_t *space) {
+              if (wide) return img::ConvertColorRow16(code, px, space, &set, 0, 1);
+              return img::ConvertColorRow8(code, b8, space, &set, 0, 1);
+            };
+            row(COLORSPACE_LAB_TABLE, lab);
+            uint32_t w;
+            if (wide) {
+              int16_t a, b;
+              std::memcpy(&a, lab + 2, 2), std::memcpy(&b, lab + 4, 2);
+              const uint16_t L = static_cast<uint16_t>(lab[0] | lab[1] << 8);
+              w = weights[L].l & weights[std::min(a + 32896, 65535)].a &
+                  weights[std::min(b + 32896, 65535)].b;
+            } else {
+              w = weights[lab[0]].l & weights[static_cast<int8_t>(lab[1]) + 128].a &
+                  weights[static_cast<int8_t>(lab[2]) + 128].b;
+            }
+            row(COLORSPACE_HSV, hs);
+            if (wide) {
+              int32_t h;
+              std::memcpy(&h, hs, 4);
+              h = (h - 9000 < 0 ? h - 9000 + 36000 : h - 9000) % 36000;
+              std::memcpy(hs, &h, 4);
+            } else {
+              const int32_t h = hs[0] | hs[1] << 8, n = (h - 90 < 0 ? h - 90 + 360 : h - 90) % 360;
+              hs[0] = static_cast<uint8_t>(n), hs[1] = static_cast<uint8_t>(n >> 8);
+            }
+            row(COLORSPACE_HSV + COLORSPACE_TO_RGB, hs);
+            row(COLORSPACE_HLS, hs);
+            if (wide) {
+              const int32_t sat = hs[6] | hs[7] << 8, v = std::clamp(sat + sat * 3000 / 10000, 0, 10000);
+              hs[6] = static_cast<uint8_t>(v), hs[7] = static_cast<uint8_t>(v >> 8);
+            } else {
+              hs[3] = static_cast<uint8_t>(std::clamp(hs[3] + hs[3] * 30 / 100, 0, 100));
+            }
+            row(COLORSPACE_HLS + COLORSPACE_TO_RGB, hs);
+            for (int32_t k = 0; k < 3; ++k) {
+              const uint32_t changed = bright->entry[wide ? px[k] : b8[k]], saved = in.v[2 - k];
+              want.v[2 - k] = std::min((changed * w + saved * (1000 - w)) / 1000, full);
+            }
+          }
+          ASSERT_EQ(bmp.At(x, y), want) << x << "," << y;
+        }
+    }
+  img::FreeLabTables(&set);
 }
 
 }  // namespace
