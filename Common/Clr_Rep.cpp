@@ -142,6 +142,23 @@ inline uint32_t Blend(uint32_t changed, uint32_t saved, uint32_t w, uint32_t ful
   return v < full ? v : full;
 }
 
+}  // namespace
+
+void BlendRun8(Isa isa, uint8_t *rgb, const uint8_t *changed, const uint8_t *weights, int32_t first,
+               int32_t end) {
+  if (BestIsa(isa) >= Isa::Avx512) return BlendRun8Avx512(rgb, changed, weights, first, end);
+  for (int32_t x = first; x < end; ++x) {
+    uint16_t w;
+    std::memcpy(&w, weights + 3 * static_cast<std::ptrdiff_t>(x), 2);
+    for (int32_t k = 0; k < 3; ++k) {
+      uint8_t &q = rgb[3 * static_cast<std::ptrdiff_t>(x) + k];
+      q = static_cast<uint8_t>(Blend(changed[3 * static_cast<std::ptrdiff_t>(x) + k], q, w, 255));
+    }
+  }
+}
+
+namespace {
+
 // One colour row (three samples a pixel) of the replace. A pixel of weight 0
 // keeps its samples ((s × 1000) / 1000 = s), so only the pixels with a
 // weight are changed: they are packed into `packed` in row order and the
@@ -201,10 +218,28 @@ int32_t ReplaceRow(SpaceRow<T, ClrSpcConversions> &row, T *packed, const Weights
       RC_SUCCESS)
     return status;
   // The packed pixels go back to the pixels they came from, in row order. A
-  // pixel of weight 0 blends whatever the packed run holds at that point
-  // (within the run's buffer, which starts zeroed) with weight 0: itself.
-  int32_t next = 0;
+  // pixel of weight 0 takes whatever the packed run holds at that point
+  // (within the run's buffer, which starts zeroed) and blends it with
+  // weight 0: it stays itself.
   const uint16_t *const brightness = bright.entry;
+  if constexpr (!kWide) {
+    // 8-bit rows: the changed samples, brightness applied, spread back over
+    // the row in the HLS buffer (free again, 4 bytes a pixel), then blended.
+    uint8_t *const changed = hls;
+    int32_t next = 0;
+    for (int32_t r = 0; r < row.row.runCount; ++r)
+      for (int32_t x = row.row.runs[r].Start, end = row.row.runs[r].End; x < end; ++x) {
+        const uint8_t *c = packed + 3 * static_cast<std::ptrdiff_t>(next);
+        uint8_t *d = changed + 3 * static_cast<std::ptrdiff_t>(x);
+        d[0] = static_cast<uint8_t>(brightness[c[0]]), d[1] = static_cast<uint8_t>(brightness[c[1]]),
+        d[2] = static_cast<uint8_t>(brightness[c[2]]);
+        next += (lab[x * kLabSize] | lab[x * kLabSize + 1]) != 0 ? 1 : 0;
+      }
+    for (int32_t r = 0; r < row.row.runCount; ++r)
+      BlendRun8(BestIsa(), rgb, changed, lab, row.row.runs[r].Start, row.row.runs[r].End);
+    return RC_SUCCESS;
+  }
+  int32_t next = 0;
   for (int32_t r = 0; r < row.row.runCount; ++r)
     for (int32_t x = row.row.runs[r].Start, end = row.row.runs[r].End; x < end; ++x) {
       uint16_t w;

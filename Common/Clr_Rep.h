@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+#include "cpu.h"
 #include "imgcolor.h"
 
 namespace img::clrrep {
@@ -27,5 +28,14 @@ struct BrightnessTable {
   uint16_t entry[65536];
 };
 void FillBrightness(BrightnessTable &table, int32_t brightness, bool wide);
+
+// The blend of pixels first..end-1 of an 8-bit three-sample row: each
+// sample becomes min((changed × w + sample × (1000 - w)) / 1000, 255), w the
+// 16-bit weight at weights + 3 x. Isa::Scalar is the reference; Avx512 runs
+// BlendRun8Avx512 (Clr_Rep_avx512.cpp) where the processor has it.
+void BlendRun8(Isa isa, uint8_t *rgb, const uint8_t *changed, const uint8_t *weights, int32_t first,
+               int32_t end);
+void BlendRun8Avx512(uint8_t *rgb, const uint8_t *changed, const uint8_t *weights, int32_t first,
+                     int32_t end);
 
 }  // namespace img::clrrep

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <random>
 #include <vector>
 
 #include "ClrSpc.h"
@@ -216,7 +217,8 @@ TEST(ColorReplace, AllocationFailuresAndCancellation) {
 
 // Only pixels with a weight go through the conversions (packed into one
 // run): every pixel of random 24- and 48-bit bitmaps, with and without a
-// region, is what the row step gives it one pixel at a time.
+// region, is what the row step gives it one pixel at a time; the blend of
+// each instruction set is the reference's.
 TEST(ColorReplace, PackedRunMatchesPixelByPixel) {
   const ColorReplaceEntry entries[2] = {{0, 0x4080C0, 60}, {0, 0x20E040, 150}};
   img::LabTableSet set{};
@@ -288,6 +290,25 @@ TEST(ColorReplace, PackedRunMatchesPixelByPixel) {
         }
     }
   img::FreeLabTables(&set);
+  // The blend of 8-bit rows of every instruction set against the reference,
+  // weights 0..1000 at the ends and at random.
+  std::mt19937 rng(3);
+  const int32_t width = 4099;
+  std::vector<uint8_t> rgb(3 * width), changed(3 * width), weights(3 * width);
+  for (uint8_t &v : rgb) v = static_cast<uint8_t>(rng());
+  for (uint8_t &v : changed) v = static_cast<uint8_t>(rng());
+  for (int32_t x = 0; x < width; ++x) {
+    const uint16_t w = static_cast<uint16_t>(x % 7 == 0 ? 0 : x % 7 == 1 ? 1000 : rng() % 1001);
+    std::memcpy(&weights[3 * x], &w, 2);
+  }
+  std::vector<uint8_t> reference = rgb;
+  img::clrrep::BlendRun8(img::Isa::Scalar, reference.data(), changed.data(), weights.data(), 5, width);
+  for (const img::Isa isa : img::kAllIsas) {
+    if (!img::IsaAvailable(isa)) continue;
+    std::vector<uint8_t> fast = rgb;
+    img::clrrep::BlendRun8(isa, fast.data(), changed.data(), weights.data(), 5, width);
+    EXPECT_TRUE(fast == reference) << img::IsaName(isa);
+  }
 }
 
 }  // namespace
