@@ -44,13 +44,22 @@ bool WeightedPair(uint32_t f0, uint32_t f1, Pair8 *pair) {
                 static_cast<uint16_t>(w),
                 static_cast<uint16_t>((65536u * ((1u << l) - w)) / w + 1),
                 static_cast<int32_t>(l - 1)};
+  // half = ceil(2^(15 + l) / w) < 2^16 (w > 2^(l - 1)); its excess over
+  // 2^(15 + l) / w is below 1, so u × half / 2^(15 + l) exceeds u / w by less
+  // than u / 2^(15 + l) < 2^-l <= 1 / w for u < 2^15: the floor is exact.
+  if (f0 < 128 && f1 < 128 && w <= 128) {
+    pair->small = true;
+    pair->half = static_cast<uint16_t>(((1u << (15 + l)) + w - 1) / w);
+    pair->halfShift = static_cast<int32_t>(l - 1);
+  }
   return true;
 }
 
 void CombinePair(Isa isa, const Pair8 &pair, uint8_t *out, const uint8_t *a, const uint8_t *b,
                  std::size_t n) {
   switch (isa) {
-    case Isa::Avx512:  // no loops of its own
+    case Isa::Avx512:
+      return CombinePairAvx512(pair, out, a, b, n);
     case Isa::Avx2:
       return CombinePairAvx2(pair, out, a, b, n);
     case Isa::Ssse3:
