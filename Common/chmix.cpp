@@ -48,6 +48,16 @@ int32_t Mix(BitmapRecord *bitmap, const ChannelMixFactors *const factors[3]) {
     IMG_BUFFER(int32_t, storage, 3 * 3 * 256);
     if (!storage) return RC_NO_MEMORY;
     BuildChannelMixTables(factors, storage.get(), tables);
+    // Without a region, stored rows that are the working rows byte for byte
+    // (B, G, R and B, G, R, fourth) are mixed where they are: the pass would
+    // copy each row out and back unchanged around the same row function.
+    if (!::BitmapHasRegion(bitmap) && PlainWorkingRow(bitmap, ROW_LAYOUT_NATIVE)) {
+      const Isa isa = BestIsa();
+      for (int32_t y = 0; y < bitmap->Height; ++y)
+        MixRow8(tables, StoredRow(bitmap, y), pass.channels(), 0, bitmap->Width, isa);
+      ::UpdateBitmapInfo(bitmap);
+      return RC_SUCCESS;
+    }
     return pass.RunRows([&](auto &row) {
       using T = std::remove_reference_t<decltype(*row.samples)>;
       if constexpr (sizeof(T) == 1)
