@@ -89,7 +89,11 @@ void BuildChannelMixTables(const ChannelMixFactors *const factors[3], int32_t *s
     const int32_t weights[3] = {f.RedFactor, f.GreenFactor, f.BlueFactor};
     for (int32_t in = 0; in < 3; ++in) {
       int32_t *t = storage + (out * 3 + in) * 256;
-      for (int32_t v = 0; v < 256; ++v) t[v] = (v * weights[in] + 50) / 100 + (in == 2 ? constant : 0);
+      for (int32_t v = 0; v < 256; ++v) {
+        t[v] = (v * weights[in] + 50) / 100 + (in == 2 ? constant : 0);
+        tables.low[out][in][v] = static_cast<uint8_t>(static_cast<uint32_t>(t[v]) & 0xFFu);
+        tables.high[out][in][v] = static_cast<int8_t>((t[v] - (t[v] & 0xFF)) / 256);
+      }
       tables.table[out][in] = t;
       const int32_t magnitude = weights[in] < 0 ? -weights[in] : weights[in];
       tables.whole[out][in] = static_cast<int16_t>(magnitude / 100);
