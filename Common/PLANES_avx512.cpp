@@ -53,10 +53,18 @@ constexpr MergeIndices MakeMerge() {
 constexpr SplitIndices kSplit = MakeSplit();
 constexpr MergeIndices kMerge = MakeMerge();
 
-}  // namespace
+// Plain stores, or streaming ones when every output is 64-byte aligned (the
+// planes' rows are written once and not read again by the call).
+template <bool kStream>
+IMG_AVX512 inline void Store(uint8_t *p, __m512i v) {
+  if constexpr (kStream)
+    _mm512_stream_si512(reinterpret_cast<__m512i *>(p), v);
+  else
+    _mm512_storeu_si512(p, v);
+}
 
-IMG_AVX512 int32_t SplitRow3Avx512(const uint8_t *in, uint8_t *first, uint8_t *second, uint8_t *third,
-                                   int32_t width) {
+template <bool kStream>
+IMG_AVX512 int32_t Split(const uint8_t *in, uint8_t *first, uint8_t *second, uint8_t *third, int32_t width) {
   __m512i low[3], high[3];
   for (int32_t k = 0; k < 3; ++k) {
     low[k] = _mm512_loadu_si512(kSplit.low[k]);
@@ -70,14 +78,15 @@ IMG_AVX512 int32_t SplitRow3Avx512(const uint8_t *in, uint8_t *first, uint8_t *s
     for (int32_t k = 0; k < 3; ++k) {
       const __m512i v = _mm512_mask_permutexvar_epi8(_mm512_permutex2var_epi8(a, low[k], b),
                                                      kSplit.fromHigh[k], high[k], c);
-      _mm512_storeu_si512(out[k] + x, v);
+      Store<kStream>(out[k] + x, v);
     }
   }
   return x;
 }
 
-IMG_AVX512 int32_t MergeRow3Avx512(const uint8_t *first, const uint8_t *second, const uint8_t *third,
-                                   uint8_t *out, int32_t width) {
+template <bool kStream>
+IMG_AVX512 int32_t Merge(const uint8_t *first, const uint8_t *second, const uint8_t *third, uint8_t *out,
+                         int32_t width) {
   __m512i pair[3], single[3];
   for (int32_t v = 0; v < 3; ++v) {
     pair[v] = _mm512_loadu_si512(kMerge.pair[v]);
@@ -89,10 +98,31 @@ IMG_AVX512 int32_t MergeRow3Avx512(const uint8_t *first, const uint8_t *second, 
                   c = _mm512_loadu_si512(third + x);
     uint8_t *p = out + static_cast<std::ptrdiff_t>(x) * 3;
     for (int32_t v = 0; v < 3; ++v)
-      _mm512_storeu_si512(p + 64 * v, _mm512_mask_permutexvar_epi8(_mm512_permutex2var_epi8(a, pair[v], b),
-                                                                   kMerge.third[v], single[v], c));
+      Store<kStream>(p + 64 * v, _mm512_mask_permutexvar_epi8(_mm512_permutex2var_epi8(a, pair[v], b),
+                                                              kMerge.third[v], single[v], c));
   }
   return x;
+}
+
+inline bool Aligned(const void *p) { return (reinterpret_cast<std::uintptr_t>(p) & 63) == 0; }
+
+}  // namespace
+
+IMG_AVX512 int32_t SplitRow3Avx512(const uint8_t *in, uint8_t *first, uint8_t *second, uint8_t *third,
+                                   int32_t width) {
+  if (!Aligned(first) || !Aligned(second) || !Aligned(third))
+    return Split<false>(in, first, second, third, width);
+  const int32_t done = Split<true>(in, first, second, third, width);
+  _mm_sfence();
+  return done;
+}
+
+IMG_AVX512 int32_t MergeRow3Avx512(const uint8_t *first, const uint8_t *second, const uint8_t *third,
+                                   uint8_t *out, int32_t width) {
+  if (!Aligned(out)) return Merge<false>(first, second, third, out, width);
+  const int32_t done = Merge<true>(first, second, third, out, width);
+  _mm_sfence();
+  return done;
 }
 
 }  // namespace img::planes

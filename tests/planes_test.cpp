@@ -4,6 +4,7 @@
 // cancellation, leaks and allocation failures.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <vector>
@@ -246,24 +247,33 @@ TEST(SeparateMerge, EveryModelBothWidths) {
 }
 
 // The row loops of every instruction set split and merge as the scalar
-// ones, over rows of every length up to three vector steps.
+// ones, over rows of every length up to three vector steps, into rows that
+// start on a 64-byte boundary (streaming stores) and rows that do not.
 TEST(SeparateMerge, EveryInstructionSetMatchesScalar) {
   uint32_t state = 7;
   auto next = [&] { return state = state * 1664525u + 1013904223u; };
-  for (int32_t width = 1; width <= 200; ++width) {
-    std::vector<uint8_t> in(3 * width), planes(3 * width), want(3 * width);
-    for (uint8_t &v : in) v = static_cast<uint8_t>(next() >> 24);
-    for (int32_t x = 0; x < width; ++x)
-      for (int32_t k = 0; k < 3; ++k) planes[k * width + x] = in[3 * x + k];
-    for (img::Isa isa : img::kAllIsas) {
-      if (!img::IsaAvailable(isa)) continue;
-      std::vector<uint8_t> split(3 * width), merged(3 * width);
-      img::planes::SplitRow3(isa, in.data(), &split[0], &split[width], &split[2 * width], width);
-      ASSERT_EQ(split, planes) << img::IsaName(isa) << " width " << width;
-      img::planes::MergeRow3(isa, &planes[0], &planes[width], &planes[2 * width], merged.data(), width);
-      ASSERT_EQ(merged, in) << img::IsaName(isa) << " width " << width;
+  std::vector<uint8_t> storage(4 * 704 + 64);
+  uint8_t *base = storage.data() + (64 - reinterpret_cast<uintptr_t>(storage.data()) % 64) % 64;
+  for (int32_t width = 1; width <= 200; ++width)
+    for (int32_t offset : {0, 1}) {
+      std::vector<uint8_t> in(3 * width), planes(3 * width);
+      for (uint8_t &v : in) v = static_cast<uint8_t>(next() >> 24);
+      for (int32_t x = 0; x < width; ++x)
+        for (int32_t k = 0; k < 3; ++k) planes[k * width + x] = in[3 * x + k];
+      uint8_t *rows[3] = {base + offset, base + 704 + offset, base + 1408 + offset},
+              *merged = base + 2112 + offset;
+      for (img::Isa isa : img::kAllIsas) {
+        if (!img::IsaAvailable(isa)) continue;
+        std::fill(storage.begin(), storage.end(), uint8_t{0xA5});
+        img::planes::SplitRow3(isa, in.data(), rows[0], rows[1], rows[2], width);
+        for (int32_t k = 0; k < 3; ++k)
+          ASSERT_TRUE(std::equal(rows[k], rows[k] + width, &planes[k * width]))
+              << img::IsaName(isa) << " width " << width << " offset " << offset << " plane " << k;
+        img::planes::MergeRow3(isa, &planes[0], &planes[width], &planes[2 * width], merged, width);
+        ASSERT_TRUE(std::equal(merged, merged + 3 * width, in.data()))
+            << img::IsaName(isa) << " width " << width << " offset " << offset;
+      }
     }
-  }
 }
 
 // Hand-checked plane values of the colour-space models and the kept stores
