@@ -111,6 +111,22 @@ TEST(ChannelMix, RegionsLeaksFailuresAndNoProgress) {
   }
 }
 
+// Stored rows mixed in place (no region) give the bytes of the row pass (a
+// region over the whole bitmap), fourth samples and bottom-up rows included.
+TEST(ChannelMix, InPlaceRowsEqualTheRowPass) {
+  const ChannelMixFactors red = F(80, 15, 5, 3), green = F(-30, 120, 10), blue = F(5, -15, 95, -2);
+  for (const Format &f : {Format{24}, Format{32}, Format{24, ORDER_BGR, ORIENT_BOTTOM_FIRST}}) {
+    SCOPED_TRACE(f.Name());
+    Bitmap direct(f, 150, 3), pass(f, 150, 3);
+    direct.Randomize(5);
+    pass.Randomize(5);
+    kit::SetRectRegion(pass, 0, 0, 150, 3);
+    ASSERT_EQ(Q_ChannelMix(direct, &red, &green, &blue, 0), RC_SUCCESS);
+    ASSERT_EQ(Q_ChannelMix(pass, &red, &green, &blue, 0), RC_SUCCESS);
+    EXPECT_EQ(direct.Pixels(), pass.Pixels());
+  }
+}
+
 // Every instruction set gives the scalar rows bit for bit, over random
 // factors and rows of three and four samples, runs of every length.
 TEST(ChannelMix, EveryInstructionSetMatchesScalar) {
