@@ -3,6 +3,8 @@
 // saturated sum, weighted average or weighted sum. The caller's list and its
 // bitmaps are left as they were (bottom-up bitmaps are turned top-row-first
 // for the call and turned back).
+#include <cstring>
+
 #include "AddBitmaps_internal.h"
 #include "frame.h"
 
@@ -44,13 +46,22 @@ bool WeightedPair(uint32_t f0, uint32_t f1, Pair8 *pair) {
                 static_cast<uint16_t>(w),
                 static_cast<uint16_t>((65536u * ((1u << l) - w)) / w + 1),
                 static_cast<int32_t>(l - 1)};
+  // half = ceil(2^(15 + l) / w) < 2^16 (w > 2^(l - 1)); its excess over
+  // 2^(15 + l) / w is below 1, so u × half / 2^(15 + l) exceeds u / w by less
+  // than u / 2^(15 + l) < 2^-l <= 1 / w for u < 2^15: the floor is exact.
+  if (f0 < 128 && f1 < 128 && w <= 128) {
+    pair->small = true;
+    pair->half = static_cast<uint16_t>(((1u << (15 + l)) + w - 1) / w);
+    pair->halfShift = static_cast<int32_t>(l - 1);
+  }
   return true;
 }
 
 void CombinePair(Isa isa, const Pair8 &pair, uint8_t *out, const uint8_t *a, const uint8_t *b,
                  std::size_t n) {
   switch (isa) {
-    case Isa::Avx512:  // no loops of its own
+    case Isa::Avx512:
+      return CombinePairAvx512(pair, out, a, b, n);
     case Isa::Avx2:
       return CombinePairAvx2(pair, out, a, b, n);
     case Isa::Ssse3:
@@ -205,10 +216,6 @@ int32_t Combine(BitmapList list, Combination combination, bool weighted, const B
 
   IMG_BUFFER(PassMember, members, n);
   if (!members) return RC_NO_MEMORY;
-  // The kernel writes only the result's row: every member may hand over its
-  // stored row.
-  for (uint32_t i = 0; i < n; ++i)
-    members[i] = PassMember{&records[i], form.layout, i == 0, true, i == 0 ? source : nullptr};
   Pair8 pairForm{};
   const Pair8 *pair = nullptr;
   if (!form.wide && n == 2) {
@@ -220,12 +227,50 @@ int32_t Combine(BitmapList list, Combination combination, bool weighted, const B
       pair = &pairForm;
     }
   }
+  // A result to fill from the first bitmap whose working row is its stored
+  // row, with a pair form: the pair loop reads the first bitmap's row and
+  // writes the result's, and the bytes it does not combine are copied, so
+  // that the result's memory is written once instead of copied and then
+  // combined in place (the same bytes: the pair form reads each sample of
+  // the result's row before writing it, and that sample is the first
+  // bitmap's).
+  const bool fillByPair = source && pair && PlainWorkingRow(&records[0], form.layout);
+  auto copyRow = [&](int32_t y) {
+    const BitmapRecord *out = &records[0];
+    if (y < 0 || y >= out->Height || y >= source->Height) return;
+    std::memcpy(ImageRow(out, y), ImageRow(source, y),
+                out->BytesPerLine < source->BytesPerLine ? out->BytesPerLine : source->BytesPerLine);
+  };
+  // The kernel writes only the result's row: every member may hand over its
+  // stored row.
+  for (uint32_t i = 0; i < n; ++i)
+    members[i] = PassMember{&records[i], form.layout, i == 0, true, i == 0 && !fillByPair ? source : nullptr};
   // Only the last member's converter and reads count, as the course keeps it.
   MultiPass pass(members.get(), static_cast<int32_t>(n), MemberStatus::LastOnly);
+  if (fillByPair && pass.status() == RC_SUCCESS)
+    for (int32_t y = 0; y < records[0].Height; ++y)
+      if (y < area.Top || y >= area.Bottom) copyRow(y);
   // Whole rows of the result are written: outside the combined samples they
   // hold its own values.
   const Rect rows{0, area.Top, records[0].Width, area.Bottom};
   return pass.Run(area.Top, area.Bottom, &rows, kNoProgress, [&](const MemberRows &m) {
+    if (fillByPair) {
+      const uint8_t *b = static_cast<const uint8_t *>(m.samples[1]);
+      // A missing row or nothing to combine: the copy, then the usual course.
+      if (!m.samples[0] || !b || end <= first || m.y >= source->Height) {
+        copyRow(m.y);
+      } else {
+        uint8_t *out = ImageRow(&records[0], m.y);
+        const uint8_t *a = ImageRow(source, m.y);
+        const std::ptrdiff_t bytes =
+            records[0].BytesPerLine < source->BytesPerLine ? records[0].BytesPerLine : source->BytesPerLine;
+        std::memcpy(out, a, static_cast<std::size_t>(first));
+        CombinePair(combination.isa, *pair, out + first, a + first, b + first,
+                    static_cast<std::size_t>(end - first));
+        if (bytes > end) std::memcpy(out + end, a + end, static_cast<std::size_t>(bytes - end));
+        return;
+      }
+    }
     if (form.wide) {
       auto *const *r = reinterpret_cast<const uint16_t *const *>(m.samples);
       isSigned ? CombineRow<uint16_t, true>(combination, nullptr, r, first, end)

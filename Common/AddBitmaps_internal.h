@@ -100,6 +100,13 @@ struct Pair8 {
   // of S * magic (the round-up method for 16-bit numerators).
   uint16_t magic = 0;
   int32_t shift = 0;
+  // The AVX-512 form, when both reduced factors are below 128 and the weight
+  // at most 128: S from one byte multiply-add (at most 255 × 128, a signed
+  // 16-bit lane), u = S + weight / 2 < 2^15 and floor(u / weight) =
+  // mulhi(u, half) >> halfShift (the 16-bit magic of 15-bit numerators).
+  bool small = false;
+  uint16_t half = 0;
+  int32_t halfShift = 0;
 };
 
 // One sample in integers, the lane loops' formula: q = floor(S / w) goes up
@@ -125,6 +132,7 @@ bool WeightedPair(uint32_t f0, uint32_t f1, Pair8 *pair);
 void CombinePair(Isa isa, const Pair8 &pair, uint8_t *out, const uint8_t *a, const uint8_t *b, std::size_t n);
 void CombinePairSse2(const Pair8 &pair, uint8_t *out, const uint8_t *a, const uint8_t *b, std::size_t n);
 void CombinePairAvx2(const Pair8 &pair, uint8_t *out, const uint8_t *a, const uint8_t *b, std::size_t n);
+void CombinePairAvx512(const Pair8 &pair, uint8_t *out, const uint8_t *a, const uint8_t *b, std::size_t n);
 
 // Q_AddBitmaps (weighted false) and Q_AddWeightedBitmaps with the row loops
 // of `isa` (the exports pass BestIsa()).

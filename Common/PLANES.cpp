@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "ClrSpc.h"
+#include "PLANES_internal.h"
 #include "frame.h"
 #include "imgdisplay.h"
 
@@ -187,8 +188,7 @@ void PlanesToElement(uint32_t space, bool wide, const int32_t *p, uint8_t *e) {
   }
 }
 
-// Splits interleaved samples into plane rows; the three-plane 8-bit case
-// (RGB planes) is the one that must run at memory speed.
+// Splits interleaved samples into plane rows (the general course).
 template <class T>
 void SplitRow(const T *in, T *const *out, int32_t count, int32_t width) {
   if (count == 3) {
@@ -212,6 +212,7 @@ void SplitRow(const T *in, T *const *out, int32_t count, int32_t width) {
 // the source's size and orientation). Same bytes and the same progress as
 // the general course, without its three copies of every row.
 int32_t SeparateRgb24(BitmapRecord *src, BitmapRecord *const *planes) {
+  const Isa isa = BestIsa();
   const bool rgb = src->ColorOrder == ORDER_RGB;
   const StepProgress progress(kFullProgress, src->Height);
   int32_t status = progress.Start();
@@ -219,7 +220,7 @@ int32_t SeparateRgb24(BitmapRecord *src, BitmapRecord *const *planes) {
   for (int32_t y = 0; y < src->Height; ++y) {
     uint8_t *rows[3] = {StoredRow(planes[0], y), StoredRow(planes[1], y), StoredRow(planes[2], y)};
     if (rgb) std::swap(rows[0], rows[2]);
-    SplitRow(StoredRow(src, y), rows, 3, src->Width);
+    planes::SplitRow3(isa, StoredRow(src, y), rows[0], rows[1], rows[2], src->Width);
     if ((status = progress.After(y + 1)) != RC_SUCCESS) return status;
   }
   return RC_SUCCESS;
@@ -395,6 +396,16 @@ int32_t MergeDisplay(BitmapRecord *dest, BitmapRecord *const *planes, int32_t co
     if (n < 0) return n;
     if (::GetPalette(planes[k], 0, n, palettes[k]) != n) return RC_NO_BITMAP;
   }
+  // Three 8-bit gray planes read at full significance into B, G, R: the row
+  // conversion and the identity model are copies, so the planes' stored rows
+  // interleave straight into the result's (same bytes, same progress).
+  bool direct = code == COLOR_MODEL_BGR && !wide && count == 3;
+  for (int32_t k = 0; k < count; ++k) {
+    const BitmapRecord *p = planes[k];
+    direct = direct && gray[k] && p->BitsPerPixel == 8 &&
+             (p->SignificantHighBit < 0 || (p->SignificantLowBit == 0 && p->SignificantHighBit == 7));
+  }
+  const Isa isa = BestIsa();
   const StepProgress progress(kFullProgress, height);
   int32_t status = progress.Start();
   if (status != RC_SUCCESS) return status;
@@ -402,6 +413,14 @@ int32_t MergeDisplay(BitmapRecord *dest, BitmapRecord *const *planes, int32_t co
   // result first); every plane gives the same image row.
   for (int32_t y = 0; y < height; ++y) {
     const int32_t image = height - 1 - y;
+    if (direct) {
+      planes::MergeRow3(isa, StoredRow(planes[0], StoredIndex(planes[0], image)),
+                        StoredRow(planes[1], StoredIndex(planes[1], image)),
+                        StoredRow(planes[2], StoredIndex(planes[2], image)),
+                        StoredRow(dest, StoredIndex(dest, image)), width);
+      if ((status = progress.After(y + 1)) != RC_SUCCESS) return status;
+      continue;
+    }
     for (int32_t k = 0; k < count; ++k) {
       BitmapRecord *p = planes[k];
       const uint32_t bytes = static_cast<uint32_t>((static_cast<int64_t>(width) * p->BitsPerPixel + 7) / 8);
@@ -502,6 +521,31 @@ int32_t Merge(BitmapRecord *dest, BitmapRecord *const *planes, uint32_t structSi
 }
 
 }  // namespace
+
+namespace planes {
+
+void SplitRow3(Isa isa, const uint8_t *in, uint8_t *first, uint8_t *second, uint8_t *third, int32_t width) {
+  int32_t x = 0;
+  if (isa >= Isa::Avx512 && IsaAvailable(Isa::Avx512)) x = SplitRow3Avx512(in, first, second, third, width);
+  for (in += static_cast<std::ptrdiff_t>(x) * 3; x < width; ++x, in += 3) {
+    first[x] = in[0];
+    second[x] = in[1];
+    third[x] = in[2];
+  }
+}
+
+void MergeRow3(Isa isa, const uint8_t *first, const uint8_t *second, const uint8_t *third, uint8_t *out,
+               int32_t width) {
+  int32_t x = 0;
+  if (isa >= Isa::Avx512 && IsaAvailable(Isa::Avx512)) x = MergeRow3Avx512(first, second, third, out, width);
+  for (out += static_cast<std::ptrdiff_t>(x) * 3; x < width; ++x, out += 3) {
+    out[0] = first[x];
+    out[1] = second[x];
+    out[2] = third[x];
+  }
+}
+
+}  // namespace planes
 
 }  // namespace img
 

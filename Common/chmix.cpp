@@ -48,6 +48,16 @@ int32_t Mix(BitmapRecord *bitmap, const ChannelMixFactors *const factors[3]) {
     IMG_BUFFER(int32_t, storage, 3 * 3 * 256);
     if (!storage) return RC_NO_MEMORY;
     BuildChannelMixTables(factors, storage.get(), tables);
+    // Without a region, stored rows that are the working rows byte for byte
+    // (B, G, R and B, G, R, fourth) are mixed where they are: the pass would
+    // copy each row out and back unchanged around the same row function.
+    if (!::BitmapHasRegion(bitmap) && PlainWorkingRow(bitmap, ROW_LAYOUT_NATIVE)) {
+      const Isa isa = BestIsa();
+      for (int32_t y = 0; y < bitmap->Height; ++y)
+        MixRow8(tables, StoredRow(bitmap, y), pass.channels(), 0, bitmap->Width, isa);
+      ::UpdateBitmapInfo(bitmap);
+      return RC_SUCCESS;
+    }
     return pass.RunRows([&](auto &row) {
       using T = std::remove_reference_t<decltype(*row.samples)>;
       if constexpr (sizeof(T) == 1)
@@ -79,7 +89,11 @@ void BuildChannelMixTables(const ChannelMixFactors *const factors[3], int32_t *s
     const int32_t weights[3] = {f.RedFactor, f.GreenFactor, f.BlueFactor};
     for (int32_t in = 0; in < 3; ++in) {
       int32_t *t = storage + (out * 3 + in) * 256;
-      for (int32_t v = 0; v < 256; ++v) t[v] = (v * weights[in] + 50) / 100 + (in == 2 ? constant : 0);
+      for (int32_t v = 0; v < 256; ++v) {
+        t[v] = (v * weights[in] + 50) / 100 + (in == 2 ? constant : 0);
+        tables.low[out][in][v] = static_cast<uint8_t>(static_cast<uint32_t>(t[v]) & 0xFFu);
+        tables.high[out][in][v] = static_cast<int8_t>((t[v] - (t[v] & 0xFF)) / 256);
+      }
       tables.table[out][in] = t;
       const int32_t magnitude = weights[in] < 0 ? -weights[in] : weights[in];
       tables.whole[out][in] = static_cast<int16_t>(magnitude / 100);

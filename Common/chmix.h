@@ -16,6 +16,10 @@ namespace img {
 // constant[c] is the rounded constant the blue table carries.
 struct ChannelMixTables {
   const int32_t *table[3][3];
+  // The same entries split into bytes, table = 256 × high + low (high the
+  // floor of table / 256, within −20..19): the AVX-512 row looks them up.
+  uint8_t low[3][3][256];
+  int8_t high[3][3][256];
   int16_t whole[3][3];
   int16_t part[3][3];
   bool negative[3][3];

@@ -101,11 +101,100 @@ IMG_AVX512 int32_t Mix(const ChannelMixTables &t, uint8_t *row, int32_t left, in
   return x;
 }
 
+// Three samples a pixel, 64 pixels a step, by table lookups: each term's low
+// and high byte (ChannelMixTables::low, high) comes from two 128-entry byte
+// permutes chosen by the sample's top bit. With S the sum of an output's
+// three terms, the low bytes add with their carries counted and the high
+// bytes add with the carries: S = 256 × h + l, l the wrapped low sum, h
+// within −60..59 (a signed byte). The clamp of S to 0..255 is then 0 for
+// h < 0, 255 for h > 0 and l for h = 0, as the scalar clamp.
+struct Split3 {
+  uint8_t low[3][64], high[3][64];  // sample k of pixel p: byte 3p + k of 192
+  uint64_t fromHigh[3];
+  uint8_t pair[3][64], single[3][64];  // the way back: output vector v from three planes
+  uint64_t third[3];
+};
+
+constexpr Split3 MakeSplit3() {
+  Split3 s{};
+  for (int32_t k = 0; k < 3; ++k)
+    for (int32_t p = 0; p < 64; ++p) {
+      const int32_t at = 3 * p + k;
+      s.low[k][p] = static_cast<uint8_t>(at < 128 ? at : 0);
+      s.high[k][p] = static_cast<uint8_t>(at < 128 ? 0 : at - 128);
+      if (at >= 128) s.fromHigh[k] |= uint64_t{1} << p;
+    }
+  for (int32_t v = 0; v < 3; ++v)
+    for (int32_t b = 0; b < 64; ++b) {
+      const int32_t at = 64 * v + b, p = at / 3, k = at % 3;
+      s.pair[v][b] = static_cast<uint8_t>(k == 1 ? 64 + p : p);
+      s.single[v][b] = static_cast<uint8_t>(p);
+      if (k == 2) s.third[v] |= uint64_t{1} << b;
+    }
+  return s;
+}
+
+constexpr Split3 kSplit3 = MakeSplit3();
+
+// Entry v of a 256-byte table (four vectors), `top` the lanes with v >= 128.
+IMG_AVX512 inline __m512i Lookup(const uint8_t *table, __m512i v, __mmask64 top) {
+  const __m512i t0 = _mm512_loadu_si512(table), t1 = _mm512_loadu_si512(table + 64);
+  const __m512i t2 = _mm512_loadu_si512(table + 128), t3 = _mm512_loadu_si512(table + 192);
+  return _mm512_mask_blend_epi8(top, _mm512_permutex2var_epi8(t0, v, t1),
+                                _mm512_permutex2var_epi8(t2, v, t3));
+}
+
+IMG_AVX512 int32_t Lookup3(const ChannelMixTables &t, uint8_t *row, int32_t left, int32_t right) {
+  __m512i low[3], high[3], pair[3], single[3];
+  for (int32_t k = 0; k < 3; ++k) {
+    low[k] = _mm512_loadu_si512(kSplit3.low[k]);
+    high[k] = _mm512_loadu_si512(kSplit3.high[k]);
+    pair[k] = _mm512_loadu_si512(kSplit3.pair[k]);
+    single[k] = _mm512_loadu_si512(kSplit3.single[k]);
+  }
+  const __m512i one = _mm512_set1_epi8(1), zero = _mm512_setzero_si512(), full = _mm512_set1_epi8(-1);
+  int32_t x = left;
+  for (; x + 64 <= right; x += 64) {
+    uint8_t *p = row + static_cast<std::ptrdiff_t>(x) * 3;
+    const __m512i a = _mm512_loadu_si512(p), b = _mm512_loadu_si512(p + 64), c = _mm512_loadu_si512(p + 128);
+    // Inputs in the tables' order red, green, blue from samples B, G, R.
+    __m512i in[3];
+    __mmask64 top[3];
+    for (int32_t k = 0; k < 3; ++k) {
+      in[2 - k] = _mm512_mask_permutexvar_epi8(_mm512_permutex2var_epi8(a, low[k], b), kSplit3.fromHigh[k],
+                                               high[k], c);
+      top[2 - k] = _mm512_movepi8_mask(in[2 - k]);
+    }
+    __m512i out[3];
+    for (int32_t o = 0; o < 3; ++o) {
+      const __m512i l0 = Lookup(t.low[o][0], in[0], top[0]);
+      const __m512i l1 = Lookup(t.low[o][1], in[1], top[1]);
+      const __m512i l2 = Lookup(t.low[o][2], in[2], top[2]);
+      const __m512i s1 = _mm512_add_epi8(l0, l1), s2 = _mm512_add_epi8(s1, l2);
+      const __mmask64 carry1 = _mm512_cmplt_epu8_mask(s1, l0), carry2 = _mm512_cmplt_epu8_mask(s2, s1);
+      const uint8_t *const h = reinterpret_cast<const uint8_t *>(t.high[o][0]);
+      __m512i sum = _mm512_add_epi8(_mm512_add_epi8(Lookup(h, in[0], top[0]), Lookup(h + 256, in[1], top[1])),
+                                    Lookup(h + 512, in[2], top[2]));
+      sum = _mm512_mask_add_epi8(sum, carry1, sum, one);
+      sum = _mm512_mask_add_epi8(sum, carry2, sum, one);
+      const __mmask64 above = _mm512_cmpgt_epi8_mask(sum, zero), below = _mm512_movepi8_mask(sum);
+      out[o] = _mm512_maskz_mov_epi8(~below, _mm512_mask_mov_epi8(s2, above, full));
+    }
+    // Samples B, G, R from the blue, green and red outputs.
+    for (int32_t v = 0; v < 3; ++v)
+      _mm512_storeu_si512(p + 64 * v,
+                          _mm512_mask_permutexvar_epi8(_mm512_permutex2var_epi8(out[2], pair[v], out[1]),
+                                                       kSplit3.third[v], single[v], out[0]));
+  }
+  return x;
+}
+
 }  // namespace
 
 int32_t MixRow8Avx512(const ChannelMixTables &tables, uint8_t *row, int32_t channels, int32_t left,
                       int32_t right) {
-  return channels == 4 ? Mix<4>(tables, row, left, right) : Mix<3>(tables, row, left, right);
+  return channels == 4 ? Mix<4>(tables, row, left, right)
+                       : Mix<3>(tables, row, Lookup3(tables, row, left, right), right);
 }
 
 }  // namespace img

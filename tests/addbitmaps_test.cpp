@@ -377,6 +377,9 @@ TEST(AddBitmaps, PairLoopsEqualTheReferenceForEveryPair) {
                         {ADD_WEIGHTED_AVERAGE, 1, 256, true},
                         {ADD_WEIGHTED_AVERAGE, 5, 6, true},
                         {ADD_WEIGHTED_AVERAGE, 77, 101, true},
+                        {ADD_WEIGHTED_AVERAGE, 1, 127, true},
+                        {ADD_WEIGHTED_AVERAGE, 60, 67, true},
+                        {ADD_WEIGHTED_AVERAGE, 3, 125, true},
                         {ADD_WEIGHTED_AVERAGE, 1, 257, false},
                         {ADD_WEIGHTED_AVERAGE, 0xFFFFFFFFu, 2, false}};
   std::vector<uint8_t> a(65536 + 7), b(65536 + 7);

@@ -96,14 +96,35 @@ TEST(ChannelMix, RegionsLeaksFailuresAndNoProgress) {
       const kit::Pixel p = before[y * 5 + x];
       EXPECT_EQ(bmp.At(x, y), kit::InRegion(bmp, x, y) ? Rgb(p.v[2], p.v[1], p.v[0]) : p);
     }
-  auto setup = [] {
-    Bitmap b(Format{24}, 4, 3);
-    b.Randomize(1);
-    return b;
-  };
-  EXPECT_GT(kit::CheckAllocationFailures(
-                setup, [&](Bitmap &b) { return Q_ChannelMix(b, &swap, &kGreen, &kRed, 0); }),
-            2);
+  // Without a region the stored rows are mixed in place (the converter and
+  // the tables are allocated); with one, the row pass adds its buffers.
+  for (const bool region : {false, true}) {
+    auto setup = [region] {
+      Bitmap b(Format{24}, 4, 3);
+      b.Randomize(1);
+      if (region) kit::SetRectRegion(b, 1, 1, 3, 3);
+      return b;
+    };
+    EXPECT_GT(kit::CheckAllocationFailures(
+                  setup, [&](Bitmap &b) { return Q_ChannelMix(b, &swap, &kGreen, &kRed, 0); }),
+              region ? 2 : 1);
+  }
+}
+
+// Stored rows mixed in place (no region) give the bytes of the row pass (a
+// region over the whole bitmap), fourth samples and bottom-up rows included.
+TEST(ChannelMix, InPlaceRowsEqualTheRowPass) {
+  const ChannelMixFactors red = F(80, 15, 5, 3), green = F(-30, 120, 10), blue = F(5, -15, 95, -2);
+  for (const Format &f : {Format{24}, Format{32}, Format{24, ORDER_BGR, ORIENT_BOTTOM_FIRST}}) {
+    SCOPED_TRACE(f.Name());
+    Bitmap direct(f, 150, 3), pass(f, 150, 3);
+    direct.Randomize(5);
+    pass.Randomize(5);
+    kit::SetRectRegion(pass, 0, 0, 150, 3);
+    ASSERT_EQ(Q_ChannelMix(direct, &red, &green, &blue, 0), RC_SUCCESS);
+    ASSERT_EQ(Q_ChannelMix(pass, &red, &green, &blue, 0), RC_SUCCESS);
+    EXPECT_EQ(direct.Pixels(), pass.Pixels());
+  }
 }
 
 // Every instruction set gives the scalar rows bit for bit, over random

@@ -4,11 +4,13 @@
 // cancellation, leaks and allocation failures.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <vector>
 
 #include "ClrSpc.h"
+#include "PLANES_internal.h"
 #include "kit.h"
 
 namespace {
@@ -212,11 +214,13 @@ TEST(Merge, ChecksInOrder) {
 // not exact inverses of each other, on purpose).
 TEST(SeparateMerge, EveryModelBothWidths) {
   const int32_t bounds[10] = {0, 1, 4, 5, 0, -1, -1, -1, -1, -1};
-  for (const Format &f : {Format{24}, Format{48, ORDER_RGB, ORIENT_BOTTOM_FIRST}, Format{32}, Format{64}})
+  // 133 pixels a row: two steps of the widest row loops and a rest.
+  for (const Format &f : {Format{24}, Format{24, ORDER_RGB, ORIENT_BOTTOM_FIRST},
+                          Format{48, ORDER_RGB, ORIENT_BOTTOM_FIRST}, Format{32}, Format{64}})
     for (uint32_t model = 0; model < 10; ++model) {
       SCOPED_TRACE(f.Name() + " model " + std::to_string(model));
       kit::LeakGuard guard;
-      Bitmap src(f, 33, 5);
+      Bitmap src(f, 133, 5);
       src.Randomize(model + 3);
       Planes p;
       ASSERT_EQ(Q_ColorSeparateBitmap(src, p.get(), 208, model), RC_SUCCESS);
@@ -226,7 +230,7 @@ TEST(SeparateMerge, EveryModelBothWidths) {
         EXPECT_EQ(p.records[k].BitsPerPixel, wide ? 16 : 8);
         EXPECT_EQ(p.records[k].ColorOrder, wide ? ORDER_GRAY : ORDER_RGB);
         EXPECT_EQ(p.records[k].Orientation, f.orientation);
-        EXPECT_EQ(p.records[k].Width * 10 + p.records[k].Height, 335);
+        EXPECT_EQ(p.records[k].Width * 10 + p.records[k].Height, 1335);
       }
       Merged m;
       ASSERT_EQ(Q_ColorMergeBitmap(&m.record, p.get(), 176, model), RC_SUCCESS);
@@ -234,11 +238,41 @@ TEST(SeparateMerge, EveryModelBothWidths) {
       EXPECT_EQ(m.record.StructSize, 176u);
       if (bounds[model] < 0) continue;
       for (int32_t y = 0; y < 5; ++y)
-        for (int32_t x = 0; x < 33; ++x) {
+        for (int32_t x = 0; x < 133; ++x) {
           const kit::Pixel a = src.At(x, y), b = m.At(x, y);
           for (int k = 0; k < 3; ++k)
             ASSERT_LE(std::abs(int32_t(a.v[k]) - int32_t(b.v[k])), bounds[model]) << x;
         }
+    }
+}
+
+// The row loops of every instruction set split and merge as the scalar
+// ones, over rows of every length up to three vector steps, into rows that
+// start on a 64-byte boundary (streaming stores) and rows that do not.
+TEST(SeparateMerge, EveryInstructionSetMatchesScalar) {
+  uint32_t state = 7;
+  auto next = [&] { return state = state * 1664525u + 1013904223u; };
+  std::vector<uint8_t> storage(4 * 704 + 64);
+  uint8_t *base = storage.data() + (64 - reinterpret_cast<uintptr_t>(storage.data()) % 64) % 64;
+  for (int32_t width = 1; width <= 200; ++width)
+    for (int32_t offset : {0, 1}) {
+      std::vector<uint8_t> in(3 * width), planes(3 * width);
+      for (uint8_t &v : in) v = static_cast<uint8_t>(next() >> 24);
+      for (int32_t x = 0; x < width; ++x)
+        for (int32_t k = 0; k < 3; ++k) planes[k * width + x] = in[3 * x + k];
+      uint8_t *rows[3] = {base + offset, base + 704 + offset, base + 1408 + offset},
+              *merged = base + 2112 + offset;
+      for (img::Isa isa : img::kAllIsas) {
+        if (!img::IsaAvailable(isa)) continue;
+        std::fill(storage.begin(), storage.end(), uint8_t{0xA5});
+        img::planes::SplitRow3(isa, in.data(), rows[0], rows[1], rows[2], width);
+        for (int32_t k = 0; k < 3; ++k)
+          ASSERT_TRUE(std::equal(rows[k], rows[k] + width, &planes[k * width]))
+              << img::IsaName(isa) << " width " << width << " offset " << offset << " plane " << k;
+        img::planes::MergeRow3(isa, &planes[0], &planes[width], &planes[2 * width], merged, width);
+        ASSERT_TRUE(std::equal(merged, merged + 3 * width, in.data()))
+            << img::IsaName(isa) << " width " << width << " offset " << offset;
+      }
     }
 }
 
