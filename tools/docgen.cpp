@@ -420,8 +420,8 @@ int CheckHeader(const std::string &headerPath, const std::string &wrapperPath) {
   }
   for (const std::string &m : misses) std::fprintf(stderr, "imgcolor_docgen: %s\n", m.c_str());
   if (!misses.empty())
-    std::fprintf(stderr, "imgcolor_docgen: %zu misses; state each in the export's comment (%s)\n",
-                 misses.size(), headerPath.c_str());
+    std::fprintf(stderr, "imgcolor_docgen: %zu misses: state units and ranges in %s, add methods to %s\n",
+                 misses.size(), headerPath.c_str(), wrapperPath.c_str());
   return misses.empty() ? 0 : 1;
 }
 
