@@ -94,24 +94,30 @@ typedef struct HueSatIntRange {
 } HueSatIntRange;
 
 /* ---- Point operations through lookup tables --------------------------------------------- */
+/* threshold: sample value, 0..65535 (12-bit gray: 0..4095) */
 IMG_API int32_t Q_SolarizeBitmap(BitmapRecord *bitmap, uint32_t threshold, uint32_t flags);
+/* levels: levels per sample, 2..64 */
 IMG_API int32_t Q_PosterizeBitmap(BitmapRecord *bitmap, uint32_t levels, uint32_t flags);
 /* change: tenths of a percent, -1000..1000 */
 IMG_API int32_t Q_ChangeBitmapContrast(BitmapRecord *bitmap, int32_t change, uint32_t flags);
 /* factor: percent */
 IMG_API int32_t Q_MultiplyBitmap(BitmapRecord *bitmap, uint32_t factor, uint32_t flags);
-/* operation: MATHLOGIC_CHANNEL_* | MATHLOGIC_IN_* | MATHLOGIC_OP_* | MATHLOGIC_OUT_* */
+/* operation: MATHLOGIC_CHANNEL_* | MATHLOGIC_IN_* | MATHLOGIC_OP_* | MATHLOGIC_OUT_*.
+ * value: sample value (multiply and divide: percent), at most -3276800..6553600;
+ * the operation and the bitmap's sample range narrow it. */
 IMG_API int32_t Q_ApplyMathLogicBitmap(BitmapRecord *bitmap, int32_t value, uint32_t operation);
 /* No flags word: channel is LUT_CHANNEL_* possibly with LUT_INDEX_BY_VALUE. */
 IMG_API int32_t Q_RemapBitmapIntensity(BitmapRecord *bitmap, const int32_t *table, uint32_t length,
                                        uint32_t channel);
 
 /* ---- Histogram-driven contrast ------------------------------------------------------------ */
+/* change: tenths of a percent, -1000..1000 */
 IMG_API int32_t Q_HistoContrastBitmap(BitmapRecord *bitmap, int32_t change, uint32_t flags);
 IMG_API int32_t Q_StretchBitmapIntensity(BitmapRecord *bitmap, uint32_t flags);
 IMG_API int32_t Q_GetBitmapColorCount(BitmapRecord *bitmap, uint32_t *count, uint32_t flags);
 
 /* ---- Mathematical curves, desaturation, duotone, multitone ---------------------------- */
+/* function: MATHFUNC_*; factor: scale (see the curves), 1..2^32-1 */
 IMG_API int32_t Q_MathFunctionBitmap(BitmapRecord *bitmap, uint32_t function, uint32_t factor,
                                      uint32_t flags);
 IMG_API int32_t Q_DesaturateBitmap(BitmapRecord *bitmap, uint32_t flags);
@@ -120,35 +126,47 @@ IMG_API int32_t Q_DesaturateBitmap(BitmapRecord *bitmap, uint32_t flags);
  * table as it stands. Mode 0 on a row bitmap scales a caller's table in place. */
 IMG_API int32_t Q_GrayScaleToDuotone(BitmapRecord *bitmap, PaletteEntry *table, uint32_t color,
                                      uint32_t mode);
-/* tones 0..3 (one to four); type 0 colours, 1 gradients (tones + 1 pointers to
+/* tones: the number of colours less one, 0..3 (1..4 colours); type 0 colours, 1 gradients (tones + 1 pointers to
  * 256-entry tables). */
 IMG_API int32_t Q_GrayScaleToMultitone(BitmapRecord *bitmap, uint32_t tones, uint32_t type,
                                        const uint32_t *colors, PaletteEntry *const *gradients, uint32_t mode);
 
 /* ---- Forwarded intensity operations (see imgutil.h) ----------------------------------- */
 IMG_API int32_t Q_InvertBitmap(BitmapRecord *bitmap, uint32_t flags);
+/* change: tenths of a percent of full scale, -1000..1000 */
 IMG_API int32_t Q_ChangeBitmapIntensity(BitmapRecord *bitmap, int32_t change, uint32_t flags);
+/* red, green, blue: weights in hundredths of a percent, 0..10000 each, their
+ * sum at most 10000. The bitmap becomes gray of its samples' width. */
 IMG_API int32_t Q_GrayScaleBitmapExt(BitmapRecord *bitmap, int32_t red, int32_t green, int32_t blue,
                                      uint32_t flags);
+/* low, high: sample value, 0..65535 (at most the bitmap's full scale);
+ * inColor, outColor: colour values; channel: DETECT_CHANNEL_*. */
 IMG_API int32_t Q_IntensityDetectBitmap(BitmapRecord *bitmap, uint32_t low, uint32_t high, uint32_t inColor,
                                         uint32_t outColor, uint32_t channel, uint32_t flags);
-/* The flags word is not examined. */
+/* gamma: hundredths (100 = no change), 1..2^32-1. The flags word is not
+ * examined. */
 IMG_API int32_t Q_GammaCorrectBitmap(BitmapRecord *bitmap, uint32_t gamma, uint32_t flags);
 IMG_API int32_t Q_GetBitmapHistogram(BitmapRecord *bitmap, uint32_t *histogram, uint32_t length,
                                      uint32_t channel);
-/* The flags word is not examined. */
+/* contrast and intensity: tenths of a percent; brightness: tenths of a
+ * percent of full scale; each -1000..1000. The flags word is not examined. */
 IMG_API int32_t Q_ContBrightIntBitmap(BitmapRecord *bitmap, int32_t contrast, int32_t brightness,
                                       int32_t intensity, uint32_t flags);
 IMG_API int32_t Q_LightControlBitmap(BitmapRecord *bitmap, const uint32_t *lower, const uint32_t *middle,
                                      const uint32_t *upper, uint32_t type);
+/* type: AUTO_LEVEL_*; blackClip, whiteClip: hundredths of a percent, 0..9999
+ * each, their sum below 10000. */
 IMG_API int32_t Q_AutoColorLevelBitmap(BitmapRecord *bitmap, uint32_t type, uint32_t blackClip,
                                        uint32_t whiteClip, uint32_t flags);
 IMG_API int32_t Q_ColorLevelBitmap(BitmapRecord *bitmap, const ColorLevelRecord *levels, uint32_t flags);
+/* dimension: the window's side in pixels, odd, 3..65535; amount: percent,
+ * 0..1000; type: ADAPTIVE_CONTRAST_*. */
 IMG_API int32_t Q_AdaptiveContrastBitmap(BitmapRecord *bitmap, uint32_t dimension, uint32_t amount,
                                          uint32_t type);
 
 /* ---- Extended gamma and automatic binarisation ------------------------------------------- */
-/* No flags word. space: GAMMA_RGB or GAMMA_YUV. */
+/* No flags word. gamma: hundredths (100 = no change), 1..2^32-1; space:
+ * GAMMA_RGB or GAMMA_YUV. */
 IMG_API int32_t Q_GammaCorrectBitmapExt(BitmapRecord *bitmap, uint32_t gamma, uint32_t space);
 IMG_API int32_t Q_AutoBinaryBitmap(BitmapRecord *bitmap, uint32_t flags);
 
@@ -220,7 +238,8 @@ typedef struct ColorReplaceEntry {
  * to the chosen colours (closeness in Lab, one Gaussian tolerance per colour)
  * and blends each changed pixel with the original by its selection weight.
  * count: 1 and more entries. hue: hundredths of a degree, -18000..18000;
- * saturation and brightness: tenths of a percent, -1000..1000. Gray bitmaps
+ * saturation: tenths of a percent; brightness: tenths of a percent of full
+ * scale; both -1000..1000. Gray bitmaps
  * change their brightness only. Palette bitmaps change their palette.
  * Reports progress 0..100 over the rows. */
 IMG_API int32_t Q_ColorReplaceBitmap(BitmapRecord *bitmap, const ColorReplaceEntry *entries, int32_t count,
@@ -329,7 +348,7 @@ IMG_API int32_t Q_ChannelMix(BitmapRecord *bitmap, const ChannelMixFactors *red,
                              const ChannelMixFactors *green, const ChannelMixFactors *blue, uint32_t flags);
 /* The samples along the line from (x1, y1) to (x2, y2), both ends included,
  * visited by Bresenham's algorithm: points in image coordinates inside the
- * bitmap (else -13). Each point inside the region gives one value on gray
+ * bitmap: pixels, 0..Width - 1 and 0..Height - 1 (else -13). Each point inside the region gives one value on gray
  * bitmaps (the sample on its own scale) and red, green, blue on colour and
  * palette bitmaps (the palette colour), in `values`. *capacity: points the
  * array holds (values: capacity, or 3 x capacity for colour); on return the
@@ -396,7 +415,7 @@ IMG_API int32_t Q_SwapColors(BitmapRecord *bitmap, uint32_t flags);
  * form. 12/16-bit gray and 48/64-bit bitmaps use 65536 bins. */
 IMG_API int32_t Q_HistoEqualizeBitmap(BitmapRecord *bitmap, int32_t mode);
 /* Contrast-limited adaptive equalisation over tiles of the region's bounds.
- * tileWidth, tileHeight: pixels, 8..Width and 8..Height (8 for a bitmap
+ * tileWidth, tileHeight: pixels, 8..65535, at most Width and Height (8 for a bitmap
  * smaller than that; a tile larger than the region's bounds is cut to them).
  * clipLimit: tenths of the mean bin height (tile pixels / bins), 0 = no
  * clipping or 10..1000. mode: LOCALEQ_* (luminance: the luma of the integer
@@ -434,7 +453,7 @@ IMG_API int32_t Q_ColorIntensityBalance(BitmapRecord *bitmap, uint32_t method, u
  * bitmaps come back black and white in all three samples; palette bitmaps
  * take the nearest palette colour); no progress reports.
  * dimension: pixels, 1.. (0: -13; 1: the bitmap inside its region is filled
- * white, FillBitmap's status). localContrast: sample range, 0..255 for 8-bit
+ * white, FillBitmap's status). localContrast: sample value (a range of samples), 0..255 for 8-bit
  * working samples, 0..65535 for 16-bit, 0..4095 for 12-bit gray (stated on
  * its own scale). Signed data -1360; a null bitmap is refused by the first
  * service that reads it (-2). */
@@ -446,8 +465,8 @@ IMG_API int32_t Q_DynamicBinaryBitmap(BitmapRecord *bitmap, uint32_t dimension, 
  * of newColor (red bits 0-7, green 8-15, blue 16-23) and keeps its L* times
  * lightness / 100 (limited to 0..100); every pixel of the region goes through
  * the byte Lab round trip, so unmatched pixels may move by a rounding step.
- * threshold: 0..255 in use (any value accepted); lightness: percent (any
- * value accepted, negative gives 0). A bottom-up bitmap is turned top row
+ * threshold: a* + 128, 0..255 in use (any value accepted); lightness:
+ * percent, 0..1000 in use (any value accepted, negative gives 0). A bottom-up bitmap is turned top row
  * first and turned back only after a complete pass (a gray bitmap, -12, and
  * every failure leave it turned). Null or unallocated bitmap -2; signed -1360;
  * gray bitmaps -12. No progress reports. */
@@ -467,7 +486,7 @@ IMG_API int32_t Q_RemoveRedeyeBitmap(BitmapRecord *bitmap, uint32_t newColor, in
  * segment's mean colour (each sample rounded half up; a fourth sample stays;
  * palette bitmaps the nearest palette colour). Segments are numbered from 0
  * in raster order of their first pixel.
- * k: 1..100000. minSize: pixels, 1..2^31-1. labels: null, or a caller record
+ * k: colour distance (8-bit scale), 1..100000. minSize: pixels, 1..2^31-1. labels: null, or a caller record
  * that receives a new 16-bit gray bitmap of the bitmap's size and orientation
  * holding each pixel's segment number (pixels outside the region: 0); its
  * previous content is not freed. labelsSize: its declared size, 176 or 208

@@ -14,6 +14,13 @@
 //                                   HEADER and its gallery thumbnail
 //                                   (DIR/img/<op>.jpg); --check compares
 //                                   instead of writing and needs every thumbnail
+//   imgcolor_docgen --check-header HEADER WRAPPER
+//                                   exit status 1, naming each miss, unless the
+//                                   comment of every export in HEADER (with the
+//                                   comments of the records it takes) states each
+//                                   numeric argument's unit and range as its
+//                                   descriptor does, and WRAPPER (imgcolor.hpp)
+//                                   has a method calling every export of HEADER
 #include <sys/stat.h>
 
 #include <cctype>
@@ -315,6 +322,109 @@ int Reference(const std::string &headerPath, const std::string &dir, bool check)
   return status;
 }
 
+// ---- The header check ---------------------------------------------------------------
+
+std::string Lower(std::string text) {
+  for (char &c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
+
+// The declaration of `name` with its comment, and the comments and bodies of
+// the records (typedef struct) it takes: where its arguments' units and
+// ranges are written.
+std::string Context(const std::string &header, const std::string &name) {
+  std::string text = Declaration(header, name);
+  const std::string declaration = text;
+  for (size_t at = header.find("typedef struct "); at != std::string::npos;
+       at = header.find("typedef struct ", at + 1)) {
+    const size_t nameEnd = header.find_first_of(" {", at + 15);
+    const std::string record = header.substr(at + 15, nameEnd - at - 15);
+    if (declaration.find(record + " ") == std::string::npos &&
+        declaration.find(record + "*") == std::string::npos)
+      continue;
+    size_t top = header.rfind("*/", at);
+    top = top == std::string::npos ? at : header.rfind("/*", top);
+    text.push_back('\n');
+    text.append(header, top, header.find('}', at) - top);
+  }
+  // One line of words: comment lines joined without their leading " * ".
+  std::string joined;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '\n') {
+      joined += text[i];
+      continue;
+    }
+    size_t next = text.find_first_not_of(' ', i + 1);
+    if (next != std::string::npos && text[next] == '*' && text.compare(next, 2, "*/") != 0) ++next;
+    while (next < text.size() && text[next] == ' ') ++next;
+    joined += ' ';
+    i = next - 1;
+  }
+  return Lower(joined);
+}
+
+// "min..max" as the header writes it: 2^31-1 and 2^32-1 for the type's ends.
+std::string Bound(int64_t value) {
+  if (value == INT32_MAX) return "2^31-1";
+  if (value == UINT32_MAX) return "2^32-1";
+  return std::to_string(value);
+}
+
+// The misses of one export: numeric arguments whose unit or range the
+// header's comment leaves out.
+std::vector<std::string> CommentMisses(const std::string &header, const OpDescriptor &op) {
+  std::vector<std::string> misses;
+  const std::string context = Context(header, op.exportName);
+  if (context.empty()) return {op.exportName + ": not declared in the header"};
+  for (const ArgSpec &a : op.args) {
+    if (a.type != imgtool::ArgType::Int && a.type != imgtool::ArgType::UInt) continue;
+    // Arguments the export takes whole (any value has a meaning, or the tool
+    // builds a table from them) have no range of the export's to state.
+    const bool whole = (a.min == INT32_MIN && a.max == INT32_MAX) || (a.min == 0 && a.max == UINT32_MAX);
+    if (whole || a.outsideStatus == imgtool::kAccepted) continue;
+    if (context.find(Lower(a.unit)) == std::string::npos)
+      misses.push_back(op.exportName + " --" + a.name + ": unit \"" + a.unit + "\" not stated");
+    std::string range = Bound(a.min);
+    range.append("..");
+    if (a.max != INT32_MAX && a.max != UINT32_MAX) range.append(Bound(a.max));
+    if (context.find(range) == std::string::npos)
+      misses.push_back(op.exportName + " --" + a.name + ": range " + range + " not stated");
+  }
+  return misses;
+}
+
+int CheckHeader(const std::string &headerPath, const std::string &wrapperPath) {
+  std::string header, wrapper;
+  for (auto [path, text] : {std::pair{&headerPath, &header}, std::pair{&wrapperPath, &wrapper}}) {
+    std::ifstream in(*path, std::ios::binary);
+    if (!in) {
+      std::fprintf(stderr, "imgcolor_docgen: %s: cannot read\n", path->c_str());
+      return 1;
+    }
+    std::stringstream all;
+    all << in.rdbuf();
+    *text = all.str();
+  }
+  std::vector<std::string> misses;
+  for (const OpDescriptor &op : imgtool::Operations())
+    if (op.exportName.rfind("Q_", 0) == 0)
+      for (std::string &m : CommentMisses(header, op)) misses.push_back(std::move(m));
+  // Every export of the header: a method of its name without "Q_" that calls it.
+  const std::string api = "IMG_API int32_t Q_";
+  for (size_t at = header.find(api); at != std::string::npos; at = header.find(api, at + 1)) {
+    const size_t begin = at + api.size();
+    const std::string name = header.substr(begin, header.find('(', begin) - begin);
+    if (wrapper.find(" " + name + "(") == std::string::npos ||
+        wrapper.find("Q_" + name + "(") == std::string::npos)
+      misses.push_back("Q_" + name + ": no method " + name + " calling it in " + wrapperPath);
+  }
+  for (const std::string &m : misses) std::fprintf(stderr, "imgcolor_docgen: %s\n", m.c_str());
+  if (!misses.empty())
+    std::fprintf(stderr, "imgcolor_docgen: %zu misses: state units and ranges in %s, add methods to %s\n",
+                 misses.size(), headerPath.c_str(), wrapperPath.c_str());
+  return misses.empty() ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -335,9 +445,11 @@ int main(int argc, char **argv) {
     }
     return 0;
   }
+  if (args.size() == 3 && args[0] == "--check-header") return CheckHeader(args[1], args[2]);
   if ((args.size() == 3 || (args.size() == 4 && args[3] == "--check")) && args[0] == "--reference")
     return Reference(args[1], args[2], args.size() == 4);
   std::fprintf(stderr,
-               "usage: imgcolor_docgen [--write FILE | --check FILE | --reference HEADER DIR [--check]]\n");
+               "usage: imgcolor_docgen [--write FILE | --check FILE | --reference HEADER DIR [--check] | "
+               "--check-header HEADER WRAPPER]\n");
   return 2;
 }
