@@ -14,8 +14,8 @@
 #include "bands.h"
 #include "cli_io.h"
 #include "gallery.h"
-#include "imgcolor.h"
 #include "image_io.h"
+#include "imgcolor.h"
 #include "imgdisplay.h"
 #include "pixels.h"
 #include "progress.h"
@@ -356,7 +356,7 @@ void Process(const Input &in, const Output *out, const IoOptions &io, const std:
   work(bitmap);
   if (out) {
     progress.Phase("writing", 90, 100);
-    imgtool::WriteOutput(*out, bitmap.get());
+    imgtool::WriteOutput(*out, bitmap.get(), &bitmap.metadata());
   }
   progress.Finish();
 }
@@ -526,7 +526,7 @@ int RunFilesOperation(const OpDescriptor &op, const std::vector<std::string> &po
         each.path = SuffixedPath(out.path, made.suffix(i));
         for (const Input &in : inputs) imgtool::ParseOutput(each.path, in, io);
       }
-      imgtool::WriteOutput(each, made.bitmap(i));
+      imgtool::WriteOutput(each, made.bitmap(i), &bitmaps[0].metadata());
     }
   }
   progress.Finish();
@@ -534,38 +534,84 @@ int RunFilesOperation(const OpDescriptor &op, const std::vector<std::string> &po
   return 0;
 }
 
-int RunOperation(const OpDescriptor &op, const std::vector<std::string> &args) {
-  auto findArg = [&op](const std::string &name) -> const ArgSpec * {
-    for (const ArgSpec &a : op.args)
-      if (a.name == name) return &a;
-    return nullptr;
-  };
-  std::vector<std::string> positional;
+// One operation of a command: its arguments, defaulted, and its region.
+struct Step {
+  const OpDescriptor *op = nullptr;
+  ArgValues values;
+  std::vector<Shape> shapes;
+};
+
+const ArgSpec *FindArg(const OpDescriptor &op, const std::string &name) {
+  for (const ArgSpec &a : op.args)
+    if (a.name == name) return &a;
+  return nullptr;
+}
+
+// Whether --name consumes the next argument in a step of `op`.
+bool TakesValue(const OpDescriptor &op, const std::string &name) {
+  if (IsRegionOption(name) || imgtool::IsIoValueOption(name)) return true;
+  const ArgSpec *a = FindArg(op, name);
+  return a && a->type != ArgType::Bool;
+}
+
+// Splits an operation's command line into steps: the first operation's
+// arguments, then one segment for each later word that names an operation
+// once the first has its inputs (`imgcolor contrast IN OUT --change 300 hue
+// --angle 30`). Option values are skipped, so `--model hue` never starts a
+// step. The first segment keeps the file arguments.
+std::vector<std::pair<const OpDescriptor *, std::vector<std::string>>> SplitSteps(
+    const OpDescriptor &first, const std::vector<std::string> &args) {
+  std::vector<std::pair<const OpDescriptor *, std::vector<std::string>>> steps{{&first, {}}};
+  const size_t inputs = first.files ? static_cast<size_t>(first.minInputs) : 1;
+  size_t positional = 0;
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string &a = args[i];
+    auto &segment = steps.back().second;
+    const bool option = a.size() > 1 && a[0] == '-' && !(a[1] >= '0' && a[1] <= '9');
+    if (option) {
+      segment.push_back(a);
+      const bool longValue = a.compare(0, 2, "--") == 0 && a.find('=') == std::string::npos &&
+                             TakesValue(*steps.back().first, a.substr(2));
+      if ((longValue || a == "-j") && i + 1 < args.size()) segment.push_back(args[++i]);
+      continue;
+    }
+    const OpDescriptor *next = positional >= inputs ? imgtool::FindOperation(a) : nullptr;
+    if (next) {
+      steps.push_back({next, {}});
+    } else if (steps.size() > 1) {
+      throw UsageError{"'" + a + "': file arguments follow the first operation (" + first.name +
+                       " IN OUT); a later word is an operation (see imgcolor list)"};
+    } else {
+      segment.push_back(a);
+      ++positional;
+    }
+  }
+  return steps;
+}
+
+// Parses one step's options into its values and shapes; the options every
+// step shares go to `io`.
+Step ParseStep(const OpDescriptor &op, const std::vector<std::string> &args, bool writes,
+               std::vector<std::string> &positional, IoOptions &io) {
   std::vector<Option> options;
   imgtool::Scan(
       args,
       [&](const std::string &name) {
-        if (IsRegionOption(name) || name == "max-pixels" ||
-            (op.writesImage && imgtool::IsIoValueOption(name)))
-          return true;
-        const ArgSpec *a = findArg(name);
-        return a && a->type != ArgType::Bool;
+        return IsRegionOption(name) || name == "max-pixels" || (writes && imgtool::IsIoValueOption(name)) ||
+               (FindArg(op, name) && FindArg(op, name)->type != ArgType::Bool);
       },
       positional, options);
-
-  ArgValues values;
-  std::vector<Shape> shapes;
-  IoOptions io;
+  Step step{&op, {}, {}};
   for (const Option &o : options) {
-    if (imgtool::TakeIoOption(o, op.writesImage, io)) continue;
+    if (imgtool::TakeIoOption(o, writes, io)) continue;
     if (IsRegionOption(o.name)) {
-      shapes.push_back(ParseShape(o));
+      step.shapes.push_back(ParseShape(o));
       continue;
     }
-    const ArgSpec *a = findArg(o.name);
+    const ArgSpec *a = FindArg(op, o.name);
     std::string value = o.value;
     if (!a && o.name.compare(0, 3, "no-") == 0) {
-      a = findArg(o.name.substr(3));
+      a = FindArg(op, o.name.substr(3));
       if (a && (a->type != ArgType::Bool || o.hasValue)) a = nullptr;
       value = "false";
     } else if (a && a->type == ArgType::Bool && !o.hasValue) {
@@ -573,35 +619,77 @@ int RunOperation(const OpDescriptor &op, const std::vector<std::string> &args) {
     }
     if (!a)
       throw UsageError{op.name + ": unknown option --" + o.name + " (see imgcolor help " + op.name + ")"};
-    if (values.Has(a->name)) throw UsageError{"--" + a->name + ": given more than once"};
+    if (step.values.Has(a->name)) throw UsageError{"--" + a->name + ": given more than once"};
     std::string error;
-    if (!imgtool::ParseArg(*a, value, values, error)) throw UsageError{error};
+    if (!imgtool::ParseArg(*a, value, step.values, error)) throw UsageError{error};
   }
-  imgtool::ApplyDefaults(op, values);
+  imgtool::ApplyDefaults(op, step.values);
+  return step;
+}
 
-  if (op.files) return RunFilesOperation(op, positional, values, shapes, io);
-  if (op.writesImage)
-    ExpectFiles(op.name, positional, {"IN", "OUT"}, OperationUsage(op));
+// Runs one step on the decoded bitmap: its kind is checked first (an earlier
+// step may have changed it), its region is set for the call and removed after.
+// `after` names the previous step in a chain, for the messages.
+void RunStep(const Step &step, const std::string &after, const Input &in, BitmapRecord *bitmap,
+             const IoOptions &io, std::ostream &report) {
+  const OpDescriptor &op = *step.op;
+  const uint32_t kind = imgtool::KindBitOf(bitmap);
+  if ((kind & op.kinds) == 0)
+    throw Failure{op.name + ": " + in.Name() + " is a " + imgtool::KindNames(kind) + " bitmap" +
+                  (after.empty() ? "" : " after " + after) + "; " + op.name + " accepts " +
+                  imgtool::KindNames(op.kinds) + " (see imgcolor convert --depth)"};
+  ApplyShapes(bitmap, step.shapes);
+  // Row-local operations without a region run in row bands on every core
+  // (or -j N); others, and -j 1, are the plain call.
+  const int32_t cores = static_cast<int32_t>(std::thread::hardware_concurrency());
+  const int32_t threads = io.threads ? io.threads : cores > 0 ? cores : 1;
+  const int32_t status = imgtool::CallInBands(op, bitmap, step.values, report, threads);
+  if (!step.shapes.empty()) FreeBitmapRegion(bitmap);
+  if (status < RC_SUCCESS) throw Failure{op.name + ": " + StatusText(status)};
+}
+
+int RunOperation(const OpDescriptor &first, const std::vector<std::string> &args) {
+  const auto segments = SplitSteps(first, args);
+  bool writes = false;
+  for (const auto &[op, segment] : segments) writes = writes || op->writesImage;
+  if (segments.size() > 1)
+    for (const auto &[op, segment] : segments)
+      if (op->files)
+        throw UsageError{op->name + ": reads several images or writes several; it runs on its own, not " +
+                         "in a chain of operations"};
+
+  std::vector<std::string> positional;
+  IoOptions io;
+  std::vector<Step> steps;
+  for (const auto &[op, segment] : segments) steps.push_back(ParseStep(*op, segment, writes, positional, io));
+  if (first.files) return RunFilesOperation(first, positional, steps[0].values, steps[0].shapes, io);
+  const std::string usage = OperationUsage(first) + (segments.size() > 1 ? " OP [--ARG VALUE ...] ..." : "");
+  if (writes)
+    ExpectFiles(first.name, positional, {"IN", "OUT"}, usage);
   else
-    ExpectFiles(op.name, positional, {"IN"}, OperationUsage(op));
+    ExpectFiles(first.name, positional, {"IN"}, usage);
   const Input in = imgtool::ParseInput(positional[0]);
   Output out;
-  if (op.writesImage) out = imgtool::ParseOutput(positional[1], in, io);
+  if (writes) out = imgtool::ParseOutput(positional[1], in, io);
 
+  // The operations share 10-90 % of the bar (to 100 % without OUT).
   std::ostringstream report;
-  Process(in, op.writesImage ? &out : nullptr, io, op.name, [&](Bitmap &bitmap) {
-    const uint32_t kind = imgtool::KindBitOf(bitmap.get());
-    if ((kind & op.kinds) == 0)
-      throw Failure{op.name + ": " + in.Name() + " is a " + imgtool::KindNames(kind) + " bitmap; " + op.name +
-                    " accepts " + imgtool::KindNames(op.kinds) + " (see imgcolor convert --depth)"};
-    ApplyShapes(bitmap.get(), shapes);
-    // Row-local operations without a region run in row bands on every core
-    // (or -j N); others, and -j 1, are the plain call.
-    const int32_t cores = static_cast<int32_t>(std::thread::hardware_concurrency());
-    const int32_t threads = io.threads ? io.threads : cores > 0 ? cores : 1;
-    const int32_t status = imgtool::CallInBands(op, bitmap.get(), values, report, threads);
-    if (status < RC_SUCCESS) throw Failure{op.name + ": " + StatusText(status)};
-  });
+  imgtool::ProgressBar progress(io.ProgressWanted());
+  progress.Phase("reading", 0, 10);
+  Bitmap bitmap;
+  imgtool::ReadInput(in, bitmap, io.maxPixels);
+  const int32_t span = (writes ? 90 : 100) - 10, count = static_cast<int32_t>(steps.size());
+  for (int32_t i = 0; i < count; ++i) {
+    progress.Phase(steps[static_cast<size_t>(i)].op->name, 10 + span * i / count,
+                   10 + span * (i + 1) / count);
+    RunStep(steps[static_cast<size_t>(i)], i ? steps[static_cast<size_t>(i - 1)].op->name : "", in,
+            bitmap.get(), io, report);
+  }
+  if (writes) {
+    progress.Phase("writing", 90, 100);
+    imgtool::WriteOutput(out, bitmap.get(), &bitmap.metadata());
+  }
+  progress.Finish();
   // Reported values never mix with an image written to standard output.
   (out.toStdout ? std::cerr : std::cout) << report.str();
   return 0;
