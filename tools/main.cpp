@@ -1,6 +1,9 @@
 // imgcolor: runs the family's operations on PNG and JPEG files.
 //
 // Exit status: 0 success, 1 a file or library failure, 2 a usage error.
+#include <sys/stat.h>
+
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -28,6 +31,7 @@ using imgtool::ArgType;
 using imgtool::ArgValues;
 using imgtool::Bitmap;
 using imgtool::Failure;
+using imgtool::FileFormat;
 using imgtool::Input;
 using imgtool::IoOptions;
 using imgtool::OpDescriptor;
@@ -59,8 +63,12 @@ void Usage(std::ostream &out) {
          "  help [OP]                      this text, or an operation's arguments\n"
          "  gallery [PHOTO] [DIR]          every operation on PHOTO (default sample:) as an HTML page\n"
          "                                 with thumbnails and tone curves in DIR (default ./gallery)\n"
+         "  batch OP [OP ...] -o OUTDIR FILE...\n"
+         "                                 run operations on many files, OUTDIR/NAME each; -j N files at "
+         "once\n"
          "  --version                      the version of the tool and the libraries\n"
          "  OP IN OUT [--ARG VALUE ...]    run an operation and write the result\n"
+         "  OP IN OUT [...] OP [...] ...   run several operations in order on one image\n"
          "  OP IN [--ARG VALUE ...]        run an operation that reports values\n"
          "\n"
          "IN (and FILE): a file, - for standard input, sample: for the built-in photograph.\n"
@@ -74,8 +82,9 @@ void Usage(std::ostream &out) {
          "  -j N, --threads N              row bands on N threads for row-local operations without a region\n"
          "                                 on bitmaps over 8 bits (default: every core)\n"
          "options of convert and the operations:\n"
-         "  --format png|jpeg              OUT's format (needed for -; else OUT's extension: .png, .jpg, "
-         ".jpeg)\n"
+         "  --format png|jpeg|tiff|webp    OUT's format (needed for -; else OUT's extension: .png, .jpg, "
+         ".jpeg, .tif, .tiff, .webp)\n"
+         "  --quality N                    JPEG and WebP quality 1..100 (default: JPEG 92, WebP lossless)\n"
          "  --in-place                     allow OUT to be IN's file and replace it\n"
          "  --quiet                        no progress bar\n"
          "  --progress                     the progress bar even when stderr is not a terminal\n";
@@ -695,6 +704,165 @@ int RunOperation(const OpDescriptor &first, const std::vector<std::string> &args
   return 0;
 }
 
+// ---- batch ---------------------------------------------------------------------------------
+
+const char *const kBatchUsage =
+    "imgcolor batch OP [--ARG VALUE ...] [OP [--ARG VALUE ...] ...] -o OUTDIR [-j N] [--format F] "
+    "[--quality N] [--quiet|--progress] [--max-pixels N] FILE...";
+
+// The file name of a path, without its directories.
+std::string BaseName(const std::string &path) {
+  const size_t slash = path.find_last_of('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// One status callback for each worker: the share of its current file, which
+// the line adds up. It never cancels.
+struct WorkerProgress {
+  std::atomic<int32_t> percent{0};
+  static int32_t Callback(int32_t percent, void *user) {
+    static_cast<WorkerProgress *>(user)->percent.store(percent < 0 ? 0 : percent > 100 ? 100 : percent);
+    return 1;
+  }
+};
+
+// Runs one chain of operations on every FILE, writing OUTDIR/NAME, on -j N
+// worker threads (one file at a time each, every thread with its own status
+// callback and kernel settings), under one progress line. A failed file is
+// reported and the others go on; the exit status is 1 when any failed.
+int Batch(const std::vector<std::string> &args) {
+  if (args.empty() || !imgtool::FindOperation(args[0]))
+    throw UsageError{args.empty() ? "batch: missing OP (see imgcolor list)"
+                                  : "batch: '" + args[0] + "' is not an operation (see imgcolor list)",
+                     kBatchUsage};
+  std::vector<std::pair<const OpDescriptor *, std::vector<std::string>>> segments;
+  std::vector<std::string> files;
+  std::string outDir;
+  IoOptions io;
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string &a = args[i];
+    if (a == "-o" || a == "--output-dir" || a.compare(0, 13, "--output-dir=") == 0) {
+      if (a.size() > 13) {
+        outDir = a.substr(13);
+      } else {
+        if (i + 1 >= args.size()) throw UsageError{a + ": missing value", kBatchUsage};
+        outDir = args[++i];
+      }
+    } else if (a.size() > 1 && a[0] == '-' && !(a[1] >= '0' && a[1] <= '9')) {
+      segments.back().second.push_back(a);
+      const bool longValue = a.compare(0, 2, "--") == 0 && a.find('=') == std::string::npos &&
+                             TakesValue(*segments.back().first, a.substr(2));
+      if ((longValue || a == "-j") && i + 1 < args.size()) segments.back().second.push_back(args[++i]);
+    } else if (const OpDescriptor *op = imgtool::FindOperation(a)) {
+      segments.push_back({op, {}});
+    } else {
+      files.push_back(a);
+    }
+  }
+  std::vector<Step> steps;
+  for (const auto &[op, segment] : segments) {
+    if (op->files || !op->writesImage)
+      throw UsageError{"batch: " + op->name + " does not write one image from one (it runs on its own)",
+                       kBatchUsage};
+    std::vector<std::string> none;
+    steps.push_back(ParseStep(*op, segment, true, none, io));
+  }
+  if (outDir.empty()) throw UsageError{"batch: missing -o OUTDIR (nothing was read or written)", kBatchUsage};
+  if (io.inPlace) throw UsageError{"batch: --in-place: batch never replaces its inputs", kBatchUsage};
+  if (files.empty()) throw UsageError{"batch: missing FILE (nothing was read or written)", kBatchUsage};
+
+  // Every name is settled before any work: an output that is an input, or
+  // two inputs that would write the same output, are refused.
+  struct Job {
+    Input in;
+    Output out;
+  };
+  std::vector<Job> jobs;
+  const FileFormat named = imgtool::FormatFromName(io.format);
+  for (const std::string &file : files) {
+    if (file == "-" || file.compare(0, 7, "sample:") == 0)
+      throw UsageError{"batch: " + file + ": batch reads files (name it ./" + file + " if it is one)",
+                       kBatchUsage};
+    std::string name = BaseName(file);
+    if (named != FileFormat::Unknown) {
+      const size_t dot = name.find_last_of('.');
+      name = (dot == std::string::npos || dot == 0 ? name : name.substr(0, dot)) + "." +
+             imgtool::FormatExtension(named);
+    }
+    const Input in = imgtool::ParseInput(file);
+    jobs.push_back({in, imgtool::ParseOutput(outDir + "/" + name, in, io)});
+  }
+  for (size_t i = 0; i < jobs.size(); ++i)
+    for (size_t j = 0; j < jobs.size(); ++j) {
+      if (i != j && jobs[i].out.path == jobs[j].out.path)
+        throw UsageError{"batch: " + files[i] + " and " + files[j] + " would both write " + jobs[i].out.path};
+      imgtool::ParseOutput(jobs[i].out.path, jobs[j].in, io);  // never over an input
+    }
+  struct stat st;
+  if (::stat(outDir.c_str(), &st) != 0) {
+    if (::mkdir(outDir.c_str(), 0777) != 0) throw Failure{outDir + ": " + std::strerror(errno)};
+  } else if (!S_ISDIR(st.st_mode)) {
+    throw UsageError{"batch: " + outDir + ": is not a directory"};
+  }
+
+  const int32_t cores = static_cast<int32_t>(std::thread::hardware_concurrency());
+  const size_t workers = std::min<size_t>(jobs.size(), static_cast<size_t>(io.threads  ? io.threads
+                                                                           : cores > 0 ? cores
+                                                                                       : 1));
+  IoOptions single = io;
+  single.threads = 1;  // the workers are the threads: no row bands inside them
+  imgtool::ProgressBar progress(io.ProgressWanted());
+  std::atomic<size_t> next{0}, done{0}, failed{0};
+  std::vector<WorkerProgress> shares(workers);
+  auto line = [&] {
+    int64_t sum = static_cast<int64_t>(done.load()) * 100;
+    for (const WorkerProgress &w : shares) sum += w.percent.load();
+    const int32_t percent = static_cast<int32_t>(sum / static_cast<int64_t>(jobs.size()));
+    progress.Set(percent, std::to_string(done.load()) + "/" + std::to_string(jobs.size()) + " files" +
+                              (failed.load() ? ", " + std::to_string(failed.load()) + " failed" : ""));
+  };
+  auto work = [&](size_t index) {
+    WorkerProgress &share = shares[index];
+    SetStatusCallback(&WorkerProgress::Callback, &share);
+    for (size_t j; (j = next.fetch_add(1)) < jobs.size();) {
+      std::string error;
+      try {
+        Bitmap bitmap;
+        imgtool::ReadInput(jobs[j].in, bitmap, io.maxPixels);
+        std::ostringstream report;
+        for (size_t i = 0; i < steps.size(); ++i)
+          RunStep(steps[i], i ? steps[i - 1].op->name : "", jobs[j].in, bitmap.get(), single, report);
+        imgtool::WriteOutput(jobs[j].out, bitmap.get(), &bitmap.metadata());
+      } catch (const Failure &e) {
+        error = e.message;
+      } catch (const UsageError &e) {
+        error = e.message;
+      } catch (const std::bad_alloc &) {
+        error = jobs[j].in.Name() + ": out of memory";
+      }
+      share.percent.store(0);
+      if (!error.empty()) {
+        ++failed;
+        progress.Message("imgcolor: " + error);
+      }
+      ++done;
+      line();
+    }
+    SetStatusCallback(nullptr, nullptr);
+  };
+  line();
+  std::vector<std::thread> threads;
+  for (size_t w = 1; w < workers; ++w) threads.emplace_back(work, w);
+  work(0);  // the calling thread is worker 0: its callback replaces the bar's for the run
+  for (std::thread &t : threads) t.join();
+  progress.Finish();
+  if (failed.load()) {
+    std::cerr << "imgcolor: batch: " << failed.load() << " of " << jobs.size() << " files failed\n";
+    return kExitFailure;
+  }
+  return 0;
+}
+
 int List() {
   const std::vector<OpDescriptor> &ops = imgtool::Operations();
   if (ops.empty()) {
@@ -735,6 +903,7 @@ int Run(const std::vector<std::string> &argv) {
   }
   if (command == "help" || command == "--help" || command == "-h") return Help(rest);
   if (command == "gallery") return imgtool::RunGallery(rest);
+  if (command == "batch") return Batch(rest);
   if (command == "--version" || command == "version") {
     std::cout << "imgcolor " IMG_VERSION "\n";
     return 0;
