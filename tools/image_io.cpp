@@ -349,7 +349,7 @@ void EncodePng(PngContext *ctx) {
   if (swap) png_set_swap(png);
   if (filler) png_set_filler(png, 0, PNG_FILLER_AFTER);
   for (int32_t y = 0; y < b->Height; ++y) png_write_row(png, PngRow(ctx, y));
-  png_write_end(png, info);
+  png_write_end(png, nullptr);  // everything went before the image data (EXIF only once)
 }
 
 bool ReadPng(const uint8_t *data, size_t size, BitmapRecord *target, Metadata *metadata, uint64_t maxPixels,

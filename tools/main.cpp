@@ -905,7 +905,7 @@ int Run(const std::vector<std::string> &argv) {
   if (command == "gallery") return imgtool::RunGallery(rest);
   if (command == "batch") return Batch(rest);
   if (command == "--version" || command == "version") {
-    std::cout << "imgcolor " IMG_VERSION "\n";
+    std::cout << "imgcolor " IMG_VERSION "\nformats: " << imgtool::AvailableFormats() << "\n";
     return 0;
   }
   if (const OpDescriptor *op = imgtool::FindOperation(command)) return RunOperation(*op, rest);
