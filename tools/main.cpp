@@ -131,7 +131,7 @@ std::string InputsText(const OpDescriptor &op) {
 std::string OperationUsage(const OpDescriptor &op) {
   return "imgcolor " + op.name + InputsText(op) + (op.writesImage ? " OUT" : "") +
          (op.args.empty() ? "" : " [--ARG VALUE ...]") + " [region options]" +
-         (op.writesImage ? " [--format png|jpeg] [--in-place]" : "") +
+         (op.writesImage ? " [--format png|jpeg|tiff|webp] [--quality N] [--in-place]" : "") +
          " [--quiet|--progress] [--max-pixels N]";
 }
 
@@ -374,7 +374,8 @@ void Process(const Input &in, const Output *out, const IoOptions &io, const std:
 
 int Convert(const std::vector<std::string> &args) {
   const std::string usage =
-      "imgcolor convert IN OUT [--depth N] [--gray] [--format png|jpeg] [--in-place] [--quiet|--progress]"
+      "imgcolor convert IN OUT [--depth N] [--gray] [--format png|jpeg|tiff|webp] [--quality N] [--in-place] "
+      "[--quiet|--progress]"
       " [--max-pixels N]";
   std::vector<std::string> positional;
   std::vector<Option> options;
