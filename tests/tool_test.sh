@@ -695,7 +695,7 @@ while IFS='|' read -r args msg; do
   expect "batch refused: $args: message" "$msg" err
   same "batch refused: $args: inputs untouched" "$before" "$(cat in/* | cksum)"
 done <<'ROWS'
-invert -o in in/a.png|in/a.png: is the input file in/a.png
+invert -o in in/a.png|in/a.png would replace the input in/a.png; batch never replaces its inputs
 invert -o in in/a.png --in-place|--in-place: batch never replaces its inputs
 invert -o outdir in/a.png a/a.png|in/a.png and a/a.png would both write outdir/a.png
 invert in/a.png|missing -o OUTDIR

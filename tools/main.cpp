@@ -9,6 +9,7 @@
 #include <cstring>
 #include <functional>
 #include <iostream>
+#include <map>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -780,6 +781,10 @@ int Batch(const std::vector<std::string> &args) {
   };
   std::vector<Job> jobs;
   const FileFormat named = imgtool::FormatFromName(io.format);
+  IoOptions naming = io;
+  naming.inPlace = true;                                      // outputs are checked against every input below
+  std::map<std::pair<dev_t, ino_t>, std::string> inputFiles;  // file -> FILE
+  std::map<std::string, std::string> inputPaths, outputs;     // path -> FILE
   for (const std::string &file : files) {
     if (file == "-" || file.compare(0, 7, "sample:") == 0)
       throw UsageError{"batch: " + file + ": batch reads files (name it ./" + file + " if it is one)",
@@ -791,14 +796,27 @@ int Batch(const std::vector<std::string> &args) {
              imgtool::FormatExtension(named);
     }
     const Input in = imgtool::ParseInput(file);
-    jobs.push_back({in, imgtool::ParseOutput(outDir + "/" + name, in, io)});
+    jobs.push_back({in, imgtool::ParseOutput(outDir + "/" + name, in, naming)});
+    const auto [other, fresh] = outputs.emplace(jobs.back().out.path, file);
+    if (!fresh)
+      throw UsageError{"batch: " + other->second + " and " + file + " would both write " + other->first};
+    struct stat st;
+    if (::stat(file.c_str(), &st) == 0) inputFiles.emplace(std::make_pair(st.st_dev, st.st_ino), file);
+    inputPaths.emplace(file, file);
   }
-  for (size_t i = 0; i < jobs.size(); ++i)
-    for (size_t j = 0; j < jobs.size(); ++j) {
-      if (i != j && jobs[i].out.path == jobs[j].out.path)
-        throw UsageError{"batch: " + files[i] + " and " + files[j] + " would both write " + jobs[i].out.path};
-      imgtool::ParseOutput(jobs[i].out.path, jobs[j].in, io);  // never over an input
-    }
+  // An output is never an input: the same file when it exists (links
+  // included), else the same path text.
+  for (const Job &job : jobs) {
+    struct stat st;
+    const bool exists = ::stat(job.out.path.c_str(), &st) == 0;
+    const auto file = exists ? inputFiles.find({st.st_dev, st.st_ino}) : inputFiles.end();
+    const auto path = exists ? inputPaths.end() : inputPaths.find(job.out.path);
+    if (file != inputFiles.end() || path != inputPaths.end())
+      throw UsageError{"batch: " + job.out.path + " would replace the input " +
+                           (file != inputFiles.end() ? file->second : path->second) +
+                           "; batch never replaces its inputs",
+                       kBatchUsage};
+  }
   struct stat st;
   if (::stat(outDir.c_str(), &st) != 0) {
     if (::mkdir(outDir.c_str(), 0777) != 0) throw Failure{outDir + ": " + std::strerror(errno)};
