@@ -727,6 +727,10 @@ case "$formats" in *webp*)
   printf 'RIFF\032\000\000\000WEBPVP8L\015\000\000\000\057\377\377\377\017\000\000\000\000\000\000\000\000\000' >huge.webp
   run "huge WebP header" 1 info huge.webp --max-pixels 1000000
   expect "huge WebP refused" "16384 x 16384 pixels is over the limit of 1000000" err
+  # --quality makes WebP lossy: smaller than the lossless default.
+  run "lossy WebP" 0 invert sample: lossy.webp --quality 50 --quiet
+  "$TOOL" invert sample: lossless.webp --quiet
+  if [ "$(wc -c <lossy.webp)" -lt "$(wc -c <lossless.webp)" ]; then pass; else fail "WebP --quality 50 is not smaller"; fi
   ;;
 esac
 
