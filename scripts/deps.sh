@@ -11,7 +11,8 @@ command -v cmake >/dev/null || need+=(cmake)
 command -v g++ >/dev/null || need+=(g++)
 command -v make >/dev/null || need+=(make)
 command -v pkg-config >/dev/null || need+=(pkg-config)
-for pkg in libgtest-dev libbenchmark-dev libpng-dev libjpeg-dev; do
+# libtiff-dev and libwebp-dev give the tool its optional TIFF and WebP formats.
+for pkg in libgtest-dev libbenchmark-dev libpng-dev libjpeg-dev libtiff-dev libwebp-dev; do
   dpkg -s "$pkg" >/dev/null 2>&1 || need+=("$pkg")
 done
 if [ ${#need[@]} -gt 0 ]; then

@@ -4,7 +4,8 @@
 # fuzz/regressions/ (each a finding that was fixed), then each fuzzer for a
 # bounded time on its corpus in build/fuzz/corpus/ (the operations' corpus is
 # seeded from the descriptors: every operation on every kind it accepts with
-# its defaults; the image readers' from data/ and the test images).
+# its defaults; the image readers' from small images in every format the
+# build writes (TIFF and WebP when present), data/ and the test images).
 #
 #   scripts/fuzz.sh [SECONDS_OPS [SECONDS_IMAGES]]      default 300 and 60
 #   scripts/fuzz.sh --runs N                            ops_fuzz for N executions
@@ -32,6 +33,7 @@ bin=build/fuzz/fuzz
 corpus=build/fuzz/corpus
 mkdir -p "$corpus/ops" "$corpus/images" build/fuzz/artifacts
 IMG_FUZZ_WRITE_SEEDS="$corpus/ops" "$bin/ops_fuzz"
+IMG_FUZZ_WRITE_SEEDS="$corpus/images" "$bin/image_fuzz"
 cp data/*.png "$corpus/images/" 2>/dev/null || true
 find tests -name '*.png' -o -name '*.jpg' | while read -r f; do cp "$f" "$corpus/images/"; done
 

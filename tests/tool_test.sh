@@ -326,7 +326,7 @@ while IFS='|' read -r file reason; do
   if [ -e never.png ]; then fail "no output written for $file"; else pass; fi
 done <<'EOF'
 empty.png|empty file
-text.png|not a PNG or JPEG file
+text.png|not a PNG
 truncated.png|truncated PNG data
 stub.png|truncated PNG data
 truncated.jpg|corrupt JPEG data
@@ -593,6 +593,146 @@ run "sample at the limit" 0 invert sample: inv.png --max-pixels 135300
 run "bad limit" 2 info sample: --max-pixels 0
 expect "bad limit message" "--max-pixels: '0' is not a positive number" err
 rm -f huge.png inv.png
+
+# ---- Chains, quality, metadata, batch, TIFF and WebP -----------------------------
+# A chain runs its operations in order on one bitmap: the same pixels as one
+# run per operation through PNG. Each row: up to three operations.
+while IFS='|' read -r first second third; do
+  # shellcheck disable=SC2086
+  "$TOOL" $first sample: step.png --quiet && "$TOOL" $second step.png step.png --in-place --quiet &&
+    { [ -z "$third" ] || "$TOOL" $third step.png step.png --in-place --quiet; }
+  # shellcheck disable=SC2086
+  run "chain $first|$second|$third" 0 $first sample: chain.png $second $third --quiet
+  same "chain $first|$second|$third equals separate runs" "$(field step.png checksum)" "$(field chain.png checksum)"
+done <<'ROWS'
+contrast --change 300|hue --angle 30|
+invert --rect 10,10,200,100|posterize --levels 4 --ellipse 0,0,300,300|
+gray-ext|invert|solarize --threshold 100
+ROWS
+run "chain: reported values after a step" 0 invert sample: c.png count-colors --quiet
+expect "chain: count-colors reports" '^colors: [0-9]+$'
+# Each row: arguments | message. Nothing is written.
+while IFS='|' read -r args msg; do
+  rm -f c.png c-0.png c.jpg
+  # shellcheck disable=SC2086
+  run "refused: $args" 2 $args
+  expect "refused: $args: message" "$msg" err
+  if [ -e c.png ] || [ -e c-0.png ] || [ -e c.jpg ]; then fail "refused: $args wrote a file"; else pass; fi
+done <<'ROWS'
+invert sample: c.png separate|separate: reads several images or writes several; it runs on its own
+merge a.png b.png c.png c.png invert|merge: reads several images or writes several
+invert sample: hue c.png|'c.png': file arguments follow the first operation
+invert sample: c.png --quality 50|--quality: c.png is not JPEG or WebP
+invert sample: c.jpg --quality 101|--quality: '101' is not a quality
+ROWS
+run "chain: a kind a later step does not take" 1 gray-ext sample: c.png selective-color
+expect "chain: the step and the kind" 'is a 8-bit gray bitmap after gray-ext; selective-color accepts' err
+if [ -e c.png ]; then fail "a failed chain wrote c.png"; else pass; fi
+
+# --quality: smaller files at lower quality; the default stays 92.
+run "quality 30" 0 invert sample: q30.jpg --quality 30 --quiet
+run "default quality" 0 invert sample: q92.jpg --quiet
+run "quality 92" 0 invert sample: q92b.jpg --quality 92 --quiet
+same "default quality is 92" "$(cksum <q92.jpg)" "$(cksum <q92b.jpg)"
+if [ "$(wc -c <q30.jpg)" -lt "$(wc -c <q92.jpg)" ]; then pass; else fail "quality 30 is not smaller than 92"; fi
+
+# Metadata: a PNG with an ICC profile, EXIF (orientation 6) and a comment goes
+# through JPEG and back to PNG with the same profile and EXIF bytes, unrotated.
+if command -v python3 >/dev/null 2>&1; then
+  python3 - <<'PY'
+import struct, zlib
+def chunk(kind, data):
+    return struct.pack('>I', len(data)) + kind + data + struct.pack('>I', zlib.crc32(kind + data) & 0xffffffff)
+# A 400-byte RGB display profile: header, one tag, filler bytes.
+icc = bytearray(128) + struct.pack('>I4sII', 1, b'desc', 144, 256) + bytes(i * 7 & 255 for i in range(256))
+icc[0:4] = struct.pack('>I', 400); icc[12:16] = b'mntr'; icc[16:20] = b'RGB '; icc[20:24] = b'XYZ '
+icc[36:40] = b'acsp'; icc[68:80] = struct.pack('>iii', 63190, 65536, 54061)
+exif = b'MM\0*' + struct.pack('>IH', 8, 1) + struct.pack('>HHIHH', 0x112, 3, 1, 6, 0) + b'\0\0\0\0'
+raw = b''.join(b'\0' + bytes(v for x in range(4) for v in (10 * x, 20 * y, 30)) for y in range(3))
+out = b'\x89PNG\r\n\x1a\n' + chunk(b'IHDR', struct.pack('>IIBBBBB', 4, 3, 8, 2, 0, 0, 0))
+out += chunk(b'iCCP', b'test\0\0' + zlib.compress(bytes(icc))) + chunk(b'eXIf', exif)
+out += chunk(b'tEXt', b'Comment\0made by tool_test') + chunk(b'IDAT', zlib.compress(raw)) + chunk(b'IEND', b'')
+open('meta.png', 'wb').write(out)
+open('meta.icc', 'wb').write(bytes(icc))
+open('meta.exif', 'wb').write(exif)
+PY
+  run "metadata: PNG to JPEG" 0 invert meta.png meta.jpg --quiet
+  run "metadata: JPEG to PNG" 0 hue meta.jpg meta2.png --quiet
+  python3 - >out <<'PY'
+import struct, zlib
+data = open('meta2.png', 'rb').read()
+pos, found = 8, []
+while pos < len(data):
+    n, kind = struct.unpack('>I4s', data[pos:pos + 8])
+    body = data[pos + 8:pos + 8 + n]
+    pos += 12 + n
+    if kind == b'IHDR': found.append('size %dx%d' % struct.unpack('>II', body[:8]))
+    if kind == b'iCCP' and zlib.decompress(body[body.index(b'\0') + 2:]) == open('meta.icc', 'rb').read():
+        found.append('icc')
+    if kind == b'eXIf' and body == open('meta.exif', 'rb').read(): found.append('exif')
+    if kind in (b'tEXt', b'iTXt') and b'made by tool_test' in body: found.append('comment')
+print(' '.join(sorted(found)))
+PY
+  expect "metadata: ICC, EXIF and comment kept, not rotated" '^comment exif icc size 4x3$'
+fi
+
+# Batch: every file through the chain into OUTDIR, on two workers; a bad file
+# fails alone (status 1, one message) and no input is touched.
+mkdir -p in
+"$TOOL" convert sample: in/a.png --quiet && "$TOOL" convert sample: in/b.jpg --quiet && echo text >in/bad.png
+before=$(cat in/* | cksum)
+run "batch with a bad file" 1 batch contrast --change 300 hue --angle 30 -o outdir -j 2 in/a.png in/b.jpg in/bad.png
+expect "batch: the bad file named" '^imgcolor: in/bad.png: not a PNG' err
+expect "batch: the count" 'batch: 1 of 3 files failed' err
+"$TOOL" contrast in/b.jpg one.jpg --change 300 hue --angle 30 --quiet
+same "batch equals a single run" "$(field one.jpg checksum)" "$(field outdir/b.jpg checksum)"
+same "batch leaves its inputs" "$before" "$(cat in/* | cksum)"
+run "batch with --format" 0 batch invert -o outdir --format png in/b.jpg --quiet
+if [ -e outdir/b.png ]; then pass; else fail "batch --format png wrote no outdir/b.png"; fi
+while IFS='|' read -r args msg; do
+  # shellcheck disable=SC2086
+  run "batch refused: $args" 2 batch $args
+  expect "batch refused: $args: message" "$msg" err
+  same "batch refused: $args: inputs untouched" "$before" "$(cat in/* | cksum)"
+done <<'ROWS'
+invert -o in in/a.png|in/a.png would replace the input in/a.png; batch never replaces its inputs
+invert -o in in/a.png --in-place|--in-place: batch never replaces its inputs
+invert -o outdir in/a.png a/a.png|in/a.png and a/a.png would both write outdir/a.png
+invert in/a.png|missing -o OUTDIR
+separate -o outdir in/a.png|separate does not write one image from one
+ROWS
+
+# TIFF (8 and 16 bits) and WebP when the build has them: lossless round trips,
+# and a header over --max-pixels refused before anything is allocated.
+formats=$("$TOOL" --version | sed -n 's/^formats: //p')
+for f in tiff webp; do
+  case "$formats" in *$f*) ;; *) continue ;; esac
+  for kind in "" "--depth 48" "--gray" "--gray --depth 16"; do
+    [ "$f" = webp ] && [ -n "$kind" ] && continue # WebP holds 8-bit colour only
+    # shellcheck disable=SC2086
+    "$TOOL" convert sample: k.png $kind --quiet
+    run "$f round trip $kind" 0 convert k.png "k.$f" --quiet
+    same "$f keeps the pixels $kind" "$(field k.png checksum)" "$(field "k.$f" checksum)"
+  done
+done
+case "$formats" in *tiff*)
+  # A header and one directory claiming 30000 x 30000 8-bit gray pixels.
+  printf 'II*\000\010\000\000\000\005\000\000\001\004\000\001\000\000\0000u\000\000\001\001\004\000\001\000\000\0000u\000\000\006\001\003\000\001\000\000\000\001\000\000\000\021\001\004\000\001\000\000\000\010\000\000\000\027\001\004\000\001\000\000\000\001\000\000\000\000\000\000\000' >huge.tif
+  run "huge TIFF header" 1 info huge.tif
+  expect "huge TIFF refused" "30000 x 30000 pixels is over the limit" err
+  ;;
+esac
+case "$formats" in *webp*)
+  # A lossless WebP header claiming 16384 x 16384 pixels.
+  printf 'RIFF\032\000\000\000WEBPVP8L\015\000\000\000\057\377\377\377\017\000\000\000\000\000\000\000\000\000' >huge.webp
+  run "huge WebP header" 1 info huge.webp --max-pixels 1000000
+  expect "huge WebP refused" "16384 x 16384 pixels is over the limit of 1000000" err
+  # --quality makes WebP lossy: smaller than the lossless default.
+  run "lossy WebP" 0 invert sample: lossy.webp --quality 50 --quiet
+  "$TOOL" invert sample: lossless.webp --quiet
+  if [ "$(wc -c <lossy.webp)" -lt "$(wc -c <lossless.webp)" ]; then pass; else fail "WebP --quality 50 is not smaller"; fi
+  ;;
+esac
 
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

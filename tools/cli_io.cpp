@@ -136,7 +136,7 @@ void Scan(const std::vector<std::string> &args, const std::function<bool(const s
 bool IoOptions::ProgressWanted() const { return progress || (!quiet && ::isatty(STDERR_FILENO)); }
 
 bool IsIoValueOption(const std::string &name) {
-  return name == "format" || name == "threads" || name == "max-pixels";
+  return name == "format" || name == "quality" || name == "threads" || name == "max-pixels";
 }
 
 bool TakeIoOption(const Option &o, bool writes, IoOptions &io) {
@@ -163,9 +163,21 @@ bool TakeIoOption(const Option &o, bool writes, IoOptions &io) {
     io.maxPixels = static_cast<uint64_t>(n);
     return true;
   }
+  if (o.name == "quality" && writes && o.hasValue) {
+    int64_t n = 0;
+    if (!ParseNumber(o.value, n) || n < 1 || n > 100)
+      throw UsageError{"--quality: '" + o.value + "' is not a quality (expected 1..100)"};
+    io.quality = static_cast<int32_t>(n);
+    return true;
+  }
   if (o.name != "format" || !writes || !o.hasValue) return false;
-  if (o.value != "png" && o.value != "jpeg" && o.value != "jpg")
-    throw UsageError{"--format: '" + o.value + "' is not a format (expected png, jpeg or jpg)"};
+  const FileFormat format = FormatFromName(o.value);
+  if (format == FileFormat::Unknown)
+    throw UsageError{"--format: '" + o.value +
+                     "' is not a format (expected png, jpeg, jpg, tiff, tif or webp)"};
+  if (!FormatAvailable(format))
+    throw UsageError{"--format: this build has no " + o.value + " support (it writes " + AvailableFormats() +
+                     ")"};
   io.format = o.value;
   return true;
 }
@@ -196,9 +208,7 @@ Output ParseOutput(const std::string &arg, const Input &in, const IoOptions &io)
   Output out;
   out.toStdout = arg == "-";
   if (!out.toStdout) out.path = arg;
-  const FileFormat named = io.format.empty()    ? FileFormat::Unknown
-                           : io.format == "png" ? FileFormat::Png
-                                                : FileFormat::Jpeg;
+  const FileFormat named = FormatFromName(io.format);
   const FileFormat byExtension = out.toStdout ? FileFormat::Unknown : FormatFromExtension(arg);
   if (named != FileFormat::Unknown && byExtension != FileFormat::Unknown && named != byExtension)
     throw UsageError{"--format " + io.format + " contradicts the extension of " + arg};
@@ -206,6 +216,12 @@ Output ParseOutput(const std::string &arg, const Input &in, const IoOptions &io)
   if (out.format == FileFormat::Unknown)
     throw UsageError{out.toStdout ? "-: standard output needs --format png or --format jpeg"
                                   : arg + ": unknown output format (use .png, .jpg or .jpeg, or --format)"};
+  if (!FormatAvailable(out.format))
+    throw UsageError{arg + ": this build cannot write ." + FormatExtension(out.format) + " (it writes " +
+                     AvailableFormats() + ")"};
+  if (io.quality && out.format != FileFormat::Jpeg && out.format != FileFormat::WebP)
+    throw UsageError{"--quality: " + out.Name() + " is not JPEG or WebP (PNG and TIFF are lossless)"};
+  out.quality = io.quality;
   if (out.toStdout && ::isatty(STDOUT_FILENO))
     throw UsageError{"-: standard output is a terminal (redirect it, or name a file)"};
   if (!out.toStdout && in.source == Input::Source::File && !io.inPlace) {
@@ -250,18 +266,18 @@ struct CloseFile {
 
 // Encodes to `fp`; throws Failure naming the output. When the stream failed,
 // the system's reason is clearer than the encoder's.
-void Encode(FILE *fp, const Output &out, const BitmapRecord *bitmap) {
+void Encode(FILE *fp, const Output &out, const BitmapRecord *bitmap, const Metadata *metadata) {
   std::string error;
-  if (WriteImage(fp, out.format, bitmap, error)) return;
+  if (WriteImage(fp, out.format, bitmap, error, WriteSettings{out.quality, metadata})) return;
   if (std::ferror(fp)) error = "write failed: " + ErrnoText();
   throw Failure{out.Name() + ": " + error};
 }
 
 }  // namespace
 
-void WriteOutput(const Output &out, const BitmapRecord *bitmap) {
+void WriteOutput(const Output &out, const BitmapRecord *bitmap, const Metadata *metadata) {
   if (out.toStdout) {
-    Encode(stdout, out, bitmap);
+    Encode(stdout, out, bitmap, metadata);
     if (std::fflush(stdout) != 0 || std::ferror(stdout))
       throw Failure{out.Name() + ": write failed: " + ErrnoText()};
     return;
@@ -274,14 +290,14 @@ void WriteOutput(const Output &out, const BitmapRecord *bitmap) {
     // A device or a pipe: nothing to replace, so it is written directly.
     const std::unique_ptr<FILE, CloseFile> fp(std::fopen(target.c_str(), "wb"));
     if (!fp) throw Failure{out.path + ": " + ErrnoText()};
-    Encode(fp.get(), out, bitmap);
+    Encode(fp.get(), out, bitmap, metadata);
     if (std::fflush(fp.get()) != 0 || std::ferror(fp.get()))
       throw Failure{out.path + ": write failed: " + ErrnoText()};
     return;
   }
   TempFile temp;
   if (!temp.Create(target, exists ? &st : nullptr)) throw Failure{out.path + ": " + ErrnoText()};
-  Encode(temp.get(), out, bitmap);
+  Encode(temp.get(), out, bitmap, metadata);
   if (!temp.Commit(target)) throw Failure{out.path + ": write failed: " + ErrnoText()};
 }
 

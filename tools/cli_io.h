@@ -45,7 +45,8 @@ void Scan(const std::vector<std::string> &args, const std::function<bool(const s
 
 // The options every reading and writing command shares.
 struct IoOptions {
-  std::string format;     // --format png|jpeg|jpg: OUT's format
+  std::string format;     // --format png|jpeg|jpg|tiff|tif|webp: OUT's format
+  int32_t quality = 0;    // --quality N (1..100): JPEG and WebP; 0 = the format's default
   bool inPlace = false;   // --in-place: OUT may be IN
   bool quiet = false;     // --quiet: no progress bar
   bool progress = false;  // --progress: the bar even when stderr is not a terminal
@@ -54,11 +55,11 @@ struct IoOptions {
   bool ProgressWanted() const;
 };
 
-// Consumes --format, --in-place, --quiet, --progress, --threads and
-// --max-pixels (the first two only when `writes`); false for any other
+// Consumes --format, --quality, --in-place, --quiet, --progress, --threads
+// and --max-pixels (the first three only when `writes`); false for any other
 // option. Throws UsageError on a bad value.
 bool TakeIoOption(const Option &option, bool writes, IoOptions &io);
-// `--format`, `--threads` and `--max-pixels` take a value.
+// `--format`, `--quality`, `--threads` and `--max-pixels` take a value.
 bool IsIoValueOption(const std::string &name);
 
 struct Input {
@@ -72,6 +73,7 @@ struct Output {
   bool toStdout = false;
   std::string path;  // not toStdout
   FileFormat format = FileFormat::Unknown;
+  int32_t quality = 0;  // --quality: JPEG and WebP only
   std::string Name() const;
 };
 
@@ -79,9 +81,9 @@ struct Output {
 // when standard input is a terminal.
 Input ParseInput(const std::string &arg);
 // Parses OUT and settles its format (--format, else the extension; '-' needs
-// --format). Refuses OUT when it is IN's file (same device and inode, or the
-// same path text when either does not exist) unless --in-place, and '-' when
-// standard output is a terminal.
+// --format) and quality (refused for a format without one). Refuses OUT when it is IN's file (same device and
+// inode, or the same path text when either does not exist) unless --in-place, and '-' when standard output is
+// a terminal.
 Output ParseOutput(const std::string &arg, const Input &in, const IoOptions &io);
 
 // Reads and decodes the image; throws Failure naming the input.
@@ -90,6 +92,6 @@ void ReadInput(const Input &in, Bitmap &bitmap, uint64_t maxPixels = kDefaultMax
 // same directory and renamed over OUT only when complete, so a failure never
 // leaves a partial file nor touches an existing OUT; a device or a pipe is
 // written directly. Throws Failure naming the output.
-void WriteOutput(const Output &out, const BitmapRecord *bitmap);
+void WriteOutput(const Output &out, const BitmapRecord *bitmap, const Metadata *metadata = nullptr);
 
 }  // namespace imgtool

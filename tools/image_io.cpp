@@ -13,6 +13,7 @@
 #include <jerror.h>
 #include <jpeglib.h>
 
+#include "image_formats.h"
 #include "pixels.h"
 
 namespace imgtool {
@@ -46,6 +47,17 @@ const char *StatusText(int32_t status) {
   }
 }
 
+bool PaletteIsGray(const BitmapRecord *b) {
+  if (!b->Palette || b->PaletteFlag == PALETTE_FLAG_NONE) return true;
+  for (int32_t i = 0; i < b->ColorsUsed; ++i) {
+    const PaletteEntry &e = b->Palette[i];
+    if (e.Red != e.Green || e.Green != e.Blue) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
 bool HasAlpha(const BitmapRecord *b) {
   const int32_t step = b->BitsPerPixel / 8;
   const int32_t sampleBytes = b->BitsPerPixel == 64 ? 2 : 1;
@@ -59,14 +71,24 @@ bool HasAlpha(const BitmapRecord *b) {
   return false;
 }
 
-bool PaletteIsGray(const BitmapRecord *b) {
-  if (!b->Palette || b->PaletteFlag == PALETTE_FLAG_NONE) return true;
-  for (int32_t i = 0; i < b->ColorsUsed; ++i) {
-    const PaletteEntry &e = b->Palette[i];
-    if (e.Red != e.Green || e.Green != e.Blue) return false;
-  }
-  return true;
+bool WithinLimit(uint64_t width, uint64_t height, uint64_t maxPixels, char *message, size_t size) {
+  if (width * height <= maxPixels) return true;
+  std::snprintf(message, size, "image of %llu x %llu pixels is over the limit of %llu pixels (--max-pixels)",
+                static_cast<unsigned long long>(width), static_cast<unsigned long long>(height),
+                static_cast<unsigned long long>(maxPixels));
+  return false;
 }
+
+// An ICC profile describes either gray or colour data (its header's data
+// colour space at bytes 16-19); it is written only with pixels of its kind.
+bool IccFits(const std::vector<uint8_t> &icc, bool gray) {
+  if (icc.size() < 132) return false;
+  const bool iccGray = std::memcmp(icc.data() + 16, "GRAY", 4) == 0;
+  const bool iccRgb = std::memcmp(icc.data() + 16, "RGB ", 4) == 0;
+  return gray ? iccGray : iccRgb;
+}
+
+namespace {
 
 // ---- PNG ----------------------------------------------------------------------------
 //
@@ -88,7 +110,9 @@ struct PngContext {
   std::vector<uint8_t> scratch;
   const BitmapRecord *source = nullptr;
   BitmapRecord *target = nullptr;
-  uint64_t maxPixels = 0;  // reading: the most pixels accepted
+  Metadata *metadataOut = nullptr;       // reading
+  const Metadata *metadataIn = nullptr;  // writing
+  uint64_t maxPixels = 0;                // reading: the most pixels accepted
   char message[256] = {};
   bool plainMessage = false;  // our own message, not a decoder's complaint
 
@@ -108,16 +132,6 @@ void PngError(png_structp png, png_const_charp message) {
 }
 
 void PngWarning(png_structp, png_const_charp) {}
-
-// False, with the reason in `message`, when the header claims more pixels
-// than the limit: checked before anything is allocated for them.
-bool WithinLimit(uint64_t width, uint64_t height, uint64_t maxPixels, char *message, size_t size) {
-  if (width * height <= maxPixels) return true;
-  std::snprintf(message, size, "image of %llu x %llu pixels is over the limit of %llu pixels (--max-pixels)",
-                static_cast<unsigned long long>(width), static_cast<unsigned long long>(height),
-                static_cast<unsigned long long>(maxPixels));
-  return false;
-}
 
 void PngReadBytes(png_structp png, png_bytep out, size_t count) {
   auto *ctx = static_cast<PngContext *>(png_get_io_ptr(png));
@@ -195,7 +209,25 @@ void DecodePng(PngContext *ctx) {
   for (int pass = 0; pass < passes; ++pass)
     for (int32_t y = 0; y < ctx->target->Height; ++y)
       png_read_row(png, img::ImageRow(ctx->target, y), nullptr);
-  png_read_end(png, nullptr);
+  png_read_end(png, info);  // text and EXIF may follow the image data
+
+  Metadata &meta = *ctx->metadataOut;
+  png_charp iccName = nullptr;
+  png_bytep icc = nullptr;
+  png_uint_32 iccSize = 0;
+  int compression = 0;
+  if (png_get_iCCP(png, info, &iccName, &compression, &icc, &iccSize)) meta.icc.assign(icc, icc + iccSize);
+  png_bytep exif = nullptr;
+  png_uint_32 exifSize = 0;
+  if (png_get_eXIf_1(png, info, &exifSize, &exif)) meta.exif.assign(exif, exif + exifSize);
+  png_textp text = nullptr;
+  int textCount = 0;
+  png_get_text(png, info, &text, &textCount);
+  for (int i = 0; i < textCount; ++i) {
+    const bool utf8 = text[i].compression >= PNG_ITXT_COMPRESSION_NONE;
+    meta.text.push_back(
+        {text[i].key, std::string(text[i].text, utf8 ? text[i].itxt_length : text[i].text_length), utf8});
+  }
 
   png_uint_32 xRes = 0, yRes = 0;
   int unit = 0;
@@ -293,16 +325,37 @@ void EncodePng(PngContext *ctx) {
   if (b->XResolution > 0 && b->YResolution > 0)
     png_set_pHYs(png, info, static_cast<png_uint_32>(b->XResolution / 0.0254 + 0.5),
                  static_cast<png_uint_32>(b->YResolution / 0.0254 + 0.5), PNG_RESOLUTION_METER);
+  if (const Metadata *meta = ctx->metadataIn) {
+    // A profile libpng finds unusable is dropped with a warning (benign errors).
+    if (IccFits(meta->icc, colorType == PNG_COLOR_TYPE_GRAY))
+      png_set_iCCP(png, info, "ICC profile", PNG_COMPRESSION_TYPE_BASE, meta->icc.data(),
+                   static_cast<png_uint_32>(meta->icc.size()));
+    if (!meta->exif.empty())
+      png_set_eXIf_1(png, info, static_cast<png_uint_32>(meta->exif.size()),
+                     const_cast<png_bytep>(meta->exif.data()));
+    for (const Metadata::Text &t : meta->text) {
+      png_text chunk{};
+      chunk.compression = t.utf8                 ? PNG_ITXT_COMPRESSION_NONE
+                          : t.text.size() > 1024 ? PNG_TEXT_COMPRESSION_zTXt
+                                                 : PNG_TEXT_COMPRESSION_NONE;
+      chunk.key = const_cast<png_charp>(t.keyword.c_str());
+      chunk.text = const_cast<png_charp>(t.text.c_str());
+      (t.utf8 ? chunk.itxt_length : chunk.text_length) = t.text.size();
+      png_set_text(png, info, &chunk, 1);
+    }
+  }
   png_write_info(png, info);
   if (bgr && colorType != PNG_COLOR_TYPE_GRAY && colorType != PNG_COLOR_TYPE_PALETTE) png_set_bgr(png);
   if (swap) png_set_swap(png);
   if (filler) png_set_filler(png, 0, PNG_FILLER_AFTER);
   for (int32_t y = 0; y < b->Height; ++y) png_write_row(png, PngRow(ctx, y));
-  png_write_end(png, info);
+  png_write_end(png, nullptr);  // everything went before the image data (EXIF only once)
 }
 
-bool ReadPng(const uint8_t *data, size_t size, BitmapRecord *target, uint64_t maxPixels, std::string &error) {
+bool ReadPng(const uint8_t *data, size_t size, BitmapRecord *target, Metadata *metadata, uint64_t maxPixels,
+             std::string &error) {
   PngContext ctx;
+  ctx.metadataOut = metadata;
   ctx.maxPixels = maxPixels;
   ctx.data = data;
   ctx.size = size;
@@ -323,8 +376,9 @@ bool ReadPng(const uint8_t *data, size_t size, BitmapRecord *target, uint64_t ma
   return false;
 }
 
-bool WritePng(FILE *fp, const BitmapRecord *source, std::string &error) {
+bool WritePng(FILE *fp, const BitmapRecord *source, const Metadata *metadata, std::string &error) {
   PngContext ctx;
+  ctx.metadataIn = metadata;
   ctx.writing = true;
   ctx.fp = fp;
   ctx.source = source;
@@ -335,6 +389,7 @@ bool WritePng(FILE *fp, const BitmapRecord *source, std::string &error) {
     error = "out of memory";
     return false;
   }
+  png_set_benign_errors(ctx.png, 1);
   if (RunPng(&ctx, EncodePng)) return true;
   error = ctx.message;
   return false;
@@ -358,6 +413,10 @@ struct JpegContext {
   FILE *fp = nullptr;
   const BitmapRecord *source = nullptr;
   BitmapRecord *target = nullptr;
+  Metadata *metadataOut = nullptr;       // reading
+  const Metadata *metadataIn = nullptr;  // writing
+  int32_t quality = 92;
+  std::vector<JOCTET> scratch;  // writing: the EXIF segment
   uint64_t maxPixels = 0;
   bool plainMessage = false;  // our own message, not a decoder's complaint
 
@@ -405,7 +464,24 @@ void DecodeJpeg(JpegContext *ctx) {
   ctx->haveIn = true;
   cinfo->client_data = ctx;
   jpeg_mem_src(cinfo, ctx->data, static_cast<unsigned long>(ctx->size));
+  jpeg_save_markers(cinfo, JPEG_COM, 0xFFFF);
+  jpeg_save_markers(cinfo, JPEG_APP0 + 1, 0xFFFF);  // EXIF
+  jpeg_save_markers(cinfo, JPEG_APP0 + 2, 0xFFFF);  // ICC profile
   jpeg_read_header(cinfo, TRUE);
+  Metadata &meta = *ctx->metadataOut;
+  for (jpeg_saved_marker_ptr m = cinfo->marker_list; m; m = m->next) {
+    if (m->marker == JPEG_APP0 + 1 && m->data_length > 6 && std::memcmp(m->data, "Exif\0\0", 6) == 0 &&
+        meta.exif.empty())
+      meta.exif.assign(m->data + 6, m->data + m->data_length);
+    else if (m->marker == JPEG_COM)
+      meta.text.push_back({"Comment", std::string(m->data, m->data + m->data_length), false});
+  }
+  JOCTET *icc = nullptr;
+  unsigned int iccSize = 0;
+  if (jpeg_read_icc_profile(cinfo, &icc, &iccSize)) {
+    meta.icc.assign(icc, icc + iccSize);
+    std::free(icc);
+  }
   char reason[160];
   if (!WithinLimit(cinfo->image_width, cinfo->image_height, ctx->maxPixels, reason, sizeof reason))
     JpegFail(ctx, reason);
@@ -449,13 +525,28 @@ void EncodeJpeg(JpegContext *ctx) {
   cinfo->input_components = gray ? 1 : 3;
   cinfo->in_color_space = gray ? JCS_GRAYSCALE : (b->ColorOrder == ORDER_RGB ? JCS_RGB : JCS_EXT_BGR);
   jpeg_set_defaults(cinfo);
-  jpeg_set_quality(cinfo, 92, TRUE);
+  jpeg_set_quality(cinfo, ctx->quality, TRUE);
   if (b->XResolution > 0 && b->YResolution > 0) {
     cinfo->density_unit = 1;
     cinfo->X_density = static_cast<UINT16>(b->XResolution);
     cinfo->Y_density = static_cast<UINT16>(b->YResolution);
   }
   jpeg_start_compress(cinfo, TRUE);
+  if (const Metadata *meta = ctx->metadataIn) {
+    // One APP1 segment holds at most 65533 bytes: a larger EXIF block is left out.
+    if (!meta->exif.empty() && meta->exif.size() <= 65533 - 6) {
+      std::vector<JOCTET> &app1 = ctx->scratch;  // owned by the context: libjpeg may jump out
+      app1.assign({'E', 'x', 'i', 'f', 0, 0});
+      app1.insert(app1.end(), meta->exif.begin(), meta->exif.end());
+      jpeg_write_marker(cinfo, JPEG_APP0 + 1, app1.data(), static_cast<unsigned>(app1.size()));
+    }
+    if (IccFits(meta->icc, gray))
+      jpeg_write_icc_profile(cinfo, meta->icc.data(), static_cast<unsigned>(meta->icc.size()));
+    for (const Metadata::Text &t : meta->text)
+      if (t.keyword == "Comment" && t.text.size() <= 65533)
+        jpeg_write_marker(cinfo, JPEG_COM, reinterpret_cast<const JOCTET *>(t.text.data()),
+                          static_cast<unsigned>(t.text.size()));
+  }
   while (cinfo->next_scanline < cinfo->image_height) {
     JSAMPROW row = img::ImageRow(b, static_cast<int32_t>(cinfo->next_scanline));
     jpeg_write_scanlines(cinfo, &row, 1);
@@ -463,9 +554,10 @@ void EncodeJpeg(JpegContext *ctx) {
   jpeg_finish_compress(cinfo);
 }
 
-bool ReadJpeg(const uint8_t *data, size_t size, BitmapRecord *target, uint64_t maxPixels,
+bool ReadJpeg(const uint8_t *data, size_t size, BitmapRecord *target, Metadata *metadata, uint64_t maxPixels,
               std::string &error) {
   JpegContext ctx;
+  ctx.metadataOut = metadata;
   ctx.maxPixels = maxPixels;
   ctx.data = data;
   ctx.size = size;
@@ -480,8 +572,10 @@ bool ReadJpeg(const uint8_t *data, size_t size, BitmapRecord *target, uint64_t m
   return false;
 }
 
-bool WriteJpeg(FILE *fp, const BitmapRecord *source, std::string &error) {
+bool WriteJpeg(FILE *fp, const BitmapRecord *source, const WriteSettings &settings, std::string &error) {
   JpegContext ctx;
+  ctx.metadataIn = settings.metadata;
+  if (settings.quality > 0) ctx.quality = settings.quality;
   ctx.fp = fp;
   ctx.source = source;
   ctx.out.err = jpeg_std_error(&ctx.errors);
@@ -494,7 +588,7 @@ bool WriteJpeg(FILE *fp, const BitmapRecord *source, std::string &error) {
 }
 
 const char *ConversionError(int32_t status) {
-  return status == RC_NO_MEMORY ? "out of memory" : "cannot convert the bitmap for JPEG";
+  return status == RC_NO_MEMORY ? "out of memory" : "cannot convert the bitmap for the output format";
 }
 
 }  // namespace
@@ -506,6 +600,7 @@ Bitmap::~Bitmap() { reset(); }
 void Bitmap::reset() {
   if (record_.StructSize != 0) FreeBitmap(&record_);
   std::memset(&record_, 0, sizeof record_);
+  metadata_ = Metadata{};
 }
 
 FileFormat FormatFromExtension(const std::string &path) {
@@ -515,8 +610,48 @@ FileFormat FormatFromExtension(const std::string &path) {
   std::string ext = path.substr(dot + 1);
   for (char &c : ext) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
   if (ext == "png") return FileFormat::Png;
-  if (ext == "jpg" || ext == "jpeg") return FileFormat::Jpeg;
+  return FormatFromName(ext == "png" ? ext : ext == "jpg" ? "jpeg" : ext);
+}
+
+FileFormat FormatFromName(const std::string &name) {
+  if (name == "png") return FileFormat::Png;
+  if (name == "jpeg" || name == "jpg") return FileFormat::Jpeg;
+  if (name == "tiff" || name == "tif") return FileFormat::Tiff;
+  if (name == "webp") return FileFormat::WebP;
   return FileFormat::Unknown;
+}
+
+bool FormatAvailable(FileFormat format) {
+  switch (format) {
+    case FileFormat::Png:
+    case FileFormat::Jpeg:
+      return true;
+    case FileFormat::Tiff:
+      return kHaveTiff;
+    case FileFormat::WebP:
+      return kHaveWebp;
+    default:
+      return false;
+  }
+}
+
+std::string AvailableFormats() {
+  return std::string("png, jpeg") + (kHaveTiff ? ", tiff" : "") + (kHaveWebp ? ", webp" : "");
+}
+
+const char *FormatExtension(FileFormat format) {
+  switch (format) {
+    case FileFormat::Png:
+      return "png";
+    case FileFormat::Jpeg:
+      return "jpg";
+    case FileFormat::Tiff:
+      return "tif";
+    case FileFormat::WebP:
+      return "webp";
+    default:
+      return "";
+  }
 }
 
 bool ReadImageMemory(const uint8_t *data, size_t size, Bitmap &bitmap, std::string &error,
@@ -526,13 +661,24 @@ bool ReadImageMemory(const uint8_t *data, size_t size, Bitmap &bitmap, std::stri
   if (size == 0) {
     error = "empty file";
   } else if (size >= 8 && png_sig_cmp(data, 0, 8) == 0) {
-    ok = ReadPng(data, size, bitmap.get(), maxPixels, error);
+    ok = ReadPng(data, size, bitmap.get(), &bitmap.metadata(), maxPixels, error);
   } else if (size >= 3 && data[0] == 0xFF && data[1] == 0xD8 && data[2] == 0xFF) {
-    ok = ReadJpeg(data, size, bitmap.get(), maxPixels, error);
+    ok = ReadJpeg(data, size, bitmap.get(), &bitmap.metadata(), maxPixels, error);
   } else if (size < 8 && png_sig_cmp(data, 0, size) == 0) {
     error = "truncated PNG data";
+  } else if (size >= 4 && (std::memcmp(data, "II*\0", 4) == 0 || std::memcmp(data, "MM\0*", 4) == 0)) {
+    ok = kHaveTiff ? ReadTiff(data, size, bitmap.get(), &bitmap.metadata(), maxPixels, error)
+                   : (error = "TIFF files are not supported by this build", false);
+  } else if (size >= 12 && std::memcmp(data, "RIFF", 4) == 0 && std::memcmp(data + 8, "WEBP", 4) == 0) {
+    ok = kHaveWebp ? ReadWebp(data, size, bitmap.get(), &bitmap.metadata(), maxPixels, error)
+                   : (error = "WebP files are not supported by this build", false);
   } else {
-    error = "not a PNG or JPEG file";
+    error = std::string("not a ") +
+            (kHaveTiff && kHaveWebp ? "PNG, JPEG, TIFF or WebP"
+             : kHaveTiff            ? "PNG, JPEG or TIFF"
+             : kHaveWebp            ? "PNG, JPEG or WebP"
+                                    : "PNG or JPEG") +
+            " file";
   }
   if (!ok) bitmap.reset();
   return ok;
@@ -562,9 +708,12 @@ bool ReadImageFile(const std::string &path, Bitmap &bitmap, std::string &error, 
   return ReadImageMemory(bytes.data(), bytes.size(), bitmap, error, maxPixels);
 }
 
-bool WriteImage(FILE *fp, FileFormat format, const BitmapRecord *bitmap, std::string &error) {
-  if (format == FileFormat::Unknown) {
-    error = "unknown output format (use .png, .jpg or .jpeg)";
+bool WriteImage(FILE *fp, FileFormat format, const BitmapRecord *bitmap, std::string &error,
+                const WriteSettings &settings) {
+  if (!FormatAvailable(format)) {
+    error = format == FileFormat::Unknown
+                ? "unknown output format (use .png, .jpg or .jpeg)"
+                : std::string("this build cannot write .") + FormatExtension(format);
     return false;
   }
   const img::Kind kind = img::KindOf(bitmap);
@@ -572,11 +721,17 @@ bool WriteImage(FILE *fp, FileFormat format, const BitmapRecord *bitmap, std::st
     error = "bitmap kind not supported";
     return false;
   }
-  // JPEG holds 8-bit gray and 24-bit colour only: convert a copy first.
+  // JPEG holds 8-bit gray and 24-bit colour only, WebP 24 and 32-bit colour,
+  // TIFF no palette and no 5-5-5: convert a copy first.
+  const bool convert = format == FileFormat::Jpeg   ? kind != img::Kind::Gray8 && kind != img::Kind::Color24
+                       : format == FileFormat::WebP ? kind != img::Kind::Color24 && kind != img::Kind::Color32
+                       : format == FileFormat::Tiff ? kind == img::Kind::Palette || kind == img::Kind::Color16
+                                                    : false;
   Bitmap converted;
   const BitmapRecord *source = bitmap;
-  if (format == FileFormat::Jpeg && kind != img::Kind::Gray8 && kind != img::Kind::Color24) {
-    const bool gray = img::IsGrayKind(kind) || (kind == img::Kind::Palette && PaletteIsGray(bitmap));
+  if (convert) {
+    const bool gray = format != FileFormat::WebP &&
+                      (img::IsGrayKind(kind) || (kind == img::Kind::Palette && PaletteIsGray(bitmap)));
     int32_t status = CopyBitmap(converted.get(), bitmap, BITMAP_RECORD_SIZE);
     if (status == RC_SUCCESS)
       status = ConvertBitmapFormat(converted.get(), converted.get(), BITMAP_RECORD_SIZE, gray ? 8 : 24,
@@ -587,13 +742,21 @@ bool WriteImage(FILE *fp, FileFormat format, const BitmapRecord *bitmap, std::st
     }
     const img::Kind now = img::KindOf(converted.get());
     if (now != img::Kind::Gray8 && now != img::Kind::Color24) {
-      error = "cannot convert the bitmap for JPEG";
+      error = "cannot convert the bitmap for the output format";
       return false;
     }
     source = converted.get();
   }
-
-  return format == FileFormat::Png ? WritePng(fp, source, error) : WriteJpeg(fp, source, error);
+  switch (format) {
+    case FileFormat::Png:
+      return WritePng(fp, source, settings.metadata, error);
+    case FileFormat::Jpeg:
+      return WriteJpeg(fp, source, settings, error);
+    case FileFormat::Tiff:
+      return WriteTiff(fp, source, settings.metadata, error);
+    default:
+      return WriteWebp(fp, source, settings, error);
+  }
 }
 
 }  // namespace imgtool

@@ -1,11 +1,15 @@
 // imgcolor: runs the family's operations on PNG and JPEG files.
 //
 // Exit status: 0 success, 1 a file or library failure, 2 a usage error.
+#include <sys/stat.h>
+
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <functional>
 #include <iostream>
+#include <map>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -14,8 +18,8 @@
 #include "bands.h"
 #include "cli_io.h"
 #include "gallery.h"
-#include "imgcolor.h"
 #include "image_io.h"
+#include "imgcolor.h"
 #include "imgdisplay.h"
 #include "pixels.h"
 #include "progress.h"
@@ -28,6 +32,7 @@ using imgtool::ArgType;
 using imgtool::ArgValues;
 using imgtool::Bitmap;
 using imgtool::Failure;
+using imgtool::FileFormat;
 using imgtool::Input;
 using imgtool::IoOptions;
 using imgtool::OpDescriptor;
@@ -59,8 +64,12 @@ void Usage(std::ostream &out) {
          "  help [OP]                      this text, or an operation's arguments\n"
          "  gallery [PHOTO] [DIR]          every operation on PHOTO (default sample:) as an HTML page\n"
          "                                 with thumbnails and tone curves in DIR (default ./gallery)\n"
+         "  batch OP [OP ...] -o OUTDIR FILE...\n"
+         "                                 run operations on many files, OUTDIR/NAME each; -j N files at "
+         "once\n"
          "  --version                      the version of the tool and the libraries\n"
          "  OP IN OUT [--ARG VALUE ...]    run an operation and write the result\n"
+         "  OP IN OUT [...] OP [...] ...   run several operations in order on one image\n"
          "  OP IN [--ARG VALUE ...]        run an operation that reports values\n"
          "\n"
          "IN (and FILE): a file, - for standard input, sample: for the built-in photograph.\n"
@@ -74,8 +83,9 @@ void Usage(std::ostream &out) {
          "  -j N, --threads N              row bands on N threads for row-local operations without a region\n"
          "                                 on bitmaps over 8 bits (default: every core)\n"
          "options of convert and the operations:\n"
-         "  --format png|jpeg              OUT's format (needed for -; else OUT's extension: .png, .jpg, "
-         ".jpeg)\n"
+         "  --format png|jpeg|tiff|webp    OUT's format (needed for -; else OUT's extension: .png, .jpg, "
+         ".jpeg, .tif, .tiff, .webp)\n"
+         "  --quality N                    JPEG and WebP quality 1..100 (default: JPEG 92, WebP lossless)\n"
          "  --in-place                     allow OUT to be IN's file and replace it\n"
          "  --quiet                        no progress bar\n"
          "  --progress                     the progress bar even when stderr is not a terminal\n";
@@ -122,7 +132,7 @@ std::string InputsText(const OpDescriptor &op) {
 std::string OperationUsage(const OpDescriptor &op) {
   return "imgcolor " + op.name + InputsText(op) + (op.writesImage ? " OUT" : "") +
          (op.args.empty() ? "" : " [--ARG VALUE ...]") + " [region options]" +
-         (op.writesImage ? " [--format png|jpeg] [--in-place]" : "") +
+         (op.writesImage ? " [--format png|jpeg|tiff|webp] [--quality N] [--in-place]" : "") +
          " [--quiet|--progress] [--max-pixels N]";
 }
 
@@ -356,7 +366,7 @@ void Process(const Input &in, const Output *out, const IoOptions &io, const std:
   work(bitmap);
   if (out) {
     progress.Phase("writing", 90, 100);
-    imgtool::WriteOutput(*out, bitmap.get());
+    imgtool::WriteOutput(*out, bitmap.get(), &bitmap.metadata());
   }
   progress.Finish();
 }
@@ -365,7 +375,8 @@ void Process(const Input &in, const Output *out, const IoOptions &io, const std:
 
 int Convert(const std::vector<std::string> &args) {
   const std::string usage =
-      "imgcolor convert IN OUT [--depth N] [--gray] [--format png|jpeg] [--in-place] [--quiet|--progress]"
+      "imgcolor convert IN OUT [--depth N] [--gray] [--format png|jpeg|tiff|webp] [--quality N] [--in-place] "
+      "[--quiet|--progress]"
       " [--max-pixels N]";
   std::vector<std::string> positional;
   std::vector<Option> options;
@@ -526,7 +537,7 @@ int RunFilesOperation(const OpDescriptor &op, const std::vector<std::string> &po
         each.path = SuffixedPath(out.path, made.suffix(i));
         for (const Input &in : inputs) imgtool::ParseOutput(each.path, in, io);
       }
-      imgtool::WriteOutput(each, made.bitmap(i));
+      imgtool::WriteOutput(each, made.bitmap(i), &bitmaps[0].metadata());
     }
   }
   progress.Finish();
@@ -534,38 +545,84 @@ int RunFilesOperation(const OpDescriptor &op, const std::vector<std::string> &po
   return 0;
 }
 
-int RunOperation(const OpDescriptor &op, const std::vector<std::string> &args) {
-  auto findArg = [&op](const std::string &name) -> const ArgSpec * {
-    for (const ArgSpec &a : op.args)
-      if (a.name == name) return &a;
-    return nullptr;
-  };
-  std::vector<std::string> positional;
+// One operation of a command: its arguments, defaulted, and its region.
+struct Step {
+  const OpDescriptor *op = nullptr;
+  ArgValues values;
+  std::vector<Shape> shapes;
+};
+
+const ArgSpec *FindArg(const OpDescriptor &op, const std::string &name) {
+  for (const ArgSpec &a : op.args)
+    if (a.name == name) return &a;
+  return nullptr;
+}
+
+// Whether --name consumes the next argument in a step of `op`.
+bool TakesValue(const OpDescriptor &op, const std::string &name) {
+  if (IsRegionOption(name) || imgtool::IsIoValueOption(name)) return true;
+  const ArgSpec *a = FindArg(op, name);
+  return a && a->type != ArgType::Bool;
+}
+
+// Splits an operation's command line into steps: the first operation's
+// arguments, then one segment for each later word that names an operation
+// once the first has its inputs (`imgcolor contrast IN OUT --change 300 hue
+// --angle 30`). Option values are skipped, so `--model hue` never starts a
+// step. The first segment keeps the file arguments.
+std::vector<std::pair<const OpDescriptor *, std::vector<std::string>>> SplitSteps(
+    const OpDescriptor &first, const std::vector<std::string> &args) {
+  std::vector<std::pair<const OpDescriptor *, std::vector<std::string>>> steps{{&first, {}}};
+  const size_t inputs = first.files ? static_cast<size_t>(first.minInputs) : 1;
+  size_t positional = 0;
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string &a = args[i];
+    auto &segment = steps.back().second;
+    const bool option = a.size() > 1 && a[0] == '-' && !(a[1] >= '0' && a[1] <= '9');
+    if (option) {
+      segment.push_back(a);
+      const bool longValue = a.compare(0, 2, "--") == 0 && a.find('=') == std::string::npos &&
+                             TakesValue(*steps.back().first, a.substr(2));
+      if ((longValue || a == "-j") && i + 1 < args.size()) segment.push_back(args[++i]);
+      continue;
+    }
+    const OpDescriptor *next = positional >= inputs ? imgtool::FindOperation(a) : nullptr;
+    if (next) {
+      steps.push_back({next, {}});
+    } else if (steps.size() > 1) {
+      throw UsageError{"'" + a + "': file arguments follow the first operation (" + first.name +
+                       " IN OUT); a later word is an operation (see imgcolor list)"};
+    } else {
+      segment.push_back(a);
+      ++positional;
+    }
+  }
+  return steps;
+}
+
+// Parses one step's options into its values and shapes; the options every
+// step shares go to `io`.
+Step ParseStep(const OpDescriptor &op, const std::vector<std::string> &args, bool writes,
+               std::vector<std::string> &positional, IoOptions &io) {
   std::vector<Option> options;
   imgtool::Scan(
       args,
       [&](const std::string &name) {
-        if (IsRegionOption(name) || name == "max-pixels" ||
-            (op.writesImage && imgtool::IsIoValueOption(name)))
-          return true;
-        const ArgSpec *a = findArg(name);
-        return a && a->type != ArgType::Bool;
+        return IsRegionOption(name) || name == "max-pixels" || (writes && imgtool::IsIoValueOption(name)) ||
+               (FindArg(op, name) && FindArg(op, name)->type != ArgType::Bool);
       },
       positional, options);
-
-  ArgValues values;
-  std::vector<Shape> shapes;
-  IoOptions io;
+  Step step{&op, {}, {}};
   for (const Option &o : options) {
-    if (imgtool::TakeIoOption(o, op.writesImage, io)) continue;
+    if (imgtool::TakeIoOption(o, writes, io)) continue;
     if (IsRegionOption(o.name)) {
-      shapes.push_back(ParseShape(o));
+      step.shapes.push_back(ParseShape(o));
       continue;
     }
-    const ArgSpec *a = findArg(o.name);
+    const ArgSpec *a = FindArg(op, o.name);
     std::string value = o.value;
     if (!a && o.name.compare(0, 3, "no-") == 0) {
-      a = findArg(o.name.substr(3));
+      a = FindArg(op, o.name.substr(3));
       if (a && (a->type != ArgType::Bool || o.hasValue)) a = nullptr;
       value = "false";
     } else if (a && a->type == ArgType::Bool && !o.hasValue) {
@@ -573,37 +630,255 @@ int RunOperation(const OpDescriptor &op, const std::vector<std::string> &args) {
     }
     if (!a)
       throw UsageError{op.name + ": unknown option --" + o.name + " (see imgcolor help " + op.name + ")"};
-    if (values.Has(a->name)) throw UsageError{"--" + a->name + ": given more than once"};
+    if (step.values.Has(a->name)) throw UsageError{"--" + a->name + ": given more than once"};
     std::string error;
-    if (!imgtool::ParseArg(*a, value, values, error)) throw UsageError{error};
+    if (!imgtool::ParseArg(*a, value, step.values, error)) throw UsageError{error};
   }
-  imgtool::ApplyDefaults(op, values);
+  imgtool::ApplyDefaults(op, step.values);
+  return step;
+}
 
-  if (op.files) return RunFilesOperation(op, positional, values, shapes, io);
-  if (op.writesImage)
-    ExpectFiles(op.name, positional, {"IN", "OUT"}, OperationUsage(op));
+// Runs one step on the decoded bitmap: its kind is checked first (an earlier
+// step may have changed it), its region is set for the call and removed after.
+// `after` names the previous step in a chain, for the messages.
+void RunStep(const Step &step, const std::string &after, const Input &in, BitmapRecord *bitmap,
+             const IoOptions &io, std::ostream &report) {
+  const OpDescriptor &op = *step.op;
+  const uint32_t kind = imgtool::KindBitOf(bitmap);
+  if ((kind & op.kinds) == 0)
+    throw Failure{op.name + ": " + in.Name() + " is a " + imgtool::KindNames(kind) + " bitmap" +
+                  (after.empty() ? "" : " after " + after) + "; " + op.name + " accepts " +
+                  imgtool::KindNames(op.kinds) + " (see imgcolor convert --depth)"};
+  ApplyShapes(bitmap, step.shapes);
+  // Row-local operations without a region run in row bands on every core
+  // (or -j N); others, and -j 1, are the plain call.
+  const int32_t cores = static_cast<int32_t>(std::thread::hardware_concurrency());
+  const int32_t threads = io.threads ? io.threads : cores > 0 ? cores : 1;
+  const int32_t status = imgtool::CallInBands(op, bitmap, step.values, report, threads);
+  if (!step.shapes.empty()) FreeBitmapRegion(bitmap);
+  if (status < RC_SUCCESS) throw Failure{op.name + ": " + StatusText(status)};
+}
+
+int RunOperation(const OpDescriptor &first, const std::vector<std::string> &args) {
+  const auto segments = SplitSteps(first, args);
+  bool writes = false;
+  for (const auto &[op, segment] : segments) writes = writes || op->writesImage;
+  if (segments.size() > 1)
+    for (const auto &[op, segment] : segments)
+      if (op->files)
+        throw UsageError{op->name + ": reads several images or writes several; it runs on its own, not " +
+                         "in a chain of operations"};
+
+  std::vector<std::string> positional;
+  IoOptions io;
+  std::vector<Step> steps;
+  for (const auto &[op, segment] : segments) steps.push_back(ParseStep(*op, segment, writes, positional, io));
+  if (first.files) return RunFilesOperation(first, positional, steps[0].values, steps[0].shapes, io);
+  const std::string usage = OperationUsage(first) + (segments.size() > 1 ? " OP [--ARG VALUE ...] ..." : "");
+  if (writes)
+    ExpectFiles(first.name, positional, {"IN", "OUT"}, usage);
   else
-    ExpectFiles(op.name, positional, {"IN"}, OperationUsage(op));
+    ExpectFiles(first.name, positional, {"IN"}, usage);
   const Input in = imgtool::ParseInput(positional[0]);
   Output out;
-  if (op.writesImage) out = imgtool::ParseOutput(positional[1], in, io);
+  if (writes) out = imgtool::ParseOutput(positional[1], in, io);
 
+  // The operations share 10-90 % of the bar (to 100 % without OUT).
   std::ostringstream report;
-  Process(in, op.writesImage ? &out : nullptr, io, op.name, [&](Bitmap &bitmap) {
-    const uint32_t kind = imgtool::KindBitOf(bitmap.get());
-    if ((kind & op.kinds) == 0)
-      throw Failure{op.name + ": " + in.Name() + " is a " + imgtool::KindNames(kind) + " bitmap; " + op.name +
-                    " accepts " + imgtool::KindNames(op.kinds) + " (see imgcolor convert --depth)"};
-    ApplyShapes(bitmap.get(), shapes);
-    // Row-local operations without a region run in row bands on every core
-    // (or -j N); others, and -j 1, are the plain call.
-    const int32_t cores = static_cast<int32_t>(std::thread::hardware_concurrency());
-    const int32_t threads = io.threads ? io.threads : cores > 0 ? cores : 1;
-    const int32_t status = imgtool::CallInBands(op, bitmap.get(), values, report, threads);
-    if (status < RC_SUCCESS) throw Failure{op.name + ": " + StatusText(status)};
-  });
+  imgtool::ProgressBar progress(io.ProgressWanted());
+  progress.Phase("reading", 0, 10);
+  Bitmap bitmap;
+  imgtool::ReadInput(in, bitmap, io.maxPixels);
+  const int32_t span = (writes ? 90 : 100) - 10, count = static_cast<int32_t>(steps.size());
+  for (int32_t i = 0; i < count; ++i) {
+    progress.Phase(steps[static_cast<size_t>(i)].op->name, 10 + span * i / count,
+                   10 + span * (i + 1) / count);
+    RunStep(steps[static_cast<size_t>(i)], i ? steps[static_cast<size_t>(i - 1)].op->name : "", in,
+            bitmap.get(), io, report);
+  }
+  if (writes) {
+    progress.Phase("writing", 90, 100);
+    imgtool::WriteOutput(out, bitmap.get(), &bitmap.metadata());
+  }
+  progress.Finish();
   // Reported values never mix with an image written to standard output.
   (out.toStdout ? std::cerr : std::cout) << report.str();
+  return 0;
+}
+
+// ---- batch ---------------------------------------------------------------------------------
+
+const char *const kBatchUsage =
+    "imgcolor batch OP [--ARG VALUE ...] [OP [--ARG VALUE ...] ...] -o OUTDIR [-j N] [--format F] "
+    "[--quality N] [--quiet|--progress] [--max-pixels N] FILE...";
+
+// The file name of a path, without its directories.
+std::string BaseName(const std::string &path) {
+  const size_t slash = path.find_last_of('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// One status callback for each worker: the share of its current file, which
+// the line adds up. It never cancels.
+struct WorkerProgress {
+  std::atomic<int32_t> percent{0};
+  static int32_t Callback(int32_t percent, void *user) {
+    static_cast<WorkerProgress *>(user)->percent.store(percent < 0 ? 0 : percent > 100 ? 100 : percent);
+    return 1;
+  }
+};
+
+// Runs one chain of operations on every FILE, writing OUTDIR/NAME, on -j N
+// worker threads (one file at a time each, every thread with its own status
+// callback and kernel settings), under one progress line. A failed file is
+// reported and the others go on; the exit status is 1 when any failed.
+int Batch(const std::vector<std::string> &args) {
+  if (args.empty() || !imgtool::FindOperation(args[0]))
+    throw UsageError{args.empty() ? "batch: missing OP (see imgcolor list)"
+                                  : "batch: '" + args[0] + "' is not an operation (see imgcolor list)",
+                     kBatchUsage};
+  std::vector<std::pair<const OpDescriptor *, std::vector<std::string>>> segments;
+  std::vector<std::string> files;
+  std::string outDir;
+  IoOptions io;
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string &a = args[i];
+    if (a == "-o" || a == "--output-dir" || a.compare(0, 13, "--output-dir=") == 0) {
+      if (a.size() > 13) {
+        outDir = a.substr(13);
+      } else {
+        if (i + 1 >= args.size()) throw UsageError{a + ": missing value", kBatchUsage};
+        outDir = args[++i];
+      }
+    } else if (a.size() > 1 && a[0] == '-' && !(a[1] >= '0' && a[1] <= '9')) {
+      segments.back().second.push_back(a);
+      const bool longValue = a.compare(0, 2, "--") == 0 && a.find('=') == std::string::npos &&
+                             TakesValue(*segments.back().first, a.substr(2));
+      if ((longValue || a == "-j") && i + 1 < args.size()) segments.back().second.push_back(args[++i]);
+    } else if (const OpDescriptor *op = imgtool::FindOperation(a)) {
+      segments.push_back({op, {}});
+    } else {
+      files.push_back(a);
+    }
+  }
+  std::vector<Step> steps;
+  for (const auto &[op, segment] : segments) {
+    if (op->files || !op->writesImage)
+      throw UsageError{"batch: " + op->name + " does not write one image from one (it runs on its own)",
+                       kBatchUsage};
+    std::vector<std::string> none;
+    steps.push_back(ParseStep(*op, segment, true, none, io));
+  }
+  if (outDir.empty()) throw UsageError{"batch: missing -o OUTDIR (nothing was read or written)", kBatchUsage};
+  if (io.inPlace) throw UsageError{"batch: --in-place: batch never replaces its inputs", kBatchUsage};
+  if (files.empty()) throw UsageError{"batch: missing FILE (nothing was read or written)", kBatchUsage};
+
+  // Every name is settled before any work: an output that is an input, or
+  // two inputs that would write the same output, are refused.
+  struct Job {
+    Input in;
+    Output out;
+  };
+  std::vector<Job> jobs;
+  const FileFormat named = imgtool::FormatFromName(io.format);
+  IoOptions naming = io;
+  naming.inPlace = true;                                      // outputs are checked against every input below
+  std::map<std::pair<dev_t, ino_t>, std::string> inputFiles;  // file -> FILE
+  std::map<std::string, std::string> inputPaths, outputs;     // path -> FILE
+  for (const std::string &file : files) {
+    if (file == "-" || file.compare(0, 7, "sample:") == 0)
+      throw UsageError{"batch: " + file + ": batch reads files (name it ./" + file + " if it is one)",
+                       kBatchUsage};
+    std::string name = BaseName(file);
+    if (named != FileFormat::Unknown) {
+      const size_t dot = name.find_last_of('.');
+      name = (dot == std::string::npos || dot == 0 ? name : name.substr(0, dot)) + "." +
+             imgtool::FormatExtension(named);
+    }
+    const Input in = imgtool::ParseInput(file);
+    jobs.push_back({in, imgtool::ParseOutput(outDir + "/" + name, in, naming)});
+    const auto [other, fresh] = outputs.emplace(jobs.back().out.path, file);
+    if (!fresh)
+      throw UsageError{"batch: " + other->second + " and " + file + " would both write " + other->first};
+    struct stat st;
+    if (::stat(file.c_str(), &st) == 0) inputFiles.emplace(std::make_pair(st.st_dev, st.st_ino), file);
+    inputPaths.emplace(file, file);
+  }
+  // An output is never an input: the same file when it exists (links
+  // included), else the same path text.
+  for (const Job &job : jobs) {
+    struct stat st;
+    const bool exists = ::stat(job.out.path.c_str(), &st) == 0;
+    const auto file = exists ? inputFiles.find({st.st_dev, st.st_ino}) : inputFiles.end();
+    const auto path = exists ? inputPaths.end() : inputPaths.find(job.out.path);
+    if (file != inputFiles.end() || path != inputPaths.end())
+      throw UsageError{"batch: " + job.out.path + " would replace the input " +
+                           (file != inputFiles.end() ? file->second : path->second) +
+                           "; batch never replaces its inputs",
+                       kBatchUsage};
+  }
+  struct stat st;
+  if (::stat(outDir.c_str(), &st) != 0) {
+    if (::mkdir(outDir.c_str(), 0777) != 0) throw Failure{outDir + ": " + std::strerror(errno)};
+  } else if (!S_ISDIR(st.st_mode)) {
+    throw UsageError{"batch: " + outDir + ": is not a directory"};
+  }
+
+  const int32_t cores = static_cast<int32_t>(std::thread::hardware_concurrency());
+  const size_t workers = std::min<size_t>(jobs.size(), static_cast<size_t>(io.threads  ? io.threads
+                                                                           : cores > 0 ? cores
+                                                                                       : 1));
+  IoOptions single = io;
+  single.threads = 1;  // the workers are the threads: no row bands inside them
+  imgtool::ProgressBar progress(io.ProgressWanted());
+  std::atomic<size_t> next{0}, done{0}, failed{0};
+  std::vector<WorkerProgress> shares(workers);
+  auto line = [&] {
+    int64_t sum = static_cast<int64_t>(done.load()) * 100;
+    for (const WorkerProgress &w : shares) sum += w.percent.load();
+    const int32_t percent = static_cast<int32_t>(sum / static_cast<int64_t>(jobs.size()));
+    progress.Set(percent, std::to_string(done.load()) + "/" + std::to_string(jobs.size()) + " files" +
+                              (failed.load() ? ", " + std::to_string(failed.load()) + " failed" : ""));
+  };
+  auto work = [&](size_t index) {
+    WorkerProgress &share = shares[index];
+    SetStatusCallback(&WorkerProgress::Callback, &share);
+    for (size_t j; (j = next.fetch_add(1)) < jobs.size();) {
+      std::string error;
+      try {
+        Bitmap bitmap;
+        imgtool::ReadInput(jobs[j].in, bitmap, io.maxPixels);
+        std::ostringstream report;
+        for (size_t i = 0; i < steps.size(); ++i)
+          RunStep(steps[i], i ? steps[i - 1].op->name : "", jobs[j].in, bitmap.get(), single, report);
+        imgtool::WriteOutput(jobs[j].out, bitmap.get(), &bitmap.metadata());
+      } catch (const Failure &e) {
+        error = e.message;
+      } catch (const UsageError &e) {
+        error = e.message;
+      } catch (const std::bad_alloc &) {
+        error = jobs[j].in.Name() + ": out of memory";
+      }
+      share.percent.store(0);
+      if (!error.empty()) {
+        ++failed;
+        progress.Message("imgcolor: " + error);
+      }
+      ++done;
+      line();
+    }
+    SetStatusCallback(nullptr, nullptr);
+  };
+  line();
+  std::vector<std::thread> threads;
+  for (size_t w = 1; w < workers; ++w) threads.emplace_back(work, w);
+  work(0);  // the calling thread is worker 0: its callback replaces the bar's for the run
+  for (std::thread &t : threads) t.join();
+  progress.Finish();
+  if (failed.load()) {
+    std::cerr << "imgcolor: batch: " << failed.load() << " of " << jobs.size() << " files failed\n";
+    return kExitFailure;
+  }
   return 0;
 }
 
@@ -647,8 +922,9 @@ int Run(const std::vector<std::string> &argv) {
   }
   if (command == "help" || command == "--help" || command == "-h") return Help(rest);
   if (command == "gallery") return imgtool::RunGallery(rest);
+  if (command == "batch") return Batch(rest);
   if (command == "--version" || command == "version") {
-    std::cout << "imgcolor " IMG_VERSION "\n";
+    std::cout << "imgcolor " IMG_VERSION "\nformats: " << imgtool::AvailableFormats() << "\n";
     return 0;
   }
   if (const OpDescriptor *op = imgtool::FindOperation(command)) return RunOperation(*op, rest);

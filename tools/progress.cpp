@@ -41,6 +41,23 @@ void ProgressBar::Phase(const std::string &name, int32_t from, int32_t to) {
   DrawLocked();
 }
 
+void ProgressBar::Set(int32_t percent, const std::string &name) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (percent <= percent_ && name == phase_) return;
+  if (percent > percent_) percent_ = percent;
+  phase_ = name;
+  DrawLocked();
+}
+
+void ProgressBar::Message(const std::string &line) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (drawn_) std::fprintf(stderr, "\r%*s\r", static_cast<int>(width_), "");
+  std::fprintf(stderr, "%s\n", line.c_str());
+  width_ = 0;
+  drawn_ = false;
+  DrawLocked();
+}
+
 void ProgressBar::Finish() {
   StopTimer();
   std::lock_guard<std::mutex> lock(mutex_);

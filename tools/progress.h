@@ -27,6 +27,12 @@ class ProgressBar {
   // Starts a phase that fills the bar from `from` to `to` percent; the status
   // callback's 0..100 maps onto that span. The bar never moves back.
   void Phase(const std::string &name, int32_t from, int32_t to);
+  // Sets the bar to `percent` (it never moves back) and the phase's name:
+  // the batch command's one line over many files, from any thread.
+  void Set(int32_t percent, const std::string &name);
+  // Prints a line of its own on stderr (an error) above the bar, which is
+  // drawn again under it; from any thread.
+  void Message(const std::string &line);
   // Draws the full bar and ends its line. Without it (a failed command) the
   // line ends where the bar stopped.
   void Finish();

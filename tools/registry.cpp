@@ -39,11 +39,13 @@ bool IsKebab(const std::string &name) {
 
 // Names the tool itself uses: an operation may not take them.
 bool IsReservedCommand(const std::string &name) {
-  return name == "info" || name == "convert" || name == "list" || name == "help";
+  return name == "info" || name == "convert" || name == "list" || name == "help" || name == "gallery" ||
+         name == "batch";
 }
 bool IsReservedOption(const std::string &name) {
   return name == "rect" || name == "ellipse" || name == "polygon" || name == "quiet" || name == "help" ||
-         name == "progress" || name == "format" || name == "in-place";
+         name == "progress" || name == "format" || name == "in-place" || name == "quality" ||
+         name == "threads" || name == "max-pixels" || name == "output-dir";
 }
 
 void CheckDescriptor(const OpDescriptor &op) {
