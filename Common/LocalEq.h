@@ -32,14 +32,17 @@ inline uint32_t Blend(double m00, double m10, double m01, double m11, double wx,
   return static_cast<uint32_t>(value < 0.0 ? 0.0 : value > top ? top : value);
 }
 
+// The mapped value of pixel x of the run.
+inline uint8_t MapGray8One(const GrayRun8 &run, int32_t x) {
+  const uint32_t v = run.samples[x];
+  const int32_t l = run.left[x] + static_cast<int32_t>(v), r = run.right[x] + static_cast<int32_t>(v);
+  return static_cast<uint8_t>(
+      Blend(run.upper[l], run.upper[r], run.lower[l], run.lower[r], run.weight[x], run.weightBelow, 255.0));
+}
+
 // The pixels from `first` on, one at a time.
 inline void MapGray8Scalar(const GrayRun8 &run, int32_t first) {
-  for (int32_t x = first; x < run.count; ++x) {
-    const uint32_t v = run.samples[x];
-    const int32_t l = run.left[x] + static_cast<int32_t>(v), r = run.right[x] + static_cast<int32_t>(v);
-    run.samples[x] = static_cast<uint8_t>(
-        Blend(run.upper[l], run.upper[r], run.lower[l], run.lower[r], run.weight[x], run.weightBelow, 255.0));
-  }
+  for (int32_t x = first; x < run.count; ++x) run.samples[x] = MapGray8One(run, x);
 }
 
 // The 256-entry table of an 8-bit tile with n > 0 pixels from its value
@@ -67,9 +70,30 @@ void BuildTable8Avx512(uint32_t *counts, uint32_t limit, uint32_t n, double *tab
 int32_t MapGray8Avx2(const GrayRun8 &run);
 int32_t MapGray8Avx512(const GrayRun8 &run);
 
+// What the certified AVX-512 blend reads besides the run: the tile tables in
+// 1/256 steps (q = (uint32_t)(table * 256 + 0.5), 256 low bytes then 256
+// high bytes a tile, at twice the run's table offsets) and the weights as
+// floats.
+struct GrayApprox8 {
+  const uint8_t *upper;  // tile row above
+  const uint8_t *lower;  // tile row below
+  const float *weight;   // per pixel: weight of the right tile
+  float weightBelow;
+};
+
+// The whole run: the blend in floats from the 1/256 tables, kept where the
+// error bound (docs/channels.md) leaves a single rounded result, the exact
+// double Blend elsewhere. Returns run.count.
+int32_t MapGray8Avx512Certified(const GrayRun8 &run, const GrayApprox8 &approx);
+
+// The two courses (the same results): tile rows built while mapping from a
+// copy of the samples, or every tile counted in the first walk (for tiles
+// of at least as many pixels as bins). Auto picks by the tile size.
+enum class Course { Auto, TileRows, Dense };
+
 // Q_LocalHistoEqualizeBitmap after its checks, with the loops of `isa` (or the
 // best below it that has loops).
 int32_t Equalize(Isa isa, BitmapRecord *bitmap, int32_t tileWidth, int32_t tileHeight, uint32_t clip,
-                 bool luminance);
+                 bool luminance, Course course = Course::Auto);
 
 }  // namespace img::localeq
