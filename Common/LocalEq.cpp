@@ -345,9 +345,9 @@ class DenseEqualizer {
   }
 
   int32_t Allocate() {
-    counts_ = KernelBuffer<uint32_t>(tiles_ * kBins, __LINE__, kSourceFile);
+    counts_ = KernelBuffer<uint32_t>(tiles_ * (kWide ? kBins : 2 * kBins), __LINE__, kSourceFile);
     if constexpr (kWide)
-      curves_ = KernelBuffer<Curve>(tiles_, __LINE__, kSourceFile);
+      curves_ = KernelBuffer<TileCurve>(tiles_, __LINE__, kSourceFile);
     else {
       tables_ = KernelBuffer<double>(tiles_ * kBins, __LINE__, kSourceFile);
       approx_ = KernelBuffer<uint8_t>(tiles_ * 2 * kBins, __LINE__, kSourceFile);
@@ -362,9 +362,9 @@ class DenseEqualizer {
     if (!counts_ || (kWide ? !curves_ : !tables_ || !approx_) || !plane_ || !left_ || !right_ || !weight_ ||
         !weightf_ || !rows_)
       return RC_NO_MEMORY;
-    // Columns: offsets of the tables (8-bit) or curves (16-bit) of the tiles
-    // around each in a row of tiles.
-    const int32_t stride = planes_ * static_cast<int32_t>(kWide ? 1u : kBins);
+    // Columns: offsets of the tables of the tiles around each in a row of
+    // tiles (8-bit), or their tile columns (16-bit).
+    const int32_t stride = kWide ? 1 : planes_ * static_cast<int32_t>(kBins);
     for (int32_t p = 0, i = 0; p < x_.extent; ++p) {
       int32_t lo, hi;
       x_.Between(p, i, &lo, &hi, &weight_[p]);
@@ -399,19 +399,18 @@ class DenseEqualizer {
 
   // Builds every tile's curve from its counts.
   void Finish() {
-    for (std::size_t t = 0; t < tiles_; ++t) {
-      uint32_t *counts = counts_.get() + t * kBins;
-      uint32_t n = 0;
-      for (uint32_t v = 0; v < kBins; ++v) n += counts[v];
-      const uint32_t limit = n ? Limit(clip_, n, kBins) : 1;
-      if constexpr (!kWide) {
+    if constexpr (!kWide) {
+      for (std::size_t t = 0; t < tiles_; ++t) {
+        uint32_t *counts = counts_.get() + t * 2 * kBins;
+        uint32_t n = 0;
+        for (uint32_t v = 0; v < kBins; ++v) n += counts[v] += counts[kBins + v];
         double *table = tables_.get() + t * kBins;
         if (n == 0)
           for (uint32_t v = 0; v < kBins; ++v) table[v] = v;
         else if (isa_ >= Isa::Avx512)
-          BuildTable8Avx512(counts, limit, n, table);
+          BuildTable8Avx512(counts, Limit(clip_, n, kBins), n, table);
         else
-          BuildTable8Scalar(counts, limit, n, table);
+          BuildTable8Scalar(counts, Limit(clip_, n, kBins), n, table);
         // The table in 1/256 steps, low bytes then high bytes (for the
         // AVX-512 blend, which certifies its rounding against the table).
         uint8_t *approx = approx_.get() + t * 2 * kBins;
@@ -420,17 +419,25 @@ class DenseEqualizer {
           approx[v] = static_cast<uint8_t>(q);
           approx[kBins + v] = static_cast<uint8_t>(q >> 8);
         }
-      } else {
+      }
+    } else {
+      const std::size_t columns = static_cast<std::size_t>(x_.count);
+      for (std::size_t t = 0; t < tiles_; ++t) {
         // Clipped prefix counts in place: the sums of the sorted distinct
         // values of the other course, for every value.
+        uint32_t *counts = counts_.get() + (t / columns) * kBins * columns + t % columns;
+        uint32_t n = 0;
+        for (uint32_t v = 0; v < kBins; ++v) n += counts[v * columns];
+        const uint32_t limit = n ? Limit(clip_, n, kBins) : 1;
         uint32_t sum = 0, excess = 0;
         for (uint32_t v = 0; v < kBins; ++v) {
-          const uint32_t kept = counts[v] < limit ? counts[v] : limit;
-          excess += counts[v] - kept;
+          uint32_t &count = counts[v * columns];
+          const uint32_t kept = count < limit ? count : limit;
+          excess += count - kept;
           sum += kept;
-          counts[v] = sum;
+          count = sum;
         }
-        Curve &curve = curves_[t];
+        TileCurve &curve = curves_[t];
         curve.pixels = n;
         curve.excessPerBin = static_cast<double>(excess) / kBins;
         curve.scale = static_cast<double>(kBins - 1) / (n ? n : 1);
@@ -470,11 +477,34 @@ class DenseEqualizer {
             Blend(a[l[k] + v], a[r[k] + v], b[l[k] + v], b[r[k] + v], w[k], row.w, kBins - 1.0));
       }
     } else {
+      const std::size_t columns = static_cast<std::size_t>(x_.count);
+      const std::size_t above = static_cast<std::size_t>(row.lo) * planes_ + c,
+                        below = static_cast<std::size_t>(row.hi) * planes_ + c;
+      GrayRun16 run{nullptr,
+                    count,
+                    l,
+                    r,
+                    w,
+                    counts_.get() + above * kBins * columns,
+                    counts_.get() + below * kBins * columns,
+                    curves_.get() + above * columns,
+                    curves_.get() + below * columns,
+                    x_.count,
+                    row.w};
+      if (step == 1) {
+        run.samples = p;
+        const int32_t done = isa >= Isa::Avx512 && x_.count < 32768 ? MapGray16Avx512(run) : 0;
+        for (int32_t k = done; k < count; ++k) p[k] = MapGray16One(run, k);
+        return;
+      }
       for (int32_t k = 0; k < count; ++k, p += step) {
-        const uint32_t v = *p;
-        const std::size_t lc = l[k] + c, rc = r[k] + c;
-        *p = static_cast<Sample>(Blend(Evaluate(up + lc, v), Evaluate(up + rc, v), Evaluate(down + lc, v),
-                                       Evaluate(down + rc, v), w[k], row.w, kBins - 1.0));
+        uint16_t v = *p;
+        GrayRun16 one = run;
+        one.samples = &v;
+        one.left = l + k;
+        one.right = r + k;
+        one.weight = w + k;
+        *p = MapGray16One(one, 0);
       }
     }
   }
@@ -489,29 +519,42 @@ class DenseEqualizer {
  private:
   // Counts the samples s of rectangle columns a..b in tile row ty.
   void CountRow(int32_t ty, int32_t c, int32_t a, int32_t b, const T *s) {
-    const auto counts = [&](int32_t tx) {
-      return counts_.get() +
-             ((static_cast<std::size_t>(ty) * x_.count + tx) * planes_ + static_cast<std::size_t>(c)) * kBins;
+    const std::size_t block = static_cast<std::size_t>(ty) * planes_ + static_cast<std::size_t>(c);
+    const auto count = [&](int32_t tx, int32_t from, int32_t to) {
+      if constexpr (kWide)
+        Histogram16(s + (from - a), to - from, counts_.get() + block * kBins * x_.count + tx, x_.count);
+      else
+        Histogram8(
+            s + (from - a), to - from,
+            counts_.get() + ((static_cast<std::size_t>(ty) * x_.count + tx) * planes_ + c) * 2 * kBins);
     };
-    for (int32_t tx = a / x_.tile; tx < x_.count - 1 && tx * x_.tile < b; ++tx) {
-      const int32_t from = std::max(a, tx * x_.tile), to = std::min(b, (tx + 1) * x_.tile);
-      Histogram(s + (from - a), to - from, counts(tx));
-    }
+    for (int32_t tx = a / x_.tile; tx < x_.count - 1 && tx * x_.tile < b; ++tx)
+      count(tx, std::max(a, tx * x_.tile), std::min(b, (tx + 1) * x_.tile));
     const int32_t from = std::max(a, x_.extent - x_.tile);
-    if (from < b) Histogram(s + (from - a), b - from, counts(x_.count - 1));
+    if (from < b) count(x_.count - 1, from, b);
   }
 
-  static void Histogram(const T *s, int32_t n, uint32_t *counts) {
-    for (int32_t k = 0; k < n; ++k) ++counts[s[k]];
+  // Two interleaved count tables (eight samples a step), so that runs of
+  // equal samples do not wait on one counter.
+  static void Histogram8(const uint8_t *s, int32_t n, uint32_t *counts) {
+    uint32_t *odd = counts + kBins;
+    int32_t k = 0;
+    for (; k + 8 <= n; k += 8) {
+      uint64_t w;
+      std::memcpy(&w, s + k, 8);
+      ++counts[w & 255];
+      ++odd[(w >> 8) & 255];
+      ++counts[(w >> 16) & 255];
+      ++odd[(w >> 24) & 255];
+      ++counts[(w >> 32) & 255];
+      ++odd[(w >> 40) & 255];
+      ++counts[(w >> 48) & 255];
+      ++odd[w >> 56];
+    }
+    for (; k < n; ++k) ++counts[s[k]];
   }
-
-  // The curve of tile t (index in all tiles) at v, as the other course
-  // evaluates it: (clipped prefix + E / N (v + 1)) T / n.
-  double Evaluate(std::size_t t, uint32_t v) const {
-    const Curve &curve = curves_[t];
-    if (curve.pixels == 0) return v;
-    const double below = counts_[t * kBins + v];
-    return (below + curve.excessPerBin * (v + 1.0)) * curve.scale;
+  static void Histogram16(const uint16_t *s, int32_t n, uint32_t *counts, std::size_t columns) {
+    for (int32_t k = 0; k < n; ++k) ++counts[s[k] * columns];
   }
 
   Isa isa_;
@@ -519,11 +562,14 @@ class DenseEqualizer {
   int32_t planes_;
   uint32_t clip_;
   std::size_t width_ = 0, height_ = 0, tiles_ = 0;
-  KernelBuffer<uint32_t> counts_;  // per tile: counts, then (16-bit) clipped prefixes
-  KernelBuffer<double> tables_;    // 8-bit: 256 values a tile
-  KernelBuffer<uint8_t> approx_;   // 8-bit: the tables in 1/256 steps, two byte planes a tile
-  KernelBuffer<Curve> curves_;     // 16-bit
-  KernelBuffer<T> plane_;          // one plane (or the luma) of a run
+  // 8-bit: two count tables a tile. 16-bit: per row of tiles and plane, the
+  // counts of each value side by side for the tile columns, then the
+  // clipped prefixes (GrayRun16).
+  KernelBuffer<uint32_t> counts_;
+  KernelBuffer<double> tables_;     // 8-bit: 256 values a tile
+  KernelBuffer<uint8_t> approx_;    // 8-bit: the tables in 1/256 steps, two byte planes a tile
+  KernelBuffer<TileCurve> curves_;  // 16-bit
+  KernelBuffer<T> plane_;           // one plane (or the luma) of a run
   KernelBuffer<int32_t> left_, right_;
   KernelBuffer<double> weight_;
   KernelBuffer<float> weightf_;

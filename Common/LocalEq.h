@@ -65,6 +65,54 @@ inline void BuildTable8Scalar(uint32_t *counts, uint32_t limit, uint32_t n, doub
 }
 void BuildTable8Avx512(uint32_t *counts, uint32_t limit, uint32_t n, double *table);
 
+// A 16-bit tile curve of the dense course: pixels == 0 maps v to v, else
+//   map(v) = (P(v) + excessPerBin * (v + 1)) * scale
+// with P the clipped prefix counts.
+struct TileCurve {
+  uint32_t pixels = 0;
+  double excessPerBin = 0.0;
+  double scale = 0.0;  // T / pixels
+};
+
+// A run of 16-bit gray pixels of the dense course, mapped in place. The
+// prefix counts of a row of tiles lie value by value, the tiles of one value
+// side by side: P of tile column t at v is prefix[v * columns + t] (so the
+// two tiles of a pixel share a cache line or two).
+struct GrayRun16 {
+  uint16_t *samples;
+  int32_t count;
+  const int32_t *left;            // per pixel: the left tile column
+  const int32_t *right;           // per pixel: the right tile column
+  const double *weight;           // per pixel: weight of the right tile (0..1)
+  const uint32_t *upper, *lower;  // prefix counts of the tile rows above and below
+  const TileCurve *upperCurves, *lowerCurves;
+  int32_t columns;  // tile columns
+  double weightBelow;
+};
+
+inline double Evaluate16(const TileCurve &curve, const uint32_t *prefix, int32_t columns, int32_t tile,
+                         uint32_t v) {
+  if (curve.pixels == 0) return v;
+  const double below = prefix[static_cast<std::size_t>(v) * static_cast<std::size_t>(columns) +
+                              static_cast<std::size_t>(tile)];
+  return (below + curve.excessPerBin * (v + 1.0)) * curve.scale;
+}
+
+inline uint16_t MapGray16One(const GrayRun16 &run, int32_t x) {
+  const uint32_t v = run.samples[x];
+  const int32_t l = run.left[x], r = run.right[x];
+  return static_cast<uint16_t>(Blend(Evaluate16(run.upperCurves[l], run.upper, run.columns, l, v),
+                                     Evaluate16(run.upperCurves[r], run.upper, run.columns, r, v),
+                                     Evaluate16(run.lowerCurves[l], run.lower, run.columns, l, v),
+                                     Evaluate16(run.lowerCurves[r], run.lower, run.columns, r, v),
+                                     run.weight[x], run.weightBelow, 65535.0));
+}
+
+// The AVX-512 loop of 16-bit gray runs: eight pixels a step between the same
+// two tile columns, the four prefixes gathered and the curves and blend in
+// doubles with the operations of MapGray16One. Returns the pixels done.
+int32_t MapGray16Avx512(const GrayRun16 &run);
+
 // The SIMD loops: each maps a whole number of steps and returns the pixels
 // done; the caller finishes the run with MapGray8Scalar.
 int32_t MapGray8Avx2(const GrayRun8 &run);
