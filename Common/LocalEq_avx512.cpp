@@ -61,17 +61,18 @@ namespace {
 constexpr int32_t kSlack = 144;
 
 // Byte indices that widen the low and high bytes of pixels 16q..16q+15 into
-// 32-bit lanes (bytes 2 and 3 of each lane are zeroed by kWidenMask).
+// bytes 1 and 2 of 32-bit lanes (bytes 0 and 3 are zeroed by kWidenMask):
+// the 1/256 table value times 256, in 1/65536 units.
 constexpr std::array<std::array<uint8_t, 64>, 4> kWiden = [] {
   std::array<std::array<uint8_t, 64>, 4> w{};
   for (int32_t q = 0; q < 4; ++q)
     for (int32_t k = 0; k < 16; ++k) {
-      w[q][4 * k] = static_cast<uint8_t>(16 * q + k);
-      w[q][4 * k + 1] = static_cast<uint8_t>(64 + 16 * q + k);
+      w[q][4 * k + 1] = static_cast<uint8_t>(16 * q + k);
+      w[q][4 * k + 2] = static_cast<uint8_t>(64 + 16 * q + k);
     }
   return w;
 }();
-constexpr __mmask64 kWidenMask = 0x3333333333333333ull;
+constexpr __mmask64 kWidenMask = 0x6666666666666666ull;
 
 // 64 entries of a 256-byte plane.
 IMG_AVX512 inline __m512i Look(const uint8_t *plane, __m512i v, __mmask64 high) {
@@ -81,8 +82,8 @@ IMG_AVX512 inline __m512i Look(const uint8_t *plane, __m512i v, __mmask64 high) 
   return _mm512_mask_blend_epi8(high, a, b);
 }
 
-// The 1/256 table values of 64 pixels as four vectors of 16 floats (exact:
-// integers below 65536).
+// The table values of 64 pixels in 1/65536 units as four vectors of 16
+// floats (exact: integers below 2^24).
 IMG_AVX512 inline void Values(const uint8_t *table, __m512i v, __mmask64 high, __m512 *out) {
   const __m512i lo = Look(table, v, high), hi = Look(table + 256, v, high);
   for (int32_t q = 0; q < 4; ++q)
@@ -93,14 +94,14 @@ IMG_AVX512 inline void Values(const uint8_t *table, __m512i v, __mmask64 high, _
 }  // namespace
 
 // Up to 64 pixels a step, all between the same two tile columns: their four
-// 1/256 table values by byte lookups, the blend in floats in 1/256 units,
-// s = u + wy (l - u) with u, l the horizontal blends, then S = s * 256
-// rounded to an integer (1/65536 units). The exact result is
-// floor(value + 0.5) limited to 0..255, and |exact - S / 65536| < kSlack /
-// 65536, so where S + 32768 - kSlack and S + 32768 + kSlack have the same
-// integer part, that is the result; elsewhere the lane takes Blend.
+// table values (1/256 steps) by byte lookups, as floats in 1/65536 units,
+// the blend s = u + wy (l - u) with u, l the horizontal blends, rounded to an
+// integer S. The exact result is floor(value + 0.5) limited to 0..255, and
+// |value - S / 65536| < kSlack / 65536, so where S + 32768 - kSlack and
+// S + 32768 + kSlack have the same integer part, that is the result;
+// elsewhere the lane takes Blend (MapGray8One).
 IMG_AVX512 int32_t MapGray8Avx512Certified(const GrayRun8 &run, const GrayApprox8 &approx) {
-  const __m512 wy = _mm512_set1_ps(approx.weightBelow), scale = _mm512_set1_ps(256.0f);
+  const __m512 wy = _mm512_set1_ps(approx.weightBelow);
   const __m512i low = _mm512_set1_epi32(32768 - kSlack), high = _mm512_set1_epi32(32768 + kSlack);
   for (int32_t x = 0; x < run.count;) {
     int32_t n = std::min(64, run.count - x);
@@ -114,33 +115,40 @@ IMG_AVX512 int32_t MapGray8Avx512Certified(const GrayRun8 &run, const GrayApprox
     Values(approx.upper + 2 * static_cast<std::ptrdiff_t>(r), v, top, m10);
     Values(approx.lower + 2 * static_cast<std::ptrdiff_t>(l), v, top, m01);
     Values(approx.lower + 2 * static_cast<std::ptrdiff_t>(r), v, top, m11);
-    __m512i result = _mm512_setzero_si512();
-    uint64_t unsure = 0;
+    __m128i out[4];
+    __m512i differ[4];
     for (int32_t q = 0; q < 4; ++q) {
       const auto lanes = static_cast<__mmask16>(keep >> (16 * q));
       const __m512 wx = _mm512_maskz_loadu_ps(lanes, approx.weight + x + 16 * q);
       const __m512 u = _mm512_add_ps(m00[q], _mm512_mul_ps(wx, _mm512_sub_ps(m10[q], m00[q])));
       const __m512 d = _mm512_add_ps(m01[q], _mm512_mul_ps(wx, _mm512_sub_ps(m11[q], m01[q])));
       const __m512 s = _mm512_add_ps(u, _mm512_mul_ps(wy, _mm512_sub_ps(d, u)));
-      const __m512i fixed =
-          _mm512_cvt_roundps_epi32(_mm512_mul_ps(s, scale), _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
+      const __m512i fixed = _mm512_cvt_roundps_epi32(s, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
       const __m512i below = _mm512_srai_epi32(_mm512_add_epi32(fixed, low), 16);
       const __m512i above = _mm512_srai_epi32(_mm512_add_epi32(fixed, high), 16);
-      unsure |= static_cast<uint64_t>(_mm512_mask_cmpneq_epi32_mask(lanes, below, above)) << (16 * q);
-      result = _mm512_inserti32x4(result,
-                                  _mm512_cvtusepi32_epi8(_mm512_max_epi32(below, _mm512_setzero_si512())), 0);
-      result = _mm512_alignr_epi32(result, result, 4);
+      differ[q] = _mm512_xor_si512(below, above);
+      out[q] = _mm512_cvtusepi32_epi8(below);  // 0..255 (S >= 0)
     }
-    if (unsure) {
+    const __m512i any =
+        _mm512_or_si512(_mm512_or_si512(differ[0], differ[1]), _mm512_or_si512(differ[2], differ[3]));
+    if (_mm512_test_epi32_mask(any, any) == 0) {
+      for (int32_t q = 0; q < 4; ++q)
+        _mm_mask_storeu_epi8(run.samples + x + 16 * q, static_cast<__mmask16>(keep >> (16 * q)), out[q]);
+    } else {
+      // Lanes left uncertain (perhaps only past n) take Blend, before the
+      // samples are overwritten.
       alignas(64) uint8_t bytes[64];
-      _mm512_store_si512(bytes, result);
-      for (; unsure; unsure &= unsure - 1) {
-        const int32_t i = __builtin_ctzll(unsure);
-        bytes[i] = MapGray8One(run, x + i);
+      for (int32_t q = 0; q < 4; ++q) {
+        _mm_store_si128(reinterpret_cast<__m128i *>(bytes + 16 * q), out[q]);
+        for (uint32_t unsure =
+                 _mm512_mask_test_epi32_mask(static_cast<__mmask16>(keep >> (16 * q)), differ[q], differ[q]);
+             unsure; unsure &= unsure - 1) {
+          const int32_t i = 16 * q + __builtin_ctz(unsure);
+          bytes[i] = MapGray8One(run, x + i);
+        }
       }
-      result = _mm512_load_si512(bytes);
+      _mm512_mask_storeu_epi8(run.samples + x, keep, _mm512_load_si512(bytes));
     }
-    _mm512_mask_storeu_epi8(run.samples + x, keep, result);
     x += n;
   }
   return run.count;
