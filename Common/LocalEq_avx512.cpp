@@ -157,19 +157,30 @@ IMG_AVX512 int32_t MapGray8Avx512Certified(const GrayRun8 &run, const GrayApprox
 namespace {
 
 // Evaluate16 of eight values v (next = v + 1) whose prefixes are at `at`.
-IMG_AVX512 inline __m512d Curve16(const TileCurve &c, const uint32_t *prefix, __m256i at, __m512d v,
-                                  __m512d next) {
+IMG_AVX512 inline __m512d Curve16(const TileCurve &c, __m256i below, __m512d v, __m512d next) {
   if (c.pixels == 0) return v;
-  const __m512d below =
-      _mm512_cvtepu32_pd(_mm256_i32gather_epi32(reinterpret_cast<const int *>(prefix), at, 4));
-  return _mm512_mul_pd(_mm512_add_pd(below, _mm512_mul_pd(_mm512_set1_pd(c.excessPerBin), next)),
-                       _mm512_set1_pd(c.scale));
+  return _mm512_mul_pd(
+      _mm512_add_pd(_mm512_cvtepu32_pd(below), _mm512_mul_pd(_mm512_set1_pd(c.excessPerBin), next)),
+      _mm512_set1_pd(c.scale));
+}
+
+// The prefixes of tile columns l and l + 1 at eight values (`at` indexes
+// column l): one gather of their pairs.
+IMG_AVX512 inline void Pairs(const uint32_t *prefix, __m256i at, __m256i *left, __m256i *right) {
+  const __m512i pairs = _mm512_i32gather_epi64(at, prefix, 4);
+  *left = _mm512_cvtepi64_epi32(pairs);
+  *right = _mm512_cvtepi64_epi32(_mm512_srli_epi64(pairs, 32));
+}
+
+IMG_AVX512 inline __m256i Gather(const uint32_t *prefix, __m256i at) {
+  return _mm256_i32gather_epi32(reinterpret_cast<const int *>(prefix), at, 4);
 }
 
 }  // namespace
 
 // Eight 16-bit gray pixels a step, all between the same two tile columns:
-// the four prefix counts gathered, each curve and the blend in doubles with
+// the four prefix counts gathered (as two pairs of neighbours when the
+// columns are neighbours), each curve and the blend in doubles with
 // the operations of Evaluate16 and Blend, in their order.
 IMG_AVX512 int32_t MapGray16Avx512(const GrayRun16 &run) {
   const __m512d wy = _mm512_set1_pd(run.weightBelow), half = _mm512_set1_pd(0.5), zero = _mm512_setzero_pd(),
@@ -193,10 +204,18 @@ IMG_AVX512 int32_t MapGray16Avx512(const GrayRun16 &run) {
       const __m256i base = _mm256_mullo_epi32(v, columns);
       const __m256i atLeft = _mm256_add_epi32(base, left), atRight = _mm256_add_epi32(base, right);
       const __m512d vd = _mm512_cvtepi32_pd(v), next = _mm512_add_pd(vd, one);
-      const __m512d m00 = Curve16(a, run.upper, atLeft, vd, next),
-                    m10 = Curve16(b, run.upper, atRight, vd, next);
-      const __m512d m01 = Curve16(c, run.lower, atLeft, vd, next),
-                    m11 = Curve16(d, run.lower, atRight, vd, next);
+      __m256i p00, p10, p01, p11;
+      if (r == l + 1) {
+        Pairs(run.upper, atLeft, &p00, &p10);
+        Pairs(run.lower, atLeft, &p01, &p11);
+      } else {
+        p00 = Gather(run.upper, atLeft);
+        p10 = Gather(run.upper, atRight);
+        p01 = Gather(run.lower, atLeft);
+        p11 = Gather(run.lower, atRight);
+      }
+      const __m512d m00 = Curve16(a, p00, vd, next), m10 = Curve16(b, p10, vd, next);
+      const __m512d m01 = Curve16(c, p01, vd, next), m11 = Curve16(d, p11, vd, next);
       const __m512d wx = _mm512_loadu_pd(run.weight + x);
       const __m512d upper = _mm512_add_pd(m00, _mm512_mul_pd(wx, _mm512_sub_pd(m10, m00)));
       const __m512d lower = _mm512_add_pd(m01, _mm512_mul_pd(wx, _mm512_sub_pd(m11, m01)));

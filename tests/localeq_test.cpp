@@ -133,8 +133,9 @@ TEST(LocalEqualize, UniformStaysUniform) {
       }
 }
 
-// Regions: pixels outside keep their values; every allocation failure and
-// every cancel is handled (the sweep covers every kind with its defaults).
+// Regions: pixels outside keep their values; every allocation failure (of
+// either course) and every cancel is handled (the sweep covers every kind
+// with its defaults).
 TEST(LocalEqualize, RegionsFailuresAndCancels) {
   for (const kit::Format &format : {Kind(8, ORDER_GRAY), Kind(64), Kind(4)}) {
     SCOPED_TRACE(format.Name());
@@ -157,6 +158,9 @@ TEST(LocalEqualize, RegionsFailuresAndCancels) {
     EXPECT_GT(changed, 0);
     const auto call = [](kit::Bitmap &bmp) { return Local(bmp, 8, 8, 30, 1); };
     EXPECT_GE(kit::CheckAllocationFailures(setup, call), 3);
+    // Tiles of 16x16 take the dense course where a tile holds 256 values.
+    EXPECT_GE(kit::CheckAllocationFailures(setup, [](kit::Bitmap &bmp) { return Local(bmp, 16, 16, 30, 1); }),
+              3);
     EXPECT_GE(kit::CheckCancellation(setup, call), 20);  // after each row of the bounds, twice
   }
 }
