@@ -13,13 +13,17 @@
 // A pixel takes the bilinear blend of the curves of the four nearest tile
 // centres (one or two at the edges), rounded to nearest.
 //
-// The first walk keeps the samples of the rectangle (one plane per channel,
-// or the luma); the second builds the curves of one row of tiles at a time,
-// when the rows being mapped first need them, and keeps two such rows. An
-// 8-bit curve is a table of its 256 values; a 16-bit one keeps its tile's
-// sorted distinct values with their clipped prefix counts and is evaluated
-// by binary search (a table of 65536 values per tile would cost more than
-// its pixels). Either way a pixel costs the same whatever the tile size.
+// Two courses, the same results (docs/channels.md). Tile rows (tiles of
+// fewer than N pixels): the first walk keeps the samples of the rectangle
+// (one plane per channel, or the luma); the second builds the curves of one
+// row of tiles at a time, when the rows being mapped first need them, and
+// keeps two such rows. An 8-bit curve is a table of its 256 values; a 16-bit
+// one keeps its tile's sorted distinct values with their clipped prefix
+// counts and is evaluated by binary search (a table of 65536 values per tile
+// would cost more than its pixels). Dense (tiles of at least N pixels): the
+// first walk counts every tile, all curves are built at once (16-bit: the
+// clipped prefix of every value) and the second walk maps. Either way a
+// pixel costs the same whatever the tile size.
 #include "LocalEq.h"
 
 #include <algorithm>

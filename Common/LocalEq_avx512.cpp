@@ -55,9 +55,8 @@ IMG_AVX512 int32_t MapGray8Avx512(const GrayRun8 &run) {
 namespace {
 
 // The error bound of the certified blend in 1/65536 (docs/channels.md):
-// 128 from the 1/256 tables, 7.5 from the float blend and its conversion
-// (twice that in a directed rounding mode), far below 1 from the double
-// course itself.
+// 128 from the 1/256 tables, 4 from the float blend, weights and conversion
+// (8.5 in a directed rounding mode), far below 1 from the double course.
 constexpr int32_t kSlack = 144;
 
 // Byte indices that widen the low and high bytes of pixels 16q..16q+15 into
