@@ -331,9 +331,9 @@ class LocalEqualizer {
 // The course for tiles of at least N pixels: the first walk counts every
 // tile's values straight from the rows (no copy of the samples, no mask: the
 // walk visits only the region), the curves of all tiles are built once, and
-// the second walk maps the rows in place. The counts take at most 4 bytes a
-// pixel of the rectangle (N counts a tile of at least N pixels; a pixel lies
-// in at most four tiles).
+// the second walk maps the rows in place. The counts are at most four (16-bit)
+// or eight (8-bit, two tables) a sample of the rectangle (N counts a tile of
+// at least N pixels; a pixel lies in at most four tiles).
 template <class T>
 class DenseEqualizer {
   static constexpr bool kWide = std::is_same_v<T, uint16_t>;
