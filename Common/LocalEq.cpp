@@ -354,7 +354,7 @@ class DenseEqualizer {
       curves_ = KernelBuffer<TileCurve>(tiles_, __LINE__, kSourceFile);
     else {
       tables_ = KernelBuffer<double>(tiles_ * kBins, __LINE__, kSourceFile);
-      approx_ = KernelBuffer<uint8_t>(tiles_ * 2 * kBins, __LINE__, kSourceFile);
+      approx_ = KernelBuffer<uint8_t>(static_cast<std::size_t>(x_.count) * 2 * kBins, __LINE__, kSourceFile);
     }
     const std::size_t columns = std::max<std::size_t>(width_, 1);
     plane_ = KernelBuffer<T>(columns, __LINE__, kSourceFile);
@@ -415,14 +415,6 @@ class DenseEqualizer {
           BuildTable8Avx512(counts, Limit(clip_, n, kBins), n, table);
         else
           BuildTable8Scalar(counts, Limit(clip_, n, kBins), n, table);
-        // The table in 1/256 steps, low bytes then high bytes (for the
-        // AVX-512 blend, which certifies its rounding against the table).
-        uint8_t *approx = approx_.get() + t * 2 * kBins;
-        for (uint32_t v = 0; v < kBins; ++v) {
-          const auto q = static_cast<uint32_t>(table[v] * 256.0 + 0.5);
-          approx[v] = static_cast<uint8_t>(q);
-          approx[kBins + v] = static_cast<uint8_t>(q >> 8);
-        }
       }
     } else {
       const std::size_t columns = static_cast<std::size_t>(x_.count);
@@ -466,11 +458,16 @@ class DenseEqualizer {
       if (step == 1) {
         const GrayRun8 run{p, count, l, r, w, a, b, row.w};
         int32_t done = 0;
-        if (isa >= Isa::Avx512 && planes_ == 1)
-          done = MapGray8Avx512Certified(
-              run, GrayApprox8{approx_.get() + up * 2 * kBins, approx_.get() + down * 2 * kBins,
-                               weightf_.get() + first, static_cast<float>(row.w)});
-        else if (isa >= Isa::Avx2)
+        if (isa >= Isa::Avx512 && planes_ == 1) {
+          // The row's tables, once per row (the runs of a row share them).
+          if (row.lo != approxLo_ || row.hi != approxHi_ || row.w != approxWeight_) {
+            BuildRowTables8Avx512(a, b, x_.count, row.w, approx_.get());
+            approxLo_ = row.lo;
+            approxHi_ = row.hi;
+            approxWeight_ = row.w;
+          }
+          done = MapGray8Avx512Certified(run, GrayApprox8{approx_.get(), weightf_.get() + first});
+        } else if (isa >= Isa::Avx2)
           done = MapGray8Avx2(run);
         MapGray8Scalar(run, done);
         return;
@@ -570,8 +567,10 @@ class DenseEqualizer {
   // counts of each value side by side for the tile columns, then the
   // clipped prefixes (GrayRun16).
   KernelBuffer<uint32_t> counts_;
-  KernelBuffer<double> tables_;     // 8-bit: 256 values a tile
-  KernelBuffer<uint8_t> approx_;    // 8-bit: the tables in 1/256 steps, two byte planes a tile
+  KernelBuffer<double> tables_;   // 8-bit: 256 values a tile
+  KernelBuffer<uint8_t> approx_;  // 8-bit gray: the row's tables (GrayApprox8)
+  int32_t approxLo_ = -1, approxHi_ = -1;
+  double approxWeight_ = -1.0;
   KernelBuffer<TileCurve> curves_;  // 16-bit
   KernelBuffer<T> plane_;           // one plane (or the luma) of a run
   KernelBuffer<int32_t> left_, right_;

@@ -118,18 +118,23 @@ int32_t MapGray16Avx512(const GrayRun16 &run);
 int32_t MapGray8Avx2(const GrayRun8 &run);
 int32_t MapGray8Avx512(const GrayRun8 &run);
 
-// What the certified AVX-512 blend reads besides the run: the tile tables in
-// 1/256 steps (q = (uint32_t)(table * 256 + 0.5), 256 low bytes then 256
-// high bytes a tile, at twice the run's table offsets) and the weights as
+// What the certified AVX-512 blend reads besides the run: the row's tables,
+// the tables of the tile rows above and below blended for the row and
+// rounded to 1/256 steps (q = (uint32_t)(c * 256 + 0.5) with
+// c = upper + wy (lower - upper) in doubles; 256 low bytes then 256 high
+// bytes a tile column, at twice the run's table offsets), and the weights as
 // floats.
 struct GrayApprox8 {
-  const uint8_t *upper;  // tile row above
-  const uint8_t *lower;  // tile row below
-  const float *weight;   // per pixel: weight of the right tile
-  float weightBelow;
+  const uint8_t *row;
+  const float *weight;  // per pixel: weight of the right tile
 };
 
-// The whole run: the blend in floats from the 1/256 tables, kept where the
+// The row's tables of `columns` tile columns from the double tables of the
+// tile rows above and below (256 values a tile column).
+void BuildRowTables8Avx512(const double *upper, const double *lower, int32_t columns, double weightBelow,
+                           uint8_t *row);
+
+// The whole run: the blend in floats from the row's tables, kept where the
 // error bound (docs/channels.md) leaves a single rounded result, the exact
 // double Blend elsewhere. Returns run.count.
 int32_t MapGray8Avx512Certified(const GrayRun8 &run, const GrayApprox8 &approx);

@@ -55,8 +55,8 @@ IMG_AVX512 int32_t MapGray8Avx512(const GrayRun8 &run) {
 namespace {
 
 // The error bound of the certified blend in 1/65536 (docs/channels.md):
-// 128 from the 1/256 tables, 4 from the float blend, weights and conversion
-// (8.5 in a directed rounding mode), far below 1 from the double course.
+// 128 from the 1/256 row tables, 2 from the float blend, weight and
+// conversion (3.5 in a directed rounding mode), far below 1 from the doubles.
 constexpr int32_t kSlack = 144;
 
 // Byte indices that widen the low and high bytes of pixels 16q..16q+15 into
@@ -92,15 +92,34 @@ IMG_AVX512 inline void Values(const uint8_t *table, __m512i v, __mmask64 high, _
 
 }  // namespace
 
-// Up to 64 pixels a step, all between the same two tile columns: their four
-// table values (1/256 steps) by byte lookups, as floats in 1/65536 units,
-// the blend s = u + wy (l - u) with u, l the horizontal blends, rounded to an
-// integer S. The exact result is floor(value + 0.5) limited to 0..255, and
+// The row's tables: c = upper + wy (lower - upper) in doubles, sixteen values
+// a step, q = (uint32_t)(c * 256 + 0.5) split into its low and high bytes.
+IMG_AVX512 void BuildRowTables8Avx512(const double *upper, const double *lower, int32_t columns,
+                                      double weightBelow, uint8_t *row) {
+  const __m512d wy = _mm512_set1_pd(weightBelow), scale = _mm512_set1_pd(256.0), half = _mm512_set1_pd(0.5);
+  for (int32_t t = 0; t < columns; ++t, upper += 256, lower += 256, row += 512)
+    for (int32_t v = 0; v < 256; v += 16) {
+      __m256i q[2];
+      for (int32_t h = 0; h < 2; ++h) {
+        const __m512d a = _mm512_loadu_pd(upper + v + 8 * h), b = _mm512_loadu_pd(lower + v + 8 * h);
+        const __m512d c = _mm512_add_pd(a, _mm512_mul_pd(wy, _mm512_sub_pd(b, a)));
+        q[h] = _mm512_cvttpd_epi32(_mm512_add_pd(_mm512_mul_pd(c, scale), half));
+      }
+      const __m512i both = _mm512_inserti64x4(_mm512_castsi256_si512(q[0]), q[1], 1);
+      _mm_storeu_si128(reinterpret_cast<__m128i *>(row + v), _mm512_cvtepi32_epi8(both));
+      _mm_storeu_si128(reinterpret_cast<__m128i *>(row + 256 + v),
+                       _mm512_cvtepi32_epi8(_mm512_srli_epi32(both, 8)));
+    }
+}
+
+// Up to 64 pixels a step, all between the same two tile columns: their two
+// row table values (1/256 steps) by byte lookups, as floats in 1/65536
+// units, the blend s = c0 + wx (c1 - c0), rounded to an integer S. The exact
+// result is floor(value + 0.5) limited to 0..255, and
 // |value - S / 65536| < kSlack / 65536, so where S + 32768 - kSlack and
 // S + 32768 + kSlack have the same integer part, that is the result;
 // elsewhere the lane takes Blend (MapGray8One).
 IMG_AVX512 int32_t MapGray8Avx512Certified(const GrayRun8 &run, const GrayApprox8 &approx) {
-  const __m512 wy = _mm512_set1_ps(approx.weightBelow);
   const __m512i low = _mm512_set1_epi32(32768 - kSlack), high = _mm512_set1_epi32(32768 + kSlack);
   for (int32_t x = 0; x < run.count;) {
     int32_t n = std::min(64, run.count - x);
@@ -109,19 +128,15 @@ IMG_AVX512 int32_t MapGray8Avx512Certified(const GrayRun8 &run, const GrayApprox
     const __mmask64 keep = n == 64 ? ~0ull : (1ull << n) - 1;
     const __m512i v = _mm512_maskz_loadu_epi8(keep, run.samples + x);
     const __mmask64 top = _mm512_movepi8_mask(v);
-    __m512 m00[4], m10[4], m01[4], m11[4];
-    Values(approx.upper + 2 * static_cast<std::ptrdiff_t>(l), v, top, m00);
-    Values(approx.upper + 2 * static_cast<std::ptrdiff_t>(r), v, top, m10);
-    Values(approx.lower + 2 * static_cast<std::ptrdiff_t>(l), v, top, m01);
-    Values(approx.lower + 2 * static_cast<std::ptrdiff_t>(r), v, top, m11);
+    __m512 c0[4], c1[4];
+    Values(approx.row + 2 * static_cast<std::ptrdiff_t>(l), v, top, c0);
+    Values(approx.row + 2 * static_cast<std::ptrdiff_t>(r), v, top, c1);
     __m128i out[4];
     __m512i differ[4];
     for (int32_t q = 0; q < 4; ++q) {
       const auto lanes = static_cast<__mmask16>(keep >> (16 * q));
       const __m512 wx = _mm512_maskz_loadu_ps(lanes, approx.weight + x + 16 * q);
-      const __m512 u = _mm512_add_ps(m00[q], _mm512_mul_ps(wx, _mm512_sub_ps(m10[q], m00[q])));
-      const __m512 d = _mm512_add_ps(m01[q], _mm512_mul_ps(wx, _mm512_sub_ps(m11[q], m01[q])));
-      const __m512 s = _mm512_add_ps(u, _mm512_mul_ps(wy, _mm512_sub_ps(d, u)));
+      const __m512 s = _mm512_add_ps(c0[q], _mm512_mul_ps(wx, _mm512_sub_ps(c1[q], c0[q])));
       const __m512i fixed = _mm512_cvt_roundps_epi32(s, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
       const __m512i below = _mm512_srai_epi32(_mm512_add_epi32(fixed, low), 16);
       const __m512i above = _mm512_srai_epi32(_mm512_add_epi32(fixed, high), 16);
