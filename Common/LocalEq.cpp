@@ -13,13 +13,17 @@
 // A pixel takes the bilinear blend of the curves of the four nearest tile
 // centres (one or two at the edges), rounded to nearest.
 //
-// The first walk keeps the samples of the rectangle (one plane per channel,
-// or the luma); the second builds the curves of one row of tiles at a time,
-// when the rows being mapped first need them, and keeps two such rows. An
-// 8-bit curve is a table of its 256 values; a 16-bit one keeps its tile's
-// sorted distinct values with their clipped prefix counts and is evaluated
-// by binary search (a table of 65536 values per tile would cost more than
-// its pixels). Either way a pixel costs the same whatever the tile size.
+// Two courses, the same results (docs/channels.md). Tile rows (tiles of
+// fewer than N pixels): the first walk keeps the samples of the rectangle
+// (one plane per channel, or the luma); the second builds the curves of one
+// row of tiles at a time, when the rows being mapped first need them, and
+// keeps two such rows. An 8-bit curve is a table of its 256 values; a 16-bit
+// one keeps its tile's sorted distinct values with their clipped prefix
+// counts and is evaluated by binary search (a table of 65536 values per tile
+// would cost more than its pixels). Dense (tiles of at least N pixels): the
+// first walk counts every tile, all curves are built at once (16-bit: the
+// clipped prefix of every value) and the second walk maps. Either way a
+// pixel costs the same whatever the tile size.
 #include "LocalEq.h"
 
 #include <algorithm>
@@ -140,14 +144,20 @@ class LocalEqualizer {
     return RC_SUCCESS;
   }
 
-  // Where the first walk keeps plane c of an image row (from the rectangle's
-  // left edge), and the row's mask.
-  T *Samples(int32_t py, int32_t c) {
-    return samples_.get() +
-           (static_cast<std::size_t>(c) * height_ + static_cast<std::size_t>(py - y_.start)) * width_;
-  }
-  uint8_t *Mask(int32_t py) {
-    return masked_ ? mask_.get() + static_cast<std::size_t>(py - y_.start) * width_ : nullptr;
+  // The first walk: keeps the samples of image columns left..right of row
+  // py (each plane, or the luma) and marks them in the mask.
+  void Keep(int32_t py, int32_t left, int32_t right, const T *p, int32_t channels, bool luma) {
+    constexpr int32_t top = kBins - 1;
+    const std::size_t at = static_cast<std::size_t>(py - y_.start) * width_ + (left - x_.start);
+    if (masked_) std::memset(mask_.get() + at, 1, static_cast<std::size_t>(right - left));
+    T *kept = samples_.get() + at;
+    const std::size_t plane = height_ * width_;
+    for (int32_t k = 0; k < right - left; ++k, p += channels) {
+      if (luma)
+        kept[k] = static_cast<T>(LumaForward(p[2], p[1], p[0], top).y);
+      else
+        for (int32_t c = 0; c < planes_; ++c) kept[c * plane + k] = p[c];
+    }
   }
 
   const Place &Row(int32_t py) const { return rows_[static_cast<std::size_t>(py - y_.start)]; }
@@ -195,6 +205,8 @@ class LocalEqualizer {
   }
 
   // Builds the curves of the tile rows a row lies between, when not built.
+  void Finish() {}
+
   void Prepare(const Place &row) {
     if (width_ == 0 || height_ == 0) return;
     Build(row.lo);
@@ -316,36 +328,270 @@ class LocalEqualizer {
   Slot slots_[2];
 };
 
+// The course for tiles of at least N pixels: the first walk counts every
+// tile's values straight from the rows (no copy of the samples, no mask: the
+// walk visits only the region), the curves of all tiles are built once, and
+// the second walk maps the rows in place. The counts are at most four (16-bit)
+// or eight (8-bit, two tables) a sample of the rectangle (N counts a tile of
+// at least N pixels; a pixel lies in at most four tiles).
 template <class T>
-int32_t Run(Isa isa, RowPass &pass, const Rect &bounds, int32_t tileWidth, int32_t tileHeight, uint32_t clip,
-            bool luminance) {
+class DenseEqualizer {
+  static constexpr bool kWide = std::is_same_v<T, uint16_t>;
+  static constexpr uint32_t kBins = kWide ? 65536u : 256u;
+
+ public:
+  DenseEqualizer(Isa isa, const Axis &x, const Axis &y, int32_t planes, uint32_t clip)
+      : isa_(isa), x_(x), y_(y), planes_(planes), clip_(clip) {
+    width_ = static_cast<std::size_t>(x.extent > 0 ? x.extent : 0);
+    height_ = static_cast<std::size_t>(y.extent > 0 ? y.extent : 0);
+    tiles_ = static_cast<std::size_t>(x.count) * static_cast<std::size_t>(y.count) *
+             static_cast<std::size_t>(planes);
+  }
+
+  int32_t Allocate() {
+    counts_ = KernelBuffer<uint32_t>(tiles_ * (kWide ? kBins : 2 * kBins), __LINE__, kSourceFile);
+    if constexpr (kWide)
+      curves_ = KernelBuffer<TileCurve>(tiles_, __LINE__, kSourceFile);
+    else {
+      tables_ = KernelBuffer<double>(tiles_ * kBins, __LINE__, kSourceFile);
+      approx_ = KernelBuffer<uint8_t>(static_cast<std::size_t>(x_.count) * 2 * kBins, __LINE__, kSourceFile);
+    }
+    const std::size_t columns = std::max<std::size_t>(width_, 1);
+    plane_ = KernelBuffer<T>(columns, __LINE__, kSourceFile);
+    left_ = KernelBuffer<int32_t>(columns, __LINE__, kSourceFile);
+    right_ = KernelBuffer<int32_t>(columns, __LINE__, kSourceFile);
+    weight_ = KernelBuffer<double>(columns, __LINE__, kSourceFile);
+    weightf_ = KernelBuffer<float>(columns, __LINE__, kSourceFile);
+    rows_ = KernelBuffer<Place>(std::max<std::size_t>(height_, 1), __LINE__, kSourceFile);
+    if (!counts_ || (kWide ? !curves_ : !tables_ || !approx_) || !plane_ || !left_ || !right_ || !weight_ ||
+        !weightf_ || !rows_)
+      return RC_NO_MEMORY;
+    // Columns: offsets of the tables of the tiles around each in a row of
+    // tiles (8-bit), or their tile columns (16-bit).
+    const int32_t stride = kWide ? 1 : planes_ * static_cast<int32_t>(kBins);
+    for (int32_t p = 0, i = 0; p < x_.extent; ++p) {
+      int32_t lo, hi;
+      x_.Between(p, i, &lo, &hi, &weight_[p]);
+      weightf_[p] = static_cast<float>(weight_[p]);
+      left_[p] = lo * stride;
+      right_[p] = hi * stride;
+    }
+    for (int32_t p = 0, i = 0; p < y_.extent; ++p) y_.Between(p, i, &rows_[p].lo, &rows_[p].hi, &rows_[p].w);
+    return RC_SUCCESS;
+  }
+
+  // The first walk: counts the samples of image columns left..right of row
+  // py (each plane, or the luma) in the tiles that hold them.
+  void Keep(int32_t py, int32_t left, int32_t right, const T *p, int32_t channels, bool luma) {
+    constexpr int32_t top = kBins - 1;
+    const int32_t count = right - left, rel = py - y_.start, a = left - x_.start;
+    for (int32_t c = 0; c < planes_; ++c) {
+      const T *s = p;
+      if (channels > 1) {
+        T *plane = plane_.get();
+        for (int32_t k = 0; k < count; ++k) {
+          const T *q = p + static_cast<std::ptrdiff_t>(k) * channels;
+          plane[k] = luma ? static_cast<T>(LumaForward(q[2], q[1], q[0], top).y) : q[c];
+        }
+        s = plane;
+      }
+      const int32_t ty = rel / y_.tile;
+      if (ty < y_.count - 1) CountRow(ty, c, a, a + count, s);
+      if (rel >= y_.extent - y_.tile) CountRow(y_.count - 1, c, a, a + count, s);
+    }
+  }
+
+  // Builds every tile's curve from its counts.
+  void Finish() {
+    if constexpr (!kWide) {
+      for (std::size_t t = 0; t < tiles_; ++t) {
+        uint32_t *counts = counts_.get() + t * 2 * kBins;
+        uint32_t n = 0;
+        for (uint32_t v = 0; v < kBins; ++v) n += counts[v] += counts[kBins + v];
+        double *table = tables_.get() + t * kBins;
+        if (n == 0)
+          for (uint32_t v = 0; v < kBins; ++v) table[v] = v;
+        else if (isa_ >= Isa::Avx512)
+          BuildTable8Avx512(counts, Limit(clip_, n, kBins), n, table);
+        else
+          BuildTable8Scalar(counts, Limit(clip_, n, kBins), n, table);
+      }
+    } else {
+      const std::size_t columns = static_cast<std::size_t>(x_.count);
+      for (std::size_t t = 0; t < tiles_; ++t) {
+        // Clipped prefix counts in place: the sums of the sorted distinct
+        // values of the other course, for every value.
+        uint32_t *counts = counts_.get() + (t / columns) * kBins * columns + t % columns;
+        uint32_t n = 0;
+        for (uint32_t v = 0; v < kBins; ++v) n += counts[v * columns];
+        const uint32_t limit = n ? Limit(clip_, n, kBins) : 1;
+        uint32_t sum = 0, excess = 0;
+        for (uint32_t v = 0; v < kBins; ++v) {
+          uint32_t &count = counts[v * columns];
+          const uint32_t kept = count < limit ? count : limit;
+          excess += count - kept;
+          sum += kept;
+          count = sum;
+        }
+        TileCurve &curve = curves_[t];
+        curve.pixels = n;
+        curve.excessPerBin = static_cast<double>(excess) / kBins;
+        curve.scale = static_cast<double>(kBins - 1) / (n ? n : 1);
+      }
+    }
+  }
+
+  const Place &Row(int32_t py) const { return rows_[static_cast<std::size_t>(py - y_.start)]; }
+  void Prepare(const Place &) {}
+
+  // Maps plane c's samples from column `left` to `right` (image columns) of
+  // a row, `step` samples apart.
+  template <class Sample>
+  void MapRun(Isa isa, const Place &row, int32_t c, Sample *p, int32_t step, int32_t left, int32_t right) {
+    const int32_t first = left - x_.start, count = right - left;
+    const int32_t *l = left_.get() + first, *r = right_.get() + first;
+    const double *w = weight_.get() + first;
+    const std::size_t tileRow = static_cast<std::size_t>(x_.count) * planes_;
+    const std::size_t up = row.lo * tileRow, down = row.hi * tileRow;
+    if constexpr (!kWide) {
+      const double *a = tables_.get() + up * kBins + c * kBins, *b = tables_.get() + down * kBins + c * kBins;
+      if (step == 1) {
+        const GrayRun8 run{p, count, l, r, w, a, b, row.w};
+        int32_t done = 0;
+        if (isa >= Isa::Avx512 && planes_ == 1) {
+          // The row's tables, once per row (the runs of a row share them).
+          if (row.lo != approxLo_ || row.hi != approxHi_ || row.w != approxWeight_) {
+            BuildRowTables8Avx512(a, b, x_.count, row.w, approx_.get());
+            approxLo_ = row.lo;
+            approxHi_ = row.hi;
+            approxWeight_ = row.w;
+          }
+          done = MapGray8Avx512Certified(run, GrayApprox8{approx_.get(), weightf_.get() + first});
+        } else if (isa >= Isa::Avx2)
+          done = MapGray8Avx2(run);
+        MapGray8Scalar(run, done);
+        return;
+      }
+      for (int32_t k = 0; k < count; ++k, p += step) {
+        const uint32_t v = *p;
+        *p = static_cast<Sample>(
+            Blend(a[l[k] + v], a[r[k] + v], b[l[k] + v], b[r[k] + v], w[k], row.w, kBins - 1.0));
+      }
+    } else {
+      const std::size_t columns = static_cast<std::size_t>(x_.count);
+      const std::size_t above = static_cast<std::size_t>(row.lo) * planes_ + c,
+                        below = static_cast<std::size_t>(row.hi) * planes_ + c;
+      GrayRun16 run{nullptr,
+                    count,
+                    l,
+                    r,
+                    w,
+                    counts_.get() + above * kBins * columns,
+                    counts_.get() + below * kBins * columns,
+                    curves_.get() + above * columns,
+                    curves_.get() + below * columns,
+                    x_.count,
+                    row.w};
+      if (step == 1) {
+        run.samples = p;
+        const int32_t done = isa >= Isa::Avx512 && x_.count < 32768 ? MapGray16Avx512(run) : 0;
+        for (int32_t k = done; k < count; ++k) p[k] = MapGray16One(run, k);
+        return;
+      }
+      for (int32_t k = 0; k < count; ++k, p += step) {
+        uint16_t v = *p;
+        GrayRun16 one = run;
+        one.samples = &v;
+        one.left = l + k;
+        one.right = r + k;
+        one.weight = w + k;
+        *p = MapGray16One(one, 0);
+      }
+    }
+  }
+
+  // The blended, rounded value of v in plane c at image column px.
+  uint32_t Map(const Place &row, int32_t px, int32_t c, uint32_t v) {
+    T sample = static_cast<T>(v);
+    MapRun(Isa::Scalar, row, c, &sample, 1, px, px + 1);
+    return sample;
+  }
+
+ private:
+  // Counts the samples s of rectangle columns a..b in tile row ty.
+  void CountRow(int32_t ty, int32_t c, int32_t a, int32_t b, const T *s) {
+    const std::size_t block = static_cast<std::size_t>(ty) * planes_ + static_cast<std::size_t>(c);
+    const auto count = [&](int32_t tx, int32_t from, int32_t to) {
+      if constexpr (kWide)
+        Histogram16(s + (from - a), to - from, counts_.get() + block * kBins * x_.count + tx, x_.count);
+      else
+        Histogram8(
+            s + (from - a), to - from,
+            counts_.get() + ((static_cast<std::size_t>(ty) * x_.count + tx) * planes_ + c) * 2 * kBins);
+    };
+    for (int32_t tx = a / x_.tile; tx < x_.count - 1 && tx * x_.tile < b; ++tx)
+      count(tx, std::max(a, tx * x_.tile), std::min(b, (tx + 1) * x_.tile));
+    const int32_t from = std::max(a, x_.extent - x_.tile);
+    if (from < b) count(x_.count - 1, from, b);
+  }
+
+  // Two interleaved count tables (eight samples a step), so that runs of
+  // equal samples do not wait on one counter.
+  static void Histogram8(const uint8_t *s, int32_t n, uint32_t *counts) {
+    uint32_t *odd = counts + kBins;
+    int32_t k = 0;
+    for (; k + 8 <= n; k += 8) {
+      uint64_t w;
+      std::memcpy(&w, s + k, 8);
+      ++counts[w & 255];
+      ++odd[(w >> 8) & 255];
+      ++counts[(w >> 16) & 255];
+      ++odd[(w >> 24) & 255];
+      ++counts[(w >> 32) & 255];
+      ++odd[(w >> 40) & 255];
+      ++counts[(w >> 48) & 255];
+      ++odd[w >> 56];
+    }
+    for (; k < n; ++k) ++counts[s[k]];
+  }
+  static void Histogram16(const uint16_t *s, int32_t n, uint32_t *counts, std::size_t columns) {
+    for (int32_t k = 0; k < n; ++k) ++counts[s[k] * columns];
+  }
+
+  Isa isa_;
+  Axis x_, y_;
+  int32_t planes_;
+  uint32_t clip_;
+  std::size_t width_ = 0, height_ = 0, tiles_ = 0;
+  // 8-bit: two count tables a tile. 16-bit: per row of tiles and plane, the
+  // counts of each value side by side for the tile columns, then the
+  // clipped prefixes (GrayRun16).
+  KernelBuffer<uint32_t> counts_;
+  KernelBuffer<double> tables_;   // 8-bit: 256 values a tile
+  KernelBuffer<uint8_t> approx_;  // 8-bit gray: the row's tables (GrayApprox8)
+  int32_t approxLo_ = -1, approxHi_ = -1;
+  double approxWeight_ = -1.0;
+  KernelBuffer<TileCurve> curves_;  // 16-bit
+  KernelBuffer<T> plane_;           // one plane (or the luma) of a run
+  KernelBuffer<int32_t> left_, right_;
+  KernelBuffer<double> weight_;
+  KernelBuffer<float> weightf_;
+  KernelBuffer<Place> rows_;
+};
+
+// The two walks of either course.
+template <class T, class Eq>
+int32_t Walk(Eq &eq, Isa isa, RowPass &pass, int32_t planes, bool luma) {
   constexpr int32_t top = std::is_same_v<T, uint16_t> ? 65535 : 255;
-  const bool gray = pass.channels() < 3;
-  const int32_t planes = gray || luminance ? 1 : 3;
-  const bool luma = luminance && !gray;
-  LocalEqualizer<T> eq(isa, Axis(bounds.Left, bounds.Right - bounds.Left, tileWidth),
-                       Axis(bounds.Top, bounds.Bottom - bounds.Top, tileHeight), planes, clip,
-                       ::BitmapHasRegion(pass.bitmap()) != 0);
   if (const int32_t status = eq.Allocate(); status != RC_SUCCESS) return status;
   int32_t status = pass.RunRows([&](auto &row) {
-    if constexpr (std::is_same_v<std::remove_reference_t<decltype(*row.samples)>, T>) {
-      uint8_t *mask = eq.Mask(row.y);
-      T *kept[3] = {eq.Samples(row.y, 0), planes > 1 ? eq.Samples(row.y, 1) : nullptr,
-                    planes > 1 ? eq.Samples(row.y, 2) : nullptr};
+    if constexpr (std::is_same_v<std::remove_reference_t<decltype(*row.samples)>, T>)
       row.ForEachRun([&](int32_t left, int32_t right) {
-        const auto *p = row.Pixel(left);
-        const int32_t at = left - bounds.Left;
-        if (mask) std::memset(mask + at, 1, static_cast<std::size_t>(right - left));
-        for (int32_t k = 0; k < right - left; ++k, p += row.channels) {
-          if (luma)
-            kept[0][at + k] = static_cast<T>(LumaForward(p[2], p[1], p[0], top).y);
-          else
-            for (int32_t c = 0; c < planes; ++c) kept[c][at + k] = p[c];
-        }
+        eq.Keep(row.y, left, right, row.Pixel(left), row.channels, luma);
       });
-    }
   });
   if (status != RC_SUCCESS) return status;
+  eq.Finish();
   pass.SetWalk({50, 100, true}, true);
   return pass.RunRows([&](auto &row) {
     if constexpr (std::is_same_v<std::remove_reference_t<decltype(*row.samples)>, T>) {
@@ -372,17 +618,36 @@ int32_t Run(Isa isa, RowPass &pass, const Rect &bounds, int32_t tileWidth, int32
   });
 }
 
+template <class T>
+int32_t Run(Isa isa, Course course, RowPass &pass, const Rect &bounds, int32_t tileWidth, int32_t tileHeight,
+            uint32_t clip, bool luminance) {
+  const bool gray = pass.channels() < 3;
+  const int32_t planes = gray || luminance ? 1 : 3;
+  const bool luma = luminance && !gray;
+  const Axis x(bounds.Left, bounds.Right - bounds.Left, tileWidth),
+      y(bounds.Top, bounds.Bottom - bounds.Top, tileHeight);
+  constexpr int64_t bins = std::is_same_v<T, uint16_t> ? 65536 : 256;
+  if (course == Course::Auto)
+    course = static_cast<int64_t>(x.tile) * y.tile >= bins ? Course::Dense : Course::TileRows;
+  if (course == Course::Dense) {
+    DenseEqualizer<T> eq(isa, x, y, planes, clip);
+    return Walk<T>(eq, isa, pass, planes, luma);
+  }
+  LocalEqualizer<T> eq(isa, x, y, planes, clip, ::BitmapHasRegion(pass.bitmap()) != 0);
+  return Walk<T>(eq, isa, pass, planes, luma);
+}
+
 }  // namespace
 
 int32_t Equalize(Isa isa, BitmapRecord *bitmap, int32_t tileWidth, int32_t tileHeight, uint32_t clip,
-                 bool luminance) {
+                 bool luminance, Course course) {
   RowPass pass(bitmap,
                RowSetup{.progress = {0, 50, true}, .write = false, .progressAt = ProgressPoint::AfterRow});
   if (pass.status() != RC_SUCCESS) return pass.status();
   Rect bounds{};
   if (const int32_t status = ::GetRegionBounds(bitmap, nullptr, &bounds); status != RC_SUCCESS) return status;
-  return pass.wide() ? Run<uint16_t>(isa, pass, bounds, tileWidth, tileHeight, clip, luminance)
-                     : Run<uint8_t>(isa, pass, bounds, tileWidth, tileHeight, clip, luminance);
+  return pass.wide() ? Run<uint16_t>(isa, course, pass, bounds, tileWidth, tileHeight, clip, luminance)
+                     : Run<uint8_t>(isa, course, pass, bounds, tileWidth, tileHeight, clip, luminance);
 }
 
 }  // namespace img::localeq

@@ -133,8 +133,9 @@ TEST(LocalEqualize, UniformStaysUniform) {
       }
 }
 
-// Regions: pixels outside keep their values; every allocation failure and
-// every cancel is handled (the sweep covers every kind with its defaults).
+// Regions: pixels outside keep their values; every allocation failure (of
+// either course) and every cancel is handled (the sweep covers every kind
+// with its defaults).
 TEST(LocalEqualize, RegionsFailuresAndCancels) {
   for (const kit::Format &format : {Kind(8, ORDER_GRAY), Kind(64), Kind(4)}) {
     SCOPED_TRACE(format.Name());
@@ -157,28 +158,41 @@ TEST(LocalEqualize, RegionsFailuresAndCancels) {
     EXPECT_GT(changed, 0);
     const auto call = [](kit::Bitmap &bmp) { return Local(bmp, 8, 8, 30, 1); };
     EXPECT_GE(kit::CheckAllocationFailures(setup, call), 3);
+    // Tiles of 16x16 take the dense course where a tile holds 256 values.
+    EXPECT_GE(kit::CheckAllocationFailures(setup, [](kit::Bitmap &bmp) { return Local(bmp, 16, 16, 30, 1); }),
+              3);
     EXPECT_GE(kit::CheckCancellation(setup, call), 20);  // after each row of the bounds, twice
   }
 }
 
-// Every instruction set gives the scalar result: the 8-bit gray rows take the
-// SIMD blend and table loops, the other kinds share the course around them.
-TEST(LocalEqualize, InstructionSetsMatchScalar) {
+// Every instruction set and both courses give the result of the scalar tile
+// rows: the 8-bit gray rows take the SIMD blend and table loops (the dense
+// course's AVX-512 blend certifies each pixel or falls back to the doubles),
+// the other kinds share the course around them. Tiles that do not divide the
+// bitmap overlap at the edges; the region leaves pixels of tiles uncounted.
+TEST(LocalEqualize, InstructionSetsAndCoursesMatchScalar) {
+  using img::localeq::Course;
   for (const kit::Format &format : {Kind(8, ORDER_GRAY), Kind(16, ORDER_GRAY), Kind(24), Kind(64), Kind(8)})
     for (const bool region : {false, true})
-      for (const auto &[tile, clip, mode] : {std::tuple{8, 0u, 1u}, {13, 30u, 1u}, {37, 1000u, 2u}}) {
+      for (const auto &[tile, clip, mode] :
+           {std::tuple{8, 0u, 1u}, {13, 30u, 1u}, {37, 1000u, 2u}, {64, 20u, 1u}, {150, 0u, 1u}}) {
         SCOPED_TRACE(format.Name() + (region ? " region" : "") + " tile " + std::to_string(tile));
-        const auto run = [&](img::Isa isa) {
-          kit::Bitmap b(format, 53, 41);
+        const auto run = [&](img::Isa isa, Course course) {
+          kit::Bitmap b(format, 157, 67);
           b.Randomize(5);
-          if (region) kit::SetEllipseRegion(b, 3, 2, 50, 40);
-          EXPECT_EQ(img::localeq::Equalize(isa, b, tile, tile + 1, clip, mode == 2), RC_SUCCESS);
+          if (region) kit::SetEllipseRegion(b, 3, 2, 150, 66);
+          EXPECT_EQ(img::localeq::Equalize(isa, b, tile, tile / 2 + 9, clip, mode == 2, course), RC_SUCCESS);
           return b.StoredBytes();
         };
-        const auto scalar = run(img::Isa::Scalar);
+        const auto scalar = run(img::Isa::Scalar, Course::TileRows);
+        const bool wide = format.bits == 64 || (format.bits == 16 && format.IsGray());
         for (const img::Isa isa : img::kAllIsas) {
           if (!img::IsaAvailable(isa)) continue;
-          EXPECT_EQ(run(isa), scalar) << img::IsaName(isa);
+          for (const Course course : {Course::TileRows, Course::Dense})
+            if (course == Course::TileRows || !wide || tile >= 64) {  // 65536 counts a tile
+              EXPECT_EQ(run(isa, course), scalar)
+                  << img::IsaName(isa) << (course == Course::Dense ? " dense" : "");
+            }
         }
       }
 }
