@@ -120,21 +120,19 @@ Colour FromLab(const Scale &s, const Lab &lab) {
           Limit(3.240479 * X - 1.537150 * Y - 0.498535 * Z, 0, s.max)};
 }
 
-// What the call does to a colour, from its byte Lab.
+// What the call does to a colour's byte Lab before it goes back.
 struct Recolour {
-  Scale scale;
   Lab replacement;
   int64_t threshold;  // a* at or above it matches
   double factor;
 
-  Colour operator()(Lab lab) const {
+  void operator()(Lab &lab) const {
     if (lab.a >= threshold) {
       lab.b = replacement.b;
       lab.a = replacement.a;
       const double L = lab.L * factor;
       lab.L = static_cast<int32_t>(L < 0 ? 0 : L > 100 ? 100 : L);
     }
-    return FromLab(scale, lab);
   }
 };
 
@@ -167,8 +165,7 @@ int32_t RemoveRedeye(BitmapRecord *bitmap, uint32_t newColor, int32_t threshold,
   const bool wide = pass.wide();
   const Scale scale = wide ? kScale16 : kScale8;
   const int32_t widen = wide ? 257 : 1;
-  const Recolour recolour{scale,
-                          ToLab(scale, static_cast<int32_t>(newColor & 0xFF) * widen,
+  const Recolour recolour{ToLab(scale, static_cast<int32_t>(newColor & 0xFF) * widen,
                                 static_cast<int32_t>((newColor >> 8) & 0xFF) * widen,
                                 static_cast<int32_t>((newColor >> 16) & 0xFF) * widen),
                           static_cast<int64_t>(threshold) - 128, lightness / 100.0};
@@ -185,15 +182,16 @@ int32_t RemoveRedeye(BitmapRecord *bitmap, uint32_t newColor, int32_t threshold,
     int32_t count = 0;
     const auto finish = [&] {
       redeye::ToLabBatch(isa, scale, batch, count);
+      for (int32_t i = 0; i < count; ++i) recolour(batch.lab[i]);
+      redeye::FromLabBatch(isa, scale, batch, count);
       for (int32_t i = 0; i < count; ++i) {
-        const Colour o = recolour(batch.lab[i]);
         T *p = targets[i];
-        p[0] = static_cast<T>(o.b);
-        p[1] = static_cast<T>(o.g);
-        p[2] = static_cast<T>(o.r);
+        p[0] = static_cast<T>(batch.b[i]);
+        p[1] = static_cast<T>(batch.g[i]);
+        p[2] = static_cast<T>(batch.r[i]);
         if constexpr (sizeof(T) == 1)
-          cache.Put(colours[i], static_cast<uint32_t>(o.b) | static_cast<uint32_t>(o.g) << 8 |
-                                    static_cast<uint32_t>(o.r) << 16);
+          cache.Put(colours[i], static_cast<uint32_t>(batch.b[i]) | static_cast<uint32_t>(batch.g[i]) << 8 |
+                                    static_cast<uint32_t>(batch.r[i]) << 16);
       }
       count = 0;
     };
@@ -236,6 +234,16 @@ void redeye::ToLabBatch(Isa isa, const Scale &s, Batch &batch, int32_t n) {
     return;
   }
   for (int32_t i = 0; i < n; ++i) batch.lab[i] = ToLabQuick(s, batch.r[i], batch.g[i], batch.b[i]);
+}
+
+void redeye::FromLabBatch(Isa isa, const Scale &s, Batch &batch, int32_t n) {
+  if (isa >= Isa::Avx512) return FromLabLanesAvx512(s, batch, n);
+  for (int32_t i = 0; i < n; ++i) {
+    const Colour o = FromLab(s, batch.lab[i]);
+    batch.r[i] = o.r;
+    batch.g[i] = o.g;
+    batch.b[i] = o.b;
+  }
 }
 
 Lab redeye::ToLabExact(bool wide, int32_t r, int32_t g, int32_t b) {

@@ -56,8 +56,16 @@ struct Batch {
 // converted too.
 void ToLabLanesAvx512(const Scale &s, Batch &batch, int32_t n, uint64_t &unclear);
 
-// lab[i] = ToLabExact of colour i for i < n, by the instruction set's path.
+// The back conversion of lab[i] for i < n into r, g and b (the same doubles
+// as the scalar form, so the same samples); entries up to the next multiple
+// of 8 are converted too.
+void FromLabLanesAvx512(const Scale &s, Batch &batch, int32_t n);
+
+// lab[i] = ToLabExact of colour i for i < n, by the instruction set's path
+// (AVX-512 lanes, else the scalar fast form).
 void ToLabBatch(Isa isa, const Scale &s, Batch &batch, int32_t n);
+// r, g, b [i] = the colour of lab[i] for i < n, by the instruction set's path.
+void FromLabBatch(Isa isa, const Scale &s, Batch &batch, int32_t n);
 
 }  // namespace redeye
 }  // namespace img

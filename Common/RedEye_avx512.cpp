@@ -66,7 +66,56 @@ IMG_REDEYE_INLINE __m512d Row(__m512d R, __m512d G, __m512d B, double cr, double
                        Set(white));
 }
 
+// f^-1(u): u^3 above 0.206893, else (u - 16/116) / 7.787.
+IMG_REDEYE_INLINE __m512d FInverse(__m512d u) {
+  const __mmask8 above = _mm512_cmp_pd_mask(u, Set(0.206893), _CMP_GT_OQ);
+  const __m512d cube = _mm512_mul_pd(_mm512_mul_pd(u, u), u);
+  return _mm512_mask_blend_pd(above, _mm512_div_pd(_mm512_sub_pd(u, Set(16.0 / 116.0)), Set(7.787)), cube);
+}
+
+// v + 0.5 limited to 0..max and truncated.
+IMG_REDEYE_INLINE __m256i LimitSample(__m512d v, double max) {
+  return _mm512_cvttpd_epi32(_mm512_min_pd(_mm512_max_pd(_mm512_add_pd(v, Set(0.5)), Set(0)), Set(max)));
+}
+
+// c1 X -/+ c2 Y -/+ c3 Z, left to right as the scalar form writes it (a
+// subtraction stays a subtraction).
+IMG_REDEYE_INLINE __m512d Dot(__m512d X, __m512d Y, __m512d Z, double c1, double c2, bool minus2, double c3,
+                              bool minus3) {
+  const __m512d x = _mm512_mul_pd(Set(c1), X), y = _mm512_mul_pd(Set(c2), Y), z = _mm512_mul_pd(Set(c3), Z);
+  const __m512d xy = minus2 ? _mm512_sub_pd(x, y) : _mm512_add_pd(x, y);
+  return minus3 ? _mm512_sub_pd(xy, z) : _mm512_add_pd(xy, z);
+}
+
 }  // namespace
+
+__attribute__((target("avx512f,avx512dq"))) void FromLabLanesAvx512(const Scale &s, Batch &batch, int32_t n) {
+  for (int32_t i = 0; i < n; i += 8) {
+    alignas(32) int32_t l8[8], a8[8], b8[8];
+    for (int32_t k = 0; k < 8; ++k) {
+      l8[k] = batch.lab[i + k].L;
+      a8[k] = batch.lab[i + k].a;
+      b8[k] = batch.lab[i + k].b;
+    }
+    const __m256i Li = _mm256_load_si256(reinterpret_cast<const __m256i *>(l8));
+    const __m512d L = _mm512_cvtepi32_pd(Li);
+    const __m512d fy =
+        _mm512_div_pd(_mm512_cvtepi32_pd(_mm256_add_epi32(Li, _mm256_set1_epi32(16))), Set(116.0));
+    const __mmask8 above = _mm512_cmp_pd_mask(fy, Set(0.206893), _CMP_GT_OQ);
+    const __m512d Yr =
+        _mm512_mask_blend_pd(above, _mm512_div_pd(L, Set(903.3)), _mm512_mul_pd(_mm512_mul_pd(fy, fy), fy));
+    const __m512d a = _mm512_div_pd(Load(a8), Set(500.0)), b = _mm512_div_pd(Load(b8), Set(200.0));
+    const __m512d X = _mm512_mul_pd(FInverse(_mm512_add_pd(a, fy)), Set(s.xn));
+    const __m512d Y = _mm512_mul_pd(Yr, Set(s.yn));
+    const __m512d Z = _mm512_mul_pd(FInverse(_mm512_sub_pd(fy, b)), Set(s.zn));
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(batch.b + i),
+                        LimitSample(Dot(X, Y, Z, 0.055648, 0.204043, true, 1.057311, false), s.max));
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(batch.g + i),
+                        LimitSample(Dot(X, Y, Z, -0.969256, 1.875992, false, 0.041556, false), s.max));
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(batch.r + i),
+                        LimitSample(Dot(X, Y, Z, 3.240479, 1.537150, true, 0.498535, true), s.max));
+  }
+}
 
 __attribute__((target("avx512f,avx512dq"))) void ToLabLanesAvx512(const Scale &s, Batch &batch, int32_t n,
                                                                   uint64_t &unclear) {

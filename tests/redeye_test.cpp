@@ -95,6 +95,28 @@ TEST(RemoveRedeye, FastLabMatchesPowEverywhere) {
   EXPECT_EQ(mismatches, 0);
 }
 
+// The back conversion of every byte Lab value on both scales: the AVX-512
+// lanes give the scalar samples (the same doubles, so no margin is needed).
+TEST(RemoveRedeye, BackLanesEqualScalar) {
+  if (!img::IsaAvailable(img::Isa::Avx512)) GTEST_SKIP() << "no AVX-512";
+  using img::redeye::Batch;
+  Batch lanes{}, scalar{};
+  int64_t mismatches = 0;
+  for (const img::redeye::Scale &scale : {img::redeye::kScale8, img::redeye::kScale16})
+    for (int32_t v = 0; v < 101 * 65536; v += Batch::kSize) {
+      for (int32_t i = 0; i < Batch::kSize; ++i)
+        lanes.lab[i] = scalar.lab[i] = {(v + i) >> 16, int32_t((v + i) >> 8 & 0xFF) - 128,
+                                        int32_t((v + i) & 0xFF) - 128};
+      img::redeye::FromLabBatch(img::Isa::Avx512, scale, lanes, Batch::kSize);
+      img::redeye::FromLabBatch(img::Isa::Scalar, scale, scalar, Batch::kSize);
+      for (int32_t i = 0; i < Batch::kSize; ++i)
+        if ((lanes.r[i] != scalar.r[i] || lanes.g[i] != scalar.g[i] || lanes.b[i] != scalar.b[i]) &&
+            ++mismatches < 5)
+          ADD_FAILURE() << "L " << lanes.lab[i].L << " a " << lanes.lab[i].a << " b " << lanes.lab[i].b;
+    }
+  EXPECT_EQ(mismatches, 0);
+}
+
 TEST(RemoveRedeye, ChecksInOrder) {
   kit::Bitmap bmp(Kind(24), 3, 2), gray8(Kind(8, ORDER_GRAY), 2, 2), gray32(Kind(32), 2, 2);
   gray32->ColorOrder = ORDER_GRAY;
