@@ -27,12 +27,10 @@ constexpr EntryRule kEntry{
 
 using redeye::Lab;
 
-// The white point times full scale, and full scale.
-struct Scale {
-  double xn, yn, zn, max;
-};
-constexpr Scale kScale8{242.36628, 255, 277.63227, 255};
-constexpr Scale kScale16{62288.13396, 65535, 71351.49339, 65535};
+using redeye::Batch;
+using redeye::kScale16;
+using redeye::kScale8;
+using redeye::Scale;
 
 inline double F(double t) { return t > 0.008856 ? std::pow(t, 1.0 / 3.0) : 7.787 * t + 16.0 / 116.0; }
 inline double FInverse(double u) { return u > 0.206893 ? u * u * u : (u - 16.0 / 116.0) / 7.787; }
@@ -56,9 +54,8 @@ Lab ToLab(const Scale &s, double R, double G, double B) {
 // exponent (the top 8 bits of the mantissa), the value at the slice's middle
 // (within 6.6e-4 relative of any t of the slice). Built at compile time by
 // Newton steps from 1, which converge for t < 4.
-constexpr int32_t kGuessExponent = 1023 - 7;  // biased exponent of 2^-7
-constexpr std::array<double, 8 * 256> kGuess = [] {
-  std::array<double, 8 * 256> g{};
+constexpr std::array<double, redeye::kGuessCount> kGuess = [] {
+  std::array<double, redeye::kGuessCount> g{};
   for (int32_t e = 0; e < 8; ++e)
     for (int32_t j = 0; j < 256; ++j) {
       double t = 1.0 + (j + 0.5) / 256.0;
@@ -77,7 +74,7 @@ constexpr std::array<double, 8 * 256> kGuess = [] {
 // that). Outside, pow.
 inline double CubeRoot(double t) {
   const uint64_t bits = std::bit_cast<uint64_t>(t);
-  const uint64_t slice = (bits >> 44) - (static_cast<uint64_t>(kGuessExponent) << 8);
+  const uint64_t slice = (bits >> 44) - redeye::kGuessBase;
   if (slice >= kGuess.size()) return std::pow(t, 1.0 / 3.0);
   double r = kGuess[slice];
   r = r * (4 - (t * r) * (r * r)) * (1.0 / 3.0);
@@ -123,22 +120,19 @@ Colour FromLab(const Scale &s, const Lab &lab) {
           Limit(3.240479 * X - 1.537150 * Y - 0.498535 * Z, 0, s.max)};
 }
 
-// What the call does to one colour.
+// What the call does to a colour's byte Lab before it goes back.
 struct Recolour {
-  Scale scale;
   Lab replacement;
   int64_t threshold;  // a* at or above it matches
   double factor;
 
-  Colour operator()(int32_t b, int32_t g, int32_t r) const {
-    Lab lab = ToLabQuick(scale, r, g, b);
+  void operator()(Lab &lab) const {
     if (lab.a >= threshold) {
       lab.b = replacement.b;
       lab.a = replacement.a;
       const double L = lab.L * factor;
       lab.L = static_cast<int32_t>(L < 0 ? 0 : L > 100 ? 100 : L);
     }
-    return FromLab(scale, lab);
   }
 };
 
@@ -151,57 +145,106 @@ class ColourCache {
   }
   bool ok() const { return static_cast<bool>(entries_); }
 
-  template <class Convert>
-  uint32_t Get(uint32_t colour, const Convert &convert) {
-    uint64_t &e = entries_[(colour * 0x9E3779B1u) >> (32 - kBits)];
-    if ((e >> 32) == colour + 1u) return static_cast<uint32_t>(e);
-    const uint32_t result = convert(colour);
-    e = (static_cast<uint64_t>(colour) + 1u) << 32 | result;
-    return result;
+  bool Find(uint32_t colour, uint32_t &result) const {
+    const uint64_t e = entries_[Slot(colour)];
+    result = static_cast<uint32_t>(e);
+    return (e >> 32) == colour + 1u;
+  }
+  void Put(uint32_t colour, uint32_t result) {
+    entries_[Slot(colour)] = (static_cast<uint64_t>(colour) + 1u) << 32 | result;
   }
 
  private:
+  static uint32_t Slot(uint32_t colour) { return (colour * 0x9E3779B1u) >> (32 - kBits); }
   KernelBuffer<uint64_t> entries_;
 };
 
-int32_t RemoveRedeye(BitmapRecord *bitmap, uint32_t newColor, int32_t threshold, int32_t lightness) {
+int32_t RemoveRedeye(BitmapRecord *bitmap, uint32_t newColor, int32_t threshold, int32_t lightness, Isa isa) {
   RowPass pass(bitmap, RowSetup{.layout = ROW_LAYOUT_NATIVE});
   if (pass.status() != RC_SUCCESS) return pass.status();
   const bool wide = pass.wide();
   const Scale scale = wide ? kScale16 : kScale8;
   const int32_t widen = wide ? 257 : 1;
-  const Recolour recolour{scale,
-                          ToLab(scale, static_cast<int32_t>(newColor & 0xFF) * widen,
+  const Recolour recolour{ToLab(scale, static_cast<int32_t>(newColor & 0xFF) * widen,
                                 static_cast<int32_t>((newColor >> 8) & 0xFF) * widen,
                                 static_cast<int32_t>((newColor >> 16) & 0xFF) * widen),
                           static_cast<int64_t>(threshold) - 128, lightness / 100.0};
   ColourCache cache(!wide);  // 8-bit rows only
   if (!wide && !cache.ok()) return RC_NO_MEMORY;
+  isa = BestIsa(isa);
+  // Pixels wait in a batch for their conversion (the lanes take eight at a
+  // time); every batch is finished before its row is written.
+  Batch batch{};
   return pass.RunRows([&](auto &row) {
     using T = std::remove_reference_t<decltype(*row.samples)>;
+    T *targets[Batch::kSize];
+    uint32_t colours[Batch::kSize];
+    int32_t count = 0;
+    const auto finish = [&] {
+      redeye::ToLabBatch(isa, scale, batch, count);
+      for (int32_t i = 0; i < count; ++i) recolour(batch.lab[i]);
+      redeye::FromLabBatch(isa, scale, batch, count);
+      for (int32_t i = 0; i < count; ++i) {
+        T *p = targets[i];
+        p[0] = static_cast<T>(batch.b[i]);
+        p[1] = static_cast<T>(batch.g[i]);
+        p[2] = static_cast<T>(batch.r[i]);
+        if constexpr (sizeof(T) == 1)
+          cache.Put(colours[i], static_cast<uint32_t>(batch.b[i]) | static_cast<uint32_t>(batch.g[i]) << 8 |
+                                    static_cast<uint32_t>(batch.r[i]) << 16);
+      }
+      count = 0;
+    };
     row.ForEach([&](int32_t x) {
       T *p = row.Pixel(x);
       if constexpr (sizeof(T) == 1) {
         const uint32_t colour = p[0] | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16;
-        const uint32_t out = cache.Get(colour, [&](uint32_t c) {
-          const Colour o = recolour(c & 0xFF, (c >> 8) & 0xFF, c >> 16);
-          return static_cast<uint32_t>(o.b) | static_cast<uint32_t>(o.g) << 8 |
-                 static_cast<uint32_t>(o.r) << 16;
-        });
-        p[0] = static_cast<T>(out);
-        p[1] = static_cast<T>(out >> 8);
-        p[2] = static_cast<T>(out >> 16);
-      } else {
-        const Colour o = recolour(p[0], p[1], p[2]);
-        p[0] = static_cast<T>(o.b);
-        p[1] = static_cast<T>(o.g);
-        p[2] = static_cast<T>(o.r);
+        uint32_t out = 0;
+        if (cache.Find(colour, out)) {
+          p[0] = static_cast<T>(out);
+          p[1] = static_cast<T>(out >> 8);
+          p[2] = static_cast<T>(out >> 16);
+          return;
+        }
+        colours[count] = colour;
       }
+      batch.r[count] = p[2];
+      batch.g[count] = p[1];
+      batch.b[count] = p[0];
+      targets[count] = p;
+      if (++count == Batch::kSize) finish();
     });
+    if (count > 0) finish();
   });
 }
 
 }  // namespace
+
+const std::array<double, redeye::kGuessCount> redeye::kCubeRootGuess = kGuess;
+
+void redeye::ToLabBatch(Isa isa, const Scale &s, Batch &batch, int32_t n) {
+  if (isa >= Isa::Avx512) {
+    uint64_t unclear = 0;
+    ToLabLanesAvx512(s, batch, n, unclear);
+    if (n < 64) unclear &= (uint64_t{1} << n) - 1;
+    for (; unclear != 0; unclear &= unclear - 1) {
+      const int32_t i = std::countr_zero(unclear);
+      batch.lab[i] = ToLab(s, batch.r[i], batch.g[i], batch.b[i]);
+    }
+    return;
+  }
+  for (int32_t i = 0; i < n; ++i) batch.lab[i] = ToLabQuick(s, batch.r[i], batch.g[i], batch.b[i]);
+}
+
+void redeye::FromLabBatch(Isa isa, const Scale &s, Batch &batch, int32_t n) {
+  if (isa >= Isa::Avx512) return FromLabLanesAvx512(s, batch, n);
+  for (int32_t i = 0; i < n; ++i) {
+    const Colour o = FromLab(s, batch.lab[i]);
+    batch.r[i] = o.r;
+    batch.g[i] = o.g;
+    batch.b[i] = o.b;
+  }
+}
 
 Lab redeye::ToLabExact(bool wide, int32_t r, int32_t g, int32_t b) {
   return ToLab(wide ? kScale16 : kScale8, r, g, b);
@@ -210,11 +253,9 @@ Lab redeye::ToLabFast(bool wide, int32_t r, int32_t g, int32_t b) {
   return ToLabQuick(wide ? kScale16 : kScale8, r, g, b);
 }
 
-}  // namespace img
-
-extern "C" IMG_API int32_t Q_RemoveRedeyeBitmap(BitmapRecord *bitmap, uint32_t newColor, int32_t threshold,
-                                                int32_t lightness, uint32_t flags) {
-  if (const int32_t status = img::CheckEntry(img::kEntry, flags, bitmap)) return status;
+int32_t RemoveRedeyeIsa(BitmapRecord *bitmap, uint32_t newColor, int32_t threshold, int32_t lightness,
+                        uint32_t flags, Isa isa) {
+  if (const int32_t status = CheckEntry(kEntry, flags, bitmap)) return status;
   // The course works top row first. It turns the bitmap back only after a
   // complete pass: a gray bitmap and every failure leave it turned (kept).
   const int32_t kept = bitmap->Orientation;
@@ -223,7 +264,14 @@ extern "C" IMG_API int32_t Q_RemoveRedeyeBitmap(BitmapRecord *bitmap, uint32_t n
     if (status != RC_SUCCESS) return status;
   }
   if (IsGrayBitmap(bitmap)) return RC_UNSUPPORTED_BITMAP;
-  const int32_t status = img::RemoveRedeye(bitmap, newColor, threshold, lightness);
+  const int32_t status = RemoveRedeye(bitmap, newColor, threshold, lightness, isa);
   if (status != RC_SUCCESS || kept == ORIENT_TOP_FIRST) return status;
   return ChangeOrientation(nullptr, bitmap, BITMAP_RECORD_SIZE, kept, 0);
+}
+
+}  // namespace img
+
+extern "C" IMG_API int32_t Q_RemoveRedeyeBitmap(BitmapRecord *bitmap, uint32_t newColor, int32_t threshold,
+                                                int32_t lightness, uint32_t flags) {
+  return img::RemoveRedeyeIsa(bitmap, newColor, threshold, lightness, flags, img::Isa::Avx512);
 }

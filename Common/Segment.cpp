@@ -15,6 +15,7 @@
 // Cost: linear in the pixels besides the sort, which is a counting sort on
 // the squared distances (one pass for 8-bit samples, two for 16-bit ones),
 // linear too. Every buffer comes from the kernel allocator.
+#include <bit>
 #include <cmath>
 
 #include "frame.h"
@@ -27,32 +28,36 @@ static constexpr const wchar_t *kSourceFile = L"Common/Segment";
 
 constexpr EntryRule kEntry{.flagsWord = true, .nullBitmap = NullBitmap::Refused, .signedData = true};
 
-constexpr uint32_t kOutside = UINT32_MAX;  // parent of a pixel outside the region
-constexpr uint64_t kUnnumbered = UINT64_MAX;
+constexpr uint32_t kOutside = UINT32_MAX;     // link of a pixel outside the region
+constexpr uint32_t kRoot = 0x80000000u;       // link of a root: kRoot | size (sizes stay below 2^30)
+constexpr uint64_t kUnnumbered = UINT64_MAX;  // aux of a pixel outside the region
 constexpr uint32_t kMaxLabels = 65536;
 
 // The pixels of the region's bounds (index (y - top) * width + x - left):
-// samples (planes a pixel) and the disjoint-set forest of the segments.
+// samples (planes a pixel) and the disjoint-set forest. The forest is one
+// word a pixel (its parent, or kRoot and the size of a root), so the merge's
+// walks over the edges, which are raster walks one weight at a time, stream
+// 4 bytes a pixel; `aux` is touched at roots only while merging (the merge
+// threshold, as double bits) and then holds each pixel's segment number.
 template <class T>
 struct Graph {
   int32_t left = 0, top = 0, width = 0, height = 0, planes = 3;
-  double scale = 1;  // 16-bit distances are divided by 257
+  double scale = 1;         // 16-bit distances are divided by 257
+  uint32_t offset[4] = {};  // index step of each edge direction: right, down-left, down, down-right
   KernelBuffer<T> samples;
-  KernelBuffer<uint32_t> parent, size;
-  KernelBuffer<uint64_t> internal;  // squared weight of the heaviest edge merged; later the segment number
+  KernelBuffer<uint32_t> link;
+  KernelBuffer<uint64_t> aux;
 
   uint64_t Pixels() const { return static_cast<uint64_t>(width) * static_cast<uint64_t>(height); }
-
-  // The neighbour of pixel i across edge direction dir, or kOutside.
-  uint32_t Neighbour(uint32_t i, uint32_t dir) const {
-    const int32_t x = static_cast<int32_t>(i % static_cast<uint32_t>(width));
-    const int32_t y = static_cast<int32_t>(i / static_cast<uint32_t>(width));
-    static constexpr int32_t kDx[4] = {1, -1, 0, 1}, kDy[4] = {0, 1, 1, 1};
-    const int32_t nx = x + kDx[dir], ny = y + kDy[dir];
-    if (nx < 0 || nx >= width || ny >= height) return kOutside;
-    const uint32_t j = static_cast<uint32_t>(ny) * static_cast<uint32_t>(width) + static_cast<uint32_t>(nx);
-    return parent[j] == kOutside ? kOutside : j;
+  bool Inside(uint32_t i) const { return link[i] != kOutside; }
+  bool IsRoot(uint32_t i) const { return link[i] != kOutside && (link[i] & kRoot) != 0; }
+  uint32_t Size(uint32_t root) const { return link[root] & ~kRoot; }
+  // A root's merge threshold Int / scale + k / size; a single pixel's is
+  // 0 / scale + k / 1, exactly k, and is not stored.
+  double Threshold(uint32_t root, double k) const {
+    return Size(root) == 1 ? k : std::bit_cast<double>(aux[root]);
   }
+  void SetThreshold(uint32_t root, double t) { aux[root] = std::bit_cast<uint64_t>(t); }
 
   uint64_t Key(uint32_t i, uint32_t j) const {
     const T *a = samples.get() + static_cast<std::size_t>(i) * planes;
@@ -64,51 +69,69 @@ struct Graph {
     }
     return sum;
   }
+  // Both ends of an edge id (pixel * 4 + direction).
+  uint32_t From(uint32_t id) const { return id >> 2; }
+  uint32_t To(uint32_t id) const { return (id >> 2) + offset[id & 3]; }
+  uint64_t KeyOf(uint32_t id) const { return Key(From(id), To(id)); }
 
+  // Path halving, writing only links that change; the roots do not depend
+  // on it, only on Join.
   uint32_t Find(uint32_t i) {
-    while (parent[i] != i) {
-      parent[i] = parent[parent[i]];
-      i = parent[i];
+    for (;;) {
+      const uint32_t up = link[i];
+      if (up & kRoot) return i;
+      const uint32_t above = link[up];
+      if (above & kRoot) return up;
+      link[i] = above;
+      i = above;
     }
-    return i;
   }
 
   // Joins two roots; the larger segment (the lower index on a tie) stays root.
   uint32_t Join(uint32_t a, uint32_t b) {
-    if (size[a] < size[b] || (size[a] == size[b] && b < a)) std::swap(a, b);
-    parent[b] = a;
-    size[a] += size[b];
+    if (Size(a) < Size(b) || (Size(a) == Size(b) && b < a)) std::swap(a, b);
+    link[a] += Size(b);
+    link[b] = a;
     return a;
   }
 
-  double Threshold(uint32_t root, uint32_t k) const {
-    return std::sqrt(static_cast<double>(internal[root])) / scale + static_cast<double>(k) / size[root];
+  // Calls fn(id, key) for every edge inside the region in graph order: raster
+  // order of the first pixel, then right, down-left, down, down-right.
+  template <class Fn>
+  void ForEachEdge(Fn &&fn) const {
+    const uint32_t w = static_cast<uint32_t>(width);
+    for (int32_t y = 0; y < height; ++y) {
+      const bool last = y + 1 == height;
+      const uint32_t row = static_cast<uint32_t>(y) * w;
+      for (uint32_t x = 0; x < w; ++x) {
+        const uint32_t i = row + x;
+        if (!Inside(i)) continue;
+        if (x + 1 < w && Inside(i + 1)) fn(i * 4, Key(i, i + 1));
+        if (last) continue;
+        if (x > 0 && Inside(i + w - 1)) fn(i * 4 + 1, Key(i, i + w - 1));
+        if (Inside(i + w)) fn(i * 4 + 2, Key(i, i + w));
+        if (x + 1 < w && Inside(i + w + 1)) fn(i * 4 + 3, Key(i, i + w + 1));
+      }
+    }
   }
 };
 
-// Edge ids (pixel * 4 + direction) sorted stably by squared weight: least
-// significant digit first, each digit a counting pass; the first pass lists
-// the edges in graph order.
+// Edge ids sorted stably by squared weight: least significant digit first,
+// each digit a counting pass; the first pass lists the edges in graph order.
+// 8-bit samples need one pass (keys below 3 * 255^2 < 2^18), and then
+// `bucketEnds` holds where the edges of each key end (key = bucket), so the
+// merge needs no key again.
 template <class T>
-int32_t SortEdges(const Graph<T> &g, KernelBuffer<uint32_t> &sorted, uint32_t &edgeCount) {
-  const int32_t digitBits = sizeof(T) == 1 ? 18 : 17, passes = sizeof(T) == 1 ? 1 : 2;
-  const std::size_t buckets = std::size_t{1} << digitBits;
-  IMG_BUFFER(uint32_t, counts, buckets + 1);
-  if (!counts) return RC_NO_MEMORY;
-  const uint32_t pixels = static_cast<uint32_t>(g.Pixels());
-  auto forEachEdge = [&](auto &&fn) {
-    for (uint32_t i = 0; i < pixels; ++i) {
-      if (g.parent[i] == kOutside) continue;
-      for (uint32_t dir = 0; dir < 4; ++dir) {
-        const uint32_t j = g.Neighbour(i, dir);
-        if (j != kOutside) fn(i * 4 + dir, g.Key(i, j));
-      }
-    }
-  };
-  auto keyOf = [&](uint32_t id) { return g.Key(id >> 2, g.Neighbour(id >> 2, id & 3)); };
-  const uint64_t mask = buckets - 1;
+int32_t SortEdges(const Graph<T> &g, KernelBuffer<uint32_t> &sorted, uint32_t &edgeCount,
+                  KernelBuffer<uint32_t> &bucketEnds) {
+  constexpr int32_t digitBits = sizeof(T) == 1 ? 18 : 17, passes = sizeof(T) == 1 ? 1 : 2;
+  constexpr std::size_t buckets = std::size_t{1} << digitBits;
+  constexpr uint64_t mask = buckets - 1;
+  bucketEnds = KernelBuffer<uint32_t>(buckets + 1, __LINE__, kSourceFile);
+  if (!bucketEnds) return RC_NO_MEMORY;
+  uint32_t *counts = bucketEnds.get();
   edgeCount = 0;
-  forEachEdge([&](uint32_t, uint64_t key) {
+  g.ForEachEdge([&](uint32_t, uint64_t key) {
     ++counts[(key & mask) + 1];
     ++edgeCount;
   });
@@ -117,42 +140,73 @@ int32_t SortEdges(const Graph<T> &g, KernelBuffer<uint32_t> &sorted, uint32_t &e
   if (passes > 1) other = KernelBuffer<uint32_t>(edgeCount, __LINE__, kSourceFile);
   if (!sorted || (passes > 1 && !other)) return RC_NO_MEMORY;
   for (std::size_t b = 1; b <= buckets; ++b) counts[b] += counts[b - 1];
-  forEachEdge([&](uint32_t id, uint64_t key) { sorted[counts[key & mask]++] = id; });
+  uint32_t *out = sorted.get();
+  g.ForEachEdge([&](uint32_t id, uint64_t key) { out[counts[key & mask]++] = id; });
   for (int32_t p = 1; p < passes; ++p) {
     const int32_t shift = p * digitBits;
-    std::fill(counts.get(), counts.get() + buckets + 1, 0u);
-    for (uint32_t e = 0; e < edgeCount; ++e) ++counts[((keyOf(sorted[e]) >> shift) & mask) + 1];
+    std::fill(counts, counts + buckets + 1, 0u);
+    for (uint32_t e = 0; e < edgeCount; ++e) ++counts[((g.KeyOf(sorted[e]) >> shift) & mask) + 1];
     for (std::size_t b = 1; b <= buckets; ++b) counts[b] += counts[b - 1];
-    for (uint32_t e = 0; e < edgeCount; ++e) other[counts[(keyOf(sorted[e]) >> shift) & mask]++] = sorted[e];
+    for (uint32_t e = 0; e < edgeCount; ++e)
+      other[counts[(g.KeyOf(sorted[e]) >> shift) & mask]++] = sorted[e];
     std::swap(sorted, other);
   }
   return RC_SUCCESS;
 }
 
-// Merges along the sorted edges; returns the number of segments.
+// Merges along the sorted edges, numbers the segments in raster order of
+// their first pixel into g.aux; returns the number of segments.
 template <class T>
-uint32_t Merge(Graph<T> &g, const uint32_t *edges, uint32_t edgeCount, uint32_t k, uint32_t minSize) {
-  for (uint32_t e = 0; e < edgeCount; ++e) {
-    const uint32_t i = edges[e] >> 2, j = g.Neighbour(i, edges[e] & 3);
-    const uint32_t a = g.Find(i), b = g.Find(j);
-    if (a == b) continue;
-    const uint64_t key = g.Key(i, j);
-    const double w = std::sqrt(static_cast<double>(key)) / g.scale;
-    if (w <= g.Threshold(a, k) && w <= g.Threshold(b, k)) g.internal[g.Join(a, b)] = key;
-  }
-  for (uint32_t e = 0; e < edgeCount; ++e) {
-    const uint32_t i = edges[e] >> 2, j = g.Neighbour(i, edges[e] & 3);
-    const uint32_t a = g.Find(i), b = g.Find(j);
-    if (a != b && (g.size[a] < minSize || g.size[b] < minSize)) g.Join(a, b);
-  }
+uint32_t Merge(Graph<T> &g, const uint32_t *edges, uint32_t edgeCount, const uint32_t *bucketEnds, uint32_t k,
+               uint32_t minSize) {
   const uint32_t pixels = static_cast<uint32_t>(g.Pixels());
+  const double kk = static_cast<double>(k);
+  // A root's threshold is set at each join, from the edge's weight (the
+  // heaviest so far: edges come by increasing weight) and the new size.
+  const auto consider = [&](uint32_t id, uint64_t key, double w) {
+    const uint32_t a = g.Find(g.From(id)), b = g.Find(g.To(id));
+    if (a == b || !(w <= g.Threshold(a, kk) && w <= g.Threshold(b, kk))) return;
+    const uint32_t r = g.Join(a, b);
+    g.SetThreshold(r, std::sqrt(static_cast<double>(key)) / g.scale + kk / g.Size(r));
+  };
+  if constexpr (sizeof(T) == 1) {
+    // Key = bucket: its weight is taken once.
+    uint32_t e = 0;
+    for (uint32_t key = 0; e < edgeCount; ++key) {
+      const uint32_t end = bucketEnds[key];
+      if (e == end) continue;
+      const double w = std::sqrt(static_cast<double>(key)) / g.scale;
+      for (; e < end; ++e) consider(edges[e], key, w);
+    }
+  } else {
+    for (uint32_t e = 0; e < edgeCount; ++e) {
+      const uint64_t key = g.KeyOf(edges[e]);
+      consider(edges[e], key, std::sqrt(static_cast<double>(key)) / g.scale);
+    }
+  }
+  // Segments below the minimum join across their edges in the same order;
+  // once none is left, no later edge joins anything.
+  uint32_t small = 0;
   for (uint32_t i = 0; i < pixels; ++i)
-    if (g.parent[i] == i) g.internal[i] = kUnnumbered;
+    if (g.IsRoot(i) && g.Size(i) < minSize) ++small;
+  for (uint32_t e = 0; e < edgeCount && small > 0; ++e) {
+    const uint32_t a = g.Find(g.From(edges[e])), b = g.Find(g.To(edges[e]));
+    if (a == b) continue;
+    const uint32_t before = (g.Size(a) < minSize) + (g.Size(b) < minSize);
+    if (before == 0) continue;
+    small -= before;
+    if (g.Size(g.Join(a, b)) < minSize) ++small;
+  }
+  // Numbers in aux (the thresholds are done with). A root's number is set
+  // when its segment's first pixel is met; the root itself may come later in
+  // raster order and then finds its number set.
+  std::fill(g.aux.get(), g.aux.get() + pixels, kUnnumbered);
   uint32_t count = 0;
   for (uint32_t i = 0; i < pixels; ++i) {
-    if (g.parent[i] == kOutside) continue;
+    if (!g.Inside(i)) continue;
     const uint32_t r = g.Find(i);
-    if (g.internal[r] == kUnnumbered) g.internal[r] = count++;
+    if (g.aux[r] == kUnnumbered) g.aux[r] = count++;
+    g.aux[i] = g.aux[r];
   }
   return count;
 }
@@ -188,15 +242,18 @@ int32_t SegmentRows(RowPass &pass, const Rect &bounds, uint32_t k, uint32_t minS
   // Edge ids are pixel * 4 + direction in 32 bits.
   if (pixels >= (uint64_t{1} << 30)) return RC_NO_MEMORY;
   g.samples = KernelBuffer<T>(pixels * static_cast<uint64_t>(g.planes), __LINE__, kSourceFile);
-  g.parent = KernelBuffer<uint32_t>(pixels, __LINE__, kSourceFile);
-  g.size = KernelBuffer<uint32_t>(pixels, __LINE__, kSourceFile);
-  g.internal = KernelBuffer<uint64_t>(pixels, __LINE__, kSourceFile);
-  if (!g.samples || !g.parent || !g.size || !g.internal) return RC_NO_MEMORY;
-  std::fill(g.parent.get(), g.parent.get() + pixels, kOutside);
+  g.link = KernelBuffer<uint32_t>(pixels, __LINE__, kSourceFile);
+  g.aux = KernelBuffer<uint64_t>(pixels, __LINE__, kSourceFile);
+  if (!g.samples || !g.link || !g.aux) return RC_NO_MEMORY;
+  std::fill(g.link.get(), g.link.get() + pixels, kOutside);
+  const uint32_t w = static_cast<uint32_t>(g.width);
+  g.offset[0] = 1;
+  g.offset[1] = w - 1;
+  g.offset[2] = w;
+  g.offset[3] = w + 1;
 
   const auto index = [&](int32_t x, int32_t y) {
-    return static_cast<uint32_t>(y - g.top) * static_cast<uint32_t>(g.width) +
-           static_cast<uint32_t>(x - g.left);
+    return static_cast<uint32_t>(y - g.top) * w + static_cast<uint32_t>(x - g.left);
   };
   int32_t status = pass.RunRows([&](auto &row) {
     if constexpr (std::is_same_v<std::remove_cvref_t<decltype(*row.samples)>, T>) {
@@ -204,38 +261,40 @@ int32_t SegmentRows(RowPass &pass, const Rect &bounds, uint32_t k, uint32_t minS
         const uint32_t i = index(x, row.y);
         const T *p = row.Pixel(x);
         for (int32_t c = 0; c < g.planes; ++c) g.samples[static_cast<std::size_t>(i) * g.planes + c] = p[c];
-        g.parent[i] = i;
-        g.size[i] = 1;
+        g.link[i] = kRoot | 1u;
       });
     }
   });
   if (status != RC_SUCCESS) return status;
 
-  KernelBuffer<uint32_t> edges;
-  uint32_t edgeCount = 0;
-  if ((status = SortEdges(g, edges, edgeCount)) != RC_SUCCESS) return status;
-  const uint32_t segments = Merge(g, edges.get(), edgeCount, k, minSize);
-  edges.reset();
+  uint32_t segments = 0;
+  {
+    KernelBuffer<uint32_t> edges, bucketEnds;
+    uint32_t edgeCount = 0;
+    if ((status = SortEdges(g, edges, edgeCount, bucketEnds)) != RC_SUCCESS) return status;
+    segments = Merge(g, edges.get(), edgeCount, bucketEnds.get(), k, minSize);
+  }
+  g.link.reset();
   if (labels && segments > kMaxLabels) return RC_INVALID_PARAMETER;
 
-  // Mean colour of each segment, rounded half up.
-  IMG_BUFFER(uint64_t, means, static_cast<std::size_t>(segments) * g.planes + 1);
+  // Mean colour of each segment, rounded half up; the last slot of each
+  // segment counts its pixels.
+  const std::size_t stride = static_cast<std::size_t>(g.planes) + 1;
+  IMG_BUFFER(uint64_t, means, static_cast<std::size_t>(segments) * stride + 1);
   if (!means) return RC_NO_MEMORY;
   for (uint32_t i = 0; i < pixels; ++i) {
-    if (g.parent[i] == kOutside) continue;
-    const std::size_t s = static_cast<std::size_t>(g.internal[g.Find(i)]) * g.planes;
-    for (int32_t c = 0; c < g.planes; ++c)
-      means[s + c] += g.samples[static_cast<std::size_t>(i) * g.planes + c];
+    if (g.aux[i] == kUnnumbered) continue;
+    uint64_t *m = means.get() + static_cast<std::size_t>(g.aux[i]) * stride;
+    for (int32_t c = 0; c < g.planes; ++c) m[c] += g.samples[static_cast<std::size_t>(i) * g.planes + c];
+    ++m[g.planes];
   }
-  for (uint32_t i = 0; i < pixels; ++i) {
-    if (g.parent[i] != i) continue;
-    const std::size_t s = static_cast<std::size_t>(g.internal[i]) * g.planes;
-    for (int32_t c = 0; c < g.planes; ++c) means[s + c] = (means[s + c] + g.size[i] / 2) / g.size[i];
+  for (uint32_t s = 0; s < segments; ++s) {
+    uint64_t *m = means.get() + static_cast<std::size_t>(s) * stride;
+    for (int32_t c = 0; c < g.planes; ++c) m[c] = (m[c] + m[g.planes] / 2) / m[g.planes];
   }
-  const auto segmentOf = [&](int32_t x, int32_t y) -> int64_t {
-    if (x < g.left || x >= g.left + g.width || y < g.top || y >= g.top + g.height) return -1;
-    const uint32_t i = index(x, y);
-    return g.parent[i] == kOutside ? -1 : static_cast<int64_t>(g.internal[g.Find(i)]);
+  const auto segmentOf = [&](int32_t x, int32_t y) -> uint32_t {
+    if (x < g.left || x >= g.left + g.width || y < g.top || y >= g.top + g.height) return kOutside;
+    return static_cast<uint32_t>(g.aux[index(x, y)]);
   };
 
   LabelGuard made;
@@ -249,8 +308,8 @@ int32_t SegmentRows(RowPass &pass, const Rect &bounds, uint32_t k, uint32_t minS
       if constexpr (sizeof(*row.samples) == 2) {
         if (row.y < g.top || row.y >= g.top + g.height) return;
         for (int32_t x = g.left; x < g.left + g.width; ++x) {
-          const int64_t s = segmentOf(x, row.y);
-          if (s >= 0) row.samples[x] = static_cast<uint16_t>(s);
+          const uint32_t s = segmentOf(x, row.y);
+          if (s != kOutside) row.samples[x] = static_cast<uint16_t>(s);
         }
       }
     });
@@ -261,11 +320,11 @@ int32_t SegmentRows(RowPass &pass, const Rect &bounds, uint32_t k, uint32_t minS
   status = pass.RunRows([&](auto &row) {
     if constexpr (std::is_same_v<std::remove_cvref_t<decltype(*row.samples)>, T>) {
       row.ForEach([&](int32_t x) {
-        const int64_t s = segmentOf(x, row.y);
-        if (s < 0) return;
+        const uint32_t s = segmentOf(x, row.y);
+        if (s == kOutside) return;
         T *p = row.Pixel(x);
-        for (int32_t c = 0; c < g.planes; ++c)
-          p[c] = static_cast<T>(means[static_cast<std::size_t>(s) * g.planes + c]);
+        const uint64_t *m = means.get() + static_cast<std::size_t>(s) * stride;
+        for (int32_t c = 0; c < g.planes; ++c) p[c] = static_cast<T>(m[c]);
       });
     }
   });

@@ -53,24 +53,67 @@ struct Reference {
 };
 constexpr Reference kRef8{242.36628, 277.63227, 255}, kRef16{62288.13396, 71351.49339, 65535};
 
-// The fast cube roots give pow's byte Lab for every 8-bit colour, and for
-// 16-bit colours at random, at the extremes and along the gray axis.
+// The fast cube roots, one colour at a time and in the batches of each path
+// (the levels below AVX-512 take the scalar one), give pow's byte Lab for every 8-bit colour, and
+// for 16-bit colours at random, at the extremes and along the gray axis.
 TEST(RemoveRedeye, FastLabMatchesPowEverywhere) {
-  using img::redeye::ToLabExact, img::redeye::ToLabFast;
+  using img::redeye::Batch, img::redeye::Lab;
   int64_t mismatches = 0;
-  for (int32_t c = 0; c < (1 << 24); ++c) {
-    const int32_t r = c >> 16, g = (c >> 8) & 0xFF, b = c & 0xFF;
-    if (!(ToLabFast(false, r, g, b) == ToLabExact(false, r, g, b)) && ++mismatches < 5)
-      ADD_FAILURE() << "8-bit " << r << " " << g << " " << b;
+  Batch batch{};
+  std::vector<Lab> exact(Batch::kSize);
+  const auto check = [&](bool wide, int32_t n) {
+    for (int32_t i = 0; i < n; ++i) {
+      exact[i] = img::redeye::ToLabExact(wide, batch.r[i], batch.g[i], batch.b[i]);
+      if (!(img::redeye::ToLabFast(wide, batch.r[i], batch.g[i], batch.b[i]) == exact[i]) && ++mismatches < 5)
+        ADD_FAILURE() << "one colour, wide " << wide << ": " << batch.r[i] << " " << batch.g[i] << " "
+                      << batch.b[i];
+    }
+    for (img::Isa isa : {img::Isa::Scalar, img::Isa::Avx512}) {
+      if (!img::IsaAvailable(isa)) continue;
+      img::redeye::ToLabBatch(isa, wide ? img::redeye::kScale16 : img::redeye::kScale8, batch, n);
+      for (int32_t i = 0; i < n; ++i)
+        if (!(batch.lab[i] == exact[i]) && ++mismatches < 5)
+          ADD_FAILURE() << img::IsaName(isa) << ", wide " << wide << ": " << batch.r[i] << " " << batch.g[i]
+                        << " " << batch.b[i];
+    }
+  };
+  for (int32_t c = 0; c < (1 << 24); c += Batch::kSize) {
+    for (int32_t i = 0; i < Batch::kSize; ++i)
+      batch.r[i] = (c + i) >> 16, batch.g[i] = ((c + i) >> 8) & 0xFF, batch.b[i] = (c + i) & 0xFF;
+    check(false, Batch::kSize);
   }
   std::mt19937 rng(11);
   for (int32_t i = 0; i < (1 << 20); ++i) {
     const uint32_t v = rng(), w = rng();
-    const int32_t r = i < 65536 ? i : int32_t(v & 0xFFFF), g = i < 65536 ? i : int32_t(v >> 16);
-    const int32_t b = i < 65536 ? (i & 1 ? 65535 - i : i) : int32_t(w & 0xFFFF);
-    if (!(ToLabFast(true, r, g, b) == ToLabExact(true, r, g, b)) && ++mismatches < 5)
-      ADD_FAILURE() << "16-bit " << r << " " << g << " " << b;
+    const int32_t k = i % Batch::kSize;
+    batch.r[k] = i < 65536 ? i : int32_t(v & 0xFFFF);
+    batch.g[k] = i < 65536 ? i : int32_t(v >> 16);
+    batch.b[k] = i < 65536 ? (i & 1 ? 65535 - i : i) : int32_t(w & 0xFFFF);
+    // Every fifth batch is partial (its tail lanes are not asked for).
+    if (k == Batch::kSize - 1) check(true, (i / Batch::kSize) % 5 == 0 ? Batch::kSize - 3 : Batch::kSize);
   }
+  EXPECT_EQ(mismatches, 0);
+}
+
+// The back conversion of every byte Lab value on both scales: the AVX-512
+// lanes give the scalar samples (the same doubles, so no margin is needed).
+TEST(RemoveRedeye, BackLanesEqualScalar) {
+  if (!img::IsaAvailable(img::Isa::Avx512)) GTEST_SKIP() << "no AVX-512";
+  using img::redeye::Batch;
+  Batch lanes{}, scalar{};
+  int64_t mismatches = 0;
+  for (const img::redeye::Scale &scale : {img::redeye::kScale8, img::redeye::kScale16})
+    for (int32_t v = 0; v < 101 * 65536; v += Batch::kSize) {
+      for (int32_t i = 0; i < Batch::kSize; ++i)
+        lanes.lab[i] = scalar.lab[i] = {(v + i) >> 16, int32_t((v + i) >> 8 & 0xFF) - 128,
+                                        int32_t((v + i) & 0xFF) - 128};
+      img::redeye::FromLabBatch(img::Isa::Avx512, scale, lanes, Batch::kSize);
+      img::redeye::FromLabBatch(img::Isa::Scalar, scale, scalar, Batch::kSize);
+      for (int32_t i = 0; i < Batch::kSize; ++i)
+        if ((lanes.r[i] != scalar.r[i] || lanes.g[i] != scalar.g[i] || lanes.b[i] != scalar.b[i]) &&
+            ++mismatches < 5)
+          ADD_FAILURE() << "L " << lanes.lab[i].L << " a " << lanes.lab[i].a << " b " << lanes.lab[i].b;
+    }
   EXPECT_EQ(mismatches, 0);
 }
 
@@ -134,42 +177,46 @@ TEST(RemoveRedeye, Anchors) {
 }
 
 // Random pixels of every colour kind (many colours: the 8-bit cache sees
-// collisions), a region, a few settings: every pixel equals the reference.
+// collisions), a region, a few settings, every available instruction set:
+// every pixel equals the reference.
 TEST(RemoveRedeye, EveryColourKindMatchesReference) {
   const struct {
     uint32_t colour;
     int32_t threshold, lightness;
-  } settings[] = {{0x202020, 140, 70}, {0x00FF00, 0, 150}, {0x4080C0, 255, 100}};
+    bool region;
+  } settings[] = {{0x202020, 140, 70, true}, {0x00FF00, 0, 150, false}, {0x4080C0, 255, 100, true}};
   for (const kit::Format &base : kit::ColorFormats()) {
     for (int32_t orientation : {ORIENT_TOP_FIRST, ORIENT_BOTTOM_FIRST}) {
       kit::Format format = base;
       format.orientation = orientation;
-      for (const auto &s : settings) {
-        SCOPED_TRACE(format.Name() + " threshold " + std::to_string(s.threshold));
-        kit::Bitmap bmp(format, 60, 40);
-        bmp.Randomize(s.threshold + 7);
-        kit::SetEllipseRegion(bmp, 3, 2, 55, 37);
-        const auto before = bmp.Pixels();
-        ASSERT_EQ(Q_RemoveRedeyeBitmap(bmp, s.colour, s.threshold, s.lightness, 0), RC_SUCCESS);
-        EXPECT_EQ(bmp->Orientation, orientation) << "turned back after a complete pass";
-        const Reference &ref = format.bits >= 48 ? kRef16 : kRef8;
-        for (int32_t i = 0; i < 60 * 40; ++i) {
-          const int32_t x = i % 60, y = i / 60;
-          kit::Pixel want = before[i];
-          if (kit::InRegion(bmp, x, y)) {
-            if (format.bits == 16) {  // 5-bit samples: worked on 8 bits, stored >> 3
-              const auto w = [](uint32_t v) { return (v << 3) | (v >> 2); };
-              const kit::Pixel p = kRef8.Apply(Rgb(w(want.v[0]), w(want.v[1]), w(want.v[2])), s.colour,
-                                               s.threshold, s.lightness);
-              want = Rgb(p.v[0] >> 3, p.v[1] >> 3, p.v[2] >> 3, want.v[3]);
-            } else {
-              want = ref.Apply(want, s.colour, s.threshold, s.lightness);
-              if (format.Channels() == 3) want.v[3] = 0;
+      for (const auto &s : settings)
+        for (img::Isa isa : img::kAllIsas) {
+          if (!img::IsaAvailable(isa)) continue;
+          SCOPED_TRACE(format.Name() + " threshold " + std::to_string(s.threshold) + " " + img::IsaName(isa));
+          kit::Bitmap bmp(format, 60, 40);
+          bmp.Randomize(s.threshold + 7);
+          if (s.region) kit::SetEllipseRegion(bmp, 3, 2, 55, 37);
+          const auto before = bmp.Pixels();
+          ASSERT_EQ(img::RemoveRedeyeIsa(bmp, s.colour, s.threshold, s.lightness, 0, isa), RC_SUCCESS);
+          EXPECT_EQ(bmp->Orientation, orientation) << "turned back after a complete pass";
+          const Reference &ref = format.bits >= 48 ? kRef16 : kRef8;
+          for (int32_t i = 0; i < 60 * 40; ++i) {
+            const int32_t x = i % 60, y = i / 60;
+            kit::Pixel want = before[i];
+            if (kit::InRegion(bmp, x, y)) {
+              if (format.bits == 16) {  // 5-bit samples: worked on 8 bits, stored >> 3
+                const auto w = [](uint32_t v) { return (v << 3) | (v >> 2); };
+                const kit::Pixel p = kRef8.Apply(Rgb(w(want.v[0]), w(want.v[1]), w(want.v[2])), s.colour,
+                                                 s.threshold, s.lightness);
+                want = Rgb(p.v[0] >> 3, p.v[1] >> 3, p.v[2] >> 3, want.v[3]);
+              } else {
+                want = ref.Apply(want, s.colour, s.threshold, s.lightness);
+                if (format.Channels() == 3) want.v[3] = 0;
+              }
             }
+            ASSERT_EQ(bmp.At(x, y), want) << x << "," << y << " from " << before[i];
           }
-          ASSERT_EQ(bmp.At(x, y), want) << x << "," << y << " from " << before[i];
         }
-      }
     }
   }
 }

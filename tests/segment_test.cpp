@@ -2,6 +2,10 @@
 // label bitmap, regions, determinism, and cleanup on the labels path.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
+#include <numeric>
+#include <random>
 #include <set>
 #include <vector>
 
@@ -127,6 +131,86 @@ TEST(Segment, MergingRulesAndMeans) {
     for (size_t x = 0; x < c.in.size(); ++x) {
       EXPECT_EQ(bmp.At(int32_t(x), 0), Level(c.out[x])) << x;
       EXPECT_EQ(labels.At(int32_t(x), 0), c.labels[x]) << x;
+    }
+  }
+}
+
+// The segment numbers of a plain course: every edge listed, std::stable_sort
+// by squared weight, doubles for the merge test, full-path Find.
+std::vector<uint32_t> ReferenceLabels(const std::vector<Pixel> &px, int32_t w, int32_t h, double scale,
+                                      uint32_t k, uint32_t minSize) {
+  struct Edge {
+    uint64_t key;
+    uint32_t a, b;
+  };
+  std::vector<Edge> edges;
+  const int32_t dx[4] = {1, -1, 0, 1}, dy[4] = {0, 1, 1, 1};
+  for (int32_t i = 0; i < w * h; ++i)
+    for (int32_t d = 0; d < 4; ++d) {
+      const int32_t x = i % w + dx[d], y = i / w + dy[d];
+      if (x < 0 || x >= w || y >= h) continue;
+      uint64_t key = 0;
+      for (int32_t c = 0; c < 3; ++c) {
+        const int64_t diff = int64_t(px[i].v[c]) - int64_t(px[y * w + x].v[c]);
+        key += uint64_t(diff * diff);
+      }
+      edges.push_back({key, uint32_t(i), uint32_t(y * w + x)});
+    }
+  std::stable_sort(edges.begin(), edges.end(), [](const Edge &l, const Edge &r) { return l.key < r.key; });
+  std::vector<uint32_t> parent(w * h), size(w * h, 1);
+  std::vector<uint64_t> internal(w * h, 0);
+  std::iota(parent.begin(), parent.end(), 0u);
+  const auto find = [&](uint32_t i) {
+    while (parent[i] != i) i = parent[i];
+    return i;
+  };
+  const auto join = [&](uint32_t a, uint32_t b) {
+    if (size[a] < size[b] || (size[a] == size[b] && b < a)) std::swap(a, b);
+    parent[b] = a;
+    size[a] += size[b];
+    return a;
+  };
+  const auto limit = [&](uint32_t r) { return std::sqrt(double(internal[r])) / scale + double(k) / size[r]; };
+  for (const Edge &e : edges) {
+    const uint32_t a = find(e.a), b = find(e.b);
+    const double weight = std::sqrt(double(e.key)) / scale;
+    if (a != b && weight <= limit(a) && weight <= limit(b)) internal[join(a, b)] = e.key;
+  }
+  for (const Edge &e : edges) {
+    const uint32_t a = find(e.a), b = find(e.b);
+    if (a != b && (size[a] < minSize || size[b] < minSize)) join(a, b);
+  }
+  std::vector<uint32_t> number(w * h, UINT32_MAX), labels(w * h);
+  uint32_t count = 0;
+  for (int32_t i = 0; i < w * h; ++i) {
+    const uint32_t r = find(uint32_t(i));
+    if (number[r] == UINT32_MAX) number[r] = count++;
+    labels[i] = number[r];
+  }
+  return labels;
+}
+
+// Noisy gradients on 8-bit gray, 24-bit and 48-bit colour, for several k and
+// minimum sizes: the labels are the plain course's.
+TEST(Segment, LabelsEqualPlainCourse) {
+  const int32_t w = 37, h = 23;
+  for (const kit::Format &format : {Kind(8, ORDER_GRAY), Kind(24), Kind(48)}) {
+    const uint32_t unit = format.bits == 48 ? 257 : 1;
+    std::mt19937 rng(uint32_t(format.bits));
+    std::vector<Pixel> px;
+    for (int32_t i = 0; i < w * h; ++i) {
+      const auto v = [&](int32_t c) {
+        return ((i % w) / 6 * 40 + (i / w) / 5 * 25 + c * 70 + rng() % 9) % 256 * unit;
+      };
+      px.push_back(format.bits == 8 ? Level(v(0)) : Rgb(v(0), v(1), v(2)));
+    }
+    for (const auto &[k, minSize] : {std::pair{1u, 1u}, {1u, 200u}, {300u, 1u}, {300u, 20u}, {5000u, 4u}}) {
+      SCOPED_TRACE(format.Name() + " k " + std::to_string(k) + " minimum " + std::to_string(minSize));
+      kit::Bitmap bmp(format, w, h, px);
+      Labels labels;
+      ASSERT_EQ(Q_SegmentBitmap(bmp, k, minSize, &labels.rec, BITMAP_RECORD_SIZE, 0), RC_SUCCESS);
+      const auto want = ReferenceLabels(px, w, h, unit, k, minSize);
+      for (int32_t i = 0; i < w * h; ++i) ASSERT_EQ(labels.At(i % w, i / w), want[i]) << i;
     }
   }
 }
