@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <type_traits>
 
+#include "Colr_n_internal.h"
 #include "frame.h"
 
 namespace img {
@@ -184,8 +185,9 @@ void PermuteRun(T *p, int32_t count, int32_t stride, const uint8_t *from) {
 
 // 24- to 64-bit bitmaps are permuted in their stored bytes (a pure exchange
 // of samples, so the converter's round trip is not needed); the stored order
-// (ORDER_RGB keeps red first) maps the working positions onto stored ones.
-int32_t SwapStored(BitmapRecord *bitmap, const uint8_t *from) {
+// (ORDER_RGB keeps red first) maps the working positions onto stored ones,
+// and those onto the bytes of a stored pixel (a fourth sample stays).
+int32_t SwapStored(BitmapRecord *bitmap, const uint8_t *from, Isa isa) {
   uint8_t stored[3];
   const bool rgb = bitmap->ColorOrder == ORDER_RGB;
   for (int32_t k = 0; k < 3; ++k) {
@@ -195,22 +197,22 @@ int32_t SwapStored(BitmapRecord *bitmap, const uint8_t *from) {
   StoredRowPass rows(bitmap);
   if (rows.status() != RC_SUCCESS) return rows.status();
   const int32_t bits = bitmap->BitsPerPixel;
-  const int32_t stride = bits == 24 || bits == 48 ? 3 : 4;
+  const int32_t samples = bits == 24 || bits == 48 ? 3 : 4, sampleBytes = bits <= 32 ? 1 : 2;
+  const int32_t pixelBytes = samples * sampleBytes;
+  uint8_t bytes[8];
+  for (int32_t k = 0; k < samples; ++k)
+    for (int32_t h = 0; h < sampleBytes; ++h)
+      bytes[k * sampleBytes + h] = static_cast<uint8_t>((k < 3 ? stored[k] : k) * sampleBytes + h);
   const int32_t status = rows.Run(kNoProgress, [&](uint8_t *row, const RowRun *runs, int32_t n) {
-    for (int32_t r = 0; r < n; ++r) {
-      const int32_t count = runs[r].End - runs[r].Start;
-      if (bits <= 32)
-        PermuteRun(row + static_cast<std::ptrdiff_t>(runs[r].Start) * stride, count, stride, stored);
-      else
-        PermuteRun(reinterpret_cast<uint16_t *>(row) + static_cast<std::ptrdiff_t>(runs[r].Start) * stride,
-                   count, stride, stored);
-    }
+    for (int32_t r = 0; r < n; ++r)
+      colrn::PermuteBytes(isa, row + static_cast<std::ptrdiff_t>(runs[r].Start) * pixelBytes,
+                          static_cast<std::size_t>(runs[r].End - runs[r].Start), pixelBytes, bytes);
   });
   if (status == RC_SUCCESS) ::UpdateBitmapInfo(bitmap);
   return status;
 }
 
-int32_t Swap(BitmapRecord *bitmap, const uint8_t *from) {
+int32_t Swap(BitmapRecord *bitmap, const uint8_t *from, Isa isa) {
   if (IsPaletteBitmap(bitmap))
     return ChangePaletteEntries(bitmap, [&](uint8_t *p) { PermuteRun(p, 1, 3, from); });
   const int32_t bits = bitmap->BitsPerPixel;
@@ -218,7 +220,7 @@ int32_t Swap(BitmapRecord *bitmap, const uint8_t *from) {
   // accept the bitmap; one without pixel memory goes to it and is refused.
   if (bits >= 24 && (bitmap->ColorOrder == ORDER_RGB || bitmap->ColorOrder == ORDER_BGR) &&
       (bitmap->Flags & BITMAP_ALLOCATED) && bitmap->Pixels)
-    return SwapStored(bitmap, from);
+    return SwapStored(bitmap, from, isa);
   RowPass pass(bitmap, RowSetup{});
   if (pass.status() != RC_SUCCESS) return pass.status();
   if (pass.channels() < 3) return RC_UNSUPPORTED_BITMAP;
@@ -270,15 +272,23 @@ extern "C" IMG_API int32_t Q_BalanceColors(BitmapRecord *bitmap, const ColorBala
   return img::Balance(bitmap, mix);
 }
 
-extern "C" IMG_API int32_t Q_SwapColors(BitmapRecord *bitmap, uint32_t flags) {
-  if (const int32_t status = img::CheckEntry(img::kSwapEntry, 0, bitmap)) return status;
+namespace img {
+
+int32_t colrn::SwapWithIsa(BitmapRecord *bitmap, uint32_t flags, Isa isa) {
+  if (const int32_t status = CheckEntry(kSwapEntry, 0, bitmap)) return status;
   // A gray bitmap has nothing to swap: success, deliberately before the
   // flags are looked at.
   if (::IsGrayBitmap(bitmap)) {
     ::FinishOperation();
     return RC_SUCCESS;
   }
-  for (const img::Permutation &p : img::kSwaps)
-    if (flags & p.bit) return img::Swap(bitmap, p.from);
+  for (const Permutation &p : kSwaps)
+    if (flags & p.bit) return Swap(bitmap, p.from, isa);
   return RC_INVALID_PARAMETER;
+}
+
+}  // namespace img
+
+extern "C" IMG_API int32_t Q_SwapColors(BitmapRecord *bitmap, uint32_t flags) {
+  return img::colrn::SwapWithIsa(bitmap, flags, img::BestIsa());
 }
