@@ -36,8 +36,39 @@ void PermuteBytesSsse3(uint8_t *p, std::size_t pixels, int32_t bytesPerPixel, co
 void PermuteBytesAvx512(uint8_t *p, std::size_t pixels, int32_t bytesPerPixel, const uint8_t *from);
 void SumChannelsAvx512(const uint8_t *p, std::size_t pixels, int32_t period, uint64_t *sums);
 
+// ---- Colour balance ------------------------------------------------------------------
+
+// out[k] = R * in[0][k] + G * in[1][k] + B * in[2][k] for k = red, green,
+// blue, in double precision as written, truncated and limited.
+struct Mix {
+  double share[3][3];  // [input red, green, blue][output red, green, blue]
+};
+
+template <class T>
+inline void MixPixel(T *p, const Mix &m, int64_t max) {
+  const double r = p[2], g = p[1], b = p[0];
+  const double nr = r * m.share[0][0] + g * m.share[1][0] + b * m.share[2][0];
+  const double ng = r * m.share[0][1] + g * m.share[1][1] + b * m.share[2][1];
+  const double nb = r * m.share[0][2] + g * m.share[1][2] + b * m.share[2][2];
+  const auto limit = [max](double v) {
+    const int64_t t = TruncateToInt32(v);
+    return static_cast<T>(t < 0 ? 0 : t > max ? max : t);
+  };
+  p[2] = limit(nr);
+  p[1] = limit(ng);
+  p[0] = limit(nb);
+}
+
+// True when every share is finite: the products and sums are then never NaN
+// and the 8-bit lanes of MixBytesAvx512 apply.
+bool FiniteShares(const Mix &mix);
+void MixBytesAvx512(uint8_t *p, std::size_t pixels, int32_t period, const Mix &mix);
+
 // ---- Exports' workers with the instruction set chosen by the caller (tests) ---------
 
+int32_t BalanceWithIsa(BitmapRecord *bitmap, const ColorBalanceFactors *redFactors,
+                       const ColorBalanceFactors *greenFactors, const ColorBalanceFactors *blueFactors,
+                       uint32_t flags, Isa isa);
 int32_t SwapWithIsa(BitmapRecord *bitmap, uint32_t flags, Isa isa);
 int32_t EqualizeWithIsa(BitmapRecord *bitmap, int32_t mode, Isa isa);
 int32_t IntensityBalanceWithIsa(BitmapRecord *bitmap, uint32_t method, uint32_t strength, uint32_t flags,

@@ -2,6 +2,7 @@
 // loop (scalar on every instruction set) and the dispatch to the files of
 // each instruction set. A level without a loop of its own runs the loop of
 // the next level below it.
+#include <cmath>
 #include <cstring>
 
 #include "Colr_n_internal.h"
@@ -90,6 +91,13 @@ void FoldCounts(const uint32_t *counts, int32_t channels, uint32_t *histograms) 
       for (int32_t k = 0; k < 4; ++k) sum += counts[(k * 3 + c) * 256 + v];
       histograms[c * 256 + v] += sum;
     }
+}
+
+bool FiniteShares(const Mix &mix) {
+  for (const auto &in : mix.share)
+    for (const double s : in)
+      if (!std::isfinite(s)) return false;
+  return true;
 }
 
 }  // namespace img::colrn

@@ -230,7 +230,7 @@ TEST(Swap, EveryExchangeOnEveryKind) {
 }
 
 // Every instruction set gives the scalar path's bytes and status: the swap,
-// the per-channel equalisation and both intensity balances, on every kind,
+// the per-channel equalisation, the colour balance and both intensity balances, on every kind,
 // bottom-up too, with and without a region (widths past the vector blocks).
 TEST(ChannelExports, InstructionSetsMatchScalar) {
   using Call = int32_t (*)(BitmapRecord *, img::Isa);
@@ -238,6 +238,17 @@ TEST(ChannelExports, InstructionSetsMatchScalar) {
       [](BitmapRecord *b, img::Isa isa) { return img::colrn::SwapWithIsa(b, SWAP_RBGR, isa); },
       [](BitmapRecord *b, img::Isa isa) { return img::colrn::SwapWithIsa(b, SWAP_GB, isa); },
       [](BitmapRecord *b, img::Isa isa) { return img::colrn::EqualizeWithIsa(b, HISTOEQ_PER_CHANNEL, isa); },
+      // Inexact shares, thirds (many sums that the bounds leave open), exact
+      // and saturating ones.
+      [](BitmapRecord *b, img::Isa isa) {
+        const ColorBalanceFactors r = Shares(0.9, 0.1, 0), g = Shares(0.05, 0.85, 0.1),
+                                  bl = Shares(0, 0.1, 1);
+        return img::colrn::BalanceWithIsa(b, &r, &g, &bl, 0, isa);
+      },
+      [](BitmapRecord *b, img::Isa isa) {
+        const ColorBalanceFactors t = Shares(1.0 / 3, 1.0 / 3, 1.0 / 3), h = Shares(0.5, 0.25, 3.7);
+        return img::colrn::BalanceWithIsa(b, &t, &h, &t, 0, isa);
+      },
       [](BitmapRecord *b, img::Isa isa) {
         return img::colrn::IntensityBalanceWithIsa(b, INTENSITY_BALANCE_GRAY_WORLD, 70, 0, isa);
       },
