@@ -108,21 +108,22 @@ IMG_AVX512 void PermuteBytesAvx512(uint8_t *p, std::size_t pixels, int32_t bytes
 // Per 64 bytes: the bytes of each channel (a mask by phase) summed eight at
 // a time by the sum of absolute differences against zero, in 64-bit lanes.
 IMG_AVX512 void SumChannelsAvx512(const uint8_t *p, std::size_t pixels, int32_t period, uint64_t *sums) {
-  __mmask64 masks[3][3];
-  const int32_t phases = period == 3 ? 3 : 1;
-  for (int32_t ph = 0; ph < phases; ++ph)
-    for (int32_t c = 0; c < 3; ++c) masks[ph][c] = ChannelMask(period, ph, c);
+  // 192 bytes a step (a whole number of pixels): the three vectors start at
+  // phases 0, 1 and 2 (0 for 4-byte pixels); the masks are byte vectors.
+  __m512i masks[3][3];
+  for (int32_t ph = 0; ph < 3; ++ph)
+    for (int32_t c = 0; c < 3; ++c)
+      masks[ph][c] = _mm512_movm_epi8(ChannelMask(period, period == 3 ? ph : 0, c));
   const __m512i zero = _mm512_setzero_si512();
   __m512i acc[3] = {zero, zero, zero};
   const std::size_t bytes = pixels * static_cast<std::size_t>(period);
   std::size_t i = 0;
-  int32_t phase = 0;
-  for (; i + 64 <= bytes; i += 64) {
-    const __m512i v = _mm512_loadu_si512(p + i);
-    for (int32_t c = 0; c < 3; ++c)
-      acc[c] = _mm512_add_epi64(acc[c], _mm512_sad_epu8(_mm512_maskz_mov_epi8(masks[phase][c], v), zero));
-    if (period == 3) phase = phase == 2 ? 0 : phase + 1;
-  }
+  for (; i + 192 <= bytes; i += 192)
+    for (int32_t ph = 0; ph < 3; ++ph) {
+      const __m512i v = _mm512_loadu_si512(p + i + 64 * ph);
+      for (int32_t c = 0; c < 3; ++c)
+        acc[c] = _mm512_add_epi64(acc[c], _mm512_sad_epu8(_mm512_and_si512(masks[ph][c], v), zero));
+    }
   for (int32_t c = 0; c < 3; ++c) {
     alignas(64) uint64_t lanes[8];
     _mm512_store_si512(lanes, acc[c]);
@@ -148,17 +149,21 @@ IMG_AVX512 void MixBytesAvx512(uint8_t *p, std::size_t pixels, int32_t period, c
     join[j] = static_cast<uint8_t>(c < 3 && pixel < 16 ? c * 16 + pixel : 0);
   }
   const __m512i partIndex = _mm512_load_si512(part), joinIndex = _mm512_load_si512(join);
-  const __mmask64 bytes = period == 3 ? _cvtu64_mask64(0xFFFFFFFFFFFFu) : ~__mmask64{0};
-  // The bytes the mix writes: a fourth byte stays.
-  const __mmask64 write = period == 3 ? bytes : _cvtu64_mask64(0x7777777777777777u);
+  // A fourth byte stays.
+  const __mmask64 fourth = _cvtu64_mask64(0x8888888888888888u);
   __m512d share[3][3];
   for (int32_t i = 0; i < 3; ++i)
     for (int32_t k = 0; k < 3; ++k) share[i][k] = _mm512_set1_pd(mix.share[i][k]);
   const __m512d top = _mm512_set1_pd(255.0);
   const std::size_t step = static_cast<std::size_t>(period) * 16;
   std::size_t i = 0;
+  // Plain 64-byte loads while the row holds them (masked loads and stores
+  // are slow on some processors); 3-byte pixels store 32 + 16 bytes.
   for (; i + 16 <= pixels; i += 16, p += step) {
-    const __m512i parts = _mm512_permutexvar_epi8(partIndex, _mm512_maskz_loadu_epi8(bytes, p));
+    const bool whole = (pixels - i) * static_cast<std::size_t>(period) >= 64;
+    const __m512i v =
+        whole ? _mm512_loadu_si512(p) : _mm512_maskz_loadu_epi8(_cvtu64_mask64(0xFFFFFFFFFFFFu), p);
+    const __m512i parts = _mm512_permutexvar_epi8(partIndex, v);
     const __m512i b32 = _mm512_cvtepu8_epi32(_mm512_castsi512_si128(parts));
     const __m512i g32 = _mm512_cvtepu8_epi32(_mm512_extracti32x4_epi32(parts, 1));
     const __m512i r32 = _mm512_cvtepu8_epi32(_mm512_extracti32x4_epi32(parts, 2));
@@ -177,7 +182,13 @@ IMG_AVX512 void MixBytesAvx512(uint8_t *p, std::size_t pixels, int32_t period, c
     }
     const __m512i packed =
         _mm512_inserti32x4(_mm512_inserti32x4(_mm512_castsi128_si512(out[0]), out[1], 1), out[2], 2);
-    _mm512_mask_storeu_epi8(p, write, _mm512_permutexvar_epi8(joinIndex, packed));
+    const __m512i mixed = _mm512_permutexvar_epi8(joinIndex, packed);
+    if (period == 4) {
+      _mm512_storeu_si512(p, _mm512_mask_blend_epi8(fourth, mixed, v));
+    } else {
+      _mm256_storeu_si256(reinterpret_cast<__m256i *>(p), _mm512_castsi512_si256(mixed));
+      _mm_storeu_si128(reinterpret_cast<__m128i *>(p + 32), _mm512_extracti32x4_epi32(mixed, 2));
+    }
   }
   for (; i < pixels; ++i, p += period) MixPixel(p, mix, 255);
 }
