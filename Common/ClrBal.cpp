@@ -11,6 +11,7 @@
 // for strength k, in doubles, rounded to nearest and limited to 0..T.
 #include <type_traits>
 
+#include "Colr_n_internal.h"
 #include "frame.h"
 
 namespace img {
@@ -43,27 +44,45 @@ uint32_t PatchValue(const uint32_t *histogram, int32_t bins) {
   return 0;
 }
 
-int32_t Balance(BitmapRecord *bitmap, uint32_t method, uint32_t strength) {
+// 8-bit rows of 3 or 4 samples are summed, counted and mapped by the byte
+// loops (exact integer sums and counts; the tables' entries are at most 255);
+// bitmaps whose working rows are their stored rows are walked in place, with
+// the progress the row pass would report.
+int32_t Balance(BitmapRecord *bitmap, uint32_t method, uint32_t strength, Isa isa) {
   RowPass pass(bitmap, RowSetup{.progress = {0, 50, true},
                                 .palette = PaletteRule::EntriesWithoutRegion,
                                 .write = false,
                                 .progressAt = ProgressPoint::AfterRow});
   if (pass.status() != RC_SUCCESS) return pass.status();
   if (pass.channels() < 3) return RC_UNSUPPORTED_BITMAP;
+  const bool direct = colrn::WorksOnStoredRows(bitmap);
+  Progress progress;
   const int32_t bins = pass.wide() ? 65536 : 256;
+  const bool bytes = !pass.wide() && (pass.channels() == 3 || pass.channels() == 4);
   const bool patch = method == INTENSITY_BALANCE_WHITE_PATCH;
-  KernelBuffer<uint32_t> histograms;
+  KernelBuffer<uint32_t> histograms, counts;
   if (patch) {
     histograms = KernelBuffer<uint32_t>(static_cast<std::size_t>(bins) * 3, __LINE__, kSourceFile);
     if (!histograms) return RC_NO_MEMORY;
+    if (bytes) {
+      counts = KernelBuffer<uint32_t>(colrn::kCountsSize, __LINE__, kSourceFile);
+      if (!counts) return RC_NO_MEMORY;
+    }
   }
   IMG_BUFFER(uint16_t, tables, static_cast<std::size_t>(bins) * 3);
   if (!tables) return RC_NO_MEMORY;
   uint64_t sums[3] = {0, 0, 0};
   uint32_t *h = histograms.get();
-  int32_t status = pass.RunRows([&](auto &row) {
+  int32_t status = colrn::RunRows(pass, direct, progress, {0, 50, true}, false, [&](auto &row) {
     row.ForEachRun([&](int32_t left, int32_t right) {
       const auto *p = row.Pixel(left);
+      if constexpr (sizeof(*p) == 1) {
+        if (bytes) {
+          const std::size_t pixels = static_cast<std::size_t>(right - left);
+          if (patch) return colrn::CountBytes(p, pixels, row.channels, counts.get());
+          return colrn::SumChannels(isa, p, pixels, row.channels, sums);
+        }
+      }
       for (int32_t x = left; x < right; ++x, p += row.channels) {
         if (patch) {
           ++h[p[0]];
@@ -78,6 +97,7 @@ int32_t Balance(BitmapRecord *bitmap, uint32_t method, uint32_t strength) {
     });
   });
   if (status != RC_SUCCESS) return status;
+  if (patch && bytes) colrn::FoldCounts(counts.get(), 3, h);
   for (int32_t c = 0; c < 3; ++c) {
     double gain = 1.0;
     if (patch) {
@@ -89,30 +109,45 @@ int32_t Balance(BitmapRecord *bitmap, uint32_t method, uint32_t strength) {
     BuildBalanceTable(tables.get() + c * bins, bins, gain, strength);
   }
   const uint16_t *t = tables.get();
+  uint8_t byteTables[3 * 256];
+  for (int32_t k = 0; bins == 256 && k < 3 * 256; ++k) byteTables[k] = static_cast<uint8_t>(t[k]);
   auto apply = [&](auto &row) {
     using T = std::remove_reference_t<decltype(*row.samples)>;
     // A palette row always has 8-bit samples and 256-entry tables.
     row.ForEachRun([&](int32_t left, int32_t right) {
       T *p = row.Pixel(left);
+      if constexpr (sizeof(T) == 1) {
+        if (row.channels == 3 || row.channels == 4)
+          return colrn::LookupBytes(isa, p, static_cast<std::size_t>(right - left) * row.channels,
+                                    row.channels, byteTables);
+      }
       for (int32_t x = left; x < right; ++x, p += row.channels)
         for (int32_t c = 0; c < 3; ++c) p[c] = static_cast<T>(t[c * bins + p[c]]);
     });
   };
   if (pass.OnPalette()) return Bracketed({50, 100, true}, [&] { return RunPaletteRow(bitmap, apply); });
-  pass.SetWalk({50, 100, true}, true);
-  return pass.RunRows(apply);
+  return colrn::RunRows(pass, direct, progress, {50, 100, true}, true, apply);
 }
 
 }  // namespace
 
 }  // namespace img
 
-extern "C" IMG_API int32_t Q_ColorIntensityBalance(BitmapRecord *bitmap, uint32_t method, uint32_t strength,
-                                                   uint32_t flags) {
-  if (const int32_t status = img::CheckEntry(img::kEntry, flags, bitmap)) return status;
-  if (!img::ranges::kIntensityBalanceMethod.Contains(method) ||
-      !img::ranges::kIntensityBalanceStrength.Contains(strength))
+namespace img {
+
+int32_t colrn::IntensityBalanceWithIsa(BitmapRecord *bitmap, uint32_t method, uint32_t strength,
+                                       uint32_t flags, Isa isa) {
+  if (const int32_t status = CheckEntry(kEntry, flags, bitmap)) return status;
+  if (!ranges::kIntensityBalanceMethod.Contains(method) ||
+      !ranges::kIntensityBalanceStrength.Contains(strength))
     return RC_INVALID_PARAMETER;
   if (::IsGrayBitmap(bitmap)) return RC_UNSUPPORTED_BITMAP;
-  return img::Balance(bitmap, method, strength);
+  return Balance(bitmap, method, strength, isa);
+}
+
+}  // namespace img
+
+extern "C" IMG_API int32_t Q_ColorIntensityBalance(BitmapRecord *bitmap, uint32_t method, uint32_t strength,
+                                                   uint32_t flags) {
+  return img::colrn::IntensityBalanceWithIsa(bitmap, method, strength, flags, img::BestIsa());
 }

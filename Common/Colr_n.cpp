@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <type_traits>
 
+#include "Colr_n_internal.h"
 #include "frame.h"
 
 namespace img {
@@ -118,33 +119,27 @@ int32_t ColoredGray(BitmapRecord *bitmap, const GrayWeights &w) {
 
 // ---- Colour balance -------------------------------------------------------------------
 
-// out[k] = R * in[0][k] + G * in[1][k] + B * in[2][k] for k = red, green,
-// blue, in double precision as written, truncated and limited.
-struct Mix {
-  double share[3][3];  // [input red, green, blue][output red, green, blue]
-};
+using colrn::Mix;
+using colrn::MixPixel;
 
-template <class T>
-inline void MixPixel(T *p, const Mix &m, int64_t max) {
-  const double r = p[2], g = p[1], b = p[0];
-  const double nr = r * m.share[0][0] + g * m.share[1][0] + b * m.share[2][0];
-  const double ng = r * m.share[0][1] + g * m.share[1][1] + b * m.share[2][1];
-  const double nb = r * m.share[0][2] + g * m.share[1][2] + b * m.share[2][2];
-  p[2] = Limit<T>(TruncateToInt32(nr), max);
-  p[1] = Limit<T>(TruncateToInt32(ng), max);
-  p[0] = Limit<T>(TruncateToInt32(nb), max);
-}
-
-int32_t Balance(BitmapRecord *bitmap, const Mix &mix) {
+// 8-bit rows of 3 or 4 samples with finite shares go through the double
+// lanes of colrn::MixBytesAvx512 (the scalar's operations lane by lane).
+int32_t Balance(BitmapRecord *bitmap, const Mix &mix, Isa isa) {
   if (IsPaletteBitmap(bitmap))
     return ChangePaletteEntries(bitmap, [&](uint8_t *p) { MixPixel(p, mix, 255); });
   RowPass pass(bitmap, RowSetup{});
   if (pass.status() != RC_SUCCESS) return pass.status();
   if (pass.channels() < 3) return RC_UNSUPPORTED_BITMAP;
-  return pass.RunRows([&](auto &row) {
+  const bool lanes = isa >= Isa::Avx512 && !pass.wide() && colrn::FiniteShares(mix);
+  Progress none;
+  return colrn::RunRows(pass, colrn::WorksOnStoredRows(bitmap), none, kNoProgress, true, [&](auto &row) {
     const int64_t max = pass.wide() ? 65535 : 255;
     row.ForEachRun([&](int32_t left, int32_t right) {
       auto *p = row.Pixel(left);
+      if constexpr (sizeof(*p) == 1) {
+        if (lanes && (row.channels == 3 || row.channels == 4))
+          return colrn::MixBytesAvx512(p, static_cast<std::size_t>(right - left), row.channels, mix);
+      }
       for (int32_t x = left; x < right; ++x, p += row.channels) MixPixel(p, mix, max);
     });
   });
@@ -184,8 +179,9 @@ void PermuteRun(T *p, int32_t count, int32_t stride, const uint8_t *from) {
 
 // 24- to 64-bit bitmaps are permuted in their stored bytes (a pure exchange
 // of samples, so the converter's round trip is not needed); the stored order
-// (ORDER_RGB keeps red first) maps the working positions onto stored ones.
-int32_t SwapStored(BitmapRecord *bitmap, const uint8_t *from) {
+// (ORDER_RGB keeps red first) maps the working positions onto stored ones,
+// and those onto the bytes of a stored pixel (a fourth sample stays).
+int32_t SwapStored(BitmapRecord *bitmap, const uint8_t *from, Isa isa) {
   uint8_t stored[3];
   const bool rgb = bitmap->ColorOrder == ORDER_RGB;
   for (int32_t k = 0; k < 3; ++k) {
@@ -195,22 +191,22 @@ int32_t SwapStored(BitmapRecord *bitmap, const uint8_t *from) {
   StoredRowPass rows(bitmap);
   if (rows.status() != RC_SUCCESS) return rows.status();
   const int32_t bits = bitmap->BitsPerPixel;
-  const int32_t stride = bits == 24 || bits == 48 ? 3 : 4;
+  const int32_t samples = bits == 24 || bits == 48 ? 3 : 4, sampleBytes = bits <= 32 ? 1 : 2;
+  const int32_t pixelBytes = samples * sampleBytes;
+  uint8_t bytes[8];
+  for (int32_t k = 0; k < samples; ++k)
+    for (int32_t h = 0; h < sampleBytes; ++h)
+      bytes[k * sampleBytes + h] = static_cast<uint8_t>((k < 3 ? stored[k] : k) * sampleBytes + h);
   const int32_t status = rows.Run(kNoProgress, [&](uint8_t *row, const RowRun *runs, int32_t n) {
-    for (int32_t r = 0; r < n; ++r) {
-      const int32_t count = runs[r].End - runs[r].Start;
-      if (bits <= 32)
-        PermuteRun(row + static_cast<std::ptrdiff_t>(runs[r].Start) * stride, count, stride, stored);
-      else
-        PermuteRun(reinterpret_cast<uint16_t *>(row) + static_cast<std::ptrdiff_t>(runs[r].Start) * stride,
-                   count, stride, stored);
-    }
+    for (int32_t r = 0; r < n; ++r)
+      colrn::PermuteBytes(isa, row + static_cast<std::ptrdiff_t>(runs[r].Start) * pixelBytes,
+                          static_cast<std::size_t>(runs[r].End - runs[r].Start), pixelBytes, bytes);
   });
   if (status == RC_SUCCESS) ::UpdateBitmapInfo(bitmap);
   return status;
 }
 
-int32_t Swap(BitmapRecord *bitmap, const uint8_t *from) {
+int32_t Swap(BitmapRecord *bitmap, const uint8_t *from, Isa isa) {
   if (IsPaletteBitmap(bitmap))
     return ChangePaletteEntries(bitmap, [&](uint8_t *p) { PermuteRun(p, 1, 3, from); });
   const int32_t bits = bitmap->BitsPerPixel;
@@ -218,7 +214,7 @@ int32_t Swap(BitmapRecord *bitmap, const uint8_t *from) {
   // accept the bitmap; one without pixel memory goes to it and is refused.
   if (bits >= 24 && (bitmap->ColorOrder == ORDER_RGB || bitmap->ColorOrder == ORDER_BGR) &&
       (bitmap->Flags & BITMAP_ALLOCATED) && bitmap->Pixels)
-    return SwapStored(bitmap, from);
+    return SwapStored(bitmap, from, isa);
   RowPass pass(bitmap, RowSetup{});
   if (pass.status() != RC_SUCCESS) return pass.status();
   if (pass.channels() < 3) return RC_UNSUPPORTED_BITMAP;
@@ -251,15 +247,17 @@ extern "C" IMG_API int32_t Q_ConvertToColoredGray(BitmapRecord *bitmap, int32_t 
   return img::ColoredGray(bitmap, w);
 }
 
-extern "C" IMG_API int32_t Q_BalanceColors(BitmapRecord *bitmap, const ColorBalanceFactors *redFactors,
-                                           const ColorBalanceFactors *greenFactors,
-                                           const ColorBalanceFactors *blueFactors, uint32_t flags) {
-  if (const int32_t status = img::CheckEntry(img::kFlagsEntry, flags, bitmap)) return status;
+namespace img {
+
+int32_t colrn::BalanceWithIsa(BitmapRecord *bitmap, const ColorBalanceFactors *redFactors,
+                              const ColorBalanceFactors *greenFactors, const ColorBalanceFactors *blueFactors,
+                              uint32_t flags, Isa isa) {
+  if (const int32_t status = CheckEntry(kFlagsEntry, flags, bitmap)) return status;
   const ColorBalanceFactors *records[3] = {redFactors, greenFactors, blueFactors};
   for (const ColorBalanceFactors *f : records)
-    if (const int32_t status = img::CheckShares(f)) return status;
+    if (const int32_t status = CheckShares(f)) return status;
   if (::IsGrayBitmap(bitmap)) return RC_UNSUPPORTED_BITMAP;
-  img::Mix mix{};
+  Mix mix{};
   for (int32_t i = 0; i < 3; ++i) {
     const double shares[3] = {records[i]->ToRed, records[i]->ToGreen, records[i]->ToBlue};
     // A share below 0 refuses the record; NaN is not below 0 (and its
@@ -267,18 +265,30 @@ extern "C" IMG_API int32_t Q_BalanceColors(BitmapRecord *bitmap, const ColorBala
     if (shares[0] < 0.0 || shares[1] < 0.0 || shares[2] < 0.0) return RC_INVALID_PARAMETER;
     for (int32_t k = 0; k < 3; ++k) mix.share[i][k] = shares[k];
   }
-  return img::Balance(bitmap, mix);
+  return Balance(bitmap, mix, isa);
 }
 
-extern "C" IMG_API int32_t Q_SwapColors(BitmapRecord *bitmap, uint32_t flags) {
-  if (const int32_t status = img::CheckEntry(img::kSwapEntry, 0, bitmap)) return status;
+int32_t colrn::SwapWithIsa(BitmapRecord *bitmap, uint32_t flags, Isa isa) {
+  if (const int32_t status = CheckEntry(kSwapEntry, 0, bitmap)) return status;
   // A gray bitmap has nothing to swap: success, deliberately before the
   // flags are looked at.
   if (::IsGrayBitmap(bitmap)) {
     ::FinishOperation();
     return RC_SUCCESS;
   }
-  for (const img::Permutation &p : img::kSwaps)
-    if (flags & p.bit) return img::Swap(bitmap, p.from);
+  for (const Permutation &p : kSwaps)
+    if (flags & p.bit) return Swap(bitmap, p.from, isa);
   return RC_INVALID_PARAMETER;
+}
+
+}  // namespace img
+
+extern "C" IMG_API int32_t Q_SwapColors(BitmapRecord *bitmap, uint32_t flags) {
+  return img::colrn::SwapWithIsa(bitmap, flags, img::BestIsa());
+}
+
+extern "C" IMG_API int32_t Q_BalanceColors(BitmapRecord *bitmap, const ColorBalanceFactors *redFactors,
+                                           const ColorBalanceFactors *greenFactors,
+                                           const ColorBalanceFactors *blueFactors, uint32_t flags) {
+  return img::colrn::BalanceWithIsa(bitmap, redFactors, greenFactors, blueFactors, flags, img::BestIsa());
 }

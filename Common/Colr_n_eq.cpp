@@ -1,6 +1,7 @@
 // Histogram equalisation: each channel by itself, the luminance with the same
 // shift for every channel, or one common table. Signed data is equalised in
 // its offset form and put back afterwards.
+#include "Colr_n_internal.h"
 #include "frame.h"
 
 namespace img {
@@ -38,32 +39,50 @@ inline T LimitShift(int32_t v, int32_t max) {
 
 // Mode 1 (and the mode 4 fallback): one histogram and table per channel (a
 // one-sample row counts its sample for all three and uses the red table).
-int32_t PerChannel(BitmapRecord *bitmap) {
+// 8-bit rows of 1, 3 or 4 samples are counted into sub-histograms and mapped
+// by the byte loops (the tables' entries are at most 255, so byte tables hold
+// them); bitmaps whose working rows are their stored rows are walked in place.
+int32_t PerChannel(BitmapRecord *bitmap, Isa isa) {
   RowPass pass(bitmap, RowSetup{});
   if (pass.status() != RC_SUCCESS) return pass.status();
+  const bool direct = colrn::WorksOnStoredRows(bitmap);
+  Progress none;
   const int32_t bins = pass.wide() ? 65536 : 256;
   const int32_t channels = pass.channels() >= 3 ? 3 : 1;
+  const bool bytes = !pass.wide() && (pass.channels() == 1 || pass.channels() == 3 || pass.channels() == 4);
   IMG_BUFFER(uint32_t, histograms, static_cast<std::size_t>(bins) * channels);
   IMG_BUFFER(uint16_t, tables, static_cast<std::size_t>(bins) * channels);
-  if (!histograms || !tables) return RC_NO_MEMORY;
+  KernelBuffer<uint32_t> counts;
+  if (bytes) counts = KernelBuffer<uint32_t>(colrn::kCountsSize, __LINE__, kSourceFile);
+  if (!histograms || !tables || (bytes && !counts)) return RC_NO_MEMORY;
   uint32_t *h = histograms.get();
-  pass.SetWalk(kNoProgress, false);
-  int32_t status = pass.RunRows([&](auto &row) {
+  int32_t status = colrn::RunRows(pass, direct, none, kNoProgress, false, [&](auto &row) {
     row.ForEachRun([&](int32_t left, int32_t right) {
       const auto *p = row.Pixel(left);
+      if constexpr (sizeof(*p) == 1) {
+        if (bytes)
+          return colrn::CountBytes(p, static_cast<std::size_t>(right - left), row.channels, counts.get());
+      }
       for (int32_t x = left; x < right; ++x, p += row.channels)
         for (int32_t c = 0; c < channels; ++c) ++h[c * bins + p[c]];
     });
   });
   if (status != RC_SUCCESS) return status;
+  if (bytes) colrn::FoldCounts(counts.get(), channels, h);
   const uint64_t n = PixelCount(bitmap);
   for (int32_t c = 0; c < channels; ++c) BuildEqualizeTable(h + c * bins, bins, n, tables.get() + c * bins);
   const uint16_t *t = tables.get();
-  pass.SetWalk(kNoProgress, true);
-  return pass.RunRows([&](auto &row) {
+  uint8_t byteTables[3 * 256];
+  for (int32_t k = 0; bytes && k < channels * 256; ++k) byteTables[k] = static_cast<uint8_t>(t[k]);
+  return colrn::RunRows(pass, direct, none, kNoProgress, true, [&](auto &row) {
     using T = std::remove_reference_t<decltype(*row.samples)>;
     row.ForEachRun([&](int32_t left, int32_t right) {
       T *p = row.Pixel(left);
+      if constexpr (sizeof(T) == 1) {
+        if (bytes)
+          return colrn::LookupBytes(isa, p, static_cast<std::size_t>(right - left) * row.channels,
+                                    row.channels, byteTables);
+      }
       for (int32_t x = left; x < right; ++x, p += row.channels)
         for (int32_t c = 0; c < channels; ++c) p[c] = static_cast<T>(t[c * bins + p[c]]);
     });
@@ -177,8 +196,10 @@ bool IsDeep(const BitmapRecord *bitmap) {
 
 }  // namespace img
 
-extern "C" IMG_API int32_t Q_HistoEqualizeBitmap(BitmapRecord *bitmap, int32_t mode) {
-  if (const int32_t status = img::CheckEntry(img::kEntry, 0, bitmap)) return status;
+namespace img {
+
+int32_t colrn::EqualizeWithIsa(BitmapRecord *bitmap, int32_t mode, Isa isa) {
+  if (const int32_t status = CheckEntry(kEntry, 0, bitmap)) return status;
   const bool signedData = (bitmap->Flags & BITMAP_SIGNED) != 0;
   if (bitmap->ColorOrder == ORDER_GRAY && !signedData &&
       (bitmap->BitsPerPixel == 16 || bitmap->BitsPerPixel == 12))
@@ -195,26 +216,32 @@ extern "C" IMG_API int32_t Q_HistoEqualizeBitmap(BitmapRecord *bitmap, int32_t m
   };
   switch (mode) {
     case HISTOEQ_PER_CHANNEL:
-      return restore(img::PerChannel(bitmap));
+      return restore(PerChannel(bitmap, isa));
     case HISTOEQ_LUMINANCE:
-      return restore(img::LuminanceShift(bitmap));
+      return restore(LuminanceShift(bitmap));
     case HISTOEQ_COMMON: {
       // On purpose in this order: a deep bitmap first takes the 16-bit common
       // table (its status dropped). Signed data is then made signed again and
       // equalised per channel as it stands, with the usual restore after it.
       // Unsigned data takes the 8-bit routine, whose every non-zero result
       // (failures included) is reported as success.
-      if (img::IsDeep(bitmap)) img::DeepCommon(bitmap);
+      if (IsDeep(bitmap)) DeepCommon(bitmap);
       if (signedData) {
         if (const int32_t status = ::UnsignedToSigned(bitmap, 1, 0); status != RC_SUCCESS) return status;
-        return restore(img::PerChannel(bitmap));
+        return restore(PerChannel(bitmap, isa));
       }
-      if (img::ByteCommon(bitmap) != 0) return RC_SUCCESS;
-      return img::PerChannel(bitmap);
+      if (ByteCommon(bitmap) != 0) return RC_SUCCESS;
+      return PerChannel(bitmap, isa);
     }
     default: {
       const int32_t status = restore(RC_SUCCESS);
       return status != RC_SUCCESS ? status : RC_INVALID_PARAMETER;
     }
   }
+}
+
+}  // namespace img
+
+extern "C" IMG_API int32_t Q_HistoEqualizeBitmap(BitmapRecord *bitmap, int32_t mode) {
+  return img::colrn::EqualizeWithIsa(bitmap, mode, img::BestIsa());
 }

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <vector>
 
+#include "Colr_n_internal.h"
 #include "kit.h"
 
 namespace {
@@ -197,9 +198,10 @@ TEST(Swap, EveryExchangeOnEveryKind) {
   for (const kit::Format &format : kit::AllFormats(true)) {
     SCOPED_TRACE(format.Name());
     for (const Case &c : cases) {
-      kit::Bitmap bmp(format, 6, 4, format.IsPalette() ? palette.data() : nullptr);
+      // 70 pixels: whole blocks of the vector loops and a tail.
+      kit::Bitmap bmp(format, 70, 4, format.IsPalette() ? palette.data() : nullptr);
       bmp.Randomize(c.flags);
-      kit::SetEllipseRegion(bmp, 0, 0, 6, 4);
+      kit::SetEllipseRegion(bmp, 0, 0, 70, 4);
       const auto before = bmp.Pixels();
       std::vector<PaletteEntry> entries(bmp->Palette, bmp->Palette + (format.IsPalette() ? 256 : 0));
       ASSERT_EQ(Q_SwapColors(bmp, c.flags), RC_SUCCESS);
@@ -212,9 +214,9 @@ TEST(Swap, EveryExchangeOnEveryKind) {
         }
         continue;
       }
-      for (int32_t i = 0; i < 24; ++i) {
-        const Pixel &o = before[i], n = bmp.At(i % 6, i / 6);
-        const bool in = kit::InRegion(bmp, i % 6, i / 6);
+      for (int32_t i = 0; i < 280; ++i) {
+        const Pixel &o = before[i], n = bmp.At(i % 70, i / 70);
+        const bool in = kit::InRegion(bmp, i % 70, i / 70);
         const Pixel want = in ? Rgb(o.v[c.from[0]], o.v[c.from[1]], o.v[c.from[2]], o.v[3]) : o;
         EXPECT_EQ(n, want) << c.flags << " pixel " << i;
       }
@@ -225,6 +227,57 @@ TEST(Swap, EveryExchangeOnEveryKind) {
       }
     }
   }
+}
+
+// Every instruction set gives the scalar path's bytes and status: the swap,
+// the per-channel equalisation, the colour balance and both intensity balances, on every kind,
+// bottom-up too, with and without a region (widths past the vector blocks).
+TEST(ChannelExports, InstructionSetsMatchScalar) {
+  using Call = int32_t (*)(BitmapRecord *, img::Isa);
+  const Call calls[] = {
+      [](BitmapRecord *b, img::Isa isa) { return img::colrn::SwapWithIsa(b, SWAP_RBGR, isa); },
+      [](BitmapRecord *b, img::Isa isa) { return img::colrn::SwapWithIsa(b, SWAP_GB, isa); },
+      [](BitmapRecord *b, img::Isa isa) { return img::colrn::EqualizeWithIsa(b, HISTOEQ_PER_CHANNEL, isa); },
+      // Inexact shares, thirds (many sums that the bounds leave open), exact
+      // and saturating ones.
+      [](BitmapRecord *b, img::Isa isa) {
+        const ColorBalanceFactors r = Shares(0.9, 0.1, 0), g = Shares(0.05, 0.85, 0.1),
+                                  bl = Shares(0, 0.1, 1);
+        return img::colrn::BalanceWithIsa(b, &r, &g, &bl, 0, isa);
+      },
+      [](BitmapRecord *b, img::Isa isa) {
+        const ColorBalanceFactors t = Shares(1.0 / 3, 1.0 / 3, 1.0 / 3), h = Shares(0.5, 0.25, 3.7);
+        return img::colrn::BalanceWithIsa(b, &t, &h, &t, 0, isa);
+      },
+      [](BitmapRecord *b, img::Isa isa) {
+        return img::colrn::IntensityBalanceWithIsa(b, INTENSITY_BALANCE_GRAY_WORLD, 70, 0, isa);
+      },
+      [](BitmapRecord *b, img::Isa isa) {
+        return img::colrn::IntensityBalanceWithIsa(b, INTENSITY_BALANCE_WHITE_PATCH, 100, 0, isa);
+      }};
+  const auto palette = ColourPalette();
+  for (const kit::Format &format : kit::AllFormats(true))
+    for (const bool region : {false, true})
+      for (std::size_t k = 0; k < std::size(calls); ++k) {
+        SCOPED_TRACE(format.Name() + (region ? " region, call " : " call ") + std::to_string(k));
+        const auto run = [&](img::Isa isa) {
+          kit::Bitmap b(format, 211, 5, format.IsPalette() ? palette.data() : nullptr);
+          b.Randomize(static_cast<uint32_t>(k) + 3);
+          if (region) kit::SetEllipseRegion(b, 2, 0, 209, 5);
+          const int32_t status = calls[k](b, isa);
+          std::vector<uint8_t> bytes = b.StoredBytes();
+          bytes.push_back(static_cast<uint8_t>(status));
+          for (int32_t i = 0; format.IsPalette() && i < 256; ++i)
+            bytes.insert(bytes.end(), {b->Palette[i].Blue, b->Palette[i].Green, b->Palette[i].Red});
+          return bytes;
+        };
+        const auto scalar = run(img::Isa::Scalar);
+        for (const img::Isa isa : img::kAllIsas) {
+          if (img::IsaAvailable(isa)) {
+            EXPECT_EQ(run(isa), scalar) << img::IsaName(isa);
+          }
+        }
+      }
 }
 
 // Palette courses report 0, then once per entry up to 100 (remainders
