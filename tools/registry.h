@@ -219,6 +219,14 @@ struct Refusals {
   int32_t coloursUsed = RC_NO_BITMAP;        // a palette bitmap with ColorsUsed 257 (palette kinds)
 };
 
+// Writes to the caller's bitmap that an export keeps when it refuses after
+// making them (docs/quirks.md). The bad-argument sweep and the fuzzer accept
+// exactly these changes on a refusal, nothing else in the record or pixels.
+struct KeptWrites {
+  bool significantHighBit = false;  // SignificantHighBit -1 becomes BitsPerPixel - 1
+  bool turnedTopFirst = false;      // a bottom-up bitmap is left turned top row first
+};
+
 struct OpDescriptor {
   std::string name;        // subcommand, kebab-case ("solarize")
   std::string exportName;  // "Q_SolarizeBitmap"
@@ -249,10 +257,7 @@ struct OpDescriptor {
   // The pointers the export takes, each passed through ArgValues::Pointer().
   std::vector<PointerSpec> pointers = {};
   Refusals refusals = {};
-  // Whether `flagsWord`, `pointers`, `refusals` and the arguments' refusal
-  // statuses have been stated for this export (the bad-argument sweep runs
-  // only those; docs/operations.md marks the others as not yet stated).
-  bool refusalsStated = true;
+  KeptWrites keptOnRefusal = {};
   // The gallery: variants shown beside the defaults, and whether each sample
   // goes through a table fixed by the arguments alone (the gallery then plots
   // that tone curve per channel).
