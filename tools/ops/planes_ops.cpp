@@ -127,14 +127,18 @@ ArgSpec PointArg(const char *name, const char *def, const char *help) {
 // point inside the region, in the order of the walk.
 int32_t Profile(BitmapRecord *bitmap, const ArgValues &args, std::ostream &out) {
   const int32_t x1 = args.Int("x1"), y1 = args.Int("y1"), x2 = args.Int("x2"), y2 = args.Int("y2");
-  // The first call asks for the number of points.
-  uint32_t capacity = 0, none = 0;
-  int32_t status = Q_LineProfile(bitmap, x1, y1, x2, y2, args.Pointer("values", &none),
+  // The first call asks for the number of points; it succeeds (and has
+  // reported its progress) when no point lies inside the region, and is then
+  // the only one.
+  uint32_t capacity = 0;
+  std::vector<uint32_t> values(3);
+  int32_t status = Q_LineProfile(bitmap, x1, y1, x2, y2, args.Pointer("values", values.data()),
                                  args.Pointer("capacity", &capacity), args.Flags());
-  if (status != RC_SUCCESS && status != RC_INVALID_PARAMETER) return status;
-  std::vector<uint32_t> values(3 * static_cast<size_t>(capacity) + 3);
-  status = Q_LineProfile(bitmap, x1, y1, x2, y2, args.Pointer("values", values.data()),
-                         args.Pointer("capacity", &capacity), args.Flags());
+  if (status == RC_INVALID_PARAMETER) {
+    values.resize(3 * static_cast<size_t>(capacity) + 3);
+    status = Q_LineProfile(bitmap, x1, y1, x2, y2, args.Pointer("values", values.data()),
+                           args.Pointer("capacity", &capacity), args.Flags());
+  }
   if (status != RC_SUCCESS) return status;
   const bool gray = bitmap->ColorOrder == ORDER_GRAY;
   out << (gray ? "point,gray\n" : "point,red,green,blue\n");
