@@ -140,8 +140,8 @@ const imgtool::Registrar kRegistrar{{
                           {"gb", SWAP_GB, "R, B, G"},
                           {"rgbr", SWAP_RGBR, "B, R, G"},
                           {"rbgr", SWAP_RBGR, "G, B, R"}},
-               // A word holding any known bit is taken (the next value, 32
-               // past the largest, holds SWAP_RG too); one with none is -13.
+               // A word holding any known bit is taken (17, one past the
+               // largest, holds SWAP_RG and SWAP_RBGR); one with none is -13.
                .outsideStatus = imgtool::kAccepted}},
      .kinds = imgtool::kAnyKind,
      .call = Swap,
