@@ -258,6 +258,12 @@ struct OpDescriptor {
   std::vector<PointerSpec> pointers = {};
   Refusals refusals = {};
   KeptWrites keptOnRefusal = {};
+  // Kept: the arguments under which the call shifts signed samples by half
+  // their scale once more than it restores them, over the whole bitmap
+  // (equalisation's common table). The fuzzer then takes the bitmap shifted
+  // once (UnsignedToSigned) outside the region, and on a refusal, as well as
+  // unchanged.
+  std::function<bool(const ArgValues &args)> shiftsSignedOnce;
   // The gallery: variants shown beside the defaults, and whether each sample
   // goes through a table fixed by the arguments alone (the gallery then plots
   // that tone curve per channel).
