@@ -381,6 +381,7 @@ void RunOne(const uint8_t *data, size_t size) {
           }
       if (shifted.Flags & BITMAP_ALLOCATED) FreeBitmap(&shifted);
       const int32_t bits = b.BitsPerPixel, order = b.ColorOrder;
+      const bool swallowsCancel = op->swallowsCancel && op->swallowsCancel(b, values);
 
       SetStatusCallback(OnProgress, &progress);
       if (failAt) SetAllocationFailure(failAt);
@@ -407,7 +408,7 @@ void RunOne(const uint8_t *data, size_t size) {
 
       if (status != RC_SUCCESS && status >= 0) Violation(*op, "status " + std::to_string(status));
       if (progress.cancelled && op->cancelReturned && status != kCancel &&
-          !(failed && status == RC_NO_MEMORY))
+          !(failed && status == RC_NO_MEMORY) && !(swallowsCancel && status == RC_SUCCESS))
         Violation(*op, "cancelled, but returned " + std::to_string(status));
       const bool refusal = status != RC_SUCCESS && status != kCancel && !(failed && status == RC_NO_MEMORY) &&
                            !progress.cancelled;

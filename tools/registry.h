@@ -264,6 +264,10 @@ struct OpDescriptor {
   // once (UnsignedToSigned) outside the region, and on a refusal, as well as
   // unchanged.
   std::function<bool(const ArgValues &args)> shiftsSignedOnce;
+  // Kept: where cancelReturned holds, the bitmap and arguments on which the
+  // course still reports success after a cancel (extended gamma's
+  // per-channel path). The fuzzer then takes 1 as well as the cancel.
+  std::function<bool(const BitmapRecord &bitmap, const ArgValues &args)> swallowsCancel;
   // The gallery: variants shown beside the defaults, and whether each sample
   // goes through a table fixed by the arguments alone (the gallery then plots
   // that tone curve per channel).
