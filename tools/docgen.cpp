@@ -87,11 +87,6 @@ std::string StatusText(int32_t status) {
 // What the export answers to each refusal the bad-argument sweep
 // (tests/badargs_test.cpp) checks.
 void Refusals(const OpDescriptor &op, std::ostream &out) {
-  if (!op.refusalsStated) {
-    out << "Refusals: not yet stated in the descriptor (the entry checks are described in the family's "
-           "note).\n\n";
-    return;
-  }
   const imgtool::Refusals &r = op.refusals;
   out << "Refusals: null bitmap " << StatusText(r.nullBitmap) << "; record size off by one "
       << StatusText(r.recordSize) << "; zeroed record " << StatusText(r.zeroedRecord);

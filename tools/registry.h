@@ -219,6 +219,14 @@ struct Refusals {
   int32_t coloursUsed = RC_NO_BITMAP;        // a palette bitmap with ColorsUsed 257 (palette kinds)
 };
 
+// Writes to the caller's bitmap that an export keeps when it refuses after
+// making them (docs/quirks.md). The bad-argument sweep and the fuzzer accept
+// exactly these changes on a refusal, nothing else in the record or pixels.
+struct KeptWrites {
+  bool significantHighBit = false;  // SignificantHighBit -1 becomes BitsPerPixel - 1
+  bool turnedTopFirst = false;      // a bottom-up bitmap is left turned top row first
+};
+
 struct OpDescriptor {
   std::string name;        // subcommand, kebab-case ("solarize")
   std::string exportName;  // "Q_SolarizeBitmap"
@@ -249,10 +257,17 @@ struct OpDescriptor {
   // The pointers the export takes, each passed through ArgValues::Pointer().
   std::vector<PointerSpec> pointers = {};
   Refusals refusals = {};
-  // Whether `flagsWord`, `pointers`, `refusals` and the arguments' refusal
-  // statuses have been stated for this export (the bad-argument sweep runs
-  // only those; docs/operations.md marks the others as not yet stated).
-  bool refusalsStated = true;
+  KeptWrites keptOnRefusal = {};
+  // Kept: the arguments under which the call shifts signed samples by half
+  // their scale once more than it restores them, over the whole bitmap
+  // (equalisation's common table). The fuzzer then takes the bitmap shifted
+  // once (UnsignedToSigned) outside the region, and on a refusal, as well as
+  // unchanged.
+  std::function<bool(const ArgValues &args)> shiftsSignedOnce;
+  // Kept: where cancelReturned holds, the bitmap and arguments on which the
+  // course still reports success after a cancel (extended gamma's
+  // per-channel path). The fuzzer then takes 1 as well as the cancel.
+  std::function<bool(const BitmapRecord &bitmap, const ArgValues &args)> swallowsCancel;
   // The gallery: variants shown beside the defaults, and whether each sample
   // goes through a table fixed by the arguments alone (the gallery then plots
   // that tone curve per channel).

@@ -1,4 +1,7 @@
 // Dynamic binary, red-eye removal and segmentation.
+#include <cstdint>
+#include <utility>
+
 #include "imgcolor.h"
 #include "ranges.h"
 #include "registry.h"
@@ -14,15 +17,16 @@ const imgtool::Family kRedEye{"Red-eye removal", "Common/RedEye.cpp", "binary.md
 const imgtool::Family kSegment{"Segmentation", "Common/Segment.cpp", "binary.md"};
 
 int32_t DynamicBinary(BitmapRecord *bitmap, const imgtool::ArgValues &args, std::ostream &) {
-  return Q_DynamicBinaryBitmap(bitmap, args.UInt("dimension"), args.UInt("contrast"), 0);
+  return Q_DynamicBinaryBitmap(bitmap, args.UInt("dimension"), args.UInt("contrast"), args.Flags());
 }
 
 int32_t RemoveRedeye(BitmapRecord *bitmap, const imgtool::ArgValues &args, std::ostream &) {
-  return Q_RemoveRedeyeBitmap(bitmap, args.Colour("color"), args.Int("threshold"), args.Int("lightness"), 0);
+  return Q_RemoveRedeyeBitmap(bitmap, args.Colour("color"), args.Int("threshold"), args.Int("lightness"),
+                              args.Flags());
 }
 
 int32_t Segment(BitmapRecord *bitmap, const imgtool::ArgValues &args, std::ostream &) {
-  return Q_SegmentBitmap(bitmap, args.UInt("k"), args.UInt("min-size"), nullptr, 0, 0);
+  return Q_SegmentBitmap(bitmap, args.UInt("k"), args.UInt("min-size"), nullptr, 0, args.Flags());
 }
 
 // The segmented image to OUT and the segment numbers (16-bit gray) to
@@ -42,6 +46,16 @@ int32_t SegmentFiles(const std::vector<BitmapRecord *> &inputs, imgtool::OutputI
   }
   out << "segments: " << segments << "\n";
   return CopyBitmap(outputs.Add(""), inputs[0], BITMAP_RECORD_SIZE);
+}
+
+// The contrast the export takes on a bitmap: 12-bit gray on its own scale,
+// 16-bit working samples (16-bit gray, 48 and 64 bits) up to 65535, the rest
+// (8-bit working samples) up to 255.
+std::pair<int64_t, int64_t> ContrastBounds(const BitmapRecord &b) {
+  if (b.ColorOrder == ORDER_GRAY && b.BitsPerPixel == 12) return {0, R::kBinaryContrast12.max};
+  if ((b.ColorOrder == ORDER_GRAY && b.BitsPerPixel == 16) || b.BitsPerPixel >= 48)
+    return {0, R::kBinaryContrast16.max};
+  return {0, R::kBinaryContrast8.max};
 }
 
 const imgtool::Registrar kRegistrar{{
@@ -69,11 +83,11 @@ const imgtool::Registrar kRegistrar{{
                .min = R::kBinaryContrast16.min,
                .max = R::kBinaryContrast16.max,
                .defaultValue = "15",
-               .help =
-                   "smallest range that counts as an edge (8-bit samples at most 255, 12-bit gray 4095)"}},
+               .help = "smallest range that counts as an edge (8-bit samples at most 255, 12-bit gray 4095)",
+               .boundsOn = ContrastBounds}},
      .kinds = imgtool::kAnyKind,
      .call = DynamicBinary,
-     .refusalsStated = false},
+     .refusals = {.signedData = RC_SIGNED_DATA_NOT_SUPPORTED}},
     {.name = "remove-redeye",
      .exportName = "Q_RemoveRedeyeBitmap",
      .family = kRedEye,
@@ -95,17 +109,20 @@ const imgtool::Registrar kRegistrar{{
                .min = R::kRedEyeThreshold.min,
                .max = R::kRedEyeThreshold.max,
                .defaultValue = "150",
-               .help = "pixels with a* at least this less 128 are recoloured (0: all)"},
+               .help = "pixels with a* at least this less 128 are recoloured (0: all)",
+               .outsideStatus = imgtool::kAccepted},  // not range-checked: kept
               {.name = "lightness",
                .type = ArgType::Int,
                .unit = "percent",
                .min = R::kRedEyeLightness.min,
                .max = R::kRedEyeLightness.max,
                .defaultValue = "70",
-               .help = "the recoloured pixels' L* is scaled by this"}},
+               .help = "the recoloured pixels' L* is scaled by this",
+               .outsideStatus = imgtool::kAccepted}},  // not range-checked: kept
      .kinds = imgtool::kPalette | imgtool::kAnyColor,
      .call = RemoveRedeye,
-     .refusalsStated = false},
+     .refusals = {.zeroedRecord = RC_NO_BITMAP, .signedData = RC_SIGNED_DATA_NOT_SUPPORTED},
+     .keptOnRefusal = {.turnedTopFirst = true}},
     {.name = "segment",
      .exportName = "Q_SegmentBitmap",
      .family = kSegment,
@@ -134,7 +151,7 @@ const imgtool::Registrar kRegistrar{{
      .files = SegmentFiles,
      .minInputs = 1,
      .maxInputs = 1,
-     .refusalsStated = false},
+     .refusals = {.signedData = RC_SIGNED_DATA_NOT_SUPPORTED}},
 }};
 
 }  // namespace

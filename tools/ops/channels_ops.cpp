@@ -33,6 +33,14 @@ ArgSpec IntArg(const char *name, const char *unit, const img::Range &range, cons
                  .help = help};
 }
 
+// A gray share: 1000 with the other two at their defaults sums above 1000,
+// which is refused.
+ArgSpec WeightArg(const char *name, const char *defaultValue, const char *help) {
+  ArgSpec a = IntArg(name, "thousandths", R::kGrayShare, defaultValue, help);
+  a.endStatuses = {RC_SUCCESS, RC_INVALID_PARAMETER};
+  return a;
+}
+
 ArgSpec SharesArg(const char *name, const char *defaultValue) {
   return ArgSpec{.name = name,
                  .type = ArgType::IntList,
@@ -43,12 +51,14 @@ ArgSpec SharesArg(const char *name, const char *defaultValue) {
                  .help = std::string("shares of the ") + name +
                          " input channel in the output red, green and blue (percent; 100 keeps it)",
                  .minCount = 3,
-                 .maxCount = 3};
+                 .maxCount = 3,
+                 // Only a negative share is refused; larger ones saturate.
+                 .outsideStatus = imgtool::kAccepted};
 }
 
 int32_t ColoredGray(BitmapRecord *b, const ArgValues &a, std::ostream &) {
   return Q_ConvertToColoredGray(b, a.Int("red-weight"), a.Int("green-weight"), a.Int("blue-weight"),
-                                a.Int("red-factor"), a.Int("green-factor"), a.Int("blue-factor"), 0);
+                                a.Int("red-factor"), a.Int("green-factor"), a.Int("blue-factor"), a.Flags());
 }
 
 ColorBalanceFactors Shares(const std::vector<int32_t> &list) {
@@ -56,9 +66,12 @@ ColorBalanceFactors Shares(const std::vector<int32_t> &list) {
 }
 
 int32_t Balance(BitmapRecord *b, const ArgValues &a, std::ostream &) {
+  for (const char *name : {"red", "green", "blue"})
+    if (a.List(name).size() != 3) return RC_INVALID_PARAMETER;
   const ColorBalanceFactors red = Shares(a.List("red")), green = Shares(a.List("green")),
                             blue = Shares(a.List("blue"));
-  return Q_BalanceColors(b, &red, &green, &blue, 0);
+  return Q_BalanceColors(b, a.Pointer("red", &red), a.Pointer("green", &green), a.Pointer("blue", &blue),
+                         a.Flags());
 }
 
 int32_t Swap(BitmapRecord *b, const ArgValues &a, std::ostream &) {
@@ -71,14 +84,17 @@ int32_t Equalize(BitmapRecord *b, const ArgValues &a, std::ostream &) {
 
 // Tiles larger than the image are cut to it (the export refuses them).
 int32_t LocalEqualize(BitmapRecord *b, const ArgValues &a, std::ostream &) {
-  const uint32_t width = std::min(a.UInt("tile-width"), static_cast<uint32_t>(std::max(b->Width, 8)));
-  const uint32_t height = std::min(a.UInt("tile-height"), static_cast<uint32_t>(std::max(b->Height, 8)));
+  uint32_t width = a.UInt("tile-width"), height = a.UInt("tile-height");
+  if (b) {
+    width = std::min(width, static_cast<uint32_t>(std::max(b->Width, 8)));
+    height = std::min(height, static_cast<uint32_t>(std::max(b->Height, 8)));
+  }
   return Q_LocalHistoEqualizeBitmap(b, width, height, a.UInt("clip"), static_cast<uint32_t>(a.Enum("mode")),
-                                    0);
+                                    a.Flags());
 }
 
 int32_t IntensityBalance(BitmapRecord *b, const ArgValues &a, std::ostream &) {
-  return Q_ColorIntensityBalance(b, static_cast<uint32_t>(a.Enum("method")), a.UInt("strength"), 0);
+  return Q_ColorIntensityBalance(b, static_cast<uint32_t>(a.Enum("method")), a.UInt("strength"), a.Flags());
 }
 
 const imgtool::Registrar kRegistrar{{
@@ -90,16 +106,14 @@ const imgtool::Registrar kRegistrar{{
              "gray + gray*factor/1000, limited to the sample range. Palette bitmaps change their palette "
              "(8-bit gray ones become colour palette bitmaps); 12- and 16-bit gray and 48-bit bitmaps "
              "come back with 48 bits per pixel.",
-     .args = {IntArg("red-weight", "thousandths", R::kGrayShare, "299", "share of red in the gray level"),
-              IntArg("green-weight", "thousandths", R::kGrayShare, "587",
-                     "share of green (the three weights together at most 1000)"),
-              IntArg("blue-weight", "thousandths", R::kGrayShare, "114", "share of blue"),
+     .args = {WeightArg("red-weight", "299", "share of red in the gray level"),
+              WeightArg("green-weight", "587", "share of green (the three weights together at most 1000)"),
+              WeightArg("blue-weight", "114", "share of blue"),
               IntArg("red-factor", "thousandths", R::kGrayFactor, "150", "change of red relative to gray"),
               IntArg("green-factor", "thousandths", R::kGrayFactor, "0", "change of green"),
               IntArg("blue-factor", "thousandths", R::kGrayFactor, "-200", "change of blue")},
      .kinds = imgtool::kAnyKind,
-     .call = ColoredGray,
-     .refusalsStated = false},
+     .call = ColoredGray},
     {.name = "balance",
      .exportName = "Q_BalanceColors",
      .family = kColrN,
@@ -110,7 +124,7 @@ const imgtool::Registrar kRegistrar{{
      .args = {SharesArg("red", "90,10,0"), SharesArg("green", "5,85,10"), SharesArg("blue", "0,10,100")},
      .kinds = imgtool::kPalette | imgtool::kAnyColor,
      .call = Balance,
-     .refusalsStated = false},
+     .pointers = {{"red", RC_NULL_OPTIONS}, {"green", RC_NULL_OPTIONS}, {"blue", RC_NULL_OPTIONS}}},
     {.name = "swap-colors",
      .exportName = "Q_SwapColors",
      .family = kColrN,
@@ -125,10 +139,13 @@ const imgtool::Registrar kRegistrar{{
                           {"rb", SWAP_RB, "B, G, R"},
                           {"gb", SWAP_GB, "R, B, G"},
                           {"rgbr", SWAP_RGBR, "B, R, G"},
-                          {"rbgr", SWAP_RBGR, "G, B, R"}}}},
+                          {"rbgr", SWAP_RBGR, "G, B, R"}},
+               // A word holding any known bit is taken (17, one past the
+               // largest, holds SWAP_RG and SWAP_RBGR); one with none is -13.
+               .outsideStatus = imgtool::kAccepted}},
      .kinds = imgtool::kAnyKind,
      .call = Swap,
-     .refusalsStated = false},
+     .flagsWord = false},
     {.name = "equalize",
      .exportName = "Q_HistoEqualizeBitmap",
      .family = kEqualize,
@@ -147,7 +164,8 @@ const imgtool::Registrar kRegistrar{{
                           {"common", HISTOEQ_COMMON, "one table from the intensity, for every channel"}}}},
      .kinds = imgtool::kAnyKind,
      .call = Equalize,
-     .refusalsStated = false},
+     .flagsWord = false,
+     .shiftsSignedOnce = [](const ArgValues &a) { return a.Enum("mode") == HISTOEQ_COMMON; }},
     {.name = "local-equalize",
      .exportName = "Q_LocalHistoEqualizeBitmap",
      .family = kLocalEq,
@@ -161,14 +179,16 @@ const imgtool::Registrar kRegistrar{{
                .min = R::kLocalTile.min,
                .max = R::kLocalTile.max,
                .defaultValue = "64",
-               .help = "tile width"},
+               .help = "tile width",
+               .outsideStatus = imgtool::kAccepted},  // the call cuts a tile to the image
               {.name = "tile-height",
                .type = ArgType::UInt,
                .unit = "pixels",
                .min = R::kLocalTile.min,
                .max = R::kLocalTile.max,
                .defaultValue = "64",
-               .help = "tile height"},
+               .help = "tile height",
+               .outsideStatus = imgtool::kAccepted},
               {.name = "clip",
                .type = ArgType::UInt,
                .unit = "tenths of the mean bin height",
@@ -185,7 +205,7 @@ const imgtool::Registrar kRegistrar{{
                           {"luminance", LOCALEQ_LUMINANCE, "the luma of the integer YUV form"}}}},
      .kinds = imgtool::kAnyKind,
      .call = LocalEqualize,
-     .refusalsStated = false},
+     .refusals = {.signedData = RC_SIGNED_DATA_NOT_SUPPORTED}},
     {.name = "intensity-balance",
      .exportName = "Q_ColorIntensityBalance",
      .family = kIntensityBalance,
@@ -209,7 +229,7 @@ const imgtool::Registrar kRegistrar{{
                .help = "0 leaves the bitmap, 100 applies the full correction"}},
      .kinds = imgtool::kPalette | imgtool::kAnyColor,
      .call = IntensityBalance,
-     .refusalsStated = false},
+     .refusals = {.signedData = RC_SIGNED_DATA_NOT_SUPPORTED}},
 }};
 
 }  // namespace

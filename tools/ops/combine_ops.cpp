@@ -51,7 +51,7 @@ int32_t SampleTarget(BitmapRecord *b, const ArgValues &a, std::ostream &out) {
   const uint32_t channel = static_cast<uint32_t>(a.Enum("channel"));
   // One sample a pixel: gray bitmaps of 8 (palette path), 12 and 16 bits;
   // 8-bit gray comes back a palette bitmap, so this is asked first.
-  const bool gray = b->ColorOrder == ORDER_GRAY;
+  const bool gray = b && b->ColorOrder == ORDER_GRAY;
   const int32_t status = Q_SampleTargetBitmap(b, a.Colour("sample"), a.Colour("target"),
                                               channel | static_cast<uint32_t>(a.Enum("method")));
   if (status == RC_SUCCESS) ReportCurves(gray, a.Colour("sample"), a.Colour("target"), channel, out);
@@ -100,16 +100,20 @@ int32_t CopyInsideRegion(BitmapRecord *from, BitmapRecord *to) {
 
 // The one-bitmap form: the bitmap combined with itself upside down (a record
 // that shares its pixels with the other row order), the result written back
-// inside the bitmap's region.
-int32_t AddMirrored(BitmapRecord *b, const uint32_t *factors, uint32_t mode, bool weighted) {
-  BitmapRecord mirrored = *b;
-  mirrored.Orientation = b->Orientation == ORIENT_TOP_FIRST ? ORIENT_BOTTOM_FIRST : ORIENT_TOP_FIRST;
+// inside the bitmap's region. The list takes the bitmap first, so a null
+// bitmap or a wrong record size is the list's refusal (-814, -789).
+int32_t AddMirrored(BitmapRecord *b, const ArgValues &a, const uint32_t *factors, bool weighted) {
+  BitmapRecord mirrored = b ? *b : BitmapRecord{};
+  mirrored.Orientation = mirrored.Orientation == ORIENT_TOP_FIRST ? ORIENT_BOTTOM_FIRST : ORIENT_TOP_FIRST;
   List list;
   int32_t status = MakeList({b, &mirrored}, list);
   if (status != RC_SUCCESS) return status;
   BitmapRecord result{};
-  status = weighted ? Q_AddWeightedBitmaps(&result, BITMAP_RECORD_SIZE, list.list, factors, mode)
-                    : Q_AddBitmaps(&result, BITMAP_RECORD_SIZE, list.list, mode);
+  const auto mode = static_cast<uint32_t>(a.Enum("mode"));
+  BitmapList given = a.Pointer("list", list.list);
+  status = weighted
+               ? Q_AddWeightedBitmaps(&result, BITMAP_RECORD_SIZE, given, a.Pointer("factors", factors), mode)
+               : Q_AddBitmaps(&result, BITMAP_RECORD_SIZE, given, mode);
   if (status == RC_SUCCESS) status = CopyInsideRegion(&result, b);
   FreeBitmap(&result);
   return status;
@@ -194,7 +198,8 @@ const imgtool::Registrar kRegistrar{{
                            "every level scaled by target / sample"}}}},
      .kinds = imgtool::kAnyKind,
      .call = SampleTarget,
-     .refusalsStated = false},
+     .flagsWord = false,
+     .refusals = {.signedData = RC_SIGNED_DATA_NOT_SUPPORTED}},
     {.name = "add",
      .exportName = "Q_AddBitmaps",
      .family = kAdding,
@@ -207,17 +212,19 @@ const imgtool::Registrar kRegistrar{{
                .help = "how the samples are combined",
                .values = kAddModes}},
      .kinds = imgtool::kAnyKind,
-     .call =
-         [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
-           return AddMirrored(b, nullptr, static_cast<uint32_t>(a.Enum("mode")), false);
-         },
+     .call = [](BitmapRecord *b, const ArgValues &a,
+                std::ostream &) { return AddMirrored(b, a, nullptr, false); },
      .files = [](const std::vector<BitmapRecord *> &inputs, imgtool::OutputImages &outputs,
                  const ArgValues &a, std::ostream &) { return AddFiles(inputs, outputs, a, false); },
      .minInputs = 1,
      .maxInputs = kMostInputs,
      // A converter of a bitmap but the last failing is overlooked: kept.
      .failureStatuses = {RC_SUCCESS},
-     .refusalsStated = false},
+     .flagsWord = false,
+     .pointers = {{"list", RC_NULL_OPTIONS}},
+     // The one-bitmap form lists the bitmap: the list refuses a null one; a
+     // 32-bit gray entry has no row converter.
+     .refusals = {.nullBitmap = RC_NULL_OPTIONS, .gray32 = RC_UNSUPPORTED_BITMAP}},
     {.name = "add-weighted",
      .exportName = "Q_AddWeightedBitmaps",
      .family = kAdding,
@@ -238,14 +245,19 @@ const imgtool::Registrar kRegistrar{{
                .defaultValue = "1,3",
                .help = "one weight per input, in order",
                .minCount = 1,
-               .maxCount = kMostInputs}},
+               .maxCount = kMostInputs,
+               // Any unsigned weight is taken; a single 0 weighs both halves
+               // of the one-bitmap form 0, a sum the average refuses.
+               .outsideStatus = imgtool::kAccepted,
+               .endStatuses = {RC_INVALID_PARAMETER, RC_SUCCESS}}},
      .kinds = imgtool::kAnyKind,
      .call =
          [](BitmapRecord *b, const ArgValues &a, std::ostream &) {
            const std::vector<int32_t> &given = a.List("factors");
+           if (given.empty()) return RC_INVALID_PARAMETER;
            const uint32_t factors[2] = {static_cast<uint32_t>(given[0]),
                                         static_cast<uint32_t>(given.size() > 1 ? given[1] : given[0])};
-           return AddMirrored(b, factors, static_cast<uint32_t>(a.Enum("mode")), true);
+           return AddMirrored(b, a, factors, true);
          },
      .files = [](const std::vector<BitmapRecord *> &inputs, imgtool::OutputImages &outputs,
                  const ArgValues &a, std::ostream &) { return AddFiles(inputs, outputs, a, true); },
@@ -253,7 +265,10 @@ const imgtool::Registrar kRegistrar{{
      .maxInputs = kMostInputs,
      // A converter of a bitmap but the last failing is overlooked: kept.
      .failureStatuses = {RC_SUCCESS},
-     .refusalsStated = false},
+     .flagsWord = false,
+     // Null factors make the weighted modes plain ones.
+     .pointers = {{"list", RC_NULL_OPTIONS}, {"factors", RC_SUCCESS}},
+     .refusals = {.nullBitmap = RC_NULL_OPTIONS, .gray32 = RC_UNSUPPORTED_BITMAP}},
 }};
 
 }  // namespace

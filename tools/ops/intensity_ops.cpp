@@ -432,6 +432,12 @@ const imgtool::Registrar kRegistrar{{
          },
      .flagsWord = false,
      .refusals = {.nullBitmap = RC_INVALID_PARAMETER},
+     // The per-channel path (rgb, or signed samples) returns 1 whatever
+     // the gamma correction returned.
+     .swallowsCancel =
+         [](const BitmapRecord &b, const ArgValues &a) {
+           return a.Enum("space") == GAMMA_RGB || (b.Flags & BITMAP_SIGNED);
+         },
      .rowLocal = true},
     {.name = "auto-binary",
      .exportName = "Q_AutoBinaryBitmap",

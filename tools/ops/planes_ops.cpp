@@ -1,6 +1,7 @@
 // Colour planes, channel mix and line profile.
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "imgcolor.h"
@@ -99,31 +100,45 @@ ChannelMixFactors Factors(const std::vector<int32_t> &v) {
 }
 
 int32_t Mix(BitmapRecord *bitmap, const ArgValues &args, std::ostream &) {
+  for (const char *name : {"red", "green", "blue"})
+    if (args.List(name).size() < 3 || args.List(name).size() > 4) return RC_INVALID_PARAMETER;
   const ChannelMixFactors red = Factors(args.List("red")), green = Factors(args.List("green")),
                           blue = Factors(args.List("blue"));
-  return Q_ChannelMix(bitmap, &red, &green, &blue, 0);
+  return Q_ChannelMix(bitmap, args.Pointer("red", &red), args.Pointer("green", &green),
+                      args.Pointer("blue", &blue), args.Flags());
 }
 
+// A column (x) or row coordinate: the export takes end points inside the image.
 ArgSpec PointArg(const char *name, const char *def, const char *help) {
+  const bool column = name[0] == 'x';
   return {.name = name,
           .type = ArgType::Int,
           .unit = "pixels",
           .min = R::kLinePoint.min,
           .max = R::kLinePoint.max,
           .defaultValue = def,
-          .help = help};
+          .help = help,
+          .boundsOn = [column](const BitmapRecord &b) {
+            return std::pair<int64_t, int64_t>{0, (column ? b.Width : b.Height) - 1};
+          }};
 }
 
 // Prints the profile as comma-separated lines: a header, then one line a
 // point inside the region, in the order of the walk.
 int32_t Profile(BitmapRecord *bitmap, const ArgValues &args, std::ostream &out) {
   const int32_t x1 = args.Int("x1"), y1 = args.Int("y1"), x2 = args.Int("x2"), y2 = args.Int("y2");
-  // The first call asks for the number of points.
-  uint32_t capacity = 0, none = 0;
-  int32_t status = Q_LineProfile(bitmap, x1, y1, x2, y2, &none, &capacity, 0);
-  if (status != RC_SUCCESS && status != RC_INVALID_PARAMETER) return status;
-  std::vector<uint32_t> values(3 * static_cast<size_t>(capacity) + 3);
-  status = Q_LineProfile(bitmap, x1, y1, x2, y2, values.data(), &capacity, 0);
+  // The first call asks for the number of points; it succeeds (and has
+  // reported its progress) when no point lies inside the region, and is then
+  // the only one.
+  uint32_t capacity = 0;
+  std::vector<uint32_t> values(3);
+  int32_t status = Q_LineProfile(bitmap, x1, y1, x2, y2, args.Pointer("values", values.data()),
+                                 args.Pointer("capacity", &capacity), args.Flags());
+  if (status == RC_INVALID_PARAMETER) {
+    values.resize(3 * static_cast<size_t>(capacity) + 3);
+    status = Q_LineProfile(bitmap, x1, y1, x2, y2, args.Pointer("values", values.data()),
+                           args.Pointer("capacity", &capacity), args.Flags());
+  }
   if (status != RC_SUCCESS) return status;
   const bool gray = bitmap->ColorOrder == ORDER_GRAY;
   out << (gray ? "point,gray\n" : "point,red,green,blue\n");
@@ -149,7 +164,10 @@ const imgtool::Registrar kRegistrar{{
         .call = RoundTrip,
         .files = SeparateFiles,
         .monotonicProgress = false,  // the round trip reports 0..100 twice
-        .refusalsStated = false,
+        .flagsWord = false,          // the last word is the model
+        // The plane array itself is not tested for null (only its entries): not probed.
+        .refusals = {.zeroedRecord = RC_NO_BITMAP, .signedData = RC_SIGNED_DATA_NOT_SUPPORTED},
+        .keptOnRefusal = {.significantHighBit = true},
     },
     {
         .name = "merge",
@@ -167,7 +185,10 @@ const imgtool::Registrar kRegistrar{{
         .minInputs = 3,
         .maxInputs = 4,
         .monotonicProgress = false,  // the round trip reports 0..100 twice
-        .refusalsStated = false,
+        .flagsWord = false,          // the last word is the model
+        // The one-bitmap form separates first.
+        .refusals = {.zeroedRecord = RC_NO_BITMAP, .signedData = RC_SIGNED_DATA_NOT_SUPPORTED},
+        .keptOnRefusal = {.significantHighBit = true},
     },
     {
         .name = "channel-mix",
@@ -180,7 +201,12 @@ const imgtool::Registrar kRegistrar{{
         .args = {MixArg("red", "80,15,5,0"), MixArg("green", "10,80,10,0"), MixArg("blue", "5,15,80,0")},
         .kinds = imgtool::kPalette | imgtool::kAnyColor,
         .call = Mix,
-        .refusalsStated = false,
+        .pointers = {{"red"}, {"green"}, {"blue"}},
+        // Tests the pointers together with the bitmap, after the kind; takes
+        // 32-bit gray for gray.
+        .refusals = {.nullBitmap = RC_INVALID_PARAMETER,
+                     .gray32 = RC_UNSUPPORTED_BITMAP,
+                     .signedData = RC_SIGNED_DATA_NOT_SUPPORTED},
     },
     {
         .name = "line-profile",
@@ -196,7 +222,8 @@ const imgtool::Registrar kRegistrar{{
         .kinds = imgtool::kAnyKind,
         .writesImage = false,
         .call = Profile,
-        .refusalsStated = false,
+        .pointers = {{"values", RC_NULL_OPTIONS}, {"capacity", RC_NULL_OPTIONS}},
+        .refusals = {.signedData = RC_SIGNED_DATA_NOT_SUPPORTED},
     },
 }};
 

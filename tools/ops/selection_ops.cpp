@@ -30,7 +30,8 @@ int32_t Threshold(BitmapRecord *b, const ArgValues &a, std::ostream &) {
   for (int32_t i = 0; i < 3; ++i)
     c[i] = ColorThresholdComponent{sizeof(ColorThresholdComponent), v[3 * i], v[3 * i + 1],
                                    static_cast<uint32_t>(v[3 * i + 2])};
-  return Q_ColorThresholdBitmap(b, static_cast<uint32_t>(a.Enum("space")), c, 0);
+  return Q_ColorThresholdBitmap(b, static_cast<uint32_t>(a.Enum("space")), a.Pointer("components", c),
+                                a.Flags());
 }
 
 ColorReplaceEntry Entry(const ArgValues &a) {
@@ -39,12 +40,13 @@ ColorReplaceEntry Entry(const ArgValues &a) {
 
 int32_t Replace(BitmapRecord *b, const ArgValues &a, std::ostream &) {
   const ColorReplaceEntry e = Entry(a);
-  return Q_ColorReplaceBitmap(b, &e, 1, a.Int("hue"), a.Int("saturation"), a.Int("brightness"), 0);
+  return Q_ColorReplaceBitmap(b, a.Pointer("entries", &e), 1, a.Int("hue"), a.Int("saturation"),
+                              a.Int("brightness"), a.Flags());
 }
 
 int32_t ReplaceWeights(BitmapRecord *b, const ArgValues &a, std::ostream &) {
   const ColorReplaceEntry e = Entry(a);
-  return Q_ColorReplaceWeightsBitmap(b, &e, 1, 0);
+  return Q_ColorReplaceWeightsBitmap(b, a.Pointer("entries", &e), 1, a.Flags());
 }
 
 constexpr const char *kRangeNames[SELCOLOR_RANGES] = {"reds",     "yellows", "greens",   "cyans", "blues",
@@ -59,7 +61,7 @@ int32_t Selective(BitmapRecord *b, const ArgValues &a, std::ostream &) {
     if (v.size() != 4) return RC_INVALID_PARAMETER;
     o.Ranges[k] = SelectiveColorAdjust{v[0], v[1], v[2], v[3]};
   }
-  return Q_SelectiveColorBitmap(b, &o, 0);
+  return Q_SelectiveColorBitmap(b, a.Pointer("options", &o), a.Flags());
 }
 
 std::vector<ArgSpec> SelectiveArgs() {
@@ -167,12 +169,16 @@ const imgtool::Registrar kRegistrar{{
                        std::to_string(R::kThresholdMode.min) + ".." + std::to_string(R::kThresholdMode.max) +
                        ")",
                .minCount = 9,
-               .maxCount = 9}},
+               .maxCount = 9,
+               // Nine equal values are never low, high and mode of one space
+               // at once: each end is refused as well.
+               .endStatuses = {RC_INVALID_PARAMETER, RC_INVALID_PARAMETER}}},
      .kinds = kColourKinds,
      .call = Threshold,
      // Without the space pixels nothing changes and the call succeeds: kept.
      .failureStatuses = {RC_SUCCESS},
-     .refusalsStated = false},
+     .pointers = {{"components", RC_NULL_OPTIONS}},
+     .refusals = {.signedData = RC_SIGNED_DATA_NOT_SUPPORTED}},
     {.name = "color-replace",
      .exportName = "Q_ColorReplaceBitmap",
      .family = kReplace,
@@ -184,7 +190,8 @@ const imgtool::Registrar kRegistrar{{
      .args = ReplaceArgs(),
      .kinds = imgtool::kAnyKind,
      .call = Replace,
-     .refusalsStated = false},
+     .pointers = {{"entries", RC_NULL_OPTIONS}},
+     .refusals = {.signedData = RC_SIGNED_DATA_NOT_SUPPORTED}},
     {.name = "color-replace-weights",
      .exportName = "Q_ColorReplaceWeightsBitmap",
      .family = kReplace,
@@ -198,7 +205,10 @@ const imgtool::Registrar kRegistrar{{
      // The weighting's own status is not returned: kept.
      .failureStatuses = {RC_SUCCESS},
      .cancelReturned = false,
-     .refusalsStated = false},
+     .pointers = {{"entries", RC_NULL_OPTIONS}},
+     // The weighting's refusal of a broken palette is dropped like its other
+     // statuses: the depth conversion's 1 is returned.
+     .refusals = {.signedData = RC_SIGNED_DATA_NOT_SUPPORTED, .coloursUsed = RC_SUCCESS}},
     {.name = "selective-color",
      .exportName = "Q_SelectiveColorBitmap",
      .family = kSelective,
@@ -211,7 +221,8 @@ const imgtool::Registrar kRegistrar{{
      .args = SelectiveArgs(),
      .kinds = kColourKinds,
      .call = Selective,
-     .refusalsStated = false},
+     .pointers = {{"options", RC_NULL_OPTIONS}},
+     .refusals = {.signedData = RC_SIGNED_DATA_NOT_SUPPORTED}},
 }};
 
 }  // namespace
