@@ -110,17 +110,29 @@ int32_t ProgressTrampoline(int32_t percent, void *user) {
 
 // Runs `work` without the GIL, with the progress callable (or None) as this
 // thread's status callback, restoring the previous one after.
+// Puts back the thread's previous status callback, also when the call throws.
+class CallbackScope {
+ public:
+  CallbackScope(StatusCallback callback, void *data) : previous_(GetStatusCallback(&previousData_)) {
+    SetStatusCallback(callback, data);
+  }
+  ~CallbackScope() { SetStatusCallback(previous_, previousData_); }
+  CallbackScope(const CallbackScope &) = delete;
+  CallbackScope &operator=(const CallbackScope &) = delete;
+
+ private:
+  void *previousData_ = nullptr;
+  StatusCallback previous_;
+};
+
 template <class Work>
 int32_t WithProgress(const py::object &progress, Work &&work) {
   Progress p{progress, std::nullopt};
-  void *previousData = nullptr;
-  const StatusCallback previous = GetStatusCallback(&previousData);
   int32_t status = 0;
   {
     py::gil_scoped_release release;
-    SetStatusCallback(progress.is_none() ? nullptr : ProgressTrampoline, progress.is_none() ? nullptr : &p);
+    CallbackScope scope(progress.is_none() ? nullptr : ProgressTrampoline, progress.is_none() ? nullptr : &p);
     status = work();
-    SetStatusCallback(previous, previousData);
   }
   if (p.error) throw std::move(*p.error);
   return status;
