@@ -263,42 +263,8 @@ uint64_t StoredPixel(const BitmapRecord &b, int32_t x, int32_t y) {
   return v;
 }
 
-// Everything a call could change: the record up to its size, pixels (or the
-// stored rows given), palette and attached table.
-std::vector<uint8_t> Snapshot(const BitmapRecord &b, const uint8_t *pixels = nullptr) {
-  const auto *r = reinterpret_cast<const uint8_t *>(&b);
-  std::vector<uint8_t> s(r, r + std::min<size_t>(b.StructSize, sizeof b));
-  if (b.Pixels) s.insert(s.end(), pixels ? pixels : b.Pixels, (pixels ? pixels : b.Pixels) + b.DataSize);
-  if (b.Palette && b.BitsPerPixel <= 8) {
-    const auto *p = reinterpret_cast<const uint8_t *>(b.Palette);
-    s.insert(s.end(), p, p + 256 * sizeof(PaletteEntry));
-  }
-  if (b.AttachedLut && b.AttachedLutLength > 0) {
-    const auto *t = reinterpret_cast<const uint8_t *>(b.AttachedLut);
-    s.insert(s.end(), t, t + sizeof(int32_t) * static_cast<size_t>(b.AttachedLutLength));
-  }
-  return s;
-}
-
-// The bitmap as a refusal may leave it under the writes the export keeps
-// (OpDescriptor::keptOnRefusal): SignificantHighBit -1 set to the depth less
-// one, a bottom-up bitmap turned top row first. Equal to Snapshot(b) when
-// neither applies.
-std::vector<uint8_t> KeptSnapshot(const OpDescriptor &op, const BitmapRecord &b) {
-  BitmapRecord kept = b;
-  if (op.keptOnRefusal.significantHighBit && kept.SignificantHighBit == -1)
-    kept.SignificantHighBit = kept.BitsPerPixel - 1;
-  std::vector<uint8_t> turned;
-  if (op.keptOnRefusal.turnedTopFirst && b.Orientation == ORIENT_BOTTOM_FIRST && b.Pixels) {
-    turned.resize(b.DataSize);
-    const size_t line = b.BytesPerLine;
-    for (int32_t y = 0; y < b.Height && (static_cast<size_t>(y) + 1) * line <= b.DataSize; ++y)
-      std::memcpy(turned.data() + static_cast<size_t>(y) * line,
-                  b.Pixels + static_cast<size_t>(b.Height - 1 - y) * line, line);
-    kept.Orientation = ORIENT_TOP_FIRST;
-  }
-  return Snapshot(kept, turned.empty() ? nullptr : turned.data());
-}
+using imgtool::BitmapSnapshot;
+using imgtool::KeptSnapshot;
 
 struct Progress {
   const OpDescriptor *op = nullptr;
@@ -356,16 +322,17 @@ void RunOne(const uint8_t *data, size_t size) {
       SwapKernelSettings(settings & 1, settings >> 1 & 1, &oldFirst, &oldSecond);
 
       // What must hold after the call.
-      std::vector<uint8_t> before = Snapshot(b);
+      std::vector<uint8_t> before = BitmapSnapshot(b);
       const std::vector<uint8_t> keptBefore = KeptSnapshot(*op, b);
       // The bitmap as a kept extra shift of signed samples leaves it.
       BitmapRecord shifted{};
       const bool shifts = op->shiftsSignedOnce && (b.Flags & BITMAP_SIGNED) && op->shiftsSignedOnce(values) &&
                           CopyBitmap(&shifted, &b, BITMAP_RECORD_SIZE) == RC_SUCCESS &&
                           UnsignedToSigned(&shifted, 1, 0) == RC_SUCCESS;
-      std::vector<uint8_t> shiftedBefore = shifts ? Snapshot(b, shifted.Pixels) : std::vector<uint8_t>{};
+      std::vector<uint8_t> shiftedBefore =
+          shifts ? BitmapSnapshot(b, shifted.Pixels) : std::vector<uint8_t>{};
       std::vector<std::vector<uint8_t>> others;
-      for (size_t i = 1; i < bitmaps.size(); ++i) others.push_back(Snapshot(bitmaps[i]));
+      for (size_t i = 1; i < bitmaps.size(); ++i) others.push_back(BitmapSnapshot(bitmaps[i]));
       std::vector<std::vector<int32_t>> lists;
       for (const ArgSpec &a : op->args)
         if (a.type == ArgType::IntList) lists.push_back(values.List(a.name));
@@ -413,12 +380,13 @@ void RunOne(const uint8_t *data, size_t size) {
       const bool refusal = status != RC_SUCCESS && status != kCancel && !(failed && status == RC_NO_MEMORY) &&
                            !progress.cancelled;
       if (refusal) {
-        const std::vector<uint8_t> after = Snapshot(b);
+        const std::vector<uint8_t> after = BitmapSnapshot(b);
         if (after != before && after != keptBefore && after != shiftedBefore)
           Violation(*op, "status " + std::to_string(status) + " but the bitmap changed");
       }
       for (size_t i = 1; i < bitmaps.size(); ++i)
-        if (Snapshot(bitmaps[i]) != others[i - 1]) Violation(*op, "input " + std::to_string(i) + " changed");
+        if (BitmapSnapshot(bitmaps[i]) != others[i - 1])
+          Violation(*op, "input " + std::to_string(i) + " changed");
       size_t list = 0;
       for (const ArgSpec &a : op->args)
         if (a.type == ArgType::IntList && values.List(a.name) != lists[list++])

@@ -38,40 +38,8 @@ kit::Bitmap Probe(const kit::Format &f) {
   return b;
 }
 
-// Everything a call could change: the record up to its size, pixels (or the
-// stored rows given), palette and attached table.
-std::vector<uint8_t> Snapshot(const BitmapRecord &b, const uint8_t *pixels = nullptr) {
-  const size_t size = b.StructSize <= sizeof b ? b.StructSize : sizeof b;
-  std::vector<uint8_t> s(reinterpret_cast<const uint8_t *>(&b), reinterpret_cast<const uint8_t *>(&b) + size);
-  if ((b.Flags & BITMAP_ALLOCATED) && b.Pixels) {
-    const uint8_t *p = pixels ? pixels : b.Pixels;
-    s.insert(s.end(), p, p + b.DataSize);
-  }
-  if (b.Palette && b.BitsPerPixel <= 8) {
-    const auto *p = reinterpret_cast<const uint8_t *>(b.Palette);
-    s.insert(s.end(), p, p + 256 * sizeof(PaletteEntry));
-  }
-  return s;
-}
-
-// The bitmap as a refusal may leave it under the writes the export keeps
-// (OpDescriptor::keptOnRefusal); equal to Snapshot(b) when neither applies.
-std::vector<uint8_t> KeptSnapshot(const OpDescriptor &op, const BitmapRecord &b) {
-  BitmapRecord kept = b;
-  if (op.keptOnRefusal.significantHighBit && kept.SignificantHighBit == -1)
-    kept.SignificantHighBit = kept.BitsPerPixel - 1;
-  std::vector<uint8_t> turned;
-  if (op.keptOnRefusal.turnedTopFirst && b.Orientation == ORIENT_BOTTOM_FIRST &&
-      (b.Flags & BITMAP_ALLOCATED)) {
-    turned.resize(b.DataSize);
-    const size_t line = b.BytesPerLine;
-    for (int32_t y = 0; y < b.Height; ++y)
-      std::memcpy(turned.data() + static_cast<size_t>(y) * line,
-                  b.Pixels + static_cast<size_t>(b.Height - 1 - y) * line, line);
-    kept.Orientation = ORIENT_TOP_FIRST;
-  }
-  return Snapshot(kept, turned.empty() ? nullptr : turned.data());
-}
+using imgtool::BitmapSnapshot;
+using imgtool::KeptSnapshot;
 
 struct Expect {
   std::string what;
@@ -82,7 +50,7 @@ struct Expect {
 // a refusal and the leak guard.
 void Check(const OpDescriptor &op, BitmapRecord *b, const ArgValues &args, const Expect &e) {
   SCOPED_TRACE(op.name + ": " + e.what);
-  const std::vector<uint8_t> before = b ? Snapshot(*b) : std::vector<uint8_t>{};
+  const std::vector<uint8_t> before = b ? BitmapSnapshot(*b) : std::vector<uint8_t>{};
   const std::vector<uint8_t> kept = b ? KeptSnapshot(op, *b) : std::vector<uint8_t>{};
   std::ostringstream out;
   const int32_t status = op.call(b, args, out);
@@ -91,7 +59,7 @@ void Check(const OpDescriptor &op, BitmapRecord *b, const ArgValues &args, const
   else
     EXPECT_EQ(status, e.status);
   if (b && status != RC_SUCCESS) {
-    const std::vector<uint8_t> after = Snapshot(*b);
+    const std::vector<uint8_t> after = BitmapSnapshot(*b);
     EXPECT_TRUE(after == before || after == kept) << "a refusal changed the bitmap";
   }
 }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 
 #include "pixels.h"
@@ -396,6 +397,41 @@ void ApplyDefaults(const OpDescriptor &op, ArgValues &values) {
     std::string error;
     ParseArg(a, a.defaultValue, values, error);  // checked at registration
   }
+}
+
+std::vector<uint8_t> BitmapSnapshot(const BitmapRecord &b, const uint8_t *pixels) {
+  const auto *r = reinterpret_cast<const uint8_t *>(&b);
+  std::vector<uint8_t> s(r, r + std::min<size_t>(b.StructSize, sizeof b));
+  if (b.Pixels) {
+    const uint8_t *p = pixels ? pixels : b.Pixels;
+    s.insert(s.end(), p, p + b.DataSize);
+  }
+  if (b.Palette && b.BitsPerPixel <= 8) {
+    const auto *p = reinterpret_cast<const uint8_t *>(b.Palette);
+    s.insert(s.end(), p, p + 256 * sizeof(PaletteEntry));
+  }
+  if (b.AttachedLut && b.AttachedLutLength > 0) {
+    const auto *t = reinterpret_cast<const uint8_t *>(b.AttachedLut);
+    s.insert(s.end(), t, t + sizeof(int32_t) * static_cast<size_t>(b.AttachedLutLength));
+  }
+  return s;
+}
+
+std::vector<uint8_t> KeptSnapshot(const OpDescriptor &op, const BitmapRecord &b) {
+  BitmapRecord kept = b;
+  if (op.keptOnRefusal.significantHighBit && kept.SignificantHighBit == -1)
+    kept.SignificantHighBit = kept.BitsPerPixel - 1;
+  if (op.keptOnRefusal.updateCount) kept.UpdateCount = b.UpdateCount + 1;
+  std::vector<uint8_t> turned;
+  if (op.keptOnRefusal.turnedTopFirst && b.Orientation == ORIENT_BOTTOM_FIRST && b.Pixels) {
+    turned.resize(b.DataSize);
+    const size_t line = b.BytesPerLine;
+    for (int32_t y = 0; y < b.Height && (static_cast<size_t>(y) + 1) * line <= b.DataSize; ++y)
+      std::memcpy(turned.data() + static_cast<size_t>(y) * line,
+                  b.Pixels + static_cast<size_t>(b.Height - 1 - y) * line, line);
+    kept.Orientation = ORIENT_TOP_FIRST;
+  }
+  return BitmapSnapshot(kept, turned.empty() ? nullptr : turned.data());
 }
 
 }  // namespace imgtool

@@ -225,6 +225,7 @@ struct Refusals {
 struct KeptWrites {
   bool significantHighBit = false;  // SignificantHighBit -1 becomes BitsPerPixel - 1
   bool turnedTopFirst = false;      // a bottom-up bitmap is left turned top row first
+  bool updateCount = false;  // UpdateCount raised by one (the record refreshed after a later step failed)
 };
 
 struct OpDescriptor {
@@ -310,5 +311,14 @@ std::string DefaultText(const ArgSpec &arg);
 // Parses a signed decimal or 0x-prefixed hexadecimal number; false when the
 // text is not a number or does not fit in 64 bits.
 bool ParseNumber(std::string_view text, int64_t &value);
+
+// Everything a call could change in a bitmap: the record up to its size, the
+// pixels (or the stored rows given), the palette and the attached table.
+std::vector<uint8_t> BitmapSnapshot(const BitmapRecord &b, const uint8_t *pixels = nullptr);
+
+// The snapshot of the bitmap as a refusal of `op` may leave it under the
+// writes the export keeps (OpDescriptor::keptOnRefusal); equal to
+// BitmapSnapshot(b) when none applies.
+std::vector<uint8_t> KeptSnapshot(const OpDescriptor &op, const BitmapRecord &b);
 
 }  // namespace imgtool

@@ -450,7 +450,11 @@ const imgtool::Registrar kRegistrar{{
                 std::ostream &) { return Q_AutoBinaryBitmap(b, a.Flags()); },
      // The histogram reports its share, then the detection its own 0..100.
      .monotonicProgress = false,
-     .refusals = {.signedData = RC_SIGNED_DATA_NOT_SUPPORTED}},
+     .refusals = {.signedData = RC_SIGNED_DATA_NOT_SUPPORTED},
+     // The record is refreshed after the histogram whatever the detection
+     // returns, so a detection refusal (its bounds beyond the significant
+     // bits, say) leaves UpdateCount raised.
+     .keptOnRefusal = {.updateCount = true}},
 }};
 
 }  // namespace
