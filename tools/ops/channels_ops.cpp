@@ -165,7 +165,13 @@ const imgtool::Registrar kRegistrar{{
      .kinds = imgtool::kAnyKind,
      .call = Equalize,
      .flagsWord = false,
-     .shiftsSignedOnce = [](const ArgValues &a) { return a.Enum("mode") == HISTOEQ_COMMON; }},
+     .shiftsSignedOnce = [](const ArgValues &a) { return a.Enum("mode") == HISTOEQ_COMMON; },
+     // The common way on unsigned data reports any non-zero status of the
+     // 8-bit table routine, a cancel included, as success.
+     .swallowsCancel =
+         [](const BitmapRecord &b, const ArgValues &a) {
+           return a.Enum("mode") == HISTOEQ_COMMON && !(b.Flags & BITMAP_SIGNED);
+         }},
     {.name = "local-equalize",
      .exportName = "Q_LocalHistoEqualizeBitmap",
      .family = kLocalEq,
