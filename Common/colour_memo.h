@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <type_traits>
 
 #include "family.h"
@@ -43,17 +44,29 @@ class ColourMemo {
           static_cast<uint32_t>(b) | static_cast<uint32_t>(g) << 8 | static_cast<uint32_t>(r) << 16;
       slot = uint64_t{colour | 1u << 24} << 32 | v;
     } else {
-      const uint64_t colour = static_cast<uint64_t>(b) | static_cast<uint64_t>(g) << 16 |
-                              static_cast<uint64_t>(r) << 32 | uint64_t{1} << 48;
-      Slot &slot = slots_.get()[Index(r, g, b)];
-      if (slot.key == colour) {
-        b = static_cast<int32_t>(slot.value & 0xFFFF), g = static_cast<int32_t>((slot.value >> 16) & 0xFFFF),
-        r = static_cast<int32_t>(slot.value >> 32);
+      // The colour's bits above the index (11 of red, 10 of green, 11 of
+      // blue), stored XOR the slot's mark so that a zeroed slot reads as
+      // empty: the one colour of each slot whose bits equal the mark is never
+      // stored (it is computed every time), every other one matches only
+      // itself.
+      const uint32_t index = Index(r, g, b);
+      const uint32_t key = ((static_cast<uint32_t>(r) >> 5) << 21 | (static_cast<uint32_t>(g) >> 6) << 11 |
+                            static_cast<uint32_t>(b) >> 5) ^
+                           Mark(index);
+      uint8_t *slot = slots_.get()[index].bytes;
+      uint32_t stored;
+      std::memcpy(&stored, slot, 4);
+      if (stored == key && key != 0) {
+        uint16_t v[3];
+        std::memcpy(v, slot + 4, 6);
+        b = v[0], g = v[1], r = v[2];
         return;
       }
       compute(r, g, b);
-      slot.key = colour;
-      slot.value = static_cast<uint64_t>(b) | static_cast<uint64_t>(g) << 16 | static_cast<uint64_t>(r) << 32;
+      if (key == 0) return;
+      const uint16_t v[3] = {static_cast<uint16_t>(b), static_cast<uint16_t>(g), static_cast<uint16_t>(r)};
+      std::memcpy(slot, &key, 4);
+      std::memcpy(slot + 4, v, 6);
     }
   }
 
@@ -65,12 +78,17 @@ class ColourMemo {
            (static_cast<uint32_t>(b) & 0x1F);
   }
   static_assert(kSlotBits == 16);
+  // A scattered 32-bit mark a slot (slot 0, where black lands, does not give
+  // up black).
+  static uint32_t Mark(uint32_t index) { return (index * 0x9E3779B1u) ^ 0x6A09E667u; }
 
   struct Word {
     uint64_t word;
   };
+  // 16-bit samples: 10 bytes a slot (640 KiB), the stored key then blue,
+  // green and red of the result, against 16 for a whole key and result.
   struct Slot {
-    uint64_t key, value;
+    uint8_t bytes[10];
   };
   KernelBuffer<std::conditional_t<sizeof(T) == 1, Word, Slot>> slots_;
 };

@@ -87,6 +87,29 @@ TEST(Tint, AngleShifts) {
   }
 }
 
+// Rows go through the call's colour memo. Colours that share a memo slot
+// (same low 5, 6 and 5 bits of red, green, blue), repeated in turn, and the
+// one 16-bit colour of slot 0 that the memo never stores (red 27136, green
+// 20224, blue 52448: its bits above the slot equal the slot's mark) each give
+// what they give alone.
+TEST(Tint, ColoursSharingAMemoSlot) {
+  for (const int32_t bits : {24, 48}) {
+    SCOPED_TRACE(bits);
+    const bool wide = bits == 48;
+    const kit::Pixel mark = wide ? Rgb(27136, 20224, 52448) : Rgb(160, 64, 224);
+    const kit::Pixel other = wide ? Rgb(27168, 20224, 52448) : Rgb(192, 64, 224);
+    const kit::Pixel black = Rgb(0, 0, 0), near = wide ? Rgb(27136, 20288, 52448) : Rgb(160, 128, 224);
+    const std::vector<kit::Pixel> row{mark, other, mark, black, near, mark, other, near};
+    kit::Bitmap bmp(Kind(bits), 8, 1, row);
+    ASSERT_EQ(Q_AdjustBitmapTint(bmp, 1234, -567, 0), RC_SUCCESS);
+    for (int32_t x = 0; x < 8; ++x) {
+      kit::Bitmap alone(Kind(bits), 1, 1, {row[x]});
+      ASSERT_EQ(Q_AdjustBitmapTint(alone, 1234, -567, 0), RC_SUCCESS);
+      EXPECT_EQ(bmp.At(x, 0), alone.At(0, 0)) << x;
+    }
+  }
+}
+
 const PaletteEntry kGray{128, 128, 128, 0}, kRed{0, 0, 200, 0}, kDull{30, 20, 10, 0};
 
 TEST(Tint, PaletteWithoutRegion) {
