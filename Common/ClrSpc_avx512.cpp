@@ -350,6 +350,136 @@ IMG_AVX512_INLINE __m256i TruncClampD(__m512d v, double lo, double hi) {
   return _mm512_cvttpd_epi32(_mm512_min_pd(_mm512_max_pd(v, Pd(lo)), Pd(hi)));
 }
 
+// ---- HSV both ways ------------------------------------------------------------------
+
+// Forward, sixteen pixels in 32-bit lanes: the AVX2 loop's formulas (the
+// sector of the smallest component, the two quotients by single-precision
+// division, exact as said there) on one 48-byte load split by byte permutes.
+IMG_AVX512 void HsvFwdRow(const LabTableSet *set, uint8_t *rgb, uint8_t *sp, int32_t first, int32_t end) {
+  int32_t i = first;
+  const __m512i one = Set(1);
+  for (; i + 16 <= end; i += 16) {
+    const __m512i v = Load48(rgb + 3 * static_cast<ptrdiff_t>(i));
+    const __m512i B = Field(v, 0), G = Field(v, 1), R = Field(v, 2);
+    const __m512i mx = _mm512_max_epi32(_mm512_max_epi32(R, G), B);
+    const __m512i mn = _mm512_min_epi32(_mm512_min_epi32(R, G), B);
+    // Blue first, then red, then green; a gray pixel: blue sector, hue 0.
+    const __mmask16 minB = _mm512_cmpeq_epi32_mask(B, mn), minR = _mm512_cmpeq_epi32_mask(R, mn);
+    const __m512i num = _mm512_mask_blend_epi32(minB, _mm512_mask_blend_epi32(minR, R, B), G);
+    const __m512i other = _mm512_mask_blend_epi32(minB, _mm512_mask_blend_epi32(minR, B, G), R);
+    const __m512i off = _mm512_maskz_mov_epi32(static_cast<__mmask16>(~minB),
+                                               _mm512_mask_blend_epi32(minR, Set(240), Set(120)));
+    const __m512i n = _mm512_sub_epi32(num, mn);
+    const __m512i den = _mm512_max_epi32(_mm512_sub_epi32(_mm512_add_epi32(n, other), mn), one);
+    const __m512i h = _mm512_add_epi32(
+        _mm512_cvttps_epi32(_mm512_div_ps(_mm512_cvtepi32_ps(MulZ(n, 120)), _mm512_cvtepi32_ps(den))), off);
+    const __m512i s =
+        _mm512_cvttps_epi32(_mm512_div_ps(_mm512_cvtepi32_ps(MulZ(_mm512_sub_epi32(mx, mn), 100)),
+                                          _mm512_cvtepi32_ps(_mm512_max_epi32(mx, one))));
+    _mm512_storeu_si512(
+        sp + 4 * static_cast<ptrdiff_t>(i),
+        _mm512_or_si512(_mm512_or_si512(h, _mm512_slli_epi32(s, 16)), _mm512_slli_epi32(mx, 24)));
+  }
+  Rest(COLORSPACE_HSV, set, rgb, sp, i, end);
+}
+
+// Multipliers of the inverse's middle-value quotient m / D, D = 60..120:
+// M = ceil(2^21 / D) < 2^16, and (m M) >> 21 = floor(m / D) while
+// m (M D - 2^21) < 2^21; M D - 2^21 < D <= 120 and m <= 60 * 255 = 15300,
+// so 15300 * 120 < 2^21 holds. Entries past 60 are never read.
+constexpr std::array<uint16_t, 64> kHsvMidRecip = [] {
+  std::array<uint16_t, 64> m{};
+  for (int k = 0; k < 64; ++k) {
+    const uint32_t d = static_cast<uint32_t>(k <= 60 ? 60 + k : 120);
+    m[k] = static_cast<uint16_t>(((1u << 21) + d - 1) / d);
+  }
+  return m;
+}();
+constexpr bool HsvMidRecipExact() {
+  for (uint32_t d = 60; d <= 120; ++d)
+    if (((1u << 21) + d - 1) / d >= 65536 ||
+        (((1u << 21) + d - 1) / d * d - (1u << 21)) * 15300 >= (1u << 21))
+      return false;
+  return true;
+}
+static_assert(HsvMidRecipExact());
+
+// Byte j of the 96 written for 32 pixels: field j % 3 of pixel j / 3, from the
+// blue (bytes 0..31) and green (32..63) halves of the first table or the red
+// bytes of the second (64..).
+constexpr std::array<uint8_t, 128> kStore96 = [] {
+  std::array<uint8_t, 128> m{};
+  for (int j = 0; j < 96; ++j) m[j] = static_cast<uint8_t>(32 * (j % 3) + j / 3);
+  return m;
+}();
+
+IMG_AVX512_INLINE __m512i W(int v) { return _mm512_set1_epi16(static_cast<int16_t>(v)); }
+
+// The bytes of V, the middle value or low, as the lane's sector bit in the
+// masks isV and isMid says.
+IMG_AVX512_INLINE __m256i HsvPick(__m512i bit, __m512i isV, __m512i isMid, __m512i V, __m512i mid,
+                                  __m512i low) {
+  const __m512i lm = _mm512_mask_blend_epi16(_mm512_test_epi16_mask(bit, isMid), low, mid);
+  return _mm512_cvtepi16_epi8(_mm512_mask_blend_epi16(_mm512_test_epi16_mask(bit, isV), lm, V));
+}
+
+// Inverse, thirty-two pixels in 16-bit lanes (every intermediate below
+// 2^16): low = (100 - S) V / 100 by Div100's multiply-high, the middle value
+// min(t, u) d / max(t, u) + low with max(t, u) in 60..120 by the multipliers
+// above (one word permute fetches them), the sector (H - 1) / 60 by Div60's
+// multiply-high (H = 0 held to 1), and each channel V, the middle value or
+// low as the sector's bit in its two masks says. Hues above 359 and
+// saturations above 100 take the pixel formula, as in the AVX2 loop.
+IMG_AVX512 void HsvInvRow(const LabTableSet *set, uint8_t *rgb, uint8_t *sp, int32_t first, int32_t end) {
+  int32_t i = first;
+  const __m512i recipLo = _mm512_loadu_si512(kHsvMidRecip.data()),
+                recipHi = _mm512_loadu_si512(kHsvMidRecip.data() + 32);
+  const __m512i store0 = _mm512_loadu_si512(kStore96.data()),
+                store1 = _mm512_loadu_si512(kStore96.data() + 64);
+  __m512i hIdx, svIdx;
+  {
+    alignas(64) uint16_t a[32], b[32];
+    for (int k = 0; k < 32; ++k) a[k] = static_cast<uint16_t>(2 * k), b[k] = static_cast<uint16_t>(2 * k + 1);
+    hIdx = _mm512_load_si512(a), svIdx = _mm512_load_si512(b);
+  }
+  // Sectors (bits 0..5) in which a channel takes V, and the middle value.
+  const __m512i rV = W(0x21), rMid = W(0x12), gV = W(0x06), gMid = W(0x09), bV = W(0x18), bMid = W(0x24);
+  for (; i + 32 <= end; i += 32) {
+    const uint8_t *p = sp + 4 * static_cast<ptrdiff_t>(i);
+    const __m512i a = _mm512_loadu_si512(p), b = _mm512_loadu_si512(p + 64);
+    const __m512i H = _mm512_permutex2var_epi16(a, hIdx, b), sv = _mm512_permutex2var_epi16(a, svIdx, b);
+    const __m512i S = _mm512_and_si512(sv, W(0xFF)), V = _mm512_srli_epi16(sv, 8);
+    const __mmask32 odd = _mm512_cmpgt_epu16_mask(H, W(359)) | _mm512_cmpgt_epu16_mask(S, W(100));
+    const __m512i low = _mm512_srli_epi16(
+        _mm512_mulhi_epu16(_mm512_mullo_epi16(_mm512_sub_epi16(W(100), S), V), W(41944)), 6);
+    const __m512i d = _mm512_sub_epi16(V, low);
+    __m512i t = _mm512_mask_sub_epi16(H, _mm512_cmpgt_epu16_mask(H, W(120)), H, W(120));
+    t = _mm512_mask_sub_epi16(t, _mm512_cmpgt_epu16_mask(H, W(240)), t, W(120));
+    const __m512i u = _mm512_sub_epi16(W(120), t);
+    const __m512i m =
+        _mm512_permutex2var_epi16(recipLo, _mm512_sub_epi16(_mm512_max_epu16(t, u), W(60)), recipHi);
+    const __m512i mid = _mm512_add_epi16(
+        _mm512_srli_epi16(_mm512_mulhi_epu16(_mm512_mullo_epi16(_mm512_min_epu16(t, u), d), m), 5), low);
+    const __m512i sector =
+        _mm512_srli_epi16(_mm512_mulhi_epu16(_mm512_sub_epi16(_mm512_max_epu16(H, W(1)), W(1)), W(34953)), 5);
+    const __m512i bit = _mm512_sllv_epi16(W(1), sector);
+    const __m512i bg = _mm512_inserti64x4(_mm512_castsi256_si512(HsvPick(bit, bV, bMid, V, mid, low)),
+                                          HsvPick(bit, gV, gMid, V, mid, low), 1);
+    const __m512i r = _mm512_castsi256_si512(HsvPick(bit, rV, rMid, V, mid, low));
+    uint8_t *q = rgb + 3 * static_cast<ptrdiff_t>(i);
+    _mm512_storeu_si512(q, _mm512_permutex2var_epi8(bg, store0, r));
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(q + 64),
+                        _mm512_castsi512_si256(_mm512_permutex2var_epi8(bg, store1, r)));
+    for (uint32_t bits = odd; bits != 0; bits &= bits - 1) {
+      const int j = __builtin_ctz(bits);
+      const Rgb c = HsvInverse8(p + 4 * j);
+      q[3 * j] = static_cast<uint8_t>(c.b), q[3 * j + 1] = static_cast<uint8_t>(c.g),
+            q[3 * j + 2] = static_cast<uint8_t>(c.r);
+    }
+  }
+  Rest(COLORSPACE_HSV + kToRgb, set, rgb, sp, i, end);
+}
+
 }  // namespace
 
 // The 16-bit floating Lab forward row: eight pixels a step, the 8-bit scheme
@@ -488,9 +618,9 @@ IMG_AVX512 void LabInvRow16Avx512(uint16_t *rgb, uint8_t *sp, int32_t first, int
 
 #pragma GCC diagnostic pop
 
-const SpaceLoops kAvx512Loops = {{nullptr, nullptr, nullptr, nullptr, YcrcbFwdRow<Lanes>, nullptr, LabFwdRow,
-                                  nullptr, nullptr, LabTabFwdRow, nullptr},
-                                 {nullptr, nullptr, nullptr, nullptr, YcrcbInvRow<Lanes>, nullptr, nullptr,
+const SpaceLoops kAvx512Loops = {{nullptr, HsvFwdRow, nullptr, nullptr, YcrcbFwdRow<Lanes>, nullptr,
+                                  LabFwdRow, nullptr, nullptr, LabTabFwdRow, nullptr},
+                                 {nullptr, HsvInvRow, nullptr, nullptr, YcrcbInvRow<Lanes>, nullptr, nullptr,
                                   nullptr, nullptr, LabTabInvRow, nullptr}};
 
 }  // namespace img::clrspc

@@ -221,6 +221,8 @@ int32_t SeparateRgb24(BitmapRecord *src, BitmapRecord *const *planes) {
     uint8_t *rows[3] = {StoredRow(planes[0], y), StoredRow(planes[1], y), StoredRow(planes[2], y)};
     if (rgb) std::swap(rows[0], rows[2]);
     planes::SplitRow3(isa, StoredRow(src, y), rows[0], rows[1], rows[2], src->Width);
+    // The row padding too: the planes may come unset from the allocator.
+    for (uint8_t *row : rows) std::memset(row + src->Width, 0, planes[0]->BytesPerLine - src->Width);
     if ((status = progress.After(y + 1)) != RC_SUCCESS) return status;
   }
   return RC_SUCCESS;
@@ -338,11 +340,24 @@ int32_t Separate(BitmapRecord *src, BitmapRecord *const *planes, uint32_t struct
   const bool wide = src->BitsPerPixel > 32;
   const int32_t count = model.planes;
   const int32_t memory = (src->Flags & BITMAP_LARGE_MEMORY) ? MEMORY_LARGE : MEMORY_CONVENTIONAL;
+  const auto splitsDirectly = [&] {
+    return model.code8 == COLOR_MODEL_BGR && src->BitsPerPixel == 24 && !::IsGrayBitmap(src) &&
+           (src->ColorOrder == ORDER_BGR || src->ColorOrder == ORDER_RGB);
+  };
+  // The direct split writes every byte of the three planes, padding
+  // included, and without a status callback no code of the caller runs
+  // before it has (nothing can fail or stop it midway): the planes need
+  // not be cleared first. A plane record that is the source's would change
+  // the course: those keep the cleared planes.
+  bool unset = splitsDirectly() && !Progress().active();
+  for (int32_t i = 0; i < count; ++i) unset = unset && planes[i] != src;
   for (int32_t i = 0; i < count; ++i) {
     // Bits per pixel 0 gives an 8-bit plane (one byte a pixel, gray ramp).
-    const int32_t status =
-        ::AllocateBitmap(planes[i], structSize, memory, src->Width, src->Height, wide ? 16 : 0,
-                         wide ? ORDER_GRAY : ORDER_RGB, nullptr, src->Orientation, nullptr, 0);
+    const int32_t bits = wide ? 16 : 0, order = wide ? ORDER_GRAY : ORDER_RGB;
+    const int32_t status = unset ? ::AllocateBitmapUnset(planes[i], structSize, memory, src->Width,
+                                                         src->Height, bits, order, nullptr, src->Orientation)
+                                 : ::AllocateBitmap(planes[i], structSize, memory, src->Width, src->Height,
+                                                    bits, order, nullptr, src->Orientation, nullptr, 0);
     if (status != RC_SUCCESS) {
       for (int32_t j = i - 1; j >= 0; --j) ::FreeBitmap(planes[j]);
       return status;
@@ -353,8 +368,7 @@ int32_t Separate(BitmapRecord *src, BitmapRecord *const *planes, uint32_t struct
     AccessGuard access;
     for (int32_t i = 0; i < count; ++i) access.Hold(planes[i]);
     access.Hold(src);
-    const bool rgb24 = model.code8 == COLOR_MODEL_BGR && src->BitsPerPixel == 24 && !::IsGrayBitmap(src) &&
-                       (src->ColorOrder == ORDER_BGR || src->ColorOrder == ORDER_RGB);
+    const bool rgb24 = splitsDirectly();
     status = rgb24           ? SeparateRgb24(src, planes)
              : model.display ? SeparateDisplay(src, planes, count, wide ? model.code16 : model.code8, wide)
                              : SeparateSpace(src, planes, model.space, wide);

@@ -5,8 +5,8 @@
 #include <thread>
 #include <tuple>
 
-#include "kit.h"
 #include "imgplatform.h"
+#include "kit.h"
 
 using kit::Bitmap;
 using kit::Format;
@@ -31,14 +31,16 @@ TEST(Memory, TrackingAndFaultInjection) {
   for (void *p : {a, b, static_cast<void *>(nullptr)}) FreeMemory(p, __LINE__, kSourceFile);
   GetAllocationStats(&after, &afterBytes);
   EXPECT_EQ(std::pair(count - after, bytes - afterBytes), std::pair(uint64_t{2}, uint64_t{40}));
-  // The third allocation from now fails, and only that one.
+  // The third allocation from now fails, and only that one; unset blocks
+  // count alike and are tracked alike.
   SetAllocationFailure(3);
   void *p[4];
-  for (void *&q : p) q = AllocZeroed(1, 1, __LINE__, kSourceFile);
+  for (int i = 0; i < 4; ++i) p[i] = (i % 2 ? AllocUnset : AllocZeroed)(1, 1, __LINE__, kSourceFile);
   EXPECT_EQ(GetAllocationFailureCountdown(), 0u);
   EXPECT_TRUE(p[0] && p[1] && !p[2] && p[3]);
   for (void *q : p) FreeMemory(q, __LINE__, kSourceFile);
   EXPECT_EQ(AllocZeroed(SIZE_MAX / 2, 4, __LINE__, kSourceFile), nullptr);  // count x size overflows
+  EXPECT_EQ(AllocUnset(SIZE_MAX / 2, 4, __LINE__, kSourceFile), nullptr);
 }
 
 TEST(Memory, TrackingCallbackAndSettingsArePerThread) {
@@ -90,6 +92,25 @@ TEST(AllocateBitmap, RefusesBadArgumentsAndLeavesRecordEmpty) {
   }
   EXPECT_EQ(AllocateBitmap(&r, 200, 1, 5, 5, 24, 1, nullptr, 1, nullptr, 0), RC_INVALID_STRUCT_SIZE);
   EXPECT_EQ(AllocateBitmap(nullptr, 208, 1, 5, 5, 24, 1, nullptr, 1, nullptr, 0), RC_NO_BITMAP);
+  // The unset form checks alike (its cases without data) and fills the same record.
+  for (const Case &c : cases) {
+    if (c.dataSize >= 0) continue;
+    std::memset(&r, 0xAB, sizeof r);
+    EXPECT_EQ(AllocateBitmapUnset(&r, 208, c.kind, c.w, c.h, c.bits, c.order, nullptr, c.orient), kBad)
+        << c.name;
+    EXPECT_TRUE(!r.Flags && !r.Pixels && !r.Width && r.StructSize == 208) << c.name;
+  }
+  BitmapRecord a{}, b{};
+  ASSERT_EQ(AllocateBitmap(&a, 176, MEMORY_LARGE, 133, 5, 0, ORDER_RGB, nullptr, 4, nullptr, 0), RC_SUCCESS);
+  ASSERT_EQ(AllocateBitmapUnset(&b, 176, MEMORY_LARGE, 133, 5, 0, ORDER_RGB, nullptr, 4), RC_SUCCESS);
+  EXPECT_NE(a.Pixels, b.Pixels);
+  EXPECT_EQ(std::memcmp(a.Palette, b.Palette, 256 * sizeof(PaletteEntry)), 0);
+  BitmapRecord same = a;
+  same.Pixels = b.Pixels, same.Palette = b.Palette;
+  EXPECT_EQ(std::memcmp(&same, &b, 176), 0);
+  FreeBitmap(&a);
+  FreeBitmap(&b);
+  EXPECT_EQ(AllocateBitmapUnset(nullptr, 208, 1, 5, 5, 24, 1, nullptr, 1), RC_NO_BITMAP);
 }
 
 TEST(AllocateBitmap, DefaultsPalettesAndData) {

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -391,6 +392,27 @@ TEST(SeparateMerge, RegionsProgressFailuresAndKeptQuirks) {
     ASSERT_EQ(Q_ColorSeparateBitmap(src, p.get(), 208, COLORSEP_RGB), RC_SUCCESS);
     EXPECT_EQ(cb.Reports(), (std::vector<int32_t>{0, 33, 66, 100}));
     EXPECT_EQ(p.records[0].Pixels[0], src.At(0, 0).v[2]);
+  }
+  {
+    // Without a callback the direct split's planes come unset from the
+    // allocator (here from a heap left dirty on purpose): every byte, row
+    // padding included, is the cleared planes' of a call with a callback.
+    Bitmap wide(Format{24}, 133, 5);
+    wide.Randomize(9);
+    Planes cleared, unset;
+    {
+      kit::ScopedCallback cb([](int32_t) { return 1; });
+      ASSERT_EQ(Q_ColorSeparateBitmap(wide, cleared.get(), 208, COLORSEP_RGB), RC_SUCCESS);
+    }
+    for (int round = 0; round < 2; ++round) {  // the second takes the blocks the first dirtied and freed
+      for (BitmapRecord &r : unset.records)
+        if (r.Flags & BITMAP_ALLOCATED) std::memset(r.Pixels, 0xA5, r.DataSize), FreeBitmap(&r);
+      ASSERT_EQ(Q_ColorSeparateBitmap(wide, unset.get(), 208, COLORSEP_RGB), RC_SUCCESS);
+    }
+    for (int32_t k = 0; k < 3; ++k) {
+      ASSERT_EQ(unset.records[k].DataSize, 136u * 5);
+      EXPECT_EQ(std::memcmp(unset.records[k].Pixels, cleared.records[k].Pixels, 136 * 5), 0) << k;
+    }
   }
   for (uint32_t model : {COLORSEP_RGB, COLORSEP_MODEL2, COLORSEP_YUV}) {
     SCOPED_TRACE(model);

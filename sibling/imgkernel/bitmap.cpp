@@ -68,12 +68,12 @@ int32_t DescribeBitmap(BitmapRecord *b, uint32_t size, int32_t width, int32_t he
 
 }  // namespace img
 
-extern "C" {
+namespace {
 
-IMG_API int32_t AllocateBitmap(BitmapRecord *bitmap, uint32_t structSize, int32_t memoryKind, int32_t width,
-                               int32_t height, int32_t bitsPerPixel, int32_t colorOrder,
-                               const PaletteEntry *palette, int32_t orientation, const void *data,
-                               uint64_t dataSize) {
+// AllocateBitmap; `zero` false leaves the pixel bytes unset (no data then).
+int32_t AllocateRecord(BitmapRecord *bitmap, uint32_t structSize, int32_t memoryKind, int32_t width,
+                       int32_t height, int32_t bitsPerPixel, int32_t colorOrder, const PaletteEntry *palette,
+                       int32_t orientation, const void *data, uint64_t dataSize, bool zero) {
   if (!bitmap) return RC_NO_BITMAP;
   if (!img::ValidRecordSize(structSize)) return RC_INVALID_STRUCT_SIZE;
   int32_t status = RC_INVALID_PARAMETER;
@@ -91,7 +91,12 @@ IMG_API int32_t AllocateBitmap(BitmapRecord *bitmap, uint32_t structSize, int32_
     ClearRecord(bitmap, structSize);
     return RC_INVALID_PARAMETER;
   }
-  img::KernelBuffer<uint8_t> pixels(bytes, __LINE__, kSourceFile);
+  img::KernelBuffer<uint8_t> pixels;
+  if (zero)
+    pixels = img::KernelBuffer<uint8_t>(bytes, __LINE__, kSourceFile);
+  else
+    pixels.adopt(static_cast<uint8_t *>(::AllocUnset(bytes, 1, __LINE__, kSourceFile)), __LINE__,
+                 kSourceFile);
   img::KernelBuffer<PaletteEntry> pal;
   if (bitmap->ColorsUsed > 0) pal = img::KernelBuffer<PaletteEntry>(256, __LINE__, kSourceFile);
   if (!pixels || (bitmap->ColorsUsed > 0 && !pal)) {
@@ -110,6 +115,25 @@ IMG_API int32_t AllocateBitmap(BitmapRecord *bitmap, uint32_t structSize, int32_
   bitmap->DataSize = bytes;
   bitmap->Flags = BITMAP_ALLOCATED | (memoryKind == MEMORY_LARGE ? BITMAP_LARGE_MEMORY : 0u);
   return RC_SUCCESS;
+}
+
+}  // namespace
+
+extern "C" {
+
+IMG_API int32_t AllocateBitmap(BitmapRecord *bitmap, uint32_t structSize, int32_t memoryKind, int32_t width,
+                               int32_t height, int32_t bitsPerPixel, int32_t colorOrder,
+                               const PaletteEntry *palette, int32_t orientation, const void *data,
+                               uint64_t dataSize) {
+  return AllocateRecord(bitmap, structSize, memoryKind, width, height, bitsPerPixel, colorOrder, palette,
+                        orientation, data, dataSize, true);
+}
+
+IMG_API int32_t AllocateBitmapUnset(BitmapRecord *bitmap, uint32_t structSize, int32_t memoryKind,
+                                    int32_t width, int32_t height, int32_t bitsPerPixel, int32_t colorOrder,
+                                    const PaletteEntry *palette, int32_t orientation) {
+  return AllocateRecord(bitmap, structSize, memoryKind, width, height, bitsPerPixel, colorOrder, palette,
+                        orientation, nullptr, 0, false);
 }
 
 IMG_API int32_t FreeBitmap(BitmapRecord *bitmap) {

@@ -127,7 +127,11 @@ typedef struct BitmapRecord {
 /* Zero-filled memory of count * size bytes (a zero size gives a valid,
  * distinct block), or null. Line and file name the calling source. */
 IMG_API void *AllocZeroed(size_t count, size_t size, int32_t line, const wchar_t *file);
-/* Releases memory from AllocZeroed; null is ignored. */
+/* As AllocZeroed (same tracking, tags and fault injection), but the bytes
+ * are left as they come: only for buffers the caller writes completely
+ * before anything reads them (it saves the walk that clears them). */
+IMG_API void *AllocUnset(size_t count, size_t size, int32_t line, const wchar_t *file);
+/* Releases memory from AllocZeroed or AllocUnset; null is ignored. */
 IMG_API void FreeMemory(void *memory, int32_t line, const wchar_t *file);
 
 /* Allocation tracking and fault injection; all per thread. Tracking records
@@ -176,6 +180,12 @@ IMG_API int32_t AllocateBitmap(BitmapRecord *bitmap, uint32_t structSize, int32_
                                int32_t height, int32_t bitsPerPixel, int32_t colorOrder,
                                const PaletteEntry *palette, int32_t orientation, const void *data,
                                uint64_t dataSize);
+/* As AllocateBitmap without data, but the pixel bytes (row padding
+ * included) are left unset (AllocUnset): only for callers that write every
+ * byte of Height * BytesPerLine before anything can read them. */
+IMG_API int32_t AllocateBitmapUnset(BitmapRecord *bitmap, uint32_t structSize, int32_t memoryKind, int32_t width,
+                                    int32_t height, int32_t bitsPerPixel, int32_t colorOrder,
+                                    const PaletteEntry *palette, int32_t orientation);
 IMG_API int32_t FreeBitmap(BitmapRecord *bitmap);
 IMG_API int32_t CopyBitmap(BitmapRecord *destination, const BitmapRecord *source, uint32_t structSize);
 IMG_API int32_t ResetBitmap(BitmapRecord *bitmap, uint32_t structSize, int32_t reserved1, int32_t reserved2,

@@ -1,4 +1,5 @@
-// The family's allocator: zero-filled blocks with a header that carries the
+// The family's allocator: zero-filled blocks (or, on request, blocks whose
+// bytes are left as they come) with a header that carries the
 // calling line and file, per-thread tracking of live blocks and per-thread
 // fault injection.
 #include <cstdlib>
@@ -53,11 +54,9 @@ void Unlink(BlockHeader *h) {
   h->tracker = nullptr;
 }
 
-}  // namespace
-
-extern "C" {
-
-IMG_API void *AllocZeroed(size_t count, size_t size, int32_t line, const wchar_t *file) {
+// A tracked block of count * size bytes; `zero` clears them (the header is
+// written either way).
+void *Allocate(size_t count, size_t size, int32_t line, const wchar_t *file, bool zero) {
   Tracker &t = ThreadTracker();
   if (t.failCountdown > 0 && --t.failCountdown == 0) return nullptr;
   if (size != 0 && count > (SIZE_MAX - 2 * kAlign) / size) return nullptr;
@@ -65,7 +64,7 @@ IMG_API void *AllocZeroed(size_t count, size_t size, int32_t line, const wchar_t
   const std::size_t total = sizeof(BlockHeader) + ((bytes + kAlign - 1) & ~(kAlign - 1));
   void *raw = std::aligned_alloc(kAlign, total);
   if (!raw) return nullptr;
-  std::memset(raw, 0, total);
+  std::memset(raw, 0, zero ? total : sizeof(BlockHeader));
   auto *h = static_cast<BlockHeader *>(raw);
   h->size = bytes;
   h->file = file;
@@ -80,6 +79,18 @@ IMG_API void *AllocZeroed(size_t count, size_t size, int32_t line, const wchar_t
     t.bytes += bytes;
   }
   return h + 1;
+}
+
+}  // namespace
+
+extern "C" {
+
+IMG_API void *AllocZeroed(size_t count, size_t size, int32_t line, const wchar_t *file) {
+  return Allocate(count, size, line, file, true);
+}
+
+IMG_API void *AllocUnset(size_t count, size_t size, int32_t line, const wchar_t *file) {
+  return Allocate(count, size, line, file, false);
 }
 
 IMG_API void FreeMemory(void *memory, int32_t, const wchar_t *) {
