@@ -155,15 +155,9 @@ IMG_AVX512 void MixBytesAvx512(uint8_t *p, std::size_t pixels, int32_t period, c
   for (int32_t i = 0; i < 3; ++i)
     for (int32_t k = 0; k < 3; ++k) share[i][k] = _mm512_set1_pd(mix.share[i][k]);
   const __m512d top = _mm512_set1_pd(255.0);
-  const std::size_t step = static_cast<std::size_t>(period) * 16;
-  std::size_t i = 0;
-  // Plain 64-byte loads while the row holds them (masked loads and stores
-  // are slow on some processors); 3-byte pixels store 32 + 16 bytes.
-  for (; i + 16 <= pixels; i += 16, p += step) {
-    const bool whole = (pixels - i) * static_cast<std::size_t>(period) >= 64;
-    const __m512i v =
-        whole ? _mm512_loadu_si512(p) : _mm512_maskz_loadu_epi8(_cvtu64_mask64(0xFFFFFFFFFFFFu), p);
-    const __m512i parts = _mm512_permutexvar_epi8(partIndex, v);
+  // The three outputs of 16 pixels from their parted bytes (blue, green,
+  // red: 16 each), packed blue, green, red in bytes 0..47.
+  const auto pack = [&](__m512i parts) IMG_AVX512 {
     const __m512i b32 = _mm512_cvtepu8_epi32(_mm512_castsi512_si128(parts));
     const __m512i g32 = _mm512_cvtepu8_epi32(_mm512_extracti32x4_epi32(parts, 1));
     const __m512i r32 = _mm512_cvtepu8_epi32(_mm512_extracti32x4_epi32(parts, 2));
@@ -180,9 +174,46 @@ IMG_AVX512 void MixBytesAvx512(uint8_t *p, std::size_t pixels, int32_t period, c
       const __m512i both = _mm512_inserti64x4(_mm512_castsi256_si512(halves[0]), halves[1], 1);
       out[2 - k] = _mm512_cvtepi32_epi8(both);
     }
-    const __m512i packed =
-        _mm512_inserti32x4(_mm512_inserti32x4(_mm512_castsi128_si512(out[0]), out[1], 1), out[2], 2);
-    const __m512i mixed = _mm512_permutexvar_epi8(joinIndex, packed);
+    return _mm512_inserti32x4(_mm512_inserti32x4(_mm512_castsi128_si512(out[0]), out[1], 1), out[2], 2);
+  };
+  std::size_t i = 0;
+  if (period == 3) {
+    // 64 pixels (three whole vectors) a step, loaded before any is stored:
+    // the four groups of 16 are parted from the loaded vectors and their
+    // packed outputs joined straight into three whole stores.
+    alignas(64) uint8_t in[3][64], out[3][64];
+    for (int32_t j = 0; j < 64; ++j) {
+      const int32_t at = j < 48 ? part[j] : 0;
+      in[0][j] = static_cast<uint8_t>(48 + at);  // bytes 48..95 of the first two vectors
+      in[1][j] = static_cast<uint8_t>(32 + at);  // bytes 96..143: of the second and third
+      in[2][j] = static_cast<uint8_t>(16 + at);  // bytes 144..191: of the third
+      out[0][j] = static_cast<uint8_t>(j < 48 ? join[j] : 64 + join[j - 48]);
+      out[1][j] = static_cast<uint8_t>(j < 32 ? join[j + 16] : 64 + join[j - 32]);
+      out[2][j] = static_cast<uint8_t>(j < 16 ? join[j + 32] : 64 + join[j - 16]);
+    }
+    const __m512i in1 = _mm512_load_si512(in[0]), in2 = _mm512_load_si512(in[1]),
+                  in3 = _mm512_load_si512(in[2]), out0 = _mm512_load_si512(out[0]),
+                  out1 = _mm512_load_si512(out[1]), out2 = _mm512_load_si512(out[2]);
+    for (; i + 64 <= pixels; i += 64, p += 192) {
+      const __m512i v0 = _mm512_loadu_si512(p), v1 = _mm512_loadu_si512(p + 64),
+                    v2 = _mm512_loadu_si512(p + 128);
+      const __m512i m0 = pack(_mm512_permutexvar_epi8(partIndex, v0));
+      const __m512i m1 = pack(_mm512_permutex2var_epi8(v0, in1, v1));
+      const __m512i m2 = pack(_mm512_permutex2var_epi8(v1, in2, v2));
+      const __m512i m3 = pack(_mm512_permutexvar_epi8(in3, v2));
+      _mm512_storeu_si512(p, _mm512_permutex2var_epi8(m0, out0, m1));
+      _mm512_storeu_si512(p + 64, _mm512_permutex2var_epi8(m1, out1, m2));
+      _mm512_storeu_si512(p + 128, _mm512_permutex2var_epi8(m2, out2, m3));
+    }
+  }
+  const std::size_t step = static_cast<std::size_t>(period) * 16;
+  // Plain 64-byte loads while the row holds them (masked loads and stores
+  // are slow on some processors); 3-byte pixels store 32 + 16 bytes.
+  for (; i + 16 <= pixels; i += 16, p += step) {
+    const bool whole = (pixels - i) * static_cast<std::size_t>(period) >= 64;
+    const __m512i v =
+        whole ? _mm512_loadu_si512(p) : _mm512_maskz_loadu_epi8(_cvtu64_mask64(0xFFFFFFFFFFFFu), p);
+    const __m512i mixed = _mm512_permutexvar_epi8(joinIndex, pack(_mm512_permutexvar_epi8(partIndex, v)));
     if (period == 4) {
       _mm512_storeu_si512(p, _mm512_mask_blend_epi8(fourth, mixed, v));
     } else {

@@ -160,7 +160,7 @@ class ColourCache {
 };
 
 int32_t RemoveRedeye(BitmapRecord *bitmap, uint32_t newColor, int32_t threshold, int32_t lightness, Isa isa) {
-  RowPass pass(bitmap, RowSetup{.layout = ROW_LAYOUT_NATIVE});
+  RowPass pass(bitmap, RowSetup{.layout = ROW_LAYOUT_NATIVE, .storedRows = true});
   if (pass.status() != RC_SUCCESS) return pass.status();
   const bool wide = pass.wide();
   const Scale scale = wide ? kScale16 : kScale8;

@@ -239,15 +239,20 @@ TEST(ChannelExports, InstructionSetsMatchScalar) {
       [](BitmapRecord *b, img::Isa isa) { return img::colrn::SwapWithIsa(b, SWAP_GB, isa); },
       [](BitmapRecord *b, img::Isa isa) { return img::colrn::EqualizeWithIsa(b, HISTOEQ_PER_CHANNEL, isa); },
       // Inexact shares, thirds (many sums that the bounds leave open), exact
-      // and saturating ones.
+      // and saturating ones; shares of 0, -0 and 1, an output whose shares
+      // are all zeros.
       [](BitmapRecord *b, img::Isa isa) {
         const ColorBalanceFactors r = Shares(0.9, 0.1, 0), g = Shares(0.05, 0.85, 0.1),
                                   bl = Shares(0, 0.1, 1);
         return img::colrn::BalanceWithIsa(b, &r, &g, &bl, 0, isa);
       },
       [](BitmapRecord *b, img::Isa isa) {
-        const ColorBalanceFactors t = Shares(1.0 / 3, 1.0 / 3, 1.0 / 3), h = Shares(0.5, 0.25, 3.7);
+        const ColorBalanceFactors t = Shares(1.0 / 3, 1.0 / 3, 1.0 / 3), h = Shares(0.5, -0.0, 3.7);
         return img::colrn::BalanceWithIsa(b, &t, &h, &t, 0, isa);
+      },
+      [](BitmapRecord *b, img::Isa isa) {
+        const ColorBalanceFactors r = Shares(1, -0.0, 0), g = Shares(0, 0, 1), bl = Shares(0.7, -0.0, 1);
+        return img::colrn::BalanceWithIsa(b, &r, &g, &bl, 0, isa);
       },
       [](BitmapRecord *b, img::Isa isa) {
         return img::colrn::IntensityBalanceWithIsa(b, INTENSITY_BALANCE_GRAY_WORLD, 70, 0, isa);

@@ -264,7 +264,15 @@ struct RowSetup {
   bool write = true;        // false: the rows are only read (statistics)
   bool boundsRuns = false;  // hand the kernel the bounds' columns, not the region's runs
   ProgressPoint progressAt = ProgressPoint::OnRead;
+  // Stored rows in place: when the working row would be the stored row byte
+  // for byte (PlainWorkingRow, pixel memory allocated) and no progress is
+  // reported on read, the kernel gets the stored row itself: the same rows,
+  // runs, kernel calls and UpdateBitmapInfo, without the converter's read and
+  // write (two plain copies of the whole row, however few columns change).
+  bool storedRows = false;
 };
+
+inline bool PlainWorkingRow(const BitmapRecord *b, int32_t layout);
 
 // Rows of the region's bounds (the whole bitmap without a region), top to
 // bottom, each read through the converter, handed to the kernel with the
@@ -337,8 +345,64 @@ class RowPass {
   }
 
  private:
+  // RowSetup::storedRows applies to this bitmap and walk.
+  bool OnStoredRows() const {
+    return setup_.storedRows && (bitmap_->Flags & BITMAP_ALLOCATED) && bitmap_->Pixels &&
+           !(setup_.progress.report && setup_.progressAt == ProgressPoint::OnRead) &&
+           PlainWorkingRow(bitmap_, setup_.layout);
+  }
+
+  // Walk's rows, runs and reports on the stored rows: the region's runs of
+  // each row clipped to the bounds, as the converter's read gives them.
+  template <class T, class Kernel>
+  int32_t WalkStored(Kernel &kernel) {
+    const bool region = ::BitmapHasRegion(bitmap_) != 0;
+    Rect bounds{};
+    int32_t status = ::GetRegionBounds(bitmap_, nullptr, &bounds);
+    if (status != RC_SUCCESS) return status;
+    const int32_t width = bitmap_->Width;
+    const RowRun whole{bounds.Left < 0 ? 0 : bounds.Left, bounds.Right > width ? width : bounds.Right};
+    const bool clip = region && !setup_.boundsRuns;
+    const int32_t most = clip ? ::GetRegionMaxRuns(bitmap_) : 0;
+    KernelBuffer<RowRun> runs;
+    if (clip) {
+      runs = KernelBuffer<RowRun>(static_cast<std::size_t>(most > 0 ? most : 1), __LINE__, kPassSource);
+      if (!runs) return RC_NO_MEMORY;
+    }
+    const bool afterRow = setup_.progress.report && setup_.progressAt == ProgressPoint::AfterRow;
+    const int64_t rows = static_cast<int64_t>(bounds.Bottom) - bounds.Top;
+    for (int32_t y = bounds.Top; y < bounds.Bottom; ++y) {
+      int32_t count = whole.Start < whole.End ? 1 : 0;
+      if (clip) {
+        const int32_t got = ::GetRegionRowRuns(bitmap_, y, runs.get(), most > 0 ? most : 1);
+        if (got < 0) return got;
+        count = 0;
+        for (int32_t i = 0; i < got; ++i) {
+          const int32_t start = runs[i].Start > whole.Start ? runs[i].Start : whole.Start;
+          const int32_t end = runs[i].End < whole.End ? runs[i].End : whole.End;
+          if (start < end) runs[count++] = RowRun{start, end};
+        }
+      }
+      RowView<T> view{reinterpret_cast<T *>(ImageRow(bitmap_, y)),
+                      channels_,
+                      y,
+                      clip ? runs.get() : &whole,
+                      count,
+                      width};
+      status = CallKernel(kernel, view);
+      if (status != RC_SUCCESS) return status;
+      if (afterRow) {
+        status = progress_.step(ProgressAt(setup_.progress, static_cast<int64_t>(y) - bounds.Top + 1, rows));
+        if (status != RC_SUCCESS) return status;
+      }
+    }
+    if (setup_.write) ::UpdateBitmapInfo(bitmap_);
+    return RC_SUCCESS;
+  }
+
   template <class T, class Kernel>
   int32_t Walk(Kernel &kernel) {
+    if (OnStoredRows()) return WalkStored<T>(kernel);
     KernelBuffer<uint8_t> row = AllocRow();
     if (!row) return setup_.noRowBuffer == NoRowBuffer::Succeeds ? RC_SUCCESS : RC_NO_MEMORY;
     KernelBuffer<RowRun> runs;
