@@ -161,6 +161,7 @@ class LocalEqualizer {
   }
 
   const Place &Row(int32_t py) const { return rows_[static_cast<std::size_t>(py - y_.start)]; }
+  void Reach(int32_t) {}
 
   // Maps plane c's samples from column `left` to `right` (image columns) of
   // a row whose tile rows are ready (Prepare), `step` samples apart.
@@ -349,7 +350,10 @@ class DenseEqualizer {
   }
 
   int32_t Allocate() {
-    counts_ = KernelBuffer<uint32_t>(tiles_ * (kWide ? kBins : 2 * kBins), __LINE__, kSourceFile);
+    // Stored 16-bit rows: three rows of tiles (Reach), else every tile.
+    const std::size_t counted =
+        stored_ != nullptr ? std::min<std::size_t>(kSlots, y_.count) * x_.count : tiles_;
+    counts_ = KernelBuffer<uint32_t>(counted * (kWide ? kBins : 2 * kBins), __LINE__, kSourceFile);
     if constexpr (kWide)
       curves_ = KernelBuffer<TileCurve>(tiles_, __LINE__, kSourceFile);
     else {
@@ -384,6 +388,7 @@ class DenseEqualizer {
   // py (each plane, or the luma) in the tiles that hold them.
   void Keep(int32_t py, int32_t left, int32_t right, const T *p, int32_t channels, bool luma) {
     constexpr int32_t top = kBins - 1;
+    if (stored_ != nullptr) return;  // counted from the stored rows (Reach)
     const int32_t count = right - left, rel = py - y_.start, a = left - x_.start;
     for (int32_t c = 0; c < planes_; ++c) {
       const T *s = p;
@@ -417,11 +422,58 @@ class DenseEqualizer {
           BuildTable8Scalar(counts, Limit(clip_, n, kBins), n, table);
       }
     } else {
+      if (stored_ == nullptr)
+        for (int32_t b = 0; b < y_.count * planes_; ++b)
+          Prefix(b, counts_.get() + static_cast<std::size_t>(b) * kBins * x_.count);
+    }
+  }
+
+  // 16-bit gray without a region whose working rows are the stored rows:
+  // each row of tiles is counted from the stored rows just before the
+  // second walk maps its first row or a row that needs its curves (Reach),
+  // into one of three slots. A pixel at row y needs the tile rows lo(y) and
+  // lo(y) + 1; the last tile row, moved back to the edge, may start before
+  // y, so at most lo(y)..lo(y) + 2 are live. The counts are those of the
+  // first walk (the rows are still unmapped), in 6 MB instead of 2 MB a row
+  // of tiles of eight.
+  void UseStoredRows(BitmapRecord *bitmap) {
+    if constexpr (kWide)
+      if (planes_ == 1 && bitmap->Pixels != nullptr && bitmap->BitsPerPixel == 16 &&
+          ::BitmapHasRegion(bitmap) == 0 && PlainWorkingRow(bitmap, ROW_LAYOUT_NATIVE) && x_.start == 0 &&
+          y_.start == 0 && x_.extent == bitmap->Width && y_.extent == bitmap->Height)
+        stored_ = bitmap;
+  }
+
+  // Before the second walk maps row y: the tile rows it needs, and those that
+  // start at or above it, counted.
+  void Reach(int32_t y) {
+    if constexpr (kWide) {
+      if (stored_ == nullptr) return;
+      const Place &place = Row(y);
+      while (counted_ < y_.count && (counted_ <= place.hi || y_.TileStart(counted_) <= y - y_.start)) {
+        const int32_t ty = counted_++;
+        uint32_t *slot = Slot(ty);
+        std::memset(slot, 0, sizeof(uint32_t) * kBins * x_.count);
+        for (int32_t r = y_.TileStart(ty); r < y_.TileStart(ty) + y_.tile; ++r) {
+          const auto *s = reinterpret_cast<const uint16_t *>(ImageRow(stored_, y_.start + r));
+          for (int32_t tx = 0; tx < x_.count; ++tx)
+            Histogram16(s + x_.TileStart(tx), x_.tile, slot + tx, x_.count);
+        }
+        Prefix(ty, slot);
+      }
+    }
+  }
+
+  // The counts of block b (tile row and plane; the tile columns side by
+  // side) become clipped prefixes.
+  void Prefix(int32_t b, uint32_t *block) {
+    if constexpr (kWide) {
       const std::size_t columns = static_cast<std::size_t>(x_.count);
-      for (std::size_t t = 0; t < tiles_; ++t) {
+      for (std::size_t tx = 0; tx < columns; ++tx) {
+        const std::size_t t = static_cast<std::size_t>(b) * columns + tx;
         // Clipped prefix counts in place: the sums of the sorted distinct
         // values of the other course, for every value.
-        uint32_t *counts = counts_.get() + (t / columns) * kBins * columns + t % columns;
+        uint32_t *counts = block + tx;
         uint32_t n = 0;
         for (uint32_t v = 0; v < kBins; ++v) n += counts[v * columns];
         const uint32_t limit = n ? Limit(clip_, n, kBins) : 1;
@@ -439,6 +491,12 @@ class DenseEqualizer {
         curve.scale = static_cast<double>(kBins - 1) / (n ? n : 1);
       }
     }
+  }
+
+  // The counts of tile row ty (planes side by side).
+  uint32_t *Slot(int32_t ty) {
+    const int32_t at = stored_ != nullptr ? ty % kSlots : ty;
+    return counts_.get() + static_cast<std::size_t>(at) * planes_ * kBins * x_.count;
   }
 
   const Place &Row(int32_t py) const { return rows_[static_cast<std::size_t>(py - y_.start)]; }
@@ -486,8 +544,8 @@ class DenseEqualizer {
                     l,
                     r,
                     w,
-                    counts_.get() + above * kBins * columns,
-                    counts_.get() + below * kBins * columns,
+                    Slot(row.lo) + c * kBins * columns,
+                    Slot(row.hi) + c * kBins * columns,
                     curves_.get() + above * columns,
                     curves_.get() + below * columns,
                     x_.count,
@@ -577,6 +635,9 @@ class DenseEqualizer {
   KernelBuffer<double> weight_;
   KernelBuffer<float> weightf_;
   KernelBuffer<Place> rows_;
+  static constexpr int32_t kSlots = 3;
+  BitmapRecord *stored_ = nullptr;  // 16-bit stored rows counted in slots (Reach)
+  int32_t counted_ = 0;             // tile rows counted so far
 };
 
 // The two walks of either course.
@@ -595,6 +656,7 @@ int32_t Walk(Eq &eq, Isa isa, RowPass &pass, int32_t planes, bool luma) {
   pass.SetWalk({50, 100, true}, true);
   return pass.RunRows([&](auto &row) {
     if constexpr (std::is_same_v<std::remove_reference_t<decltype(*row.samples)>, T>) {
+      eq.Reach(row.y);
       const Place &place = eq.Row(row.y);
       eq.Prepare(place);
       row.ForEachRun([&](int32_t left, int32_t right) {
@@ -631,6 +693,7 @@ int32_t Run(Isa isa, Course course, RowPass &pass, const Rect &bounds, int32_t t
     course = static_cast<int64_t>(x.tile) * y.tile >= bins ? Course::Dense : Course::TileRows;
   if (course == Course::Dense) {
     DenseEqualizer<T> eq(isa, x, y, planes, clip);
+    if (!luma) eq.UseStoredRows(pass.bitmap());
     return Walk<T>(eq, isa, pass, planes, luma);
   }
   LocalEqualizer<T> eq(isa, x, y, planes, clip, ::BitmapHasRegion(pass.bitmap()) != 0);
