@@ -351,8 +351,7 @@ class DenseEqualizer {
 
   int32_t Allocate() {
     // Stored 16-bit rows: three rows of tiles (Reach), else every tile.
-    const std::size_t counted =
-        stored_ != nullptr ? std::min<std::size_t>(kSlots, y_.count) * x_.count : tiles_;
+    const std::size_t counted = stored_ != nullptr ? static_cast<std::size_t>(slots_) * x_.count : tiles_;
     counts_ = KernelBuffer<uint32_t>(counted * (kWide ? kBins : 2 * kBins), __LINE__, kSourceFile);
     if constexpr (kWide)
       curves_ = KernelBuffer<TileCurve>(tiles_, __LINE__, kSourceFile);
@@ -431,17 +430,23 @@ class DenseEqualizer {
   // 16-bit gray without a region whose working rows are the stored rows:
   // each row of tiles is counted from the stored rows just before the
   // second walk maps its first row or a row that needs its curves (Reach),
-  // into one of three slots. A pixel at row y needs the tile rows lo(y) and
-  // lo(y) + 1; the last tile row, moved back to the edge, may start before
-  // y, so at most lo(y)..lo(y) + 2 are live. The counts are those of the
-  // first walk (the rows are still unmapped), in 6 MB instead of 2 MB a row
-  // of tiles of eight.
+  // into one of two or three slots. A pixel at row y needs the tile rows
+  // lo(y) and lo(y) + 1; the last tile row, moved back to the edge, may start
+  // before y, so at most lo(y)..lo(y) + 2 are live (two when the tile height
+  // divides the rows: no tile row then starts above the centre of the one
+  // before it). The counts are those of the first walk (the rows are still
+  // unmapped). The slots lie value by value, side by side (stride_), so the
+  // four prefixes of a pixel are in one cache line for eight tile columns
+  // and two slots.
   void UseStoredRows(BitmapRecord *bitmap) {
     if constexpr (kWide)
       if (planes_ == 1 && bitmap->Pixels != nullptr && bitmap->BitsPerPixel == 16 &&
           ::BitmapHasRegion(bitmap) == 0 && PlainWorkingRow(bitmap, ROW_LAYOUT_NATIVE) && x_.start == 0 &&
-          y_.start == 0 && x_.extent == bitmap->Width && y_.extent == bitmap->Height)
+          y_.start == 0 && x_.extent == bitmap->Width && y_.extent == bitmap->Height) {
         stored_ = bitmap;
+        slots_ = std::min(y_.count, y_.extent % y_.tile == 0 ? 2 : 3);
+        stride_ = slots_ * x_.count;
+      }
   }
 
   // Before the second walk maps row y: the tile rows it needs, and those that
@@ -453,11 +458,12 @@ class DenseEqualizer {
       while (counted_ < y_.count && (counted_ <= place.hi || y_.TileStart(counted_) <= y - y_.start)) {
         const int32_t ty = counted_++;
         uint32_t *slot = Slot(ty);
-        std::memset(slot, 0, sizeof(uint32_t) * kBins * x_.count);
+        for (std::size_t v = 0; v < kBins; ++v)
+          std::memset(slot + v * stride_, 0, sizeof(uint32_t) * x_.count);
         for (int32_t r = y_.TileStart(ty); r < y_.TileStart(ty) + y_.tile; ++r) {
           const auto *s = reinterpret_cast<const uint16_t *>(ImageRow(stored_, y_.start + r));
           for (int32_t tx = 0; tx < x_.count; ++tx)
-            Histogram16(s + x_.TileStart(tx), x_.tile, slot + tx, x_.count);
+            Histogram16(s + x_.TileStart(tx), x_.tile, slot + tx, stride_);
         }
         Prefix(ty, slot);
       }
@@ -475,11 +481,11 @@ class DenseEqualizer {
         // values of the other course, for every value.
         uint32_t *counts = block + tx;
         uint32_t n = 0;
-        for (uint32_t v = 0; v < kBins; ++v) n += counts[v * columns];
+        for (uint32_t v = 0; v < kBins; ++v) n += counts[v * stride_];
         const uint32_t limit = n ? Limit(clip_, n, kBins) : 1;
         uint32_t sum = 0, excess = 0;
         for (uint32_t v = 0; v < kBins; ++v) {
-          uint32_t &count = counts[v * columns];
+          uint32_t &count = counts[v * stride_];
           const uint32_t kept = count < limit ? count : limit;
           excess += count - kept;
           sum += kept;
@@ -495,8 +501,8 @@ class DenseEqualizer {
 
   // The counts of tile row ty (planes side by side).
   uint32_t *Slot(int32_t ty) {
-    const int32_t at = stored_ != nullptr ? ty % kSlots : ty;
-    return counts_.get() + static_cast<std::size_t>(at) * planes_ * kBins * x_.count;
+    if (stored_ != nullptr) return counts_.get() + static_cast<std::size_t>(ty % slots_) * x_.count;
+    return counts_.get() + static_cast<std::size_t>(ty) * planes_ * kBins * x_.count;
   }
 
   const Place &Row(int32_t py) const { return rows_[static_cast<std::size_t>(py - y_.start)]; }
@@ -548,11 +554,11 @@ class DenseEqualizer {
                     Slot(row.hi) + c * kBins * columns,
                     curves_.get() + above * columns,
                     curves_.get() + below * columns,
-                    x_.count,
+                    stride_,
                     row.w};
       if (step == 1) {
         run.samples = p;
-        const int32_t done = isa >= Isa::Avx512 && x_.count < 32768 ? MapGray16Avx512(run) : 0;
+        const int32_t done = isa >= Isa::Avx512 && stride_ < 32768 ? MapGray16Avx512(run) : 0;
         for (int32_t k = done; k < count; ++k) p[k] = MapGray16One(run, k);
         return;
       }
@@ -635,9 +641,10 @@ class DenseEqualizer {
   KernelBuffer<double> weight_;
   KernelBuffer<float> weightf_;
   KernelBuffer<Place> rows_;
-  static constexpr int32_t kSlots = 3;
   BitmapRecord *stored_ = nullptr;  // 16-bit stored rows counted in slots (Reach)
-  int32_t counted_ = 0;             // tile rows counted so far
+  int32_t slots_ = 0;
+  int32_t stride_ = x_.count;  // 16-bit counts a value (the slots' tile columns side by side)
+  int32_t counted_ = 0;        // tile rows counted so far
 };
 
 // The two walks of either course.
