@@ -618,8 +618,16 @@ class DenseEqualizer {
     }
     for (; k < n; ++k) ++counts[s[k]];
   }
+  // The counts lie in megabytes: each is fetched 32 samples ahead, so that
+  // the increments do not wait on one line after another.
   static void Histogram16(const uint16_t *s, int32_t n, uint32_t *counts, std::size_t columns) {
-    for (int32_t k = 0; k < n; ++k) ++counts[s[k] * columns];
+    constexpr int32_t kAhead = 32;
+    int32_t k = 0;
+    for (; k + kAhead < n; ++k) {
+      __builtin_prefetch(counts + s[k + kAhead] * columns, 1);
+      ++counts[s[k] * columns];
+    }
+    for (; k < n; ++k) ++counts[s[k] * columns];
   }
 
   Isa isa_;
