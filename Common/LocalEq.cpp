@@ -471,30 +471,36 @@ class DenseEqualizer {
   }
 
   // The counts of block b (tile row and plane; the tile columns side by
-  // side) become clipped prefixes.
+  // side) become clipped prefixes: the sums of the sorted distinct values of
+  // the other course, for every value. Sixteen tile columns at a time walk
+  // the values once for their totals and once for the prefixes (the counts
+  // of a value lie side by side); every tile's integers are those of a walk
+  // of its own.
   void Prefix(int32_t b, uint32_t *block) {
     if constexpr (kWide) {
-      const std::size_t columns = static_cast<std::size_t>(x_.count);
-      for (std::size_t tx = 0; tx < columns; ++tx) {
-        const std::size_t t = static_cast<std::size_t>(b) * columns + tx;
-        // Clipped prefix counts in place: the sums of the sorted distinct
-        // values of the other course, for every value.
-        uint32_t *counts = block + tx;
-        uint32_t n = 0;
-        for (uint32_t v = 0; v < kBins; ++v) n += counts[v * stride_];
-        const uint32_t limit = n ? Limit(clip_, n, kBins) : 1;
-        uint32_t sum = 0, excess = 0;
-        for (uint32_t v = 0; v < kBins; ++v) {
-          uint32_t &count = counts[v * stride_];
-          const uint32_t kept = count < limit ? count : limit;
-          excess += count - kept;
-          sum += kept;
-          count = sum;
+      constexpr int32_t kChunk = 16;
+      const std::size_t stride = static_cast<std::size_t>(stride_);
+      for (int32_t first = 0; first < x_.count; first += kChunk) {
+        const int32_t width = std::min(kChunk, x_.count - first);
+        uint32_t *counts = block + first;
+        uint32_t n[kChunk] = {}, limit[kChunk], sum[kChunk] = {}, excess[kChunk] = {};
+        for (uint32_t v = 0; v < kBins; ++v)
+          for (int32_t k = 0; k < width; ++k) n[k] += counts[v * stride + k];
+        for (int32_t k = 0; k < width; ++k) limit[k] = n[k] ? Limit(clip_, n[k], kBins) : 1;
+        for (uint32_t v = 0; v < kBins; ++v)
+          for (int32_t k = 0; k < width; ++k) {
+            uint32_t &count = counts[v * stride + k];
+            const uint32_t kept = count < limit[k] ? count : limit[k];
+            excess[k] += count - kept;
+            sum[k] += kept;
+            count = sum[k];
+          }
+        for (int32_t k = 0; k < width; ++k) {
+          TileCurve &curve = curves_[static_cast<std::size_t>(b) * x_.count + first + k];
+          curve.pixels = n[k];
+          curve.excessPerBin = static_cast<double>(excess[k]) / kBins;
+          curve.scale = static_cast<double>(kBins - 1) / (n[k] ? n[k] : 1);
         }
-        TileCurve &curve = curves_[t];
-        curve.pixels = n;
-        curve.excessPerBin = static_cast<double>(excess) / kBins;
-        curve.scale = static_cast<double>(kBins - 1) / (n ? n : 1);
       }
     }
   }
