@@ -459,7 +459,7 @@ class DenseEqualizer {
         const int32_t ty = counted_++;
         uint32_t *slot = Slot(ty);
         for (std::size_t v = 0; v < kBins; ++v)
-          std::memset(slot + v * stride_, 0, sizeof(uint32_t) * x_.count);
+          for (int32_t tx = 0; tx < x_.count; ++tx) slot[v * stride_ + tx] = 0;
         for (int32_t r = y_.TileStart(ty); r < y_.TileStart(ty) + y_.tile; ++r) {
           const auto *s = reinterpret_cast<const uint16_t *>(ImageRow(stored_, y_.start + r));
           for (int32_t tx = 0; tx < x_.count; ++tx)
