@@ -161,6 +161,7 @@ class LocalEqualizer {
   }
 
   const Place &Row(int32_t py) const { return rows_[static_cast<std::size_t>(py - y_.start)]; }
+  void Reach(int32_t) {}
 
   // Maps plane c's samples from column `left` to `right` (image columns) of
   // a row whose tile rows are ready (Prepare), `step` samples apart.
@@ -349,7 +350,9 @@ class DenseEqualizer {
   }
 
   int32_t Allocate() {
-    counts_ = KernelBuffer<uint32_t>(tiles_ * (kWide ? kBins : 2 * kBins), __LINE__, kSourceFile);
+    // Stored 16-bit rows: three rows of tiles (Reach), else every tile.
+    const std::size_t counted = stored_ != nullptr ? static_cast<std::size_t>(slots_) * x_.count : tiles_;
+    counts_ = KernelBuffer<uint32_t>(counted * (kWide ? kBins : 2 * kBins), __LINE__, kSourceFile);
     if constexpr (kWide)
       curves_ = KernelBuffer<TileCurve>(tiles_, __LINE__, kSourceFile);
     else {
@@ -384,6 +387,7 @@ class DenseEqualizer {
   // py (each plane, or the luma) in the tiles that hold them.
   void Keep(int32_t py, int32_t left, int32_t right, const T *p, int32_t channels, bool luma) {
     constexpr int32_t top = kBins - 1;
+    if (stored_ != nullptr) return;  // counted from the stored rows (Reach)
     const int32_t count = right - left, rel = py - y_.start, a = left - x_.start;
     for (int32_t c = 0; c < planes_; ++c) {
       const T *s = p;
@@ -417,28 +421,94 @@ class DenseEqualizer {
           BuildTable8Scalar(counts, Limit(clip_, n, kBins), n, table);
       }
     } else {
-      const std::size_t columns = static_cast<std::size_t>(x_.count);
-      for (std::size_t t = 0; t < tiles_; ++t) {
-        // Clipped prefix counts in place: the sums of the sorted distinct
-        // values of the other course, for every value.
-        uint32_t *counts = counts_.get() + (t / columns) * kBins * columns + t % columns;
-        uint32_t n = 0;
-        for (uint32_t v = 0; v < kBins; ++v) n += counts[v * columns];
-        const uint32_t limit = n ? Limit(clip_, n, kBins) : 1;
-        uint32_t sum = 0, excess = 0;
-        for (uint32_t v = 0; v < kBins; ++v) {
-          uint32_t &count = counts[v * columns];
-          const uint32_t kept = count < limit ? count : limit;
-          excess += count - kept;
-          sum += kept;
-          count = sum;
+      if (stored_ == nullptr)
+        for (int32_t b = 0; b < y_.count * planes_; ++b)
+          Prefix(b, counts_.get() + static_cast<std::size_t>(b) * kBins * x_.count);
+    }
+  }
+
+  // 16-bit gray without a region whose working rows are the stored rows:
+  // each row of tiles is counted from the stored rows just before the
+  // second walk maps its first row or a row that needs its curves (Reach),
+  // into one of two or three slots. A pixel at row y needs the tile rows
+  // lo(y) and lo(y) + 1; the last tile row, moved back to the edge, may start
+  // before y, so at most lo(y)..lo(y) + 2 are live (two when the tile height
+  // divides the rows: no tile row then starts above the centre of the one
+  // before it). The counts are those of the first walk (the rows are still
+  // unmapped). The slots lie value by value, side by side (stride_), so the
+  // four prefixes of a pixel are in one cache line for eight tile columns
+  // and two slots.
+  void UseStoredRows(BitmapRecord *bitmap) {
+    if constexpr (kWide)
+      if (planes_ == 1 && bitmap->Pixels != nullptr && bitmap->BitsPerPixel == 16 &&
+          ::BitmapHasRegion(bitmap) == 0 && PlainWorkingRow(bitmap, ROW_LAYOUT_NATIVE) && x_.start == 0 &&
+          y_.start == 0 && x_.extent == bitmap->Width && y_.extent == bitmap->Height) {
+        stored_ = bitmap;
+        slots_ = std::min(y_.count, y_.extent % y_.tile == 0 ? 2 : 3);
+        stride_ = slots_ * x_.count;
+      }
+  }
+
+  // Before the second walk maps row y: the tile rows it needs, and those that
+  // start at or above it, counted.
+  void Reach(int32_t y) {
+    if constexpr (kWide) {
+      if (stored_ == nullptr) return;
+      const Place &place = Row(y);
+      while (counted_ < y_.count && (counted_ <= place.hi || y_.TileStart(counted_) <= y - y_.start)) {
+        const int32_t ty = counted_++;
+        uint32_t *slot = Slot(ty);
+        for (std::size_t v = 0; v < kBins; ++v)
+          for (int32_t tx = 0; tx < x_.count; ++tx) slot[v * stride_ + tx] = 0;
+        for (int32_t r = y_.TileStart(ty); r < y_.TileStart(ty) + y_.tile; ++r) {
+          const auto *s = reinterpret_cast<const uint16_t *>(ImageRow(stored_, y_.start + r));
+          for (int32_t tx = 0; tx < x_.count; ++tx)
+            Histogram16(s + x_.TileStart(tx), x_.tile, slot + tx, stride_);
         }
-        TileCurve &curve = curves_[t];
-        curve.pixels = n;
-        curve.excessPerBin = static_cast<double>(excess) / kBins;
-        curve.scale = static_cast<double>(kBins - 1) / (n ? n : 1);
+        Prefix(ty, slot);
       }
     }
+  }
+
+  // The counts of block b (tile row and plane; the tile columns side by
+  // side) become clipped prefixes: the sums of the sorted distinct values of
+  // the other course, for every value. Sixteen tile columns at a time walk
+  // the values once for their totals and once for the prefixes (the counts
+  // of a value lie side by side); every tile's integers are those of a walk
+  // of its own.
+  void Prefix(int32_t b, uint32_t *block) {
+    if constexpr (kWide) {
+      constexpr int32_t kChunk = 16;
+      const std::size_t stride = static_cast<std::size_t>(stride_);
+      for (int32_t first = 0; first < x_.count; first += kChunk) {
+        const int32_t width = std::min(kChunk, x_.count - first);
+        uint32_t *counts = block + first;
+        uint32_t n[kChunk] = {}, limit[kChunk], sum[kChunk] = {}, excess[kChunk] = {};
+        for (uint32_t v = 0; v < kBins; ++v)
+          for (int32_t k = 0; k < width; ++k) n[k] += counts[v * stride + k];
+        for (int32_t k = 0; k < width; ++k) limit[k] = n[k] ? Limit(clip_, n[k], kBins) : 1;
+        for (uint32_t v = 0; v < kBins; ++v)
+          for (int32_t k = 0; k < width; ++k) {
+            uint32_t &count = counts[v * stride + k];
+            const uint32_t kept = count < limit[k] ? count : limit[k];
+            excess[k] += count - kept;
+            sum[k] += kept;
+            count = sum[k];
+          }
+        for (int32_t k = 0; k < width; ++k) {
+          TileCurve &curve = curves_[static_cast<std::size_t>(b) * x_.count + first + k];
+          curve.pixels = n[k];
+          curve.excessPerBin = static_cast<double>(excess[k]) / kBins;
+          curve.scale = static_cast<double>(kBins - 1) / (n[k] ? n[k] : 1);
+        }
+      }
+    }
+  }
+
+  // The counts of tile row ty (planes side by side).
+  uint32_t *Slot(int32_t ty) {
+    if (stored_ != nullptr) return counts_.get() + static_cast<std::size_t>(ty % slots_) * x_.count;
+    return counts_.get() + static_cast<std::size_t>(ty) * planes_ * kBins * x_.count;
   }
 
   const Place &Row(int32_t py) const { return rows_[static_cast<std::size_t>(py - y_.start)]; }
@@ -486,15 +556,15 @@ class DenseEqualizer {
                     l,
                     r,
                     w,
-                    counts_.get() + above * kBins * columns,
-                    counts_.get() + below * kBins * columns,
+                    Slot(row.lo) + c * kBins * columns,
+                    Slot(row.hi) + c * kBins * columns,
                     curves_.get() + above * columns,
                     curves_.get() + below * columns,
-                    x_.count,
+                    stride_,
                     row.w};
       if (step == 1) {
         run.samples = p;
-        const int32_t done = isa >= Isa::Avx512 && x_.count < 32768 ? MapGray16Avx512(run) : 0;
+        const int32_t done = isa >= Isa::Avx512 && stride_ < 32768 ? MapGray16Avx512(run) : 0;
         for (int32_t k = done; k < count; ++k) p[k] = MapGray16One(run, k);
         return;
       }
@@ -554,8 +624,16 @@ class DenseEqualizer {
     }
     for (; k < n; ++k) ++counts[s[k]];
   }
+  // The counts lie in megabytes: each is fetched 32 samples ahead, so that
+  // the increments do not wait on one line after another.
   static void Histogram16(const uint16_t *s, int32_t n, uint32_t *counts, std::size_t columns) {
-    for (int32_t k = 0; k < n; ++k) ++counts[s[k] * columns];
+    constexpr int32_t kAhead = 32;
+    int32_t k = 0;
+    for (; k + kAhead < n; ++k) {
+      __builtin_prefetch(counts + s[k + kAhead] * columns, 1);
+      ++counts[s[k] * columns];
+    }
+    for (; k < n; ++k) ++counts[s[k] * columns];
   }
 
   Isa isa_;
@@ -577,6 +655,10 @@ class DenseEqualizer {
   KernelBuffer<double> weight_;
   KernelBuffer<float> weightf_;
   KernelBuffer<Place> rows_;
+  BitmapRecord *stored_ = nullptr;  // 16-bit stored rows counted in slots (Reach)
+  int32_t slots_ = 0;
+  int32_t stride_ = x_.count;  // 16-bit counts a value (the slots' tile columns side by side)
+  int32_t counted_ = 0;        // tile rows counted so far
 };
 
 // The two walks of either course.
@@ -595,6 +677,7 @@ int32_t Walk(Eq &eq, Isa isa, RowPass &pass, int32_t planes, bool luma) {
   pass.SetWalk({50, 100, true}, true);
   return pass.RunRows([&](auto &row) {
     if constexpr (std::is_same_v<std::remove_reference_t<decltype(*row.samples)>, T>) {
+      eq.Reach(row.y);
       const Place &place = eq.Row(row.y);
       eq.Prepare(place);
       row.ForEachRun([&](int32_t left, int32_t right) {
@@ -631,6 +714,7 @@ int32_t Run(Isa isa, Course course, RowPass &pass, const Rect &bounds, int32_t t
     course = static_cast<int64_t>(x.tile) * y.tile >= bins ? Course::Dense : Course::TileRows;
   if (course == Course::Dense) {
     DenseEqualizer<T> eq(isa, x, y, planes, clip);
+    if (!luma) eq.UseStoredRows(pass.bitmap());
     return Walk<T>(eq, isa, pass, planes, luma);
   }
   LocalEqualizer<T> eq(isa, x, y, planes, clip, ::BitmapHasRegion(pass.bitmap()) != 0);

@@ -76,7 +76,7 @@ struct TileCurve {
 
 // A run of 16-bit gray pixels of the dense course, mapped in place. The
 // prefix counts of a row of tiles lie value by value, the tiles of one value
-// side by side: P of tile column t at v is prefix[v * columns + t] (so the
+// side by side: P of tile column t at v is prefix[v * stride + t] (so the
 // two tiles of a pixel share a cache line or two).
 struct GrayRun16 {
   uint16_t *samples;
@@ -86,25 +86,25 @@ struct GrayRun16 {
   const double *weight;           // per pixel: weight of the right tile (0..1)
   const uint32_t *upper, *lower;  // prefix counts of the tile rows above and below
   const TileCurve *upperCurves, *lowerCurves;
-  int32_t columns;  // tile columns
+  int32_t stride;  // counts a value: the tile columns, or more (several rows of tiles interleaved)
   double weightBelow;
 };
 
-inline double Evaluate16(const TileCurve &curve, const uint32_t *prefix, int32_t columns, int32_t tile,
+inline double Evaluate16(const TileCurve &curve, const uint32_t *prefix, int32_t stride, int32_t tile,
                          uint32_t v) {
   if (curve.pixels == 0) return v;
-  const double below = prefix[static_cast<std::size_t>(v) * static_cast<std::size_t>(columns) +
-                              static_cast<std::size_t>(tile)];
+  const double below =
+      prefix[static_cast<std::size_t>(v) * static_cast<std::size_t>(stride) + static_cast<std::size_t>(tile)];
   return (below + curve.excessPerBin * (v + 1.0)) * curve.scale;
 }
 
 inline uint16_t MapGray16One(const GrayRun16 &run, int32_t x) {
   const uint32_t v = run.samples[x];
   const int32_t l = run.left[x], r = run.right[x];
-  return static_cast<uint16_t>(Blend(Evaluate16(run.upperCurves[l], run.upper, run.columns, l, v),
-                                     Evaluate16(run.upperCurves[r], run.upper, run.columns, r, v),
-                                     Evaluate16(run.lowerCurves[l], run.lower, run.columns, l, v),
-                                     Evaluate16(run.lowerCurves[r], run.lower, run.columns, r, v),
+  return static_cast<uint16_t>(Blend(Evaluate16(run.upperCurves[l], run.upper, run.stride, l, v),
+                                     Evaluate16(run.upperCurves[r], run.upper, run.stride, r, v),
+                                     Evaluate16(run.lowerCurves[l], run.lower, run.stride, l, v),
+                                     Evaluate16(run.lowerCurves[r], run.lower, run.stride, r, v),
                                      run.weight[x], run.weightBelow, 65535.0));
 }
 

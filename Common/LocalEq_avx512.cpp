@@ -192,6 +192,9 @@ IMG_AVX512 inline __m256i Gather(const uint32_t *prefix, __m256i at) {
 
 }  // namespace
 
+// How many pixels ahead MapGray16Avx512 fetches the prefixes.
+constexpr int32_t kAhead = 64;
+
 // Eight 16-bit gray pixels a step, all between the same two tile columns:
 // the four prefix counts gathered (as two pairs of neighbours when the
 // columns are neighbours), each curve and the blend in doubles with
@@ -199,7 +202,7 @@ IMG_AVX512 inline __m256i Gather(const uint32_t *prefix, __m256i at) {
 IMG_AVX512 int32_t MapGray16Avx512(const GrayRun16 &run) {
   const __m512d wy = _mm512_set1_pd(run.weightBelow), half = _mm512_set1_pd(0.5), zero = _mm512_setzero_pd(),
                 top = _mm512_set1_pd(65535.0), one = _mm512_set1_pd(1.0);
-  const __m256i columns = _mm256_set1_epi32(run.columns);
+  const __m256i columns = _mm256_set1_epi32(run.stride);
   int32_t x = 0;
   while (x + 8 <= run.count) {
     const int32_t l = run.left[x], r = run.right[x];
@@ -213,6 +216,23 @@ IMG_AVX512 int32_t MapGray16Avx512(const GrayRun16 &run) {
     int32_t end = x + 8;
     while (end + 8 <= run.count && run.left[end + 7] == l && run.right[end + 7] == r) end += 8;
     for (; x < end; x += 8) {
+      // The prefixes of the pixels kAhead further on are fetched now: the
+      // lines come from anywhere in megabytes of prefixes, and one gather
+      // waits for all of its lines.
+      if (x + kAhead + 8 <= run.count) {
+        alignas(32) uint32_t ahead[8];
+        _mm256_store_si256(
+            reinterpret_cast<__m256i *>(ahead),
+            _mm256_add_epi32(
+                _mm256_mullo_epi32(_mm256_cvtepu16_epi32(_mm_loadu_si128(
+                                       reinterpret_cast<const __m128i *>(run.samples + x + kAhead))),
+                                   columns),
+                left));
+        for (int32_t k = 0; k < 8; ++k) {
+          _mm_prefetch(reinterpret_cast<const char *>(run.upper + ahead[k]), _MM_HINT_T0);
+          _mm_prefetch(reinterpret_cast<const char *>(run.lower + ahead[k]), _MM_HINT_T0);
+        }
+      }
       const __m256i v =
           _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i *>(run.samples + x)));
       const __m256i base = _mm256_mullo_epi32(v, columns);
