@@ -352,6 +352,20 @@ void EncodePng(PngContext *ctx) {
   png_write_end(png, nullptr);  // everything went before the image data (EXIF only once)
 }
 
+// libpng allocates a text or EXIF chunk at the length its header claims
+// before it reads the data, so a few bytes could make it ask for gigabytes:
+// every chunk must fit in what is left of the file.
+bool ChunksFitTheFile(const uint8_t *data, size_t size) {
+  for (size_t at = 8; at + 8 <= size;) {
+    const uint64_t length = (uint64_t{data[at]} << 24) | (uint64_t{data[at + 1]} << 16) |
+                            (uint64_t{data[at + 2]} << 8) | data[at + 3];
+    if (length + 4 > size - at - 8) return false;  // data and CRC
+    if (std::memcmp(data + at + 4, "IEND", 4) == 0) break;
+    at += 12 + length;
+  }
+  return true;
+}
+
 bool ReadPng(const uint8_t *data, size_t size, BitmapRecord *target, Metadata *metadata, uint64_t maxPixels,
              std::string &error) {
   PngContext ctx;
@@ -364,6 +378,10 @@ bool ReadPng(const uint8_t *data, size_t size, BitmapRecord *target, Metadata *m
   if (ctx.png) ctx.info = png_create_info_struct(ctx.png);
   if (!ctx.png || !ctx.info) {
     error = "out of memory";
+    return false;
+  }
+  if (!ChunksFitTheFile(data, size)) {
+    error = "truncated PNG data";
     return false;
   }
   if (RunPng(&ctx, DecodePng)) return true;
