@@ -249,6 +249,11 @@ TEST(ConvertRowBuffer, HandCheckedRows) {
   EXPECT_EQ(row, wide);
   ASSERT_EQ(ConvertRowBuffer(row.data(), 517, 48, 4, R, B, nullptr, pal, 0, 0, -1), RC_SUCCESS);
   for (int i = 0; i < 517; ++i) ASSERT_EQ((row[i / 2] >> (i % 2 ? 0 : 4)) & 15, (i * 5) % 16) << i;
+  // A gray source's indices are levels: a (one-entry) palette argument is not read.
+  const PaletteEntry one[1] = {{1, 2, 3, 0}};
+  ASSERT_EQ(ConvertRowBuffer(row.data(), 517, 4, 24, G, B, one, nullptr, CONVERT_GRAY_SOURCE, 0, -1),
+            RC_SUCCESS);
+  for (int i = 0; i < 517; ++i) ASSERT_EQ(row[3 * i], (i * 5) % 16 * 17) << i;
 }
 
 TEST(ChangeOrientation, RoundTripKeepsImageAndRegion) {

@@ -101,9 +101,13 @@ struct TiffCloser {
 };
 using TiffHandle = std::unique_ptr<TIFF, TiffCloser>;
 
-TiffHandle OpenTiff(TiffStream &stream, const char *mode) {
+// maxAlloc bounds each of libtiff's own allocations (0: its default), so
+// that a header cannot make it ask for more than the largest image the
+// caller accepts.
+TiffHandle OpenTiff(TiffStream &stream, const char *mode, uint64_t maxAlloc = 0) {
   TIFFOpenOptions *options = TIFFOpenOptionsAlloc();
   if (!options) return nullptr;
+  if (maxAlloc) TIFFOpenOptionsSetMaxSingleMemAlloc(options, static_cast<tmsize_t>(maxAlloc));
   TIFFOpenOptionsSetErrorHandlerExtR(options, TiffError, &stream);
   TIFFOpenOptionsSetWarningHandlerExtR(options, TiffWarning, &stream);
   TIFF *t = TIFFClientOpenExt("TIFF", mode, &stream, TiffRead, TiffWrite, TiffSeek, TiffClose, TiffSize,
@@ -124,7 +128,10 @@ bool ReadTiff(const uint8_t *data, size_t size, BitmapRecord *target, Metadata *
   TiffStream stream;
   stream.data = data;
   stream.size = size;
-  TiffHandle tif = OpenTiff(stream, "rm");
+  // Eight bytes a pixel (16-bit RGBA) of the largest image accepted, and a
+  // megabyte for tables and small images.
+  const uint64_t pixelCap = maxPixels < (uint64_t{1} << 40) ? maxPixels : uint64_t{1} << 40;
+  TiffHandle tif = OpenTiff(stream, "rm", 8 * pixelCap + (uint64_t{1} << 20));
   if (!tif) return TiffFailed(stream, "corrupt TIFF data", error);
   TIFF *t = tif.get();
   uint32_t width = 0, height = 0;

@@ -698,7 +698,9 @@ int32_t RowSourceFormat(int32_t bits, int32_t order, const PaletteEntry *palette
       return RC_INVALID_PARAMETER;
   }
   if (f->kind == Kind::Palette) {
-    if (palette) {
+    // A gray source's indices are levels: its palette argument (a caller's
+    // table of any length) is not read.
+    if (palette && !(flags & CONVERT_GRAY_SOURCE)) {
       f->palette = palette;
     } else {
       img::GrayRamp(rampSpace, bits);

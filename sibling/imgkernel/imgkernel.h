@@ -212,7 +212,7 @@ IMG_API int32_t ConvertBitmapFormat(BitmapRecord *source, BitmapRecord *destinat
                                     int32_t bitsPerPixel, int32_t colorOrder, const PaletteEntry *palette,
                                     int32_t paletteCount, uint32_t flags);
 /* Converts one row buffer in place; see CONVERT_* for flags. */
-#define CONVERT_GRAY_SOURCE 0x1u      /* source samples are gray levels */
+#define CONVERT_GRAY_SOURCE 0x1u      /* source samples are gray levels (its palette is not read) */
 #define CONVERT_SIGNIFICANT_BITS 0x4u /* source gray uses lowBit..highBit */
 IMG_API int32_t ConvertRowBuffer(void *buffer, int32_t width, int32_t sourceBits, int32_t destinationBits,
                                  int32_t sourceOrder, int32_t destinationOrder,
