@@ -19,40 +19,9 @@
 
 namespace {
 
-// CPU time of this thread: the ratio should not depend on the other cores.
-double ThreadNs() {
-  timespec ts;
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-  return static_cast<double>(ts.tv_sec) * 1e9 + static_cast<double>(ts.tv_nsec);
-}
+using bench::Timed;
 
-double g_memcpyNs = 0;  // set by BM_Memcpy, which runs first
-
-template <class Body>
-void Timed(benchmark::State &state, Body &&body, bool reference = false) {
-  double total = 0;
-  int64_t n = 0;
-  for (auto _ : state) {
-    const double t0 = ThreadNs();
-    body();
-    benchmark::ClobberMemory();
-    total += ThreadNs() - t0;
-    ++n;
-  }
-  const double each = total / static_cast<double>(n);
-  if (reference)
-    g_memcpyNs = each;
-  else if (g_memcpyNs > 0)
-    state.counters["x_memcpy"] = each / g_memcpyNs;
-}
-
-void BM_Memcpy(benchmark::State &state) {
-  bench::RandomBitmap f(24);
-  std::vector<uint8_t> copy(f.bitmap.DataSize);
-  Timed(
-      state, [&] { std::memcpy(copy.data(), f.bitmap.Pixels, f.bitmap.DataSize); }, true);
-}
-BENCHMARK(BM_Memcpy)->Unit(benchmark::kMillisecond);
+BENCHMARK(bench::MemcpyReference)->Name("BM_Memcpy")->Unit(benchmark::kMillisecond);
 
 // A gray bitmap of random levels (8 or 16 bits), equalised again and again
 // (every call sees the previous result, which stays spread over the levels).

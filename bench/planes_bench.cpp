@@ -14,43 +14,9 @@
 
 namespace {
 
-// CPU time of this thread, so that other busy cores do not move the ratio.
-double ThreadNs() {
-  timespec ts;
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-  return static_cast<double>(ts.tv_sec) * 1e9 + static_cast<double>(ts.tv_nsec);
-}
+using bench::Timed;
 
-double g_memcpyNs = 0;  // one memcpy of the 24-bit buffer; its benchmark runs first
-
-template <class Work>
-void Timed(benchmark::State &state, Work &&work) {
-  double total = 0;
-  int64_t n = 0;
-  for (auto _ : state) {
-    const double t0 = ThreadNs();
-    work();
-    total += ThreadNs() - t0;
-    ++n;
-  }
-  if (g_memcpyNs > 0) state.counters["x memcpy"] = total / static_cast<double>(n) / g_memcpyNs;
-}
-
-void BM_Memcpy(benchmark::State &state) {
-  bench::RandomBitmap f(24);
-  std::vector<uint8_t> copy(f.bitmap.DataSize);
-  double total = 0;
-  int64_t n = 0;
-  for (auto _ : state) {
-    const double t0 = ThreadNs();
-    std::memcpy(copy.data(), f.bitmap.Pixels, f.bitmap.DataSize);
-    benchmark::ClobberMemory();
-    total += ThreadNs() - t0;
-    ++n;
-  }
-  g_memcpyNs = total / static_cast<double>(n);
-}
-BENCHMARK(BM_Memcpy)->Unit(benchmark::kMillisecond);
+BENCHMARK(bench::MemcpyReference)->Name("BM_Memcpy")->Unit(benchmark::kMillisecond);
 
 struct Planes {
   BitmapRecord records[4] = {};
