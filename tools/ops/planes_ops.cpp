@@ -39,6 +39,15 @@ ArgSpec ModelArg() {
   };
 }
 
+// Kept: the merge's colour-space course does not look at its rows' status,
+// so a cancel during it still ends in success (the one-bitmap forms of both
+// exports merge last).
+bool SpaceMergeSwallowsCancel(const BitmapRecord &, const ArgValues &args) {
+  const int32_t m = args.Enum("model");
+  return m == COLORSEP_YUV || m == COLORSEP_XYZ || m == COLORSEP_LAB || m == COLORSEP_YCRCB ||
+         m == COLORSEP_SPHERICAL;
+}
+
 int32_t PlaneCount(const ArgValues &args) { return args.Enum("model") == COLORSEP_MODEL2 ? 4 : 3; }
 
 // The one-bitmap form: separate, merge the planes back and put the result in
@@ -168,6 +177,7 @@ const imgtool::Registrar kRegistrar{{
         // The plane array itself is not tested for null (only its entries): not probed.
         .refusals = {.zeroedRecord = RC_NO_BITMAP, .signedData = RC_SIGNED_DATA_NOT_SUPPORTED},
         .keptOnRefusal = {.significantHighBit = true},
+        .swallowsCancel = SpaceMergeSwallowsCancel,
     },
     {
         .name = "merge",
@@ -189,6 +199,7 @@ const imgtool::Registrar kRegistrar{{
         // The one-bitmap form separates first.
         .refusals = {.zeroedRecord = RC_NO_BITMAP, .signedData = RC_SIGNED_DATA_NOT_SUPPORTED},
         .keptOnRefusal = {.significantHighBit = true},
+        .swallowsCancel = SpaceMergeSwallowsCancel,
     },
     {
         .name = "channel-mix",
