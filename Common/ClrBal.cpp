@@ -52,11 +52,10 @@ int32_t Balance(BitmapRecord *bitmap, uint32_t method, uint32_t strength, Isa is
   RowPass pass(bitmap, RowSetup{.progress = {0, 50, true},
                                 .palette = PaletteRule::EntriesWithoutRegion,
                                 .write = false,
-                                .progressAt = ProgressPoint::AfterRow});
+                                .progressAt = ProgressPoint::AfterRow,
+                                .storedRows = true});
   if (pass.status() != RC_SUCCESS) return pass.status();
   if (pass.channels() < 3) return RC_UNSUPPORTED_BITMAP;
-  const bool direct = colrn::WorksOnStoredRows(bitmap);
-  Progress progress;
   const int32_t bins = pass.wide() ? 65536 : 256;
   const bool bytes = !pass.wide() && (pass.channels() == 3 || pass.channels() == 4);
   const bool patch = method == INTENSITY_BALANCE_WHITE_PATCH;
@@ -73,7 +72,7 @@ int32_t Balance(BitmapRecord *bitmap, uint32_t method, uint32_t strength, Isa is
   if (!tables) return RC_NO_MEMORY;
   uint64_t sums[3] = {0, 0, 0};
   uint32_t *h = histograms.get();
-  int32_t status = colrn::RunRows(pass, direct, progress, {0, 50, true}, false, [&](auto &row) {
+  int32_t status = colrn::RunRows(pass, {0, 50, true}, false, [&](auto &row) {
     row.ForEachRun([&](int32_t left, int32_t right) {
       const auto *p = row.Pixel(left);
       if constexpr (sizeof(*p) == 1) {
@@ -126,7 +125,7 @@ int32_t Balance(BitmapRecord *bitmap, uint32_t method, uint32_t strength, Isa is
     });
   };
   if (pass.OnPalette()) return Bracketed({50, 100, true}, [&] { return RunPaletteRow(bitmap, apply); });
-  return colrn::RunRows(pass, direct, progress, {50, 100, true}, true, apply);
+  return colrn::RunRows(pass, {50, 100, true}, true, apply);
 }
 
 }  // namespace

@@ -127,12 +127,11 @@ using colrn::MixPixel;
 int32_t Balance(BitmapRecord *bitmap, const Mix &mix, Isa isa) {
   if (IsPaletteBitmap(bitmap))
     return ChangePaletteEntries(bitmap, [&](uint8_t *p) { MixPixel(p, mix, 255); });
-  RowPass pass(bitmap, RowSetup{});
+  RowPass pass(bitmap, RowSetup{.storedRows = true});
   if (pass.status() != RC_SUCCESS) return pass.status();
   if (pass.channels() < 3) return RC_UNSUPPORTED_BITMAP;
   const bool lanes = isa >= Isa::Avx512 && !pass.wide() && colrn::FiniteShares(mix);
-  Progress none;
-  return colrn::RunRows(pass, colrn::WorksOnStoredRows(bitmap), none, kNoProgress, true, [&](auto &row) {
+  return colrn::RunRows(pass, kNoProgress, true, [&](auto &row) {
     const int64_t max = pass.wide() ? 65535 : 255;
     row.ForEachRun([&](int32_t left, int32_t right) {
       auto *p = row.Pixel(left);

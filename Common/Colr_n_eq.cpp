@@ -43,10 +43,8 @@ inline T LimitShift(int32_t v, int32_t max) {
 // by the byte loops (the tables' entries are at most 255, so byte tables hold
 // them); bitmaps whose working rows are their stored rows are walked in place.
 int32_t PerChannel(BitmapRecord *bitmap, Isa isa) {
-  RowPass pass(bitmap, RowSetup{});
+  RowPass pass(bitmap, RowSetup{.storedRows = true});
   if (pass.status() != RC_SUCCESS) return pass.status();
-  const bool direct = colrn::WorksOnStoredRows(bitmap);
-  Progress none;
   const int32_t bins = pass.wide() ? 65536 : 256;
   const int32_t channels = pass.channels() >= 3 ? 3 : 1;
   const bool bytes = !pass.wide() && (pass.channels() == 1 || pass.channels() == 3 || pass.channels() == 4);
@@ -56,7 +54,7 @@ int32_t PerChannel(BitmapRecord *bitmap, Isa isa) {
   if (bytes) counts = KernelBuffer<uint32_t>(colrn::kCountsSize, __LINE__, kSourceFile);
   if (!histograms || !tables || (bytes && !counts)) return RC_NO_MEMORY;
   uint32_t *h = histograms.get();
-  int32_t status = colrn::RunRows(pass, direct, none, kNoProgress, false, [&](auto &row) {
+  int32_t status = colrn::RunRows(pass, kNoProgress, false, [&](auto &row) {
     row.ForEachRun([&](int32_t left, int32_t right) {
       const auto *p = row.Pixel(left);
       if constexpr (sizeof(*p) == 1) {
@@ -74,7 +72,7 @@ int32_t PerChannel(BitmapRecord *bitmap, Isa isa) {
   const uint16_t *t = tables.get();
   uint8_t byteTables[3 * 256];
   for (int32_t k = 0; bytes && k < channels * 256; ++k) byteTables[k] = static_cast<uint8_t>(t[k]);
-  return colrn::RunRows(pass, direct, none, kNoProgress, true, [&](auto &row) {
+  return colrn::RunRows(pass, kNoProgress, true, [&](auto &row) {
     using T = std::remove_reference_t<decltype(*row.samples)>;
     row.ForEachRun([&](int32_t left, int32_t right) {
       T *p = row.Pixel(left);

@@ -75,73 +75,15 @@ int32_t EqualizeWithIsa(BitmapRecord *bitmap, int32_t mode, Isa isa);
 int32_t IntensityBalanceWithIsa(BitmapRecord *bitmap, uint32_t method, uint32_t strength, uint32_t flags,
                                 Isa isa);
 
-// ---- Stored rows as working rows ---------------------------------------------------
+// ---- Walks ------------------------------------------------------------------------
 
-// True when the row converter's working row would be the stored row byte for
-// byte (its read and write plain copies): the kernels can then change the
-// stored rows themselves, with the same result and without the two copies.
-inline bool WorksOnStoredRows(const BitmapRecord *b) {
-  return (b->Flags & BITMAP_ALLOCATED) && b->Pixels && PlainWorkingRow(b, ROW_LAYOUT_NATIVE);
-}
-
-// What RowPass::RunRows does for such a bitmap, on the stored rows: the rows
-// of the region's bounds top to bottom with the runs of the region clipped to
-// them, progress after each row through `progress` (one sequence across the
-// walks of a course, as ProgressPoint::AfterRow), UpdateBitmapInfo after a
-// complete walk that writes. Other bitmaps go through pass.RunRows.
+// One walk of a course over the pass's rows: the pass is set up with
+// RowSetup::storedRows, so bitmaps whose working rows are their stored rows
+// are changed in place.
 template <class Kernel>
-int32_t RunRows(RowPass &pass, bool direct, Progress &progress, const ProgressRange &range, bool write,
-                Kernel &&kernel) {
-  if (!direct) {
-    pass.SetWalk(range, write);
-    return pass.RunRows(kernel);
-  }
-  BitmapRecord *bitmap = pass.bitmap();
-  const bool region = ::BitmapHasRegion(bitmap) != 0;
-  Rect bounds{};
-  int32_t status = ::GetRegionBounds(bitmap, nullptr, &bounds);
-  if (status != RC_SUCCESS) return status;
-  const int32_t width = bitmap->Width;
-  const RowRun whole{bounds.Left < 0 ? 0 : bounds.Left, bounds.Right > width ? width : bounds.Right};
-  const int32_t most = region ? ::GetRegionMaxRuns(bitmap) : 0;
-  KernelBuffer<RowRun> runs;
-  if (region) {
-    runs = KernelBuffer<RowRun>(static_cast<std::size_t>(most > 0 ? most : 1), __LINE__, L"Common/Colr_n");
-    if (!runs) return RC_NO_MEMORY;
-  }
-  const int64_t rows = static_cast<int64_t>(bounds.Bottom) - bounds.Top;
-  for (int32_t y = bounds.Top; y < bounds.Bottom; ++y) {
-    int32_t count = whole.Start < whole.End ? 1 : 0;
-    if (region) {
-      const int32_t got = ::GetRegionRowRuns(bitmap, y, runs.get(), most > 0 ? most : 1);
-      if (got < 0) return got;
-      count = 0;
-      for (int32_t i = 0; i < got; ++i) {
-        const int32_t start = runs[i].Start > whole.Start ? runs[i].Start : whole.Start;
-        const int32_t end = runs[i].End < whole.End ? runs[i].End : whole.End;
-        if (start < end) runs[count++] = RowRun{start, end};
-      }
-    }
-    const auto view = [&](auto *samples) {
-      using T = std::remove_pointer_t<decltype(samples)>;
-      return RowView<T>{samples, pass.channels(), y, region ? runs.get() : &whole, count, width};
-    };
-    uint8_t *stored = ImageRow(bitmap, y);
-    if (pass.wide()) {
-      auto row = view(reinterpret_cast<uint16_t *>(stored));
-      status = CallKernel(kernel, row);
-    } else {
-      auto row = view(stored);
-      status = CallKernel(kernel, row);
-    }
-    if (status != RC_SUCCESS) return status;
-    if (range.report) {
-      status = progress.step(ProgressAt(range, static_cast<int64_t>(y) - bounds.Top + 1, rows));
-      if (status != RC_SUCCESS) return status;
-    }
-  }
-  if (write) ::UpdateBitmapInfo(bitmap);
-  return RC_SUCCESS;
+int32_t RunRows(RowPass &pass, const ProgressRange &range, bool write, Kernel &&kernel) {
+  pass.SetWalk(range, write);
+  return pass.RunRows(kernel);
 }
 
 }  // namespace img::colrn

@@ -195,12 +195,12 @@ py::tuple Call(Bitmap &self, const std::string &name, const std::map<std::string
   const imgtool::OpDescriptor &op = FindOp(name);
   imgtool::ArgValues values;
   for (const auto &[key, text] : given) {
-    const imgtool::ArgSpec *spec = nullptr;
+    const imgtool::ArgSpec *arg = nullptr;
     for (const imgtool::ArgSpec &a : op.args)
-      if (a.name == key) spec = &a;
-    if (!spec) throw py::type_error(name + " takes no argument " + key);
+      if (a.name == key) arg = &a;
+    if (!arg) throw py::type_error(name + " takes no argument " + key);
     std::string error;
-    if (!imgtool::ParseArg(*spec, text, values, error)) throw py::value_error(name + ": " + error);
+    if (!imgtool::ParseArg(*arg, text, values, error)) throw py::value_error(name + ": " + error);
   }
   imgtool::ApplyDefaults(op, values);
   if (files && !op.files) throw py::value_error(name + " takes one bitmap");
