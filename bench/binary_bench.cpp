@@ -13,27 +13,7 @@
 
 namespace {
 
-// Median of a few memcpy runs of `bytes` (warm buffers), in seconds of this
-// thread's CPU time: the figure the benchmarks' CPU column reports, so the
-// ratio holds on a loaded machine.
-double MemcpySeconds(size_t bytes) {
-  std::vector<uint8_t> a(bytes, 7), b(bytes, 1);
-  const auto now = [] {
-    timespec t{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
-    return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
-  };
-  std::vector<double> t;
-  for (int i = 0; i < 15; ++i) {
-    const double s = now();
-    std::memcpy(b.data(), a.data(), bytes);
-    benchmark::DoNotOptimize(b.data());
-    benchmark::ClobberMemory();
-    t.push_back(now() - s);
-  }
-  std::nth_element(t.begin(), t.begin() + 7, t.end());
-  return t[7];
-}
+using bench::MemcpySeconds;
 
 struct Owned {
   BitmapRecord b{};

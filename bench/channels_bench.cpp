@@ -30,31 +30,11 @@ struct GrayBitmap {
   GrayBitmap &operator=(const GrayBitmap &) = delete;
 };
 
-// Median of 15 memcpy runs of the 24-bit buffer (warm), in seconds of this
-// thread's CPU time.
-double MemcpySeconds() {
-  const std::size_t bytes = static_cast<std::size_t>(bench::kWidth) * bench::kHeight * 3;
-  std::vector<uint8_t> a(bytes, 7), b(bytes, 1);
-  const auto now = [] {
-    timespec t{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
-    return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
-  };
-  std::vector<double> t;
-  for (int i = 0; i < 15; ++i) {
-    const double s = now();
-    std::memcpy(b.data(), a.data(), bytes);
-    benchmark::DoNotOptimize(b.data());
-    benchmark::ClobberMemory();
-    t.push_back(now() - s);
-  }
-  std::nth_element(t.begin(), t.begin() + 7, t.end());
-  return t[7];
-}
+using bench::MemcpySeconds;
 
 template <class Fixture, class Call>
 void Run(benchmark::State &state, Fixture &f, Call call) {
-  const double reference = MemcpySeconds();
+  const double reference = MemcpySeconds(static_cast<std::size_t>(bench::kWidth) * bench::kHeight * 3);
   for (auto _ : state) {
     const int32_t status = call(&f.bitmap);
     if (status != RC_SUCCESS) state.SkipWithError("operation failed");
