@@ -41,6 +41,19 @@ TEST(Memory, TrackingAndFaultInjection) {
   for (void *q : p) FreeMemory(q, __LINE__, kSourceFile);
   EXPECT_EQ(AllocZeroed(SIZE_MAX / 2, 4, __LINE__, kSourceFile), nullptr);  // count x size overflows
   EXPECT_EQ(AllocUnset(SIZE_MAX / 2, 4, __LINE__, kSourceFile), nullptr);
+  // Blocks from 32 MiB on (header included) are mapped for huge pages: on
+  // each side of that size a block is whole, zeroed, aligned and tracked.
+  for (const std::size_t size :
+       {(std::size_t{32} << 20) - 65, (std::size_t{32} << 20) - 64, (std::size_t{32} << 20) + 12345}) {
+    auto *q = static_cast<uint8_t *>(AllocZeroed(1, size, __LINE__, kSourceFile));
+    ASSERT_NE(q, nullptr);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(q) % 64, 0u);
+    EXPECT_EQ(std::count(q, q + size, 0), static_cast<std::ptrdiff_t>(size)) << size;
+    q[size - 1] = 1;
+    GetAllocationStats(&after, &afterBytes);
+    EXPECT_EQ(afterBytes - bytes + 40, size);
+    FreeMemory(q, __LINE__, kSourceFile);
+  }
 }
 
 TEST(Memory, TrackingCallbackAndSettingsArePerThread) {

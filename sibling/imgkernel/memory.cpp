@@ -2,6 +2,8 @@
 // bytes are left as they come) with a header that carries the
 // calling line and file, per-thread tracking of live blocks and per-thread
 // fault injection.
+#include <sys/mman.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -13,6 +15,15 @@ namespace {
 
 // Blocks are 64-byte aligned so that row buffers suit any vector width.
 constexpr std::size_t kAlign = 64;
+
+// Blocks of 32 MiB and more (the C library maps every such block afresh, so
+// each of its pages faults on first touch) start on a 2 MiB boundary and ask
+// for huge pages: one fault per 2 MiB instead of one per 4 KB, and fewer
+// translation misses in the random walks over them (segmentation's forest,
+// 16-bit bitmaps of 4K images). Where huge pages are off the advice is
+// ignored.
+constexpr std::size_t kHugeBlock = std::size_t{32} << 20;
+constexpr std::size_t kHugeAlign = std::size_t{2} << 20;
 
 struct Tracker;
 
@@ -62,8 +73,13 @@ void *Allocate(size_t count, size_t size, int32_t line, const wchar_t *file, boo
   if (size != 0 && count > (SIZE_MAX - 2 * kAlign) / size) return nullptr;
   const std::size_t bytes = count * size;
   const std::size_t total = sizeof(BlockHeader) + ((bytes + kAlign - 1) & ~(kAlign - 1));
-  void *raw = std::aligned_alloc(kAlign, total);
+  const bool huge = total >= kHugeBlock;
+  void *raw = huge ? std::aligned_alloc(kHugeAlign, (total + kHugeAlign - 1) & ~(kHugeAlign - 1))
+                   : std::aligned_alloc(kAlign, total);
   if (!raw) return nullptr;
+#ifdef MADV_HUGEPAGE
+  if (huge) madvise(raw, total & ~(kHugeAlign - 1), MADV_HUGEPAGE);
+#endif
   std::memset(raw, 0, zero ? total : sizeof(BlockHeader));
   auto *h = static_cast<BlockHeader *>(raw);
   h->size = bytes;

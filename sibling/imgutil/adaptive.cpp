@@ -4,6 +4,8 @@
 // does not depend on the window size. This file holds the entry, the 64-bit
 // scalar reference (and the luminance type) and the dispatch to the 32-bit
 // loops of each instruction set (adaptive_rows.h).
+#include <algorithm>
+
 #include "adaptive_isa.h"
 #include "curves.h"
 #include "ops_common.h"
@@ -15,10 +17,15 @@ static constexpr const wchar_t *kSourceFile = L"imgutil/adaptive";
 
 // The window and what it averages: the luma of each pixel, or each of its
 // colour samples (the gray sample of a gray row), `planes` a pixel.
+// `half` is the reach walked each side along a row and `rows` the reach
+// walked up and down: (dimension - 1) / 2, but never past the last column
+// or row; the copies of the edge columns and rows that a larger window holds
+// beyond them are added as multiples (`beyondColumns`, `beyondRows`), so
+// the cost does not grow with a window larger than the image.
 struct Window {
-  int32_t width, channels, planes, half, max;
+  int32_t width, channels, planes, half, rows, max;
   bool luminance;
-  int64_t area, gain;
+  int64_t area, gain, beyondColumns, beyondRows;
 };
 
 // Value of plane p of pixel x of a row.
@@ -28,23 +35,23 @@ int64_t PlaneValue(const Window &k, const T *row, int32_t x, int32_t p) {
   return k.luminance ? img::LumaForward(pixel[2], pixel[1], pixel[0], k.max).y : pixel[p];
 }
 
-// sums[x * planes + p] += value of plane p of pixel x of `entered`, minus
-// that of `left` when there is one, every column.
+// sums[x * planes + p] += times * value of plane p of pixel x of `entered`,
+// minus that of `left` when there is one, every column.
 template <class T>
-void SlideColumns(const Window &k, int64_t *sums, const T *entered, const T *left) {
+void SlideColumns(const Window &k, int64_t *sums, const T *entered, const T *left, int64_t times = 1) {
   const int32_t width = k.width, planes = k.planes;
   if (!k.luminance && k.channels == planes) {
     const size_t n = static_cast<size_t>(width) * planes;
     if (left)
       for (size_t i = 0; i < n; ++i) sums[i] += static_cast<int64_t>(entered[i]) - left[i];
     else
-      for (size_t i = 0; i < n; ++i) sums[i] += entered[i];
+      for (size_t i = 0; i < n; ++i) sums[i] += times * entered[i];
     return;
   }
   for (int32_t x = 0; x < width; ++x)
     for (int32_t p = 0; p < planes; ++p)
       sums[static_cast<size_t>(x) * planes + p] +=
-          PlaneValue(k, entered, x, p) - (left ? PlaneValue(k, left, x, p) : 0);
+          times * PlaneValue(k, entered, x, p) - (left ? PlaneValue(k, left, x, p) : 0);
 }
 
 // The pixels of `out` inside its runs from the window's column sums and the
@@ -58,7 +65,7 @@ void ChangeRow(const Window &k, const int64_t *columns, const T *centre, img::Ro
     for (int32_t r = 0; r < out.runCount; ++r) {
       const int32_t left = out.runs[r].Start, end = out.runs[r].End;
       // Horizontal window sum at `left`, edges repeated.
-      int64_t sum = 0;
+      int64_t sum = k.beyondColumns * (columns[p] + columns[static_cast<size_t>(width - 1) * planes + p]);
       for (int64_t x = left - half; x <= left + half; ++x) {
         const int64_t cx = x < 0 ? 0 : x >= width ? width - 1 : x;
         sum += columns[static_cast<size_t>(cx) * planes + p];
@@ -119,15 +126,20 @@ int32_t AdaptiveContrastImpl(BitmapRecord *bitmap, uint32_t dimension, uint32_t 
 
   const int32_t channels = pass.channels();
   const bool luminance = type == ADAPTIVE_CONTRAST_LUMINANCE && channels >= 3;
+  const int32_t reach = static_cast<int32_t>(dimension) / 2;
+  const int32_t across = std::min(reach, bitmap->Width - 1), down = std::min(reach, bitmap->Height - 1);
   const Window k{.width = bitmap->Width,
                  .channels = channels,
                  .planes = luminance ? 1 : (channels >= 3 ? 3 : 1),
-                 .half = static_cast<int32_t>(dimension) / 2,
+                 .half = across,
+                 .rows = down,
                  .max = pass.wide() ? 65535 : 255,
                  .luminance = luminance,
                  .area = static_cast<int64_t>(dimension) * dimension,
-                 .gain = 100 + static_cast<int64_t>(amount)};
-  img::WindowPass window(pass, k.half, k.half, img::kFullProgress);
+                 .gain = 100 + static_cast<int64_t>(amount),
+                 .beyondColumns = reach - across,
+                 .beyondRows = reach - down};
+  img::WindowPass window(pass, k.rows, k.rows, img::kFullProgress);
 
   if (!luminance && isa != img::Isa::Scalar && img::adaptive::Fits(dimension, k.max)) {
     const size_t padded = (static_cast<size_t>(k.width) + 2 * static_cast<size_t>(k.half)) * channels;
@@ -140,6 +152,8 @@ int32_t AdaptiveContrastImpl(BitmapRecord *bitmap, uint32_t dimension, uint32_t 
                                    .max = k.max,
                                    .gain = static_cast<int32_t>(k.gain),
                                    .inverse = 1.0 / static_cast<double>(k.area),
+                                   .beyondRows = static_cast<uint32_t>(k.beyondRows),
+                                   .beyondColumns = static_cast<uint32_t>(k.beyondColumns),
                                    .padded = columns.get(),
                                    .sums = sums.get()};
     return window.Run([&](const auto &w, auto &out) {
@@ -157,6 +171,10 @@ int32_t AdaptiveContrastImpl(BitmapRecord *bitmap, uint32_t dimension, uint32_t 
     using T = std::remove_cv_t<std::remove_reference_t<decltype(**w.rows)>>;
     if (w.first) {
       for (int32_t i = 0; i < w.count; ++i) SlideColumns<T>(k, columns.get(), w.rows[i], nullptr);
+      if (k.beyondRows) {
+        SlideColumns<T>(k, columns.get(), w.rows[0], nullptr, k.beyondRows);
+        SlideColumns<T>(k, columns.get(), w.rows[w.count - 1], nullptr, k.beyondRows);
+      }
     } else {
       SlideColumns(k, columns.get(), w.entered, w.left);
     }

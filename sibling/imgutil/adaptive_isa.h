@@ -17,10 +17,14 @@ namespace img::adaptive {
 struct Fast {
   int32_t width;     // pixels a row
   int32_t channels;  // samples a pixel: 1, 3 or 4 (the fourth is kept)
-  int32_t half;      // (dimension - 1) / 2
+  int32_t half;      // columns walked each side: (dimension - 1) / 2, at most width - 1
   int32_t max;       // largest sample value
   int32_t gain;      // 100 + amount
   double inverse;    // 1 / (dimension * dimension), rounded to the nearest double
+  // Copies of the edge rows (columns) that a window larger than the image
+  // holds beyond the rows (columns) walked: each side's reach less the
+  // height (width) less one, else 0. Their sums are added as a multiple.
+  uint32_t beyondRows, beyondColumns;
   // Column sums of the window, `half` pixels of padding on each side that
   // repeat the edge columns: (width + 2 * half) * channels entries. Pixel x
   // is at (x + half) * channels.

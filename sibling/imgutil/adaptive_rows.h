@@ -60,7 +60,11 @@ IMG_ADAPTIVE_INLINE void Run(const Fast &k, const T *centre, T *out, int32_t x0,
   uint32_t *sums = k.sums;
   const std::size_t span = 2 * static_cast<std::size_t>(k.half);
   // Window of pixel x: padded pixels x .. x + 2 * half.
-  uint32_t acc[C] = {};
+  // The copies of the edge columns beyond the padding, as a multiple.
+  uint32_t acc[C];
+  for (int c = 0; c < C; ++c)
+    acc[c] = k.beyondColumns * (padded[static_cast<std::size_t>(k.half) * C + c] +
+                                padded[(static_cast<std::size_t>(k.half) + k.width - 1) * C + c]);
   for (std::size_t j = x0; j <= x0 + span; ++j)
     for (int c = 0; c < C; ++c) acc[c] += padded[j * C + c];
   for (int32_t from = x0; from < x1; from += kChunk) {
@@ -88,6 +92,11 @@ IMG_ADAPTIVE_INLINE void RowOf(const Fast &k, const Step<T> &s) {
     std::memset(columns, 0, width * C * sizeof(uint32_t));
     for (int32_t i = 0; i < s.count; ++i)
       Slide(columns, s.rows[i], static_cast<const T *>(nullptr), width * C);
+    // A window taller than the image: the walked rows run from row 0 to the
+    // last row, and the copies of those two beyond them go in as a multiple.
+    if (k.beyondRows)
+      for (std::size_t i = 0; i < width * C; ++i)
+        columns[i] += k.beyondRows * (static_cast<uint32_t>(s.rows[0][i]) + s.rows[s.count - 1][i]);
   } else {
     Slide(columns, s.entered, s.left, width * C);
   }
