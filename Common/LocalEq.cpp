@@ -725,8 +725,13 @@ int32_t Run(Isa isa, Course course, RowPass &pass, const Rect &bounds, int32_t t
 
 int32_t Equalize(Isa isa, BitmapRecord *bitmap, int32_t tileWidth, int32_t tileHeight, uint32_t clip,
                  bool luminance, Course course) {
-  RowPass pass(bitmap,
-               RowSetup{.progress = {0, 50, true}, .write = false, .progressAt = ProgressPoint::AfterRow});
+  // Stored rows in place: the first walk only reads its rows, and the second
+  // maps row y in place after counting what it needs from rows not yet mapped
+  // (the converter's copies would be the same bytes).
+  RowPass pass(bitmap, RowSetup{.progress = {0, 50, true},
+                                .write = false,
+                                .progressAt = ProgressPoint::AfterRow,
+                                .storedRows = true});
   if (pass.status() != RC_SUCCESS) return pass.status();
   Rect bounds{};
   if (const int32_t status = ::GetRegionBounds(bitmap, nullptr, &bounds); status != RC_SUCCESS) return status;
