@@ -174,8 +174,13 @@ TEST(LocalEqualize, InstructionSetsAndCoursesMatchScalar) {
   using img::localeq::Course;
   for (const kit::Format &format : {Kind(8, ORDER_GRAY), Kind(16, ORDER_GRAY), Kind(24), Kind(64), Kind(8)})
     for (const bool region : {false, true})
-      for (const auto &[tile, clip, mode] :
-           {std::tuple{8, 0u, 1u}, {13, 30u, 1u}, {26, 30u, 1u}, {37, 1000u, 2u}, {64, 20u, 1u}, {150, 0u, 1u}}) {
+      for (const auto &[tile, clip, mode] : {std::tuple{8, 0u, 1u},
+                                             {9, 30u, 1u},
+                                             {13, 30u, 1u},
+                                             {26, 30u, 1u},
+                                             {37, 1000u, 2u},
+                                             {64, 20u, 1u},
+                                             {150, 0u, 1u}}) {
         SCOPED_TRACE(format.Name() + (region ? " region" : "") + " tile " + std::to_string(tile));
         const auto run = [&](img::Isa isa, Course course) {
           kit::Bitmap b(format, 157, 67);
@@ -189,7 +194,9 @@ TEST(LocalEqualize, InstructionSetsAndCoursesMatchScalar) {
         for (const img::Isa isa : img::kAllIsas) {
           if (!img::IsaAvailable(isa)) continue;
           for (const Course course : {Course::TileRows, Course::Dense})
-            if (course == Course::TileRows || !wide || tile >= 26) {  // 65536 counts a tile
+            // 65536 counts a tile; gray tiles of 9 pixels: 18 tile columns,
+            // more than the stored rows' counting takes at a time.
+            if (course == Course::TileRows || !wide || tile >= 26 || (tile == 9 && format.IsGray())) {
               EXPECT_EQ(run(isa, course), scalar)
                   << img::IsaName(isa) << (course == Course::Dense ? " dense" : "");
             }
