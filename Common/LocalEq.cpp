@@ -458,8 +458,10 @@ class DenseEqualizer {
       while (counted_ < y_.count && (counted_ <= place.hi || y_.TileStart(counted_) <= y - y_.start)) {
         const int32_t ty = counted_++;
         uint32_t *slot = Slot(ty);
-        for (std::size_t v = 0; v < kBins; ++v)
-          for (int32_t tx = 0; tx < x_.count; ++tx) slot[v * stride_ + tx] = 0;
+        // The tile columns of a value lie side by side: one fill each.
+        const std::size_t columns = static_cast<std::size_t>(x_.count),
+                          stride = static_cast<std::size_t>(stride_);
+        for (std::size_t v = 0; v < kBins; ++v) std::fill_n(slot + v * stride, columns, 0u);
         for (int32_t r = y_.TileStart(ty); r < y_.TileStart(ty) + y_.tile; ++r) {
           const auto *s = reinterpret_cast<const uint16_t *>(ImageRow(stored_, y_.start + r));
           for (int32_t tx = 0; tx < x_.count; ++tx)

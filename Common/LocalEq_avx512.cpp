@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 
 #include "LocalEq.h"
 
@@ -203,6 +204,10 @@ IMG_AVX512 int32_t MapGray16Avx512(const GrayRun16 &run) {
   const __m512d wy = _mm512_set1_pd(run.weightBelow), half = _mm512_set1_pd(0.5), zero = _mm512_setzero_pd(),
                 top = _mm512_set1_pd(65535.0), one = _mm512_set1_pd(1.0);
   const __m256i columns = _mm256_set1_epi32(run.stride);
+  // Sixteen prefixes a value from a 64-byte boundary: the prefixes of both
+  // tile rows of a value share its line, so one fetch brings both.
+  const uint32_t *first = std::min(run.upper, run.lower);
+  const bool oneLine = run.stride == 16 && (reinterpret_cast<uintptr_t>(first) & 63) == 0;
   int32_t x = 0;
   while (x + 8 <= run.count) {
     const int32_t l = run.left[x], r = run.right[x];
@@ -228,10 +233,14 @@ IMG_AVX512 int32_t MapGray16Avx512(const GrayRun16 &run) {
                                        reinterpret_cast<const __m128i *>(run.samples + x + kAhead))),
                                    columns),
                 left));
-        for (int32_t k = 0; k < 8; ++k) {
-          _mm_prefetch(reinterpret_cast<const char *>(run.upper + ahead[k]), _MM_HINT_T0);
-          _mm_prefetch(reinterpret_cast<const char *>(run.lower + ahead[k]), _MM_HINT_T0);
-        }
+        if (oneLine)
+          for (int32_t k = 0; k < 8; ++k)
+            _mm_prefetch(reinterpret_cast<const char *>(first + ahead[k]), _MM_HINT_T0);
+        else
+          for (int32_t k = 0; k < 8; ++k) {
+            _mm_prefetch(reinterpret_cast<const char *>(run.upper + ahead[k]), _MM_HINT_T0);
+            _mm_prefetch(reinterpret_cast<const char *>(run.lower + ahead[k]), _MM_HINT_T0);
+          }
       }
       const __m256i v =
           _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i *>(run.samples + x)));
