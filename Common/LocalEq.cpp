@@ -467,7 +467,7 @@ class DenseEqualizer {
           for (int32_t tx = 0; tx < x_.count; ++tx)
             Histogram16(s + x_.TileStart(tx), x_.tile, slot + tx, stride_);
         }
-        Prefix(ty, slot);
+        Prefix(ty, slot, static_cast<uint32_t>(x_.tile) * static_cast<uint32_t>(y_.tile));
       }
     }
   }
@@ -478,16 +478,21 @@ class DenseEqualizer {
   // the values once for their totals and once for the prefixes (the counts
   // of a value lie side by side); every tile's integers are those of a walk
   // of its own.
-  void Prefix(int32_t b, uint32_t *block) {
+  // `pixels`, when not 0, is every tile's known total (stored rows: no
+  // region, so each tile counts its whole area), which spares the walk over
+  // the values for the totals.
+  void Prefix(int32_t b, uint32_t *block, uint32_t pixels = 0) {
     if constexpr (kWide) {
       constexpr int32_t kChunk = 16;
       const std::size_t stride = static_cast<std::size_t>(stride_);
       for (int32_t first = 0; first < x_.count; first += kChunk) {
         const int32_t width = std::min(kChunk, x_.count - first);
         uint32_t *counts = block + first;
-        uint32_t n[kChunk] = {}, limit[kChunk], sum[kChunk] = {}, excess[kChunk] = {};
-        for (uint32_t v = 0; v < kBins; ++v)
-          for (int32_t k = 0; k < width; ++k) n[k] += counts[v * stride + k];
+        uint32_t n[kChunk], limit[kChunk], sum[kChunk] = {}, excess[kChunk] = {};
+        std::fill_n(n, kChunk, pixels);
+        if (pixels == 0)
+          for (uint32_t v = 0; v < kBins; ++v)
+            for (int32_t k = 0; k < width; ++k) n[k] += counts[v * stride + k];
         for (int32_t k = 0; k < width; ++k) limit[k] = n[k] ? Limit(clip_, n[k], kBins) : 1;
         for (uint32_t v = 0; v < kBins; ++v)
           for (int32_t k = 0; k < width; ++k) {
