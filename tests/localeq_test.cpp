@@ -204,6 +204,29 @@ TEST(LocalEqualize, InstructionSetsAndCoursesMatchScalar) {
       }
 }
 
+// 16-bit gray counts kept in 16 bits wrap at a value seen 65536 times in a
+// tile: one tile of 72000 pixels, 65540 of them 40000 (wrapped count 4,
+// below the limit 14 of clip 130), counted again, against the scalar tile
+// rows.
+TEST(LocalEqualize, ValueSeen65536TimesInATile) {
+  using img::localeq::Course;
+  for (const uint32_t clip : {10u, 130u}) {
+    SCOPED_TRACE(clip);
+    const auto run = [&](img::Isa isa, Course course) {
+      kit::Bitmap b(Kind(16, ORDER_GRAY), 300, 240);
+      b.Randomize(7);
+      for (int32_t i = 0; i < 65540; ++i) b.Set(i % 300, i / 300, Level(40000));
+      EXPECT_EQ(img::localeq::Equalize(isa, b, 300, 240, clip, false, course), RC_SUCCESS);
+      return b.StoredBytes();
+    };
+    const auto scalar = run(img::Isa::Scalar, Course::TileRows);
+    for (const img::Isa isa : img::kAllIsas)
+      if (img::IsaAvailable(isa)) {
+        EXPECT_EQ(run(isa, Course::Dense), scalar) << img::IsaName(isa);
+      }
+  }
+}
+
 // Gray world: gains (S_r + S_g + S_b) / (3 S_c); white patch: the 99.5 %
 // value to full scale; the strength blends. Neutral gray stays as it is.
 TEST(IntensityBalance, GainsAndNeutralGray) {
