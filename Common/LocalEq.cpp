@@ -729,16 +729,18 @@ class DenseEqualizer {
     for (; k < n; ++k) ++counts[s[k]];
   }
   // The counts lie in megabytes: each is fetched 32 samples ahead, so that
-  // the increments do not wait on one line after another.
+  // the increments do not wait on one line after another. Kept out of line:
+  // inlined into the walks, its loop ran out of registers.
   template <class Count>
-  static void Histogram16(const uint16_t *s, int32_t n, Count *counts, std::size_t columns) {
+  [[gnu::noinline]] static void Histogram16(const uint16_t *s, int32_t n, Count *counts,
+                                            std::size_t columns) {
     constexpr int32_t kAhead = 32;
-    int32_t k = 0;
-    for (; k + kAhead < n; ++k) {
-      __builtin_prefetch(counts + s[k + kAhead] * columns, 1);
-      ++counts[s[k] * columns];
+    const uint16_t *end = s + n;
+    for (; s + kAhead < end; ++s) {
+      __builtin_prefetch(counts + s[kAhead] * columns, 1);
+      ++counts[*s * columns];
     }
-    for (; k < n; ++k) ++counts[s[k] * columns];
+    for (; s < end; ++s) ++counts[*s * columns];
   }
 
   Isa isa_;
