@@ -352,7 +352,15 @@ class DenseEqualizer {
   int32_t Allocate() {
     // Stored 16-bit rows: three rows of tiles (Reach), else every tile.
     const std::size_t counted = stored_ != nullptr ? static_cast<std::size_t>(slots_) * x_.count : tiles_;
-    counts_ = KernelBuffer<uint32_t>(counted * (kWide ? kBins : 2 * kBins), __LINE__, kSourceFile);
+    if (offsets16_) {
+      // 32 entries past the end: a 32-bit gather of the last entry reads two.
+      offsets_ = KernelBuffer<uint16_t>(counted * kBins + 32, __LINE__, kSourceFile);
+      bases_ = KernelBuffer<uint32_t>(counted * kBlocks, __LINE__, kSourceFile);
+      if (!offsets_ || !bases_) return RC_NO_MEMORY;
+    } else {
+      counts_ = KernelBuffer<uint32_t>(counted * (kWide ? kBins : 2 * kBins), __LINE__, kSourceFile);
+      if (!counts_) return RC_NO_MEMORY;
+    }
     if constexpr (kWide)
       curves_ = KernelBuffer<TileCurve>(tiles_, __LINE__, kSourceFile);
     else {
@@ -366,8 +374,8 @@ class DenseEqualizer {
     weight_ = KernelBuffer<double>(columns, __LINE__, kSourceFile);
     weightf_ = KernelBuffer<float>(columns, __LINE__, kSourceFile);
     rows_ = KernelBuffer<Place>(std::max<std::size_t>(height_, 1), __LINE__, kSourceFile);
-    if (!counts_ || (kWide ? !curves_ : !tables_ || !approx_) || !plane_ || !left_ || !right_ || !weight_ ||
-        !weightf_ || !rows_)
+    if ((kWide ? !curves_ : !tables_ || !approx_) || !plane_ || !left_ || !right_ || !weight_ || !weightf_ ||
+        !rows_)
       return RC_NO_MEMORY;
     // Columns: offsets of the tables of the tiles around each in a row of
     // tiles (8-bit), or their tile columns (16-bit).
@@ -446,8 +454,16 @@ class DenseEqualizer {
         stored_ = bitmap;
         slots_ = std::min(y_.count, y_.extent % y_.tile == 0 ? 2 : 3);
         stride_ = slots_ * x_.count;
+        // Clipped counts of at most 15: the prefixes of 4096 values span at
+        // most 61440, so they fit 16-bit offsets from a base every 4096
+        // values (half the memory, and half the lines, of 32-bit prefixes;
+        // sixteen bases a tile).
+        offsets16_ = Limit(clip_, TilePixels(), kBins) <= 15;
       }
   }
+
+  // Every tile's pixels on stored rows (no region: the whole tile).
+  uint32_t TilePixels() const { return static_cast<uint32_t>(x_.tile) * static_cast<uint32_t>(y_.tile); }
 
   // Before the second walk maps row y: the tile rows it needs, and those that
   // start at or above it, counted.
@@ -457,17 +473,92 @@ class DenseEqualizer {
       const Place &place = Row(y);
       while (counted_ < y_.count && (counted_ <= place.hi || y_.TileStart(counted_) <= y - y_.start)) {
         const int32_t ty = counted_++;
+        if (offsets16_) {
+          CountOffsets(ty);
+          continue;
+        }
         uint32_t *slot = Slot(ty);
-        for (std::size_t v = 0; v < kBins; ++v)
-          for (int32_t tx = 0; tx < x_.count; ++tx) slot[v * stride_ + tx] = 0;
+        // The tile columns of a value lie side by side: one fill each.
+        const std::size_t columns = static_cast<std::size_t>(x_.count),
+                          stride = static_cast<std::size_t>(stride_);
+        for (std::size_t v = 0; v < kBins; ++v) std::fill_n(slot + v * stride, columns, 0u);
         for (int32_t r = y_.TileStart(ty); r < y_.TileStart(ty) + y_.tile; ++r) {
           const auto *s = reinterpret_cast<const uint16_t *>(ImageRow(stored_, y_.start + r));
           for (int32_t tx = 0; tx < x_.count; ++tx)
             Histogram16(s + x_.TileStart(tx), x_.tile, slot + tx, stride_);
         }
-        Prefix(ty, slot);
+        Prefix(ty, slot, TilePixels());
       }
     }
+  }
+
+  // Tile row ty counted into its slot of 16-bit entries and turned into
+  // offsets. The counts wrap past 65535; a tile whose wrapped counts do not
+  // add up to its pixels (a value seen 65536 times or more) is counted again
+  // with counts that stop at 65535, which clip to the same min(count, limit)
+  // (limit <= 15) and so give the same prefixes.
+  void CountOffsets(int32_t ty) {
+    uint16_t *slot = offsets_.get() + static_cast<std::size_t>(ty % slots_) * x_.count;
+    const std::size_t columns = static_cast<std::size_t>(x_.count),
+                      stride = static_cast<std::size_t>(stride_);
+    for (std::size_t v = 0; v < kBins; ++v) std::fill_n(slot + v * stride, columns, uint16_t{0});
+    for (int32_t r = y_.TileStart(ty); r < y_.TileStart(ty) + y_.tile; ++r) {
+      const auto *s = reinterpret_cast<const uint16_t *>(ImageRow(stored_, y_.start + r));
+      for (int32_t tx = 0; tx < x_.count; ++tx) Histogram16(s + x_.TileStart(tx), x_.tile, slot + tx, stride);
+    }
+    for (int32_t first = 0; first < x_.count; first += kOffsetChunk) {
+      const int32_t width = std::min(kOffsetChunk, x_.count - first);
+      uint32_t wrapped = Offsets(ty, first, width, true);
+      for (; wrapped != 0; wrapped &= wrapped - 1) {
+        const int32_t tx = first + __builtin_ctz(wrapped);
+        for (std::size_t v = 0; v < kBins; ++v) slot[v * stride + tx] = 0;
+        for (int32_t r = y_.TileStart(ty); r < y_.TileStart(ty) + y_.tile; ++r) {
+          const auto *s =
+              reinterpret_cast<const uint16_t *>(ImageRow(stored_, y_.start + r)) + x_.TileStart(tx);
+          for (int32_t k = 0; k < x_.tile; ++k) {
+            uint16_t &count = slot[s[k] * stride + tx];
+            count = static_cast<uint16_t>(count + (count != 65535 ? 1 : 0));
+          }
+        }
+        Offsets(ty, tx, 1, false);
+      }
+    }
+  }
+
+  // The counts of tile columns first..first + width - 1 of tile row ty become
+  // the offsets and bases of their clipped prefixes (the integers of Prefix)
+  // and their curves. With `check`, returns the columns (bits from `first`)
+  // whose counts do not add up to the tile's pixels, left for a recount.
+  uint32_t Offsets(int32_t ty, int32_t first, int32_t width, bool check) {
+    const uint32_t n = TilePixels(), limit = Limit(clip_, n, kBins);
+    const std::size_t stride = static_cast<std::size_t>(stride_),
+                      at = static_cast<std::size_t>(ty % slots_) * x_.count + first;
+    uint16_t *offsets = offsets_.get() + at;
+    uint32_t *bases = bases_.get() + at * kBlocks;
+    uint32_t sum[kOffsetChunk] = {}, total[kOffsetChunk] = {}, base[kOffsetChunk] = {};
+    for (uint32_t v = 0; v < kBins; ++v) {
+      if (v % (kBins / kBlocks) == 0)
+        for (int32_t k = 0; k < width; ++k) bases[k * kBlocks + v / (kBins / kBlocks)] = base[k] = sum[k];
+      uint16_t *out = offsets + v * stride;
+      for (int32_t k = 0; k < width; ++k) {
+        const uint32_t count = out[k];
+        total[k] += count;
+        sum[k] += count < limit ? count : limit;
+        out[k] = static_cast<uint16_t>(sum[k] - base[k]);
+      }
+    }
+    uint32_t wrapped = 0;
+    for (int32_t k = 0; k < width; ++k) {
+      if (check && total[k] != n) {
+        wrapped |= 1u << k;
+        continue;
+      }
+      TileCurve &curve = curves_[static_cast<std::size_t>(ty) * x_.count + first + k];
+      curve.pixels = n;
+      curve.excessPerBin = static_cast<double>(n - sum[k]) / kBins;
+      curve.scale = static_cast<double>(kBins - 1) / n;
+    }
+    return wrapped;
   }
 
   // The counts of block b (tile row and plane; the tile columns side by
@@ -476,16 +567,21 @@ class DenseEqualizer {
   // the values once for their totals and once for the prefixes (the counts
   // of a value lie side by side); every tile's integers are those of a walk
   // of its own.
-  void Prefix(int32_t b, uint32_t *block) {
+  // `pixels`, when not 0, is every tile's known total (stored rows: no
+  // region, so each tile counts its whole area), which spares the walk over
+  // the values for the totals.
+  void Prefix(int32_t b, uint32_t *block, uint32_t pixels = 0) {
     if constexpr (kWide) {
       constexpr int32_t kChunk = 16;
       const std::size_t stride = static_cast<std::size_t>(stride_);
       for (int32_t first = 0; first < x_.count; first += kChunk) {
         const int32_t width = std::min(kChunk, x_.count - first);
         uint32_t *counts = block + first;
-        uint32_t n[kChunk] = {}, limit[kChunk], sum[kChunk] = {}, excess[kChunk] = {};
-        for (uint32_t v = 0; v < kBins; ++v)
-          for (int32_t k = 0; k < width; ++k) n[k] += counts[v * stride + k];
+        uint32_t n[kChunk], limit[kChunk], sum[kChunk] = {}, excess[kChunk] = {};
+        std::fill_n(n, kChunk, pixels);
+        if (pixels == 0)
+          for (uint32_t v = 0; v < kBins; ++v)
+            for (int32_t k = 0; k < width; ++k) n[k] += counts[v * stride + k];
         for (int32_t k = 0; k < width; ++k) limit[k] = n[k] ? Limit(clip_, n[k], kBins) : 1;
         for (uint32_t v = 0; v < kBins; ++v)
           for (int32_t k = 0; k < width; ++k) {
@@ -556,12 +652,20 @@ class DenseEqualizer {
                     l,
                     r,
                     w,
-                    Slot(row.lo) + c * kBins * columns,
-                    Slot(row.hi) + c * kBins * columns,
+                    offsets16_ ? nullptr : Slot(row.lo) + c * kBins * columns,
+                    offsets16_ ? nullptr : Slot(row.hi) + c * kBins * columns,
                     curves_.get() + above * columns,
                     curves_.get() + below * columns,
                     stride_,
                     row.w};
+      if (offsets16_) {
+        const std::size_t upper = static_cast<std::size_t>(row.lo % slots_) * columns,
+                          lower = static_cast<std::size_t>(row.hi % slots_) * columns;
+        run.upperOffsets = offsets_.get() + upper;
+        run.lowerOffsets = offsets_.get() + lower;
+        run.upperBases = bases_.get() + upper * kBlocks;
+        run.lowerBases = bases_.get() + lower * kBlocks;
+      }
       if (step == 1) {
         run.samples = p;
         const int32_t done = isa >= Isa::Avx512 && stride_ < 32768 ? MapGray16Avx512(run) : 0;
@@ -625,15 +729,18 @@ class DenseEqualizer {
     for (; k < n; ++k) ++counts[s[k]];
   }
   // The counts lie in megabytes: each is fetched 32 samples ahead, so that
-  // the increments do not wait on one line after another.
-  static void Histogram16(const uint16_t *s, int32_t n, uint32_t *counts, std::size_t columns) {
+  // the increments do not wait on one line after another. Kept out of line:
+  // inlined into the walks, its loop ran out of registers.
+  template <class Count>
+  [[gnu::noinline]] static void Histogram16(const uint16_t *s, int32_t n, Count *counts,
+                                            std::size_t columns) {
     constexpr int32_t kAhead = 32;
-    int32_t k = 0;
-    for (; k + kAhead < n; ++k) {
-      __builtin_prefetch(counts + s[k + kAhead] * columns, 1);
-      ++counts[s[k] * columns];
+    const uint16_t *end = s + n;
+    for (; s + kAhead < end; ++s) {
+      __builtin_prefetch(counts + s[kAhead] * columns, 1);
+      ++counts[*s * columns];
     }
-    for (; k < n; ++k) ++counts[s[k] * columns];
+    for (; s < end; ++s) ++counts[*s * columns];
   }
 
   Isa isa_;
@@ -659,6 +766,13 @@ class DenseEqualizer {
   int32_t slots_ = 0;
   int32_t stride_ = x_.count;  // 16-bit counts a value (the slots' tile columns side by side)
   int32_t counted_ = 0;        // tile rows counted so far
+  // Stored rows whose clip limit is at most 15: the prefixes as 16-bit
+  // offsets from a base every 4096 values (GrayRun16), in the slots' layout.
+  bool offsets16_ = false;
+  static constexpr int32_t kOffsetChunk = 16;
+  static constexpr std::size_t kBlocks = 16;  // bases a tile (GrayRun16)
+  KernelBuffer<uint16_t> offsets_;
+  KernelBuffer<uint32_t> bases_;
 };
 
 // The two walks of either course.
@@ -725,8 +839,13 @@ int32_t Run(Isa isa, Course course, RowPass &pass, const Rect &bounds, int32_t t
 
 int32_t Equalize(Isa isa, BitmapRecord *bitmap, int32_t tileWidth, int32_t tileHeight, uint32_t clip,
                  bool luminance, Course course) {
-  RowPass pass(bitmap,
-               RowSetup{.progress = {0, 50, true}, .write = false, .progressAt = ProgressPoint::AfterRow});
+  // Stored rows in place: the first walk only reads its rows, and the second
+  // maps row y in place after counting what it needs from rows not yet mapped
+  // (the converter's copies would be the same bytes).
+  RowPass pass(bitmap, RowSetup{.progress = {0, 50, true},
+                                .write = false,
+                                .progressAt = ProgressPoint::AfterRow,
+                                .storedRows = true});
   if (pass.status() != RC_SUCCESS) return pass.status();
   Rect bounds{};
   if (const int32_t status = ::GetRegionBounds(bitmap, nullptr, &bounds); status != RC_SUCCESS) return status;

@@ -88,24 +88,35 @@ struct GrayRun16 {
   const TileCurve *upperCurves, *lowerCurves;
   int32_t stride;  // counts a value: the tile columns, or more (several rows of tiles interleaved)
   double weightBelow;
+  // Prefixes kept as 16-bit offsets (upper and lower are then null): P of
+  // tile column t at v is bases[16 t + (v >> 12)] + offsets[v * stride + t],
+  // the base being P(4096 (v >> 12) - 1) (0 for the first 4096 values).
+  const uint16_t *upperOffsets = nullptr, *lowerOffsets = nullptr;
+  const uint32_t *upperBases = nullptr, *lowerBases = nullptr;
 };
 
-inline double Evaluate16(const TileCurve &curve, const uint32_t *prefix, int32_t stride, int32_t tile,
-                         uint32_t v) {
+// P of tile column `tile` at v, from the full prefixes or the offsets.
+inline uint32_t Below16(const uint32_t *prefix, const uint16_t *offsets, const uint32_t *bases,
+                        int32_t stride, int32_t tile, uint32_t v) {
+  const auto s = static_cast<std::size_t>(stride), t = static_cast<std::size_t>(tile);
+  if (offsets == nullptr) return prefix[v * s + t];
+  return bases[16 * t + (v >> 12)] + offsets[v * s + t];
+}
+
+inline double Evaluate16(const TileCurve &curve, uint32_t below, uint32_t v) {
   if (curve.pixels == 0) return v;
-  const double below =
-      prefix[static_cast<std::size_t>(v) * static_cast<std::size_t>(stride) + static_cast<std::size_t>(tile)];
-  return (below + curve.excessPerBin * (v + 1.0)) * curve.scale;
+  return (static_cast<double>(below) + curve.excessPerBin * (v + 1.0)) * curve.scale;
 }
 
 inline uint16_t MapGray16One(const GrayRun16 &run, int32_t x) {
   const uint32_t v = run.samples[x];
-  const int32_t l = run.left[x], r = run.right[x];
-  return static_cast<uint16_t>(Blend(Evaluate16(run.upperCurves[l], run.upper, run.stride, l, v),
-                                     Evaluate16(run.upperCurves[r], run.upper, run.stride, r, v),
-                                     Evaluate16(run.lowerCurves[l], run.lower, run.stride, l, v),
-                                     Evaluate16(run.lowerCurves[r], run.lower, run.stride, r, v),
-                                     run.weight[x], run.weightBelow, 65535.0));
+  const int32_t l = run.left[x], r = run.right[x], n = run.stride;
+  const auto up = [&](int32_t t) { return Below16(run.upper, run.upperOffsets, run.upperBases, n, t, v); };
+  const auto down = [&](int32_t t) { return Below16(run.lower, run.lowerOffsets, run.lowerBases, n, t, v); };
+  return static_cast<uint16_t>(
+      Blend(Evaluate16(run.upperCurves[l], up(l), v), Evaluate16(run.upperCurves[r], up(r), v),
+            Evaluate16(run.lowerCurves[l], down(l), v), Evaluate16(run.lowerCurves[r], down(r), v),
+            run.weight[x], run.weightBelow, 65535.0));
 }
 
 // The AVX-512 loop of 16-bit gray runs: eight pixels a step between the same

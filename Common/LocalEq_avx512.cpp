@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 
 #include "LocalEq.h"
 
@@ -126,6 +127,9 @@ IMG_AVX512 int32_t MapGray8Avx512Certified(const GrayRun8 &run, const GrayApprox
     const int32_t l = run.left[x], r = run.right[x];
     while (run.left[x + n - 1] != l || run.right[x + n - 1] != r) --n;
     const __mmask64 keep = n == 64 ? ~0ull : (1ull << n) - 1;
+    // The row's samples come from the stored rows (megabytes away): fetched
+    // 512 samples ahead.
+    _mm_prefetch(reinterpret_cast<const char *>(run.samples + x + 512), _MM_HINT_T0);
     const __m512i v = _mm512_maskz_loadu_epi8(keep, run.samples + x);
     const __mmask64 top = _mm512_movepi8_mask(v);
     __m512 c0[4], c1[4];
@@ -195,14 +199,81 @@ IMG_AVX512 inline __m256i Gather(const uint32_t *prefix, __m256i at) {
 // How many pixels ahead MapGray16Avx512 fetches the prefixes.
 constexpr int32_t kAhead = 64;
 
+// The prefixes of one tile row at eight values: full 32-bit prefixes, or
+// 16-bit offsets plus the bases of their tile columns l and r (sixteen a
+// tile, kept in registers for the run between the same columns).
+struct Row16 {
+  const uint32_t *prefix;
+  const uint16_t *offsets;
+  __m512i baseLeft, baseRight;
+};
+
+// The base of each of eight values (v >> 12 picks one of sixteen).
+IMG_AVX512 inline __m256i Base(__m512i bases, __m256i v) {
+  return _mm512_castsi512_si256(
+      _mm512_permutexvar_epi32(_mm512_castsi256_si512(_mm256_srli_epi32(v, 12)), bases));
+}
+
+// P of tile columns l and r (r == l + 1 when `pair`) at eight values v
+// (`at` = v * stride + l, `atRight` = v * stride + r).
+template <bool kOffsets>
+IMG_AVX512 inline void Prefixes(const Row16 &row, __m256i v, __m256i at, __m256i atRight, bool pair,
+                                __m256i *left, __m256i *right) {
+  if constexpr (!kOffsets) {
+    if (pair)
+      Pairs(row.prefix, at, left, right);
+    else {
+      *left = Gather(row.prefix, at);
+      *right = Gather(row.prefix, atRight);
+    }
+  } else {
+    // A 32-bit gather of an offset takes its right neighbour too (the
+    // buffer has entries past its end for the last one).
+    const __m256i low = _mm256_set1_epi32(0xffff);
+    const auto *offsets = reinterpret_cast<const int *>(row.offsets);
+    const __m256i both = _mm256_i32gather_epi32(offsets, at, 2);
+    const __m256i offsetRight = pair ? _mm256_srli_epi32(both, 16)
+                                     : _mm256_and_si256(_mm256_i32gather_epi32(offsets, atRight, 2), low);
+    *left = _mm256_add_epi32(Base(row.baseLeft, v), _mm256_and_si256(both, low));
+    *right = _mm256_add_epi32(Base(row.baseRight, v), offsetRight);
+  }
+}
+
+// P of tile column l alone.
+template <bool kOffsets>
+IMG_AVX512 inline __m256i Prefix1(const Row16 &row, __m256i v, __m256i at) {
+  if constexpr (!kOffsets)
+    return Gather(row.prefix, at);
+  else
+    return _mm256_add_epi32(
+        Base(row.baseLeft, v),
+        _mm256_and_si256(_mm256_i32gather_epi32(reinterpret_cast<const int *>(row.offsets), at, 2),
+                         _mm256_set1_epi32(0xffff)));
+}
+
 // Eight 16-bit gray pixels a step, all between the same two tile columns:
 // the four prefix counts gathered (as two pairs of neighbours when the
 // columns are neighbours), each curve and the blend in doubles with
 // the operations of Evaluate16 and Blend, in their order.
-IMG_AVX512 int32_t MapGray16Avx512(const GrayRun16 &run) {
+template <bool kOffsets>
+IMG_AVX512 int32_t MapGray16(const GrayRun16 &run) {
+  const __m512i none = _mm512_setzero_si512();
+  Row16 up{run.upper, run.upperOffsets, none, none}, down{run.lower, run.lowerOffsets, none, none};
   const __m512d wy = _mm512_set1_pd(run.weightBelow), half = _mm512_set1_pd(0.5), zero = _mm512_setzero_pd(),
                 top = _mm512_set1_pd(65535.0), one = _mm512_set1_pd(1.0);
   const __m256i columns = _mm256_set1_epi32(run.stride);
+  // Sixteen prefixes a value from a 64-byte boundary (32 offsets): the
+  // prefixes of both tile rows of a value share its line, so one fetch
+  // brings both.
+  const char *upper =
+      kOffsets ? reinterpret_cast<const char *>(run.upperOffsets) : reinterpret_cast<const char *>(run.upper);
+  const char *lower =
+      kOffsets ? reinterpret_cast<const char *>(run.lowerOffsets) : reinterpret_cast<const char *>(run.lower);
+  constexpr int32_t kEntry = kOffsets ? 2 : 4;
+  const char *first = std::min(upper, lower);
+  const bool oneLine = run.stride * kEntry <= 64 && 64 % (run.stride * kEntry) == 0 &&
+                       (reinterpret_cast<uintptr_t>(first) & 63) == 0;
+  const bool oneRow = upper == lower && run.upperCurves == run.lowerCurves;
   int32_t x = 0;
   while (x + 8 <= run.count) {
     const int32_t l = run.left[x], r = run.right[x];
@@ -213,6 +284,12 @@ IMG_AVX512 int32_t MapGray16Avx512(const GrayRun16 &run) {
     const TileCurve &a = run.upperCurves[l], &b = run.upperCurves[r], &c = run.lowerCurves[l],
                     &d = run.lowerCurves[r];
     const __m256i left = _mm256_set1_epi32(l), right = _mm256_set1_epi32(r);
+    if constexpr (kOffsets) {
+      up.baseLeft = _mm512_loadu_si512(run.upperBases + 16 * l);
+      up.baseRight = _mm512_loadu_si512(run.upperBases + 16 * r);
+      down.baseLeft = _mm512_loadu_si512(run.lowerBases + 16 * l);
+      down.baseRight = _mm512_loadu_si512(run.lowerBases + 16 * r);
+    }
     int32_t end = x + 8;
     while (end + 8 <= run.count && run.left[end + 7] == l && run.right[end + 7] == r) end += 8;
     for (; x < end; x += 8) {
@@ -228,39 +305,56 @@ IMG_AVX512 int32_t MapGray16Avx512(const GrayRun16 &run) {
                                        reinterpret_cast<const __m128i *>(run.samples + x + kAhead))),
                                    columns),
                 left));
-        for (int32_t k = 0; k < 8; ++k) {
-          _mm_prefetch(reinterpret_cast<const char *>(run.upper + ahead[k]), _MM_HINT_T0);
-          _mm_prefetch(reinterpret_cast<const char *>(run.lower + ahead[k]), _MM_HINT_T0);
-        }
+        if (oneLine)
+          for (int32_t k = 0; k < 8; ++k) _mm_prefetch(first + std::size_t{ahead[k]} * kEntry, _MM_HINT_T0);
+        else
+          for (int32_t k = 0; k < 8; ++k) {
+            _mm_prefetch(upper + std::size_t{ahead[k]} * kEntry, _MM_HINT_T0);
+            _mm_prefetch(lower + std::size_t{ahead[k]} * kEntry, _MM_HINT_T0);
+          }
       }
       const __m256i v =
           _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i *>(run.samples + x)));
       const __m256i base = _mm256_mullo_epi32(v, columns);
       const __m256i atLeft = _mm256_add_epi32(base, left), atRight = _mm256_add_epi32(base, right);
       const __m512d vd = _mm512_cvtepi32_pd(v), next = _mm512_add_pd(vd, one);
-      __m256i p00, p10, p01, p11;
-      if (r == l + 1) {
-        Pairs(run.upper, atLeft, &p00, &p10);
-        Pairs(run.lower, atLeft, &p01, &p11);
+      // One tile column (r == l): m10 = m00, so upper = m00 + wx * 0 = m00.
+      // One tile row (both rows the same): lower = upper, so the value is
+      // upper + wy * 0 + 0.5 = upper + 0.5. The same doubles, fewer steps.
+      __m512d upperValue, lowerValue;
+      if (r == l) {
+        upperValue = Curve16(a, Prefix1<kOffsets>(up, v, atLeft), vd, next);
+        lowerValue = oneRow ? upperValue : Curve16(c, Prefix1<kOffsets>(down, v, atLeft), vd, next);
       } else {
-        p00 = Gather(run.upper, atLeft);
-        p10 = Gather(run.upper, atRight);
-        p01 = Gather(run.lower, atLeft);
-        p11 = Gather(run.lower, atRight);
+        const __m512d wx = _mm512_loadu_pd(run.weight + x);
+        const bool pair = r == l + 1;
+        __m256i p00, p10, p01, p11;
+        Prefixes<kOffsets>(up, v, atLeft, atRight, pair, &p00, &p10);
+        if (!oneRow) Prefixes<kOffsets>(down, v, atLeft, atRight, pair, &p01, &p11);
+        const __m512d m00 = Curve16(a, p00, vd, next), m10 = Curve16(b, p10, vd, next);
+        upperValue = _mm512_add_pd(m00, _mm512_mul_pd(wx, _mm512_sub_pd(m10, m00)));
+        if (oneRow)
+          lowerValue = upperValue;
+        else {
+          const __m512d m01 = Curve16(c, p01, vd, next), m11 = Curve16(d, p11, vd, next);
+          lowerValue = _mm512_add_pd(m01, _mm512_mul_pd(wx, _mm512_sub_pd(m11, m01)));
+        }
       }
-      const __m512d m00 = Curve16(a, p00, vd, next), m10 = Curve16(b, p10, vd, next);
-      const __m512d m01 = Curve16(c, p01, vd, next), m11 = Curve16(d, p11, vd, next);
-      const __m512d wx = _mm512_loadu_pd(run.weight + x);
-      const __m512d upper = _mm512_add_pd(m00, _mm512_mul_pd(wx, _mm512_sub_pd(m10, m00)));
-      const __m512d lower = _mm512_add_pd(m01, _mm512_mul_pd(wx, _mm512_sub_pd(m11, m01)));
       __m512d value =
-          _mm512_add_pd(_mm512_add_pd(upper, _mm512_mul_pd(wy, _mm512_sub_pd(lower, upper))), half);
+          oneRow ? _mm512_add_pd(upperValue, half)
+                 : _mm512_add_pd(
+                       _mm512_add_pd(upperValue, _mm512_mul_pd(wy, _mm512_sub_pd(lowerValue, upperValue))),
+                       half);
       value = _mm512_min_pd(_mm512_max_pd(value, zero), top);
       _mm_storeu_si128(reinterpret_cast<__m128i *>(run.samples + x),
                        _mm256_cvtepi32_epi16(_mm512_cvttpd_epi32(value)));
     }
   }
   return x;
+}
+
+IMG_AVX512 int32_t MapGray16Avx512(const GrayRun16 &run) {
+  return run.upperOffsets != nullptr ? MapGray16<true>(run) : MapGray16<false>(run);
 }
 
 // Clips sixteen counts a step, then turns them into prefix sums sixteen at a
