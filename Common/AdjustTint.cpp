@@ -1,10 +1,12 @@
 // Tint: every pixel's RGB vector turned about the origin, its length kept.
 // Pixels go to the spherical form (length, theta from the blue axis, phi in
 // the red-green plane), both angles are shifted and the pixel comes back.
+#include <cmath>
 #include <cstring>
 #include <type_traits>
 
 #include "ClrSpc.h"
+#include "ClrSpc_internal.h"
 #include "colour_memo.h"
 #include "frame.h"
 
@@ -36,34 +38,62 @@ inline void ShiftPixel(uint8_t *p, int32_t thetaShift, int32_t phiShift) {
   std::memcpy(p + 2, &f, 2);
 }
 
-// One pixel through the spherical form, turned, and back: the row
-// conversions on a row of one pixel.
-template <class T>
-void TintPixel(int32_t &r, int32_t &g, int32_t &b, int32_t thetaShift, int32_t phiShift) {
-  constexpr uint32_t kBack = COLORSPACE_SPHERICAL + COLORSPACE_TO_RGB;
-  T rgb[3] = {static_cast<T>(b), static_cast<T>(g), static_cast<T>(r)};
-  uint8_t sphere[8];
-  if constexpr (sizeof(T) == 2) {
-    ConvertColorRow16(COLORSPACE_SPHERICAL, rgb, sphere, nullptr, 0, 1);
-    ShiftPixel(sphere + 4, thetaShift, phiShift);
-    ConvertColorRow16(kBack, rgb, sphere, nullptr, 0, 1);
-  } else {
-    ConvertColorRow8(COLORSPACE_SPHERICAL, rgb, sphere, nullptr, 0, 1);
-    ShiftPixel(sphere + 2, thetaShift, phiShift);
-    ConvertColorRow8(kBack, rgb, sphere, nullptr, 0, 1);
+// The cosine and sine of a turned angle, by the angle the forward
+// conversion gave (0..9000), filled when first needed: the doubles the
+// inverse conversion computes from that turned angle, so a pixel's result
+// is the row conversions' (the spherical form is not stored in between, but
+// its fields hold these values: a length within 16 or 32 bits, angles
+// 0..9000 before the turn).
+struct TurnedAngle {
+  double cosine, sine;
+  bool known;
+};
+constexpr int32_t kAngleCount = 9001;  // 0..9000
+
+class Turn {
+ public:
+  Turn(int32_t thetaShift, int32_t phiShift)
+      : theta_(kAngleCount, __LINE__, kSourceFile),
+        phi_(kAngleCount, __LINE__, kSourceFile),
+        thetaShift_(thetaShift),
+        phiShift_(phiShift) {}
+  bool operator!() const { return !theta_ || !phi_; }
+
+  template <class T>
+  void Pixel(int32_t &r, int32_t &g, int32_t &b) {
+    constexpr int32_t kMax = sizeof(T) == 2 ? 65535 : 255;
+    int32_t v[3];
+    if constexpr (sizeof(T) == 2)
+      clrspc::SphFwd<113509>(r, g, b, v);
+    else
+      clrspc::SphFwd<443>(r, g, b, v);
+    const TurnedAngle &t = Of(theta_.get()[v[1]], v[1], thetaShift_);
+    const TurnedAngle &f = Of(phi_.get()[v[2]], v[2], phiShift_);
+    const clrspc::Rgb out = clrspc::SphInvFrom<kMax>(v[0], t.cosine, t.sine, f.cosine);
+    r = out.r, g = out.g, b = out.b;
   }
-  b = rgb[0], g = rgb[1], r = rgb[2];
-}
+
+ private:
+  static const TurnedAngle &Of(TurnedAngle &a, int32_t angle, int32_t shift) {
+    if (!a.known) {
+      const double radians = clrspc::SphRadians(ShiftAngle(static_cast<uint16_t>(angle), shift));
+      a = {std::cos(radians), std::sin(radians), true};
+    }
+    return a;
+  }
+
+  KernelBuffer<TurnedAngle> theta_, phi_;
+  int32_t thetaShift_, phiShift_;
+};
 
 // The rows of the region, pixel by pixel through the call's colour memo (the
 // result depends on the colour alone).
 template <class T>
 int32_t TintRows(RowPass &pass, int32_t thetaShift, int32_t phiShift) {
   ColourMemo<T> memo(__LINE__, kSourceFile);
-  if (!memo) return RC_NO_MEMORY;
-  const auto compute = [=](int32_t &r, int32_t &g, int32_t &b) {
-    TintPixel<T>(r, g, b, thetaShift, phiShift);
-  };
+  Turn turn(thetaShift, phiShift);
+  if (!memo || !turn) return RC_NO_MEMORY;
+  const auto compute = [&turn](int32_t &r, int32_t &g, int32_t &b) { turn.Pixel<T>(r, g, b); };
   return pass.RunRows([&](auto &row) {
     if constexpr (sizeof(*row.samples) == sizeof(T)) {
       row.ForEachRun([&](int32_t left, int32_t right) {

@@ -1,8 +1,10 @@
 // Q_AdjustBitmapTint: checks, the spherical angle shift on rows and palettes.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <vector>
 
+#include "ClrSpc.h"
 #include "kit.h"
 
 namespace {
@@ -147,6 +149,63 @@ TEST(Tint, RegionsGoByRows) {
       for (int32_t x = 0; x < 18; ++x)
         EXPECT_EQ(b.At(x, y), kit::InRegion(b, x, y) ? tinted : Rgb(mid, mid, mid)) << x << "," << y;
   }
+}
+
+// The rows against the spherical row conversions of whole rows with the
+// stored angles turned in between (as the palette course does): one 8-bit
+// colour in 125 (every channel a multiple of 5) and random 16-bit colours,
+// for shifts that reach both ends and both corrections.
+TEST(Tint, RowsMatchTheSphericalRowConversions) {
+  const auto turn = [](uint8_t *p, int32_t shift) {  // a 16-bit angle, one correction
+    uint16_t a;
+    std::memcpy(&a, p, 2);
+    int32_t t = static_cast<int16_t>(static_cast<uint16_t>(a + shift));
+    t = t >= 9001 ? t - 18000 : t < -9000 ? t + 18000 : t;
+    const uint16_t u = static_cast<uint16_t>(t);
+    std::memcpy(p, &u, 2);
+  };
+  constexpr uint32_t kBack = COLORSPACE_SPHERICAL + COLORSPACE_TO_RGB;
+  const int32_t shifts[][2] = {{3527, 0}, {-18000, 18000}, {1234, -567}, {0, 9000}, {17999, -9001}};
+  std::vector<kit::Pixel> cube;
+  for (uint32_t r = 0; r < 256; r += 5)
+    for (uint32_t g = 0; g < 256; g += 5)
+      for (uint32_t b = 0; b < 256; b += 5) cube.push_back(Rgb(r, g, b));
+  for (const auto &shift : shifts)
+    for (const int32_t bits : {24, 48}) {
+      SCOPED_TRACE(testing::Message() << bits << " " << shift[0] << "," << shift[1]);
+      const bool wide = bits == 48;
+      const int32_t width = wide ? 256 : 52 * 52, height = wide ? 64 : 52;
+      kit::Bitmap bmp =
+          wide ? kit::Bitmap(Kind(48), width, height) : kit::Bitmap(Kind(24), width, height, cube);
+      if (wide) bmp.Randomize(static_cast<uint32_t>(shift[0] + 20000));
+      const std::vector<kit::Pixel> before = bmp.Pixels();
+      ASSERT_EQ(Q_AdjustBitmapTint(bmp, shift[0], shift[1], 0), RC_SUCCESS);
+      const std::vector<kit::Pixel> after = bmp.Pixels();
+      const int32_t size = wide ? 8 : 6, angles = wide ? 4 : 2;
+      std::vector<uint16_t> row(static_cast<size_t>(width) * 3);
+      std::vector<uint8_t> sphere(static_cast<size_t>(width) * size);
+      for (int32_t y = 0; y < height; ++y) {
+        for (int32_t x = 0; x < width; ++x)
+          for (int c = 0; c < 3; ++c) row[x * 3 + c] = static_cast<uint16_t>(before[y * width + x].v[2 - c]);
+        std::vector<uint8_t> narrow(row.begin(), row.end());
+        const auto convert = [&](uint32_t code) {
+          return wide ? img::ConvertColorRow16(code, row.data(), sphere.data(), nullptr, 0, width)
+                      : img::ConvertColorRow8(code, narrow.data(), sphere.data(), nullptr, 0, width);
+        };
+        ASSERT_EQ(convert(COLORSPACE_SPHERICAL), RC_SUCCESS);
+        for (int32_t x = 0; x < width; ++x) {
+          turn(&sphere[x * size + angles], shift[0]);
+          turn(&sphere[x * size + angles + 2], shift[1]);
+        }
+        ASSERT_EQ(convert(kBack), RC_SUCCESS);
+        for (int32_t x = 0; x < width; ++x) {
+          const size_t i = static_cast<size_t>(x) * 3;
+          const kit::Pixel want =
+              wide ? Rgb(row[i + 2], row[i + 1], row[i]) : Rgb(narrow[i + 2], narrow[i + 1], narrow[i]);
+          ASSERT_EQ(after[y * width + x], want) << before[y * width + x];
+        }
+      }
+    }
 }
 
 TEST(Tint, AllocationFailures) {
