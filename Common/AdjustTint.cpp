@@ -86,11 +86,10 @@ class Turn {
   int32_t thetaShift_, phiShift_;
 };
 
-// The rows of the region, pixel by pixel through the call's colour memo (the
-// result depends on the colour alone).
-template <class T>
-int32_t TintRows(RowPass &pass, int32_t thetaShift, int32_t phiShift) {
-  ColourMemo<T> memo(__LINE__, kSourceFile);
+// The rows of the region, pixel by pixel through `memo` (the result depends
+// on the colour alone).
+template <class T, class Memo>
+int32_t TintRows(RowPass &pass, Memo &memo, int32_t thetaShift, int32_t phiShift) {
   Turn turn(thetaShift, phiShift);
   if (!memo || !turn) return RC_NO_MEMORY;
   const auto compute = [&turn](int32_t &r, int32_t &g, int32_t &b) { turn.Pixel<T>(r, g, b); };
@@ -104,14 +103,33 @@ int32_t TintRows(RowPass &pass, int32_t thetaShift, int32_t phiShift) {
   });
 }
 
+// 8-bit rows of many pixels take a slot for every colour, 16-bit ones a
+// larger memo, others the memo.
+int32_t TintRows(RowPass &pass, int32_t thetaShift, int32_t phiShift) {
+  const BitmapRecord &b = *pass.bitmap();
+  const bool many = static_cast<int64_t>(b.Width) * b.Height >= ColourTable::kMinPixels;
+  if (pass.wide() && many) {
+    ColourMemo<uint16_t, 22> memo(__LINE__, kSourceFile);
+    return TintRows<uint16_t>(pass, memo, thetaShift, phiShift);
+  }
+  if (pass.wide()) {
+    ColourMemo<uint16_t> memo(__LINE__, kSourceFile);
+    return TintRows<uint16_t>(pass, memo, thetaShift, phiShift);
+  }
+  if (many) {
+    ColourTable table(__LINE__, kSourceFile);
+    return TintRows<uint8_t>(pass, table, thetaShift, phiShift);
+  }
+  ColourMemo<uint8_t> memo(__LINE__, kSourceFile);
+  return TintRows<uint8_t>(pass, memo, thetaShift, phiShift);
+}
+
 // The palette of a palette bitmap without a region, or the rows of the
 // region, through the spherical form and back; nothing is reported.
 int32_t Worker(BitmapRecord *bitmap, int32_t thetaShift, int32_t phiShift) {
   RowPass pass(bitmap, RowSetup{.palette = PaletteRule::EntriesWithoutRegion});
   if (pass.status() != RC_SUCCESS) return pass.status();
-  if (!pass.OnPalette())
-    return pass.wide() ? TintRows<uint16_t>(pass, thetaShift, phiShift)
-                       : TintRows<uint8_t>(pass, thetaShift, phiShift);
+  if (!pass.OnPalette()) return TintRows(pass, thetaShift, phiShift);
   ColourSpacePass space(pass, {COLORSPACE_SPHERICAL});
   const int32_t status = space.Run([&](auto &row) {
     using T = std::remove_reference_t<decltype(*row.rgb)>;
