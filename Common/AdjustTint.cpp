@@ -1,10 +1,12 @@
 // Tint: every pixel's RGB vector turned about the origin, its length kept.
 // Pixels go to the spherical form (length, theta from the blue axis, phi in
 // the red-green plane), both angles are shifted and the pixel comes back.
+#include <cmath>
 #include <cstring>
 #include <type_traits>
 
 #include "ClrSpc.h"
+#include "ClrSpc_internal.h"
 #include "colour_memo.h"
 #include "frame.h"
 
@@ -36,34 +38,61 @@ inline void ShiftPixel(uint8_t *p, int32_t thetaShift, int32_t phiShift) {
   std::memcpy(p + 2, &f, 2);
 }
 
-// One pixel through the spherical form, turned, and back: the row
-// conversions on a row of one pixel.
-template <class T>
-void TintPixel(int32_t &r, int32_t &g, int32_t &b, int32_t thetaShift, int32_t phiShift) {
-  constexpr uint32_t kBack = COLORSPACE_SPHERICAL + COLORSPACE_TO_RGB;
-  T rgb[3] = {static_cast<T>(b), static_cast<T>(g), static_cast<T>(r)};
-  uint8_t sphere[8];
-  if constexpr (sizeof(T) == 2) {
-    ConvertColorRow16(COLORSPACE_SPHERICAL, rgb, sphere, nullptr, 0, 1);
-    ShiftPixel(sphere + 4, thetaShift, phiShift);
-    ConvertColorRow16(kBack, rgb, sphere, nullptr, 0, 1);
-  } else {
-    ConvertColorRow8(COLORSPACE_SPHERICAL, rgb, sphere, nullptr, 0, 1);
-    ShiftPixel(sphere + 2, thetaShift, phiShift);
-    ConvertColorRow8(kBack, rgb, sphere, nullptr, 0, 1);
-  }
-  b = rgb[0], g = rgb[1], r = rgb[2];
-}
+// The cosine and sine of a turned angle, by the angle the forward
+// conversion gave (0..9000), filled when first needed: the doubles the
+// inverse conversion computes from that turned angle, so a pixel's result
+// is the row conversions' (the spherical form is not stored in between, but
+// its fields hold these values: a length within 16 or 32 bits, angles
+// 0..9000 before the turn).
+struct TurnedAngle {
+  double cosine, sine;
+  bool known;
+};
+constexpr int32_t kAngleCount = 9001;  // 0..9000
 
-// The rows of the region, pixel by pixel through the call's colour memo (the
-// result depends on the colour alone).
-template <class T>
-int32_t TintRows(RowPass &pass, int32_t thetaShift, int32_t phiShift) {
-  ColourMemo<T> memo(__LINE__, kSourceFile);
-  if (!memo) return RC_NO_MEMORY;
-  const auto compute = [=](int32_t &r, int32_t &g, int32_t &b) {
-    TintPixel<T>(r, g, b, thetaShift, phiShift);
-  };
+class Turn {
+ public:
+  Turn(int32_t thetaShift, int32_t phiShift)
+      : theta_(kAngleCount, __LINE__, kSourceFile),
+        phi_(kAngleCount, __LINE__, kSourceFile),
+        thetaShift_(thetaShift),
+        phiShift_(phiShift) {}
+  bool operator!() const { return !theta_ || !phi_; }
+
+  template <class T>
+  void Pixel(int32_t &r, int32_t &g, int32_t &b) {
+    constexpr int32_t kMax = sizeof(T) == 2 ? 65535 : 255;
+    int32_t v[3];
+    if constexpr (sizeof(T) == 2)
+      clrspc::SphFwd<113509>(r, g, b, v);
+    else
+      clrspc::SphFwd<443>(r, g, b, v);
+    const TurnedAngle &t = Of(theta_.get()[v[1]], v[1], thetaShift_);
+    const TurnedAngle &f = Of(phi_.get()[v[2]], v[2], phiShift_);
+    const clrspc::Rgb out = clrspc::SphInvFrom<kMax>(v[0], t.cosine, t.sine, f.cosine);
+    r = out.r, g = out.g, b = out.b;
+  }
+
+ private:
+  static const TurnedAngle &Of(TurnedAngle &a, int32_t angle, int32_t shift) {
+    if (!a.known) {
+      const double radians = clrspc::SphRadians(ShiftAngle(static_cast<uint16_t>(angle), shift));
+      a = {std::cos(radians), std::sin(radians), true};
+    }
+    return a;
+  }
+
+  KernelBuffer<TurnedAngle> theta_, phi_;
+  int32_t thetaShift_, phiShift_;
+};
+
+// The rows of the region, pixel by pixel through `memo` (the result depends
+// on the colour alone).
+template <class T, class Memo>
+int32_t TintRows(RowPass &pass, Memo &memo, int32_t thetaShift, int32_t phiShift) {
+  Turn turn(thetaShift, phiShift);
+  if (!memo || !turn) return RC_NO_MEMORY;
+  const auto compute = [&turn](int32_t &r, int32_t &g, int32_t &b) { turn.Pixel<T>(r, g, b); };
   return pass.RunRows([&](auto &row) {
     if constexpr (sizeof(*row.samples) == sizeof(T)) {
       row.ForEachRun([&](int32_t left, int32_t right) {
@@ -74,14 +103,33 @@ int32_t TintRows(RowPass &pass, int32_t thetaShift, int32_t phiShift) {
   });
 }
 
+// 8-bit rows of many pixels take a slot for every colour, 16-bit ones a
+// larger memo, others the memo.
+int32_t TintRows(RowPass &pass, int32_t thetaShift, int32_t phiShift) {
+  const BitmapRecord &b = *pass.bitmap();
+  const bool many = static_cast<int64_t>(b.Width) * b.Height >= ColourTable::kMinPixels;
+  if (pass.wide() && many) {
+    ColourMemo<uint16_t, 22> memo(__LINE__, kSourceFile);
+    return TintRows<uint16_t>(pass, memo, thetaShift, phiShift);
+  }
+  if (pass.wide()) {
+    ColourMemo<uint16_t> memo(__LINE__, kSourceFile);
+    return TintRows<uint16_t>(pass, memo, thetaShift, phiShift);
+  }
+  if (many) {
+    ColourTable table(__LINE__, kSourceFile);
+    return TintRows<uint8_t>(pass, table, thetaShift, phiShift);
+  }
+  ColourMemo<uint8_t> memo(__LINE__, kSourceFile);
+  return TintRows<uint8_t>(pass, memo, thetaShift, phiShift);
+}
+
 // The palette of a palette bitmap without a region, or the rows of the
 // region, through the spherical form and back; nothing is reported.
 int32_t Worker(BitmapRecord *bitmap, int32_t thetaShift, int32_t phiShift) {
   RowPass pass(bitmap, RowSetup{.palette = PaletteRule::EntriesWithoutRegion});
   if (pass.status() != RC_SUCCESS) return pass.status();
-  if (!pass.OnPalette())
-    return pass.wide() ? TintRows<uint16_t>(pass, thetaShift, phiShift)
-                       : TintRows<uint8_t>(pass, thetaShift, phiShift);
+  if (!pass.OnPalette()) return TintRows(pass, thetaShift, phiShift);
   ColourSpacePass space(pass, {COLORSPACE_SPHERICAL});
   const int32_t status = space.Run([&](auto &row) {
     using T = std::remove_reference_t<decltype(*row.rgb)>;

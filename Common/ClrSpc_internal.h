@@ -1,6 +1,7 @@
 // Internal to the colour-space conversions: what the scalar reference
 // (ClrSpc_scalar.cpp), the loops of each instruction set (ClrSpc_sse2.cpp,
-// ClrSpc_avx2.cpp, ClrSpc_avx512.cpp) and the dispatch (ClrSpc.cpp) share.
+// ClrSpc_avx2.cpp, ClrSpc_avx512.cpp) and the dispatch (ClrSpc.cpp) share,
+// and the spherical pixel functions the tint calls directly.
 #pragma once
 
 #include <cmath>
@@ -54,6 +55,52 @@ inline int32_t TruncClamp(double v, int32_t lo, int32_t hi) {
 }
 
 inline double Cube(double t) { return t * t * t; }
+
+// ---- Spherical ------------------------------------------------------------------------------
+// Also used by the tint (AdjustTint.cpp), which turns the angles between the
+// two directions.
+
+constexpr double kPi = 3.1415926535;
+
+template <int32_t LengthCap>
+inline void SphFwd(int32_t R, int32_t G, int32_t B, int32_t out[3]) {
+  const double dr = R, dg = G, db = B;
+  const double r = std::sqrt(dr * dr + dg * dg + db * db);
+  const int32_t len = static_cast<int32_t>(r + 0.5);
+  double theta = 0, phi = 0;
+  if (len != 0) theta = std::acos(db / r);
+  const double st = std::sin(theta);
+  if (st != 0) {
+    // Rounding can put the cosine a hair above 1; its angle is 0.
+    double c = dr / (r * st);
+    if (c > 1) c = 1;
+    phi = std::acos(c);
+  }
+  out[0] = len > LengthCap ? LengthCap : len;
+  out[1] = TruncClamp(theta * 18000 / kPi, 0, 9000);
+  out[2] = TruncClamp(phi * 18000 / kPi, 0, 9000);
+}
+
+// An angle in hundredths of a degree in radians, as the inverse takes it.
+inline double SphRadians(int32_t hundredths) { return hundredths * kPi / 18000; }
+
+// The inverse from the cosine and sine of theta and the cosine of phi. G
+// comes from the length and the uncapped R and B; a negative square gives 0.
+template <int32_t Max>
+inline Rgb SphInvFrom(double len, double cosTheta, double sinTheta, double cosPhi) {
+  const double B = std::trunc(std::fabs(len * cosTheta + 0.5));
+  const double R = std::trunc(std::fabs(len * cosPhi * sinTheta + 0.5));
+  const double g2 = len * len - R * R - B * B;
+  const double G = g2 > 0 ? std::sqrt(g2) : 0;
+  return {TruncClamp(R, 0, Max), TruncClamp(G, 0, Max), TruncClamp(B, 0, Max)};
+}
+
+// The angles are signed: a turned tint may hand in negative ones.
+template <int32_t Max>
+inline Rgb SphInv(double len, int32_t thetaH, int32_t phiH) {
+  const double t = SphRadians(thetaH), f = SphRadians(phiH);
+  return SphInvFrom<Max>(len, std::cos(t), std::sin(t), std::cos(f));
+}
 
 // ---- Lab in floating point: the formulas of the reference ---------------------------------
 

@@ -208,41 +208,6 @@ inline void CmykFwd(int32_t R, int32_t G, int32_t B, int32_t out[4]) {
   out[0] = mx - R, out[1] = mx - G, out[2] = mx - B, out[3] = Max - mx;
 }
 
-// ---- Spherical ------------------------------------------------------------------------------
-
-constexpr double kPi = 3.1415926535;
-
-template <int32_t LengthCap>
-inline void SphFwd(int32_t R, int32_t G, int32_t B, int32_t out[3]) {
-  const double dr = R, dg = G, db = B;
-  const double r = std::sqrt(dr * dr + dg * dg + db * db);
-  const int32_t len = static_cast<int32_t>(r + 0.5);
-  double theta = 0, phi = 0;
-  if (len != 0) theta = std::acos(db / r);
-  const double st = std::sin(theta);
-  if (st != 0) {
-    // Rounding can put the cosine a hair above 1; its angle is 0.
-    double c = dr / (r * st);
-    if (c > 1) c = 1;
-    phi = std::acos(c);
-  }
-  out[0] = len > LengthCap ? LengthCap : len;
-  out[1] = TruncClamp(theta * 18000 / kPi, 0, 9000);
-  out[2] = TruncClamp(phi * 18000 / kPi, 0, 9000);
-}
-
-// G comes from the length and the uncapped R and B; a negative square gives 0.
-// The angles are signed: a turned tint may hand in negative ones.
-template <int32_t Max>
-inline Rgb SphInv(double len, int32_t thetaH, int32_t phiH) {
-  const double t = thetaH * kPi / 18000, f = phiH * kPi / 18000;
-  const double B = std::trunc(std::fabs(len * std::cos(t) + 0.5));
-  const double R = std::trunc(std::fabs(len * std::cos(f) * std::sin(t) + 0.5));
-  const double g2 = len * len - R * R - B * B;
-  const double G = g2 > 0 ? std::sqrt(g2) : 0;
-  return {TruncClamp(R, 0, Max), TruncClamp(G, 0, Max), TruncClamp(B, 0, Max)};
-}
-
 // ---- Validation and the pixel form ------------------------------------------------------
 
 // Forward conversion of one 8-bit pixel; code 9 is handled by the rows only.

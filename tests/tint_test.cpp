@@ -1,8 +1,10 @@
 // Q_AdjustBitmapTint: checks, the spherical angle shift on rows and palettes.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <vector>
 
+#include "ClrSpc.h"
 #include "kit.h"
 
 namespace {
@@ -147,6 +149,100 @@ TEST(Tint, RegionsGoByRows) {
       for (int32_t x = 0; x < 18; ++x)
         EXPECT_EQ(b.At(x, y), kit::InRegion(b, x, y) ? tinted : Rgb(mid, mid, mid)) << x << "," << y;
   }
+}
+
+// A row of pixels through the spherical row conversions with the stored
+// angles turned in between (a 16-bit angle, one correction), as the palette
+// course does: no memo.
+std::vector<kit::Pixel> Turned(const std::vector<kit::Pixel> &in, bool wide, int32_t theta, int32_t phi) {
+  const auto turn = [](uint8_t *p, int32_t shift) {
+    uint16_t a;
+    std::memcpy(&a, p, 2);
+    int32_t t = static_cast<int16_t>(static_cast<uint16_t>(a + shift));
+    t = t >= 9001 ? t - 18000 : t < -9000 ? t + 18000 : t;
+    const uint16_t u = static_cast<uint16_t>(t);
+    std::memcpy(p, &u, 2);
+  };
+  const int32_t width = static_cast<int32_t>(in.size()), size = wide ? 8 : 6, angles = wide ? 4 : 2;
+  std::vector<uint16_t> row(in.size() * 3);
+  for (size_t x = 0; x < in.size(); ++x)
+    for (int c = 0; c < 3; ++c) row[x * 3 + c] = static_cast<uint16_t>(in[x].v[2 - c]);
+  std::vector<uint8_t> narrow(row.begin(), row.end()), sphere(in.size() * size);
+  const auto convert = [&](uint32_t code) {
+    return wide ? img::ConvertColorRow16(code, row.data(), sphere.data(), nullptr, 0, width)
+                : img::ConvertColorRow8(code, narrow.data(), sphere.data(), nullptr, 0, width);
+  };
+  std::vector<kit::Pixel> out;
+  if (convert(COLORSPACE_SPHERICAL) != RC_SUCCESS) return out;
+  for (int32_t x = 0; x < width; ++x) {
+    turn(&sphere[x * size + angles], theta);
+    turn(&sphere[x * size + angles + 2], phi);
+  }
+  if (convert(COLORSPACE_SPHERICAL + COLORSPACE_TO_RGB) != RC_SUCCESS) return out;
+  for (size_t i = 0; i < row.size(); i += 3)
+    out.push_back(wide ? Rgb(row[i + 2], row[i + 1], row[i]) : Rgb(narrow[i + 2], narrow[i + 1], narrow[i]));
+  return out;
+}
+
+// The rows against the row conversions: one 8-bit colour in 125 (every
+// channel a multiple of 5) and random 16-bit colours, for shifts that reach
+// both ends and both corrections.
+TEST(Tint, RowsMatchTheSphericalRowConversions) {
+  const int32_t shifts[][2] = {{3527, 0}, {-18000, 18000}, {1234, -567}, {0, 9000}, {17999, -9001}};
+  std::vector<kit::Pixel> cube;
+  for (uint32_t r = 0; r < 256; r += 5)
+    for (uint32_t g = 0; g < 256; g += 5)
+      for (uint32_t b = 0; b < 256; b += 5) cube.push_back(Rgb(r, g, b));
+  for (const auto &shift : shifts)
+    for (const bool wide : {false, true}) {
+      SCOPED_TRACE(testing::Message() << wide << " " << shift[0] << "," << shift[1]);
+      const int32_t width = wide ? 256 : 52 * 52, height = wide ? 64 : 52;
+      kit::Bitmap bmp =
+          wide ? kit::Bitmap(Kind(48), width, height) : kit::Bitmap(Kind(24), width, height, cube);
+      if (wide) bmp.Randomize(static_cast<uint32_t>(shift[0] + 20000));
+      const std::vector<kit::Pixel> before = bmp.Pixels();
+      ASSERT_EQ(Q_AdjustBitmapTint(bmp, shift[0], shift[1], 0), RC_SUCCESS);
+      const std::vector<kit::Pixel> after = bmp.Pixels();
+      for (int32_t y = 0; y < height; ++y) {
+        const auto first = before.begin() + static_cast<std::ptrdiff_t>(y) * width;
+        ASSERT_EQ(std::vector<kit::Pixel>(after.begin() + (first - before.begin()),
+                                          after.begin() + (first - before.begin()) + width),
+                  Turned(std::vector<kit::Pixel>(first, first + width), wide, shift[0], shift[1]))
+            << y;
+      }
+    }
+}
+
+// From 2^22 pixels on, 8-bit rows keep a slot for every colour and 16-bit
+// rows a larger memo: rows against the row conversions, with a region too.
+// The 16-bit colours come in runs that share a slot and differ in one bit
+// above its index (each bit of each component in turn).
+TEST(Tint, ManyPixels) {
+  constexpr int32_t kSide = 2048;
+  for (const bool wide : {false, true})
+    for (const bool region : {false, true}) {
+      SCOPED_TRACE(testing::Message() << wide << (region ? " region" : ""));
+      const auto colour = [wide](int32_t x, int32_t y) {
+        const uint32_t v = static_cast<uint32_t>(x * 7 + y * 13) % 140000u * 2654435761u;
+        if (!wide) return Rgb(v >> 24, (v >> 16) & 0xFF, (v >> 8) & 0xFF);
+        const uint32_t r = 20000 + x / 4 % 50, g = 30000 + y % 64, b = 40000, k = x % 4;
+        return Rgb(k == 1 ? r ^ 1u << (7 + y % 9) : r, k == 2 ? g ^ 1u << (8 + y % 8) : g,
+                   k == 3 ? b ^ 1u << (7 + y % 9) : b);
+      };
+      kit::Bitmap big(Kind(wide ? 48 : 24), kSide, kSide);
+      for (int32_t y = 0; y < kSide; ++y)
+        for (int32_t x = 0; x < kSide; ++x) big.Set(x, y, colour(x, y));
+      if (region) kit::SetEllipseRegion(big, 0, 0, kSide, kSide);
+      ASSERT_EQ(Q_AdjustBitmapTint(big, 1234, -567, 0), RC_SUCCESS);
+      for (const int32_t y : {0, 1, 700, kSide / 2, kSide - 1}) {
+        std::vector<kit::Pixel> line;
+        for (int32_t x = 0; x < kSide; ++x) line.push_back(colour(x, y));
+        const std::vector<kit::Pixel> want = Turned(line, wide, 1234, -567);
+        ASSERT_EQ(want.size(), line.size());
+        for (int32_t x = 0; x < kSide; ++x)
+          ASSERT_EQ(big.At(x, y), region && !kit::InRegion(big, x, y) ? line[x] : want[x]) << x << "," << y;
+      }
+    }
 }
 
 TEST(Tint, AllocationFailures) {

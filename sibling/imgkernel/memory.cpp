@@ -4,6 +4,7 @@
 // fault injection.
 #include <sys/mman.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -21,7 +22,8 @@ constexpr std::size_t kAlign = 64;
 // for huge pages: one fault per 2 MiB instead of one per 4 KB, and fewer
 // translation misses in the random walks over them (segmentation's forest,
 // 16-bit bitmaps of 4K images). Where huge pages are off the advice is
-// ignored.
+// ignored. They come from calloc, whose fresh mappings are zero without a
+// clearing walk: a large table touches only the pages it uses.
 constexpr std::size_t kHugeBlock = std::size_t{32} << 20;
 constexpr std::size_t kHugeAlign = std::size_t{2} << 20;
 
@@ -35,6 +37,7 @@ struct alignas(kAlign) BlockHeader {
   BlockHeader *prev;  // links of the tracking thread's list
   BlockHeader *next;
   Tracker *tracker;  // null when allocated while tracking was off
+  void *base;        // what the C library returned, to free
 };
 static_assert(sizeof(BlockHeader) == kAlign);
 constexpr uint32_t kMagic = 0x494D474Bu;  // "IMGK"
@@ -70,18 +73,27 @@ void Unlink(BlockHeader *h) {
 void *Allocate(size_t count, size_t size, int32_t line, const wchar_t *file, bool zero) {
   Tracker &t = ThreadTracker();
   if (t.failCountdown > 0 && --t.failCountdown == 0) return nullptr;
-  if (size != 0 && count > (SIZE_MAX - 2 * kAlign) / size) return nullptr;
+  if (size != 0 && count > (SIZE_MAX - 2 * kAlign - kHugeAlign) / size) return nullptr;
   const std::size_t bytes = count * size;
   const std::size_t total = sizeof(BlockHeader) + ((bytes + kAlign - 1) & ~(kAlign - 1));
-  const bool huge = total >= kHugeBlock;
-  void *raw = huge ? std::aligned_alloc(kHugeAlign, (total + kHugeAlign - 1) & ~(kHugeAlign - 1))
-                   : std::aligned_alloc(kAlign, total);
-  if (!raw) return nullptr;
+  BlockHeader *h;
+  void *raw;
+  if (total >= kHugeBlock) {
+    // Zero either way (calloc clears only what it reuses).
+    raw = std::calloc(1, total + kHugeAlign);
+    if (!raw) return nullptr;
+    const std::uintptr_t at = (reinterpret_cast<std::uintptr_t>(raw) + kHugeAlign - 1) & ~(kHugeAlign - 1);
+    h = reinterpret_cast<BlockHeader *>(at);
 #ifdef MADV_HUGEPAGE
-  if (huge) madvise(raw, total & ~(kHugeAlign - 1), MADV_HUGEPAGE);
+    madvise(h, total & ~(kHugeAlign - 1), MADV_HUGEPAGE);
 #endif
-  std::memset(raw, 0, zero ? total : sizeof(BlockHeader));
-  auto *h = static_cast<BlockHeader *>(raw);
+  } else {
+    raw = std::aligned_alloc(kAlign, total);
+    if (!raw) return nullptr;
+    std::memset(raw, 0, zero ? total : sizeof(BlockHeader));
+    h = static_cast<BlockHeader *>(raw);
+  }
+  h->base = raw;
   h->size = bytes;
   h->file = file;
   h->line = line;
@@ -115,7 +127,7 @@ IMG_API void FreeMemory(void *memory, int32_t, const wchar_t *) {
   if (h->magic != kMagic) std::abort();  // not ours, or freed twice
   h->magic = 0;
   Unlink(h);
-  std::free(h);
+  std::free(h->base);
 }
 
 IMG_API void CopyMemory(void *destination, const void *source, size_t bytes) {
