@@ -1,11 +1,12 @@
 // Colour swap, colour balance, equalisation (one 8-bit gray band, three
-// bands), local equalisation (8x8 tiles, 8- and 16-bit gray) and colour
-// intensity balance on 3840x2160 bitmaps, single thread, next to memcpy of
-// the same 24-bit buffer in the same run (x_memcpy: the operation's CPU
-// time over the median of memcpy runs taken just before it, in thread CPU
-// time, so that the ratio holds on a loaded machine). Targets (times memcpy):
-// swap 1, balance 1.5, equalisation of one band 2 and three bands 4, local
-// equalisation 4 (16-bit at most twice the 8-bit), intensity balance 2.
+// bands, random and smooth), local equalisation (8x8 tiles, 8- and 16-bit
+// gray) and colour intensity balance on 3840x2160 bitmaps, single thread,
+// next to memcpy of the same 24-bit buffer in the same run (x_memcpy: the
+// operation's CPU time over the median of memcpy runs taken just before it,
+// in thread CPU time, so that the ratio holds on a loaded machine). Targets
+// (times memcpy): swap 1, balance 1.5, equalisation of one band 2 and three
+// bands 4, local equalisation 4 (16-bit at most twice the 8-bit), intensity
+// balance 2.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
