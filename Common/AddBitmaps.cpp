@@ -324,7 +324,11 @@ bool FillsInPass(const BitmapRecord &first, BitmapList list, uint32_t n) {
 // size) in place of the empty one.
 int32_t CopyWithoutPixels(BitmapRecord *result, const BitmapRecord &first, uint32_t structSize,
                           KernelBuffer<uint8_t> &pixels) {
-  if (!pixels) pixels = KernelBuffer<uint8_t>(first.DataSize, __LINE__, kSourceFile);
+  // The pass writes every byte of the block (see KeepPixels), so it is not
+  // cleared first: clearing would be one more walk over the memory.
+  if (!pixels)
+    pixels.adopt(static_cast<uint8_t *>(::AllocUnset(first.DataSize, 1, __LINE__, kSourceFile)), __LINE__,
+                 kSourceFile);
   if (!pixels) return RC_NO_MEMORY;
   BitmapRecord shell = first;
   shell.DataSize = 0;

@@ -2,7 +2,6 @@
 // loop (scalar on every instruction set) and the dispatch to the files of
 // each instruction set. A level without a loop of its own runs the loop of
 // the next level below it.
-#include <bit>
 #include <cmath>
 #include <cstring>
 #include <utility>
@@ -58,37 +57,27 @@ void SumChannels(Isa isa, const uint8_t *p, std::size_t pixels, int32_t period, 
 // histogram whatever the order.
 namespace {
 
-// Byte K of a block read as little-endian 64-bit words: one load for eight
-// bytes instead of eight.
-template <int32_t K>
-inline uint32_t ByteOf(const uint64_t *w) {
-  return static_cast<uint32_t>(w[K / 8] >> (8 * (K % 8))) & 255u;
-}
-
-// Blocks of 24 bytes: 8 pixels of 3 bytes, or 24 gray samples; pixel (or
-// sample) n counts into sub-histogram n % 4.
+// 24 bytes: eight pixels of 3 bytes, or 24 gray samples, each byte loaded
+// by itself (the load folds into the increment's index; no word shifts);
+// pixel (or sample) n counts into sub-histogram n % 4.
 template <int32_t kPeriod, int32_t... K>
 inline void CountBlock(const uint8_t *q, uint32_t (*sub)[3][256], std::integer_sequence<int32_t, K...>) {
-  uint64_t w[3];
-  std::memcpy(w, q, sizeof(w));
-  ((++sub[(K / kPeriod) % 4][K % kPeriod][ByteOf<K>(w)]), ...);
+  ((++sub[(K / kPeriod) % 4][K % kPeriod][q[K]]), ...);
 }
 
 }  // namespace
 
 void CountBytes(const uint8_t *p, std::size_t pixels, int32_t period, uint32_t *counts) {
   auto sub = reinterpret_cast<uint32_t(*)[3][256]>(counts);
-  constexpr bool kLittle = std::endian::native == std::endian::little;
   std::size_t i = 0;
   if (period == 1) {
-    if constexpr (kLittle)
-      for (; i + 24 <= pixels; i += 24) CountBlock<1>(p + i, sub, std::make_integer_sequence<int32_t, 24>{});
+    for (; i + 24 <= pixels; i += 24) CountBlock<1>(p + i, sub, std::make_integer_sequence<int32_t, 24>{});
     for (; i < pixels; ++i) ++sub[0][0][p[i]];
     return;
   }
   const std::size_t step = static_cast<std::size_t>(period);
   const uint8_t *q = p;
-  if (period == 3 && kLittle)
+  if (period == 3)
     for (; i + 8 <= pixels; i += 8, q += 24) CountBlock<3>(q, sub, std::make_integer_sequence<int32_t, 24>{});
   for (; i + 2 <= pixels; i += 2, q += 2 * step) {
     ++sub[0][0][q[0]];

@@ -3,7 +3,7 @@
 // time of the call / CPU time of memcpy). Targets: adding two 24-bit bitmaps
 // at most 1.5, their weighted average at most 2. The result is reused across
 // calls (the call fills its pixel block again); the fresh_ cases free it
-// before each call, so the call allocates a new (zeroed) block.
+// before each call, so the call allocates a new block.
 #include <benchmark/benchmark.h>
 #include <time.h>
 

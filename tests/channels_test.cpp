@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <random>
 #include <vector>
 
 #include "Colr_n_internal.h"
@@ -282,6 +283,30 @@ TEST(ChannelExports, InstructionSetsMatchScalar) {
             EXPECT_EQ(run(isa), scalar) << img::IsaName(isa);
           }
         }
+      }
+}
+
+// The counting loop against one increment a byte: pixels of 1, 3 and 4
+// bytes, lengths around its 24-byte blocks, random bytes and runs of equal
+// values (neighbours that count into the same bins), counts added to what
+// the histograms already hold.
+TEST(ChannelExports, CountBytesCountsEveryByteOnce) {
+  std::mt19937 rng(8);
+  for (const int32_t period : {1, 3, 4})
+    for (const std::size_t pixels : {0u, 1u, 7u, 8u, 9u, 23u, 24u, 25u, 1001u})
+      for (const bool runs : {false, true}) {
+        std::vector<uint8_t> bytes(pixels * static_cast<std::size_t>(period));
+        for (std::size_t i = 0; i < bytes.size(); ++i)
+          bytes[i] = runs ? static_cast<uint8_t>(i / 37 % 3 + 250) : static_cast<uint8_t>(rng());
+        const int32_t channels = period == 1 ? 1 : 3;
+        std::vector<uint32_t> expected(3 * 256, 5), counts(img::colrn::kCountsSize, 0),
+            histograms(3 * 256, 5);
+        for (std::size_t i = 0; i < bytes.size(); ++i)
+          if (i % static_cast<std::size_t>(period) < 3)
+            ++expected[i % static_cast<std::size_t>(period) * 256 + bytes[i]];
+        img::colrn::CountBytes(bytes.data(), pixels, period, counts.data());
+        img::colrn::FoldCounts(counts.data(), channels, histograms.data());
+        EXPECT_EQ(histograms, expected) << "period " << period << ", " << pixels << " pixels, runs " << runs;
       }
 }
 
