@@ -206,7 +206,8 @@ int32_t Worker(BitmapRecord *bitmap, uint32_t space, const ColorThresholdCompone
   const Limits limits = LimitsOf(space, wideLimits);
   if (const int32_t status = CheckComponents(space, components, limits)) return status;
 
-  RowPass pass(bitmap, RowSetup{.palette = PaletteRule::Entries});
+  // Stored rows are changed in place (no progress is reported).
+  RowPass pass(bitmap, RowSetup{.palette = PaletteRule::Entries, .storedRows = true});
   if (pass.status() != RC_SUCCESS) return pass.status();
   // Per component its selection table and the map of new values. The row
   // step works a pixel at a time, so no planes of a row's values are kept.
