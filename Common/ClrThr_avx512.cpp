@@ -38,7 +38,6 @@ IMG_CLRTHR_AVX512_INLINE V W(int32_t v) { return _mm512_set1_epi16(static_cast<i
 struct Lanes {
   V span, low, high, fill, upperFill;
   M invert, gtFill, gtUpper;  // per call: all lanes or none
-  bool whole;
   IMG_CLRTHR_AVX512_INLINE explicit Lanes(const Selection &s)
       : span(W(static_cast<int32_t>(s.span))),
         low(W(s.low)),
@@ -47,8 +46,7 @@ struct Lanes {
         upperFill(W(s.upperFill)),
         invert(s.outside ? 0u : ~0u),
         gtFill(s.clip ? 0u : ~0u),
-        gtUpper(s.clip ? ~0u : 0u),
-        whole(s.whole) {}
+        gtUpper(s.clip ? ~0u : 0u) {}
   // The lanes whose table entry is 1 (fill) and those whose entry is 2.
   IMG_CLRTHR_AVX512_INLINE M Fill(V v, M &upper) const {
     const M inLimits = _mm512_cmple_epu16_mask(v, span);
@@ -58,11 +56,13 @@ struct Lanes {
   }
 };
 
+// kWhole: bit i set when selection i sets the whole pixel.
+template <uint32_t kWhole>
 IMG_CLRTHR_AVX512_INLINE void Threshold(V (&c)[3], const Lanes (&s)[3]) {
   for (int32_t i = 0; i < 3; ++i) {
     M upper;
     const M fill = s[i].Fill(c[i], upper);
-    if (!s[i].whole) {
+    if (!(kWhole >> i & 1)) {
       c[i] = _mm512_mask_mov_epi16(_mm512_mask_mov_epi16(c[i], fill, s[i].fill), upper, s[i].upperFill);
     } else {
       const M hit = fill | upper;
@@ -73,9 +73,8 @@ IMG_CLRTHR_AVX512_INLINE void Threshold(V (&c)[3], const Lanes (&s)[3]) {
   }
 }
 
+template <uint32_t kWhole>
 IMG_CLRTHR_AVX512 void Loop(uint8_t *hsv, int32_t first, int32_t end, const Selection *selections) {
-  for (int32_t i = 0; i < 3; ++i)
-    if (selections[i].lower != 0) return ThresholdPixels(COLORSPACE_HSV, false, hsv, first, end, selections);
   const Lanes s[3] = {Lanes(selections[0]), Lanes(selections[1]), Lanes(selections[2])};
   // Word 2 k (hue) and 2 k + 1 (saturation, value) of pixel k; back again.
   alignas(64) uint16_t even[32], odd[32], back0[32], back1[32];
@@ -93,7 +92,7 @@ IMG_CLRTHR_AVX512 void Loop(uint8_t *hsv, int32_t first, int32_t end, const Sele
     const V sv = _mm512_permutex2var_epi16(a, svIdx, b);
     V c[3] = {_mm512_permutex2var_epi16(a, hueIdx, b), _mm512_and_si512(sv, W(0xFF)),
               _mm512_srli_epi16(sv, 8)};
-    Threshold(c, s);
+    Threshold<kWhole>(c, s);
     const V h = c[0], packed = _mm512_or_si512(c[1], _mm512_slli_epi16(c[2], 8));
     _mm512_storeu_si512(p, _mm512_permutex2var_epi16(h, out0, packed));
     _mm512_storeu_si512(p + 64, _mm512_permutex2var_epi16(h, out1, packed));
@@ -104,7 +103,12 @@ IMG_CLRTHR_AVX512 void Loop(uint8_t *hsv, int32_t first, int32_t end, const Sele
 }  // namespace
 
 void ThresholdHsv8Avx512(uint8_t *hsv, int32_t first, int32_t end, const Selection *selections) {
-  Loop(hsv, first, end, selections);
+  for (int32_t i = 0; i < 3; ++i)
+    if (selections[i].lower != 0) return ThresholdPixels(COLORSPACE_HSV, false, hsv, first, end, selections);
+  constexpr void (*kLoops[8])(uint8_t *, int32_t, int32_t, const Selection *) = {
+      Loop<0>, Loop<1>, Loop<2>, Loop<3>, Loop<4>, Loop<5>, Loop<6>, Loop<7>};
+  kLoops[(selections[0].whole ? 1 : 0) | (selections[1].whole ? 2 : 0) | (selections[2].whole ? 4 : 0)](
+      hsv, first, end, selections);
 }
 
 }  // namespace img::clrthr

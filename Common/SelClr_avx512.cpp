@@ -8,12 +8,14 @@
 //   works with halves: w' = w / 2 adding up to 255, S' = sum / 2,
 //   |S'| <= 255 × 200 = 51000;
 // - sorting and the halved weights in 16-bit lanes: max, min, the middle by
-//   max(min(R, G), min(max(R, G), B)); hue = max - mid, pair = mid - min, end
-//   = max(2 min - 255, 255 - 2 max, 0), neutrals = 255 - (max - min) - end;
-// - each ink's adjustments come from two permutes of per-call tables indexed
-//   by the range of the largest channel, that of the two largest and the
-//   white flag, and its sum from two vpmaddwd in 32-bit lanes
-//   (|products| <= 51000);
+//   max(min(R, G), min(max(R, G), B)); hue = max - mid, pair = mid - min,
+//   white = max(2 min - 255, 0), black = max(255 - 2 max, 0); the neutrals'
+//   weight is 255 less the others, so its adjustment is folded into theirs
+//   (InkTables);
+// - each ink's hue and pair adjustments come from one permute of a per-call
+//   table indexed by the range of the largest channel and that of the two
+//   largest, and its sum from two vpmaddwd in 32-bit lanes plus 255 aN
+//   (|products| <= 255 × 400, |sum| <= 51000 as before);
 // - the rounded change: absolute RoundDiv(2 S', 200) = trunc((S' ± 50) ×
 //   0.01f), relative RoundDiv(2 S' ink, 51000) = trunc((S' ink ± 12750) ×
 //   (1 / 25500)f), the bias with the sign of S'. The operands are integers
@@ -75,16 +77,19 @@ constexpr std::array<std::array<uint8_t, 64>, 2> kStores = [] {
 
 IMG_SELCLR_AVX512_INLINE V Load(const std::array<uint8_t, 64> &a) { return _mm512_loadu_si512(a.data()); }
 
-// One ink's adjustments as 16-bit pairs in 32-bit lanes: `huePair` indexed
-// by 4 × (reds 0, greens 1, blues 2) + (yellows 0, cyans 1, magentas 2),
-// (hue range, pair range); `black` and `white`, the halves of a 32-entry
-// table indexed by the same plus 16 for whites, (end range, neutrals).
+// One ink's adjustments less its neutrals' one (the halved weights add up to
+// 255, so S' = 255 aN + hue (aHue - aN) + pair (aPair - aN) + white (aWhite -
+// aN) + black (aBlack - aN), each difference within -400..400): `huePair`
+// as 16-bit pairs (hue range, pair range) indexed by 4 × (reds 0, greens 1,
+// blues 2) + (yellows 0, cyans 1, magentas 2); `ends` the pair (whites,
+// blacks); `base` 255 aN.
 struct InkTables {
-  V huePair, black, white;
+  V huePair, ends, base;
   IMG_SELCLR_AVX512_INLINE explicit InkTables(const int32_t (&a)[SELCOLOR_RANGES]) {
-    const auto pair = [](int32_t low, int32_t high) {
-      return static_cast<int32_t>(static_cast<uint32_t>(static_cast<uint16_t>(low)) |
-                                  static_cast<uint32_t>(static_cast<uint16_t>(high)) << 16);
+    const int32_t n = a[SELCOLOR_NEUTRALS];
+    const auto pair = [n](int32_t low, int32_t high) {
+      return static_cast<int32_t>(static_cast<uint32_t>(static_cast<uint16_t>(low - n)) |
+                                  static_cast<uint32_t>(static_cast<uint16_t>(high - n)) << 16);
     };
     constexpr int32_t kHue[3] = {SELCOLOR_REDS, SELCOLOR_GREENS, SELCOLOR_BLUES};
     constexpr int32_t kPair[3] = {SELCOLOR_YELLOWS, SELCOLOR_CYANS, SELCOLOR_MAGENTAS};
@@ -92,8 +97,8 @@ struct InkTables {
     for (int h = 0; h < 3; ++h)
       for (int p = 0; p < 3; ++p) t[4 * h + p] = pair(a[kHue[h]], a[kPair[p]]);
     huePair = _mm512_load_si512(t);
-    black = _mm512_set1_epi32(pair(a[SELCOLOR_BLACKS], a[SELCOLOR_NEUTRALS]));
-    white = _mm512_set1_epi32(pair(a[SELCOLOR_WHITES], a[SELCOLOR_NEUTRALS]));
+    ends = _mm512_set1_epi32(pair(a[SELCOLOR_WHITES], a[SELCOLOR_BLACKS]));
+    base = _mm512_set1_epi32(255 * n);
   }
 };
 
@@ -132,34 +137,31 @@ IMG_SELCLR_AVX512 void Loop(uint8_t *row, int32_t first, int32_t end, const Plan
     const V maxRG = _mm512_max_epi16(R, G), minRG = _mm512_min_epi16(R, G);
     const V mx = _mm512_max_epi16(maxRG, B), mn = _mm512_min_epi16(minRG, B);
     const V md = _mm512_max_epi16(minRG, _mm512_min_epi16(maxRG, B));
-    const V white = _mm512_sub_epi16(_mm512_add_epi16(mn, mn), W(255));
-    const V black = _mm512_sub_epi16(W(255), _mm512_add_epi16(mx, mx));
-    const V wEnd = _mm512_max_epi16(_mm512_max_epi16(white, black), zero);
-    const V wNeutral = _mm512_sub_epi16(_mm512_sub_epi16(W(255), _mm512_sub_epi16(mx, mn)), wEnd);
+    const V white = _mm512_max_epi16(_mm512_sub_epi16(_mm512_add_epi16(mn, mn), W(255)), zero);
+    const V black = _mm512_max_epi16(_mm512_sub_epi16(W(255), _mm512_add_epi16(mx, mx)), zero);
     const V wHue = _mm512_sub_epi16(mx, md), wPair = _mm512_sub_epi16(md, mn);
     // The ranges' table index, with the reference's order on ties (a tie
     // makes the weight it picks for 0).
     const __mmask32 redMax = _mm512_cmpeq_epi16_mask(R, mx), greenMax = _mm512_cmpeq_epi16_mask(G, mx);
     const __mmask32 blueMin = _mm512_cmpeq_epi16_mask(B, mn), redMin = _mm512_cmpeq_epi16_mask(R, mn);
-    V idx =
+    const V idx =
         _mm512_or_si512(_mm512_mask_blend_epi16(redMax, _mm512_mask_blend_epi16(greenMax, W(8), W(4)), zero),
                         _mm512_mask_blend_epi16(blueMin, _mm512_mask_blend_epi16(redMin, W(2), W(1)), zero));
-    idx = _mm512_mask_add_epi16(idx, _mm512_cmpgt_epi16_mask(white, zero), idx, W(16));
     // 32-bit lanes: pixels 8 k .. 8 k + 3 (low) and 8 k + 4 .. 8 k + 7 (high)
     // of each 128-bit block; the signed pack puts them back in order.
     const V hpLo = _mm512_unpacklo_epi16(wHue, wPair), hpHi = _mm512_unpackhi_epi16(wHue, wPair);
-    const V enLo = _mm512_unpacklo_epi16(wEnd, wNeutral), enHi = _mm512_unpackhi_epi16(wEnd, wNeutral);
+    const V wbLo = _mm512_unpacklo_epi16(white, black), wbHi = _mm512_unpackhi_epi16(white, black);
     const V idxLo = _mm512_unpacklo_epi16(idx, zero), idxHi = _mm512_unpackhi_epi16(idx, zero);
     const V samples[3] = {R, G, B};
     V out[3];
     for (int32_t c = 0; c < 3; ++c) {
       const InkTables &t = inks[c];
-      const V sumLo =
-          _mm512_add_epi32(_mm512_madd_epi16(hpLo, _mm512_permutexvar_epi32(idxLo, t.huePair)),
-                           _mm512_madd_epi16(enLo, _mm512_permutex2var_epi32(t.black, idxLo, t.white)));
-      const V sumHi =
-          _mm512_add_epi32(_mm512_madd_epi16(hpHi, _mm512_permutexvar_epi32(idxHi, t.huePair)),
-                           _mm512_madd_epi16(enHi, _mm512_permutex2var_epi32(t.black, idxHi, t.white)));
+      const V sumLo = _mm512_add_epi32(
+          _mm512_add_epi32(_mm512_madd_epi16(hpLo, _mm512_permutexvar_epi32(idxLo, t.huePair)), t.base),
+          _mm512_madd_epi16(wbLo, t.ends));
+      const V sumHi = _mm512_add_epi32(
+          _mm512_add_epi32(_mm512_madd_epi16(hpHi, _mm512_permutexvar_epi32(idxHi, t.huePair)), t.base),
+          _mm512_madd_epi16(wbHi, t.ends));
       F inkLo = _mm512_setzero_ps(), inkHi = _mm512_setzero_ps();
       if constexpr (kRelative) {
         const V ink = _mm512_sub_epi16(W(255), samples[c]);
