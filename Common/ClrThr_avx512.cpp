@@ -4,11 +4,9 @@
 // its range says (ClrThr.h): below Low `outside`, Low..High the other digit,
 // above High 2 when clipping (which only a mode with both lower digits 0, so
 // `outside`, allows) else `outside`. So the lanes that take the fill value
-// are ((v < Low) | (v > High unless clipping)) when outside, else the
-// complement of (v < Low) | (v > High), and those that take the upper fill
-// are v > High when clipping: mask operations on two comparisons instead of
-// a table read. HSV limits start at 0, so the limit check (values beyond the
-// table are kept) is v <= span. The components are tested in turn on the
+// are v < Low or v > High (not clipping) when outside, else Low..High, and
+// those that take the upper fill are v > High when clipping: comparisons
+// (Lanes) instead of a table read. The components are tested in turn on the
 // values earlier ones may have set, as in the reference step, and written
 // back in their fields' widths. The pixels a step does not fill go through
 // the reference step.
@@ -34,25 +32,36 @@ using M = __mmask32;
 
 IMG_CLRTHR_AVX512_INLINE V W(int32_t v) { return _mm512_set1_epi16(static_cast<int16_t>(v)); }
 
-// One selection in 16-bit lanes.
+// One selection in 16-bit lanes. Each of the four ways a value can be
+// selected is one comparison under a per-call mask (all lanes or none), so
+// no mask arithmetic sits between the comparisons and the blends: below Low
+// (when outside), above High (when outside and not clipping), Low..High
+// (when not outside: v - Low <= High - Low, unsigned, which a value below
+// Low fails by wrapping), and above High for the upper fill (when clipping).
+// The values come from the forward row (hue 0..360, saturation 0..100,
+// value 0..255), inside the limits, so the reference's limit check always
+// passes and is not repeated here.
 struct Lanes {
-  V span, low, high, fill, upperFill;
-  M invert, gtFill, gtUpper;  // per call: all lanes or none
+  V low, high, range, fill, upperFill;
+  M below, above, inside, clip;
   IMG_CLRTHR_AVX512_INLINE explicit Lanes(const Selection &s)
-      : span(W(static_cast<int32_t>(s.span))),
-        low(W(s.low)),
+      : low(W(s.low)),
         high(W(s.high)),
+        range(W(s.high - s.low)),
         fill(W(s.fill)),
         upperFill(W(s.upperFill)),
-        invert(s.outside ? 0u : ~0u),
-        gtFill(s.clip ? 0u : ~0u),
-        gtUpper(s.clip ? ~0u : 0u) {}
-  // The lanes whose table entry is 1 (fill) and those whose entry is 2.
-  IMG_CLRTHR_AVX512_INLINE M Fill(V v, M &upper) const {
-    const M inLimits = _mm512_cmple_epu16_mask(v, span);
-    const M lt = _mm512_cmplt_epu16_mask(v, low), gt = _mm512_cmpgt_epu16_mask(v, high);
-    upper = gt & gtUpper & inLimits;
-    return ((lt | (gt & gtFill)) ^ invert) & inLimits;
+        below(s.outside ? ~0u : 0u),
+        above(s.outside && !s.clip ? ~0u : 0u),
+        inside(s.outside ? 0u : ~0u),
+        clip(s.clip ? ~0u : 0u) {}
+  // The lanes whose table entry is 1 (three masks) and those whose entry is 2.
+  struct Hits {
+    M lt, gt, in, upper;
+  };
+  IMG_CLRTHR_AVX512_INLINE Hits Test(V v) const {
+    return {_mm512_mask_cmplt_epu16_mask(below, v, low), _mm512_mask_cmpgt_epu16_mask(above, v, high),
+            _mm512_mask_cmple_epu16_mask(inside, _mm512_sub_epi16(v, low), range),
+            _mm512_mask_cmpgt_epu16_mask(clip, v, high)};
   }
 };
 
@@ -60,12 +69,14 @@ struct Lanes {
 template <uint32_t kWhole>
 IMG_CLRTHR_AVX512_INLINE void Threshold(V (&c)[3], const Lanes (&s)[3]) {
   for (int32_t i = 0; i < 3; ++i) {
-    M upper;
-    const M fill = s[i].Fill(c[i], upper);
+    const Lanes::Hits h = s[i].Test(c[i]);
     if (!(kWhole >> i & 1)) {
-      c[i] = _mm512_mask_mov_epi16(_mm512_mask_mov_epi16(c[i], fill, s[i].fill), upper, s[i].upperFill);
+      V v = _mm512_mask_mov_epi16(c[i], h.lt, s[i].fill);
+      v = _mm512_mask_mov_epi16(v, h.gt, s[i].fill);
+      v = _mm512_mask_mov_epi16(v, h.in, s[i].fill);
+      c[i] = _mm512_mask_mov_epi16(v, h.upper, s[i].upperFill);
     } else {
-      const M hit = fill | upper;
+      const M hit = h.lt | h.gt | h.in | h.upper;
       c[0] = _mm512_mask_mov_epi16(c[0], hit, s[0].fill);
       c[1] = _mm512_mask_mov_epi16(c[1], hit, s[1].fill);
       c[2] = _mm512_mask_mov_epi16(c[2], hit, s[2].fill);
@@ -103,8 +114,6 @@ IMG_CLRTHR_AVX512 void Loop(uint8_t *hsv, int32_t first, int32_t end, const Sele
 }  // namespace
 
 void ThresholdHsv8Avx512(uint8_t *hsv, int32_t first, int32_t end, const Selection *selections) {
-  for (int32_t i = 0; i < 3; ++i)
-    if (selections[i].lower != 0) return ThresholdPixels(COLORSPACE_HSV, false, hsv, first, end, selections);
   constexpr void (*kLoops[8])(uint8_t *, int32_t, int32_t, const Selection *) = {
       Loop<0>, Loop<1>, Loop<2>, Loop<3>, Loop<4>, Loop<5>, Loop<6>, Loop<7>};
   kLoops[(selections[0].whole ? 1 : 0) | (selections[1].whole ? 2 : 0) | (selections[2].whole ? 4 : 0)](
