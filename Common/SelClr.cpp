@@ -53,11 +53,15 @@ int32_t CheckOptions(const SelectiveColorOptions *options) {
 }
 
 // Palette bitmaps: the entries, bracketed by the reports 0 and 100. Rows:
-// progress 0..100 as they are read.
+// progress 0..100 as each row is read, before it changes (a cancel leaves
+// that row and those below as they were). The report comes from the kernel,
+// where the converter's read would give it (the same percentages and
+// answers), so that stored rows are changed in place without the converter's
+// two copies of each row.
 int32_t Worker(BitmapRecord *bitmap, const Plan &plan) {
-  RowPass pass(bitmap, RowSetup{.progress = kFullProgress, .palette = PaletteRule::Entries});
+  RowPass pass(bitmap, RowSetup{.palette = PaletteRule::Entries, .storedRows = true});
   if (pass.status() != RC_SUCCESS) return pass.status();
-  const auto kernel = [&](auto &row) {
+  const auto change = [&](auto &row) {
     using T = std::remove_reference_t<decltype(*row.samples)>;
     row.ForEachRun([&](int32_t first, int32_t end) {
       if constexpr (sizeof(T) == 1)
@@ -66,8 +70,18 @@ int32_t Worker(BitmapRecord *bitmap, const Plan &plan) {
         SelectRun16(row.samples, row.channels, first, end, plan);
     });
   };
-  if (pass.OnPalette()) return Bracketed(kFullProgress, [&] { return RunPaletteRow(bitmap, kernel); });
-  return pass.RunRows(kernel);
+  if (pass.OnPalette()) return Bracketed(kFullProgress, [&] { return RunPaletteRow(bitmap, change); });
+  Rect bounds{};
+  if (const int32_t status = ::GetRegionBounds(bitmap, nullptr, &bounds); status != RC_SUCCESS) return status;
+  const int64_t rows = static_cast<int64_t>(bounds.Bottom) - bounds.Top;
+  Progress progress;
+  return pass.RunRows([&](auto &row) -> int32_t {
+    const int32_t answer =
+        progress.step(ProgressAt(kFullProgress, static_cast<int64_t>(row.y) - bounds.Top + 1, rows));
+    if (answer != RC_SUCCESS) return answer;
+    change(row);
+    return RC_SUCCESS;
+  });
 }
 
 }  // namespace
