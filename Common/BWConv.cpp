@@ -249,7 +249,7 @@ int32_t DynamicBinary(BitmapRecord *bitmap, uint32_t dimension, uint32_t contras
   Rect bounds{};
   int32_t status = GetRegionBounds(bitmap, nullptr, &bounds);
   if (status != RC_SUCCESS) return status;
-  RowPass pass(bitmap, RowSetup{.layout = ROW_LAYOUT_GRAY});
+  RowPass pass(bitmap, RowSetup{.layout = ROW_LAYOUT_GRAY, .storedRows = true});
   if (pass.status() != RC_SUCCESS) return pass.status();
   if (pass.wide() && bitmap->BitsPerPixel == 12) {
     // The caller states the contrast on the 12-bit scale.

@@ -246,7 +246,8 @@ TEST(Levels, LightControlAutoLevelAndColorLevel) {
 }
 
 TEST(AdaptiveContrast, MatchesBruteForceWindowMeans) {
-  for (const Format &format : {Format{24, ORDER_BGR}, Format{8, ORDER_GRAY}, Format{48, ORDER_RGB}}) {
+  for (const Format &format : {Format{24, ORDER_BGR}, Format{24, ORDER_BGR, ORIENT_BOTTOM_FIRST},
+                               Format{8, ORDER_GRAY}, Format{48, ORDER_RGB}}) {
     for (uint32_t dim : {3u, 5u, 9u, 13u, 15u}) {  // 13: taller than the bitmap, 15: wider too
       SCOPED_TRACE(format.Name() + " dim " + std::to_string(dim));
       kit::LeakGuard guard;

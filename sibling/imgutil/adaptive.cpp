@@ -118,7 +118,7 @@ int32_t AdaptiveContrastImpl(BitmapRecord *bitmap, uint32_t dimension, uint32_t 
       !img::ranges::kAdaptiveAmount.Contains(amount) || !img::ranges::kAdaptiveType.Contains(type))
     return RC_INVALID_PARAMETER;
   if (const int32_t s = img::CheckAfterArguments(kRule, bitmap)) return s;
-  img::RowPass pass(bitmap, {.layout = ROW_LAYOUT_NATIVE});
+  img::RowPass pass(bitmap, {.layout = ROW_LAYOUT_NATIVE, .storedRows = true});
   if (pass.status() != RC_SUCCESS) return pass.status();
   Rect bounds{};
   GetRegionBounds(bitmap, nullptr, &bounds);

@@ -337,6 +337,10 @@ class RowPass {
     return ::GetRegionBounds(bitmap_, nullptr, bounds);
   }
 
+  // RowSetup::storedRows applies to this bitmap and walk (the window pass
+  // then changes the stored rows in place).
+  bool StoredRowsInPlace() const { return OnStoredRows(); }
+
   // A zeroed working row (with the converter's slack past the last pixel).
   KernelBuffer<uint8_t> AllocRow() const {
     KernelBuffer<uint8_t> row;
@@ -599,8 +603,12 @@ struct WindowRows {
 // each, held in a ring of above + below + 2 rows, so that the row that left
 // is still there when the kernel sees the row that entered) and the output
 // row (row y as read) with its runs; kernel(const WindowRows<T> &,
-// RowView<T> &out) changes the output row, which is written back. Progress
-// after each output row. Memory: the ring, never a copy of the bitmap.
+// RowView<T> &out) changes the output row inside the runs, which is written
+// back. With the row pass's stored rows in place the output row is the
+// stored row itself: every row the ring still needs was read into it before
+// (a step reads only rows at or below its own), and the writes of the runs
+// are those the converter's write-back would make. Progress after each
+// output row. Memory: the ring, never a copy of the bitmap.
 class WindowPass {
  public:
   WindowPass(RowPass &pass, int32_t above, int32_t below, ProgressRange progress)
@@ -651,7 +659,9 @@ class WindowPass {
       int32_t runCount = ::GetRegionRowRuns(bitmap, y, runs.get(), ::GetRegionMaxRuns(bitmap) + 1);
       if (runCount < 0) return runCount;
       runCount = ClipRuns(runs.get(), runCount, bounds);
-      std::memcpy(out.get(), slot(y), outBytes);
+      const bool inPlace = pass_.StoredRowsInPlace();
+      uint8_t *const target = inPlace ? ImageRow(bitmap, y) : out.get();
+      if (!inPlace) std::memcpy(out.get(), slot(y), outBytes);
       const WindowRows<T> window{
           order.get(),
           count,
@@ -660,9 +670,10 @@ class WindowPass {
           first ? nullptr : order[count - 1],
           first ? nullptr : reinterpret_cast<const T *>(slot(static_cast<int64_t>(y) - above_ - 1))};
       RowView<T> view{
-          reinterpret_cast<T *>(out.get()), pass_.channels(), y, runs.get(), runCount, bitmap->Width};
+          reinterpret_cast<T *>(target), pass_.channels(), y, runs.get(), runCount, bitmap->Width};
       if ((status = CallKernel(kernel, window, view)) != RC_SUCCESS) return status;
-      if ((status = ::WriteRow(pass_.converter(), out.get(), y, runs.get(), &runCount)) != RC_SUCCESS)
+      if (!inPlace &&
+          (status = ::WriteRow(pass_.converter(), out.get(), y, runs.get(), &runCount)) != RC_SUCCESS)
         return status;
       if (progress_.report) {
         status = progress.step(ProgressAt(progress_, static_cast<int64_t>(y) - bounds.Top + 1, rows));
