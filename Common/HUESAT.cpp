@@ -86,19 +86,52 @@ void ChangeSaturation16(int32_t &r, int32_t &g, int32_t &b, int32_t step) {
 
 namespace {
 
+using Lanes = int32_t (*)(uint8_t *row, int32_t channels, int32_t left, int32_t right, int32_t step);
+
+// The loops of the best set up to `isa` over a prefix (what AVX-512 leaves,
+// AVX2 takes where eight pixels remain), the rest one pixel at a time.
+template <class Step>
+void Row8(Isa isa, Lanes avx2, Lanes avx512, Step pixel, uint8_t *row, int32_t channels, int32_t left,
+          int32_t right, int32_t step) {
+  isa = BestIsa(isa);
+  if (channels == 3 || channels == 4) {
+    if (isa >= Isa::Avx512) left = avx512(row, channels, left, right, step);
+    if (isa >= Isa::Avx2) left = avx2(row, channels, left, right, step);
+  }
+  ForEachColour(row, channels, left, right,
+                [&](int32_t &r, int32_t &g, int32_t &b) { pixel(r, g, b, step); });
+}
+
+void HuePixel8(int32_t &r, int32_t &g, int32_t &b, int32_t step) {
+  const uint32_t hsv = RgbToHsv8(r, g, b);
+  const uint32_t hue = (hsv + static_cast<uint32_t>(step)) & 0xFFu;
+  const uint32_t rgb = HsvToRgb8((hsv & 0xFFFF00u) | hue);
+  r = static_cast<int32_t>(rgb & 0xFF), g = static_cast<int32_t>((rgb >> 8) & 0xFF),
+  b = static_cast<int32_t>(rgb >> 16);
+}
+
+}  // namespace
+
+void HueRow8(Isa isa, uint8_t *row, int32_t channels, int32_t left, int32_t right, int32_t step) {
+  Row8(isa, HueLanesAvx2, HueLanesAvx512, HuePixel8, row, channels, left, right, step);
+}
+
+void SaturationRow8(Isa isa, uint8_t *row, int32_t channels, int32_t left, int32_t right, int32_t step) {
+  Row8(isa, SaturationLanesAvx2, SaturationLanesAvx512, ChangeSaturation8, row, channels, left, right, step);
+}
+
+namespace {
+
 // ---- Per-pixel operations -------------------------------------------------------------
 // Each has Pixel8 (palette entries and 8-bit rows) and Pixel16 (16-bit rows),
 // changing r, g, b in place.
 
 struct HueOp {
   int32_t step;
-  void Pixel8(int32_t &r, int32_t &g, int32_t &b) const {
-    const uint32_t hsv = RgbToHsv8(r, g, b);
-    const uint32_t hue = (hsv + static_cast<uint32_t>(step)) & 0xFFu;
-    const uint32_t rgb = HsvToRgb8((hsv & 0xFFFF00u) | hue);
-    r = static_cast<int32_t>(rgb & 0xFF), g = static_cast<int32_t>((rgb >> 8) & 0xFF),
-    b = static_cast<int32_t>(rgb >> 16);
+  void Row8(Isa isa, uint8_t *row, int32_t channels, int32_t left, int32_t right) const {
+    HueRow8(isa, row, channels, left, right, step);
   }
+  void Pixel8(int32_t &r, int32_t &g, int32_t &b) const { HuePixel8(r, g, b, step); }
   void Pixel16(int32_t &r, int32_t &g, int32_t &b) const {
     const Hsv16 p = RgbToHsv16(r, g, b);
     const int32_t hue =
@@ -110,6 +143,9 @@ struct HueOp {
 
 struct SaturationOp {
   int32_t step;
+  void Row8(Isa isa, uint8_t *row, int32_t channels, int32_t left, int32_t right) const {
+    SaturationRow8(isa, row, channels, left, right, step);
+  }
   void Pixel8(int32_t &r, int32_t &g, int32_t &b) const { ChangeSaturation8(r, g, b, step); }
   void Pixel16(int32_t &r, int32_t &g, int32_t &b) const { ChangeSaturation16(r, g, b, step); }
 };
@@ -203,6 +239,29 @@ auto PixelKernel(const Op &op, bool threeOnly16, ColourMemo<uint8_t> *memo8, Col
   };
 }
 
+// 8-bit rows of operations with loops of their own, at a set of AVX2 or
+// above: three- and four-sample rows through the loops (no memo: computing
+// sixteen pixels is cheaper than looking them up), others one pixel at a time.
+template <class Op>
+auto LanesKernel(const Op &op, Isa isa) {
+  return [&op, isa](auto &row) {
+    using T = std::remove_reference_t<decltype(*row.samples)>;
+    if constexpr (sizeof(T) == 1) {
+      row.ForEachRun([&](int32_t start, int32_t end) {
+        if (row.channels == 3 || row.channels == 4)
+          op.Row8(isa, row.samples, row.channels, start, end);
+        else
+          RunPixels<T, Op, false>(row.samples, row.channels, false, start, end, op, nullptr);
+      });
+    }
+  };
+}
+
+template <class Op>
+concept HasLanes8 = requires(const Op &op, uint8_t *row) {
+  op.Row8(Isa::Scalar, row, 3, 0, 0);
+};
+
 // Palette bitmaps (without PALETTE_FLAG_NONE) change every entry through the
 // 8-bit step; the status callback hears 0 before the change and 100 after
 // it, and the second answer is the result. Other bitmaps go row by row over
@@ -222,6 +281,9 @@ int32_t Dispatch(BitmapRecord *bitmap, const Op &op, bool threeOnly16, Check16 c
     ColourMemo<uint16_t> memo(__LINE__, kSourceFile);
     if (!memo) return RC_NO_MEMORY;
     return pass.RunRows(PixelKernel(op, threeOnly16, nullptr, &memo));
+  }
+  if constexpr (HasLanes8<Op>) {
+    if (const Isa isa = BestIsa(); isa >= Isa::Avx2) return pass.RunRows(LanesKernel(op, isa));
   }
   ColourMemo<uint8_t> memo(__LINE__, kSourceFile);
   if (!memo) return RC_NO_MEMORY;

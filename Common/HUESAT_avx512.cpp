@@ -1,0 +1,77 @@
+// The 8-bit hue and saturation steps, the AVX-512 loops (Isa::Avx512: F, BW,
+// DQ, VL and VBMI): sixteen pixels a step in 32-bit lanes (HUESAT_lanes.h
+// has the formulas and why they are exact). Sixteen 3-byte pixels are read
+// with one masked 48-byte load and split into lanes with byte permutes, and
+// written back with one byte permute and a masked 48-byte store: nothing
+// outside the 48 bytes is read or written. Every function carries the target
+// attribute: the file is compiled for the baseline.
+#include <immintrin.h>
+
+#include <array>
+
+#include "HUESAT.h"
+
+// GCC 12 reports the undefined pass-through operands inside its own AVX-512
+// intrinsics as maybe uninitialized.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+
+#define IMG_HUESAT_TARGET "avx2,avx512f,avx512bw,avx512dq,avx512vl,avx512vbmi"
+#include "HUESAT_lanes.h"
+
+namespace img::huesat {
+
+namespace {
+
+#define IMG_AVX512 __attribute__((target(IMG_HUESAT_TARGET)))
+#define IMG_AVX512_INLINE __attribute__((target(IMG_HUESAT_TARGET), always_inline)) inline
+
+constexpr __mmask64 k48Bytes = 0xFFFFFFFFFFFFull;
+
+// Byte j of the 48 written: sample j % 3 of pixel j / 3, from byte 0 or 1 of
+// lane j / 3 of the first table (blue, green) or byte 0 of the second (red).
+constexpr std::array<uint8_t, 64> kStore48 = [] {
+  std::array<uint8_t, 64> m{};
+  for (int j = 0; j < 48; ++j)
+    m[j] = static_cast<uint8_t>(j % 3 < 2 ? 4 * (j / 3) + j % 3 : 64 + 4 * (j / 3));
+  return m;
+}();
+
+struct Lanes16 {
+  static constexpr int32_t kLanes = 16;
+  using I = int32_t __attribute__((vector_size(64)));
+  using U = uint32_t __attribute__((vector_size(64)));
+  using F = float __attribute__((vector_size(64)));
+
+  // Sample c (0..2) of the sixteen pixels of v, zero-extended to 32 bits.
+  static IMG_AVX512_INLINE I Field(__m512i v, int c) {
+    const __m512i idx = _mm512_add_epi32(
+        _mm512_setr_epi32(0, 3, 6, 9, 12, 15, 18, 21, 24, 27, 30, 33, 36, 39, 42, 45), _mm512_set1_epi32(c));
+    return (I)_mm512_maskz_permutexvar_epi8(0x1111111111111111ull, idx, v);
+  }
+  static IMG_AVX512_INLINE void Load3(const uint8_t *q, I &b, I &g, I &r) {
+    const __m512i v = _mm512_maskz_loadu_epi8(k48Bytes, q);
+    b = Field(v, 0), g = Field(v, 1), r = Field(v, 2);
+  }
+  static IMG_AVX512_INLINE void Store3(uint8_t *q, I b, I g, I r) {
+    const __m512i bg = _mm512_or_si512(_mm512_and_si512((__m512i)b, _mm512_set1_epi32(0xFF)),
+                                       _mm512_slli_epi32((__m512i)g, 8));
+    const __m512i idx = _mm512_loadu_si512(kStore48.data());
+    _mm512_mask_storeu_epi8(q, k48Bytes, _mm512_permutex2var_epi8(bg, idx, (__m512i)r));
+  }
+};
+
+}  // namespace
+
+IMG_AVX512 int32_t HueLanesAvx512(uint8_t *row, int32_t channels, int32_t left, int32_t right, int32_t step) {
+  return RunLanes<Lanes16>(row, channels, left, right, HueLanes<Lanes16>{step});
+}
+
+IMG_AVX512 int32_t SaturationLanesAvx512(uint8_t *row, int32_t channels, int32_t left, int32_t right,
+                                         int32_t step) {
+  return RunLanes<Lanes16>(row, channels, left, right, SaturationLanes<Lanes16>{step});
+}
+
+}  // namespace img::huesat
+
+#pragma GCC diagnostic pop
