@@ -86,13 +86,14 @@ void ChangeSaturation16(int32_t &r, int32_t &g, int32_t &b, int32_t step) {
 
 namespace {
 
-using Lanes = int32_t (*)(uint8_t *row, int32_t channels, int32_t left, int32_t right, int32_t step);
+template <class T>
+using Lanes = int32_t (*)(T *row, int32_t channels, int32_t left, int32_t right, int32_t step);
 
 // The loops of the best set up to `isa` over a prefix (what AVX-512 leaves,
-// AVX2 takes where eight pixels remain), the rest one pixel at a time.
-template <class Step>
-void Row8(Isa isa, Lanes avx2, Lanes avx512, Step pixel, uint8_t *row, int32_t channels, int32_t left,
-          int32_t right, int32_t step) {
+// AVX2 takes where its groups fit), the rest one pixel at a time.
+template <class T, class Step>
+void Row(Isa isa, Lanes<T> avx2, Lanes<T> avx512, Step pixel, T *row, int32_t channels, int32_t left,
+         int32_t right, int32_t step) {
   isa = BestIsa(isa);
   if (channels == 3 || channels == 4) {
     if (isa >= Isa::Avx512) left = avx512(row, channels, left, right, step);
@@ -110,14 +111,32 @@ void HuePixel8(int32_t &r, int32_t &g, int32_t &b, int32_t step) {
   b = static_cast<int32_t>(rgb >> 16);
 }
 
+void HuePixel16(int32_t &r, int32_t &g, int32_t &b, int32_t step) {
+  const Hsv16 p = RgbToHsv16(r, g, b);
+  const int32_t hue =
+      static_cast<int32_t>((static_cast<uint32_t>(p.h) + static_cast<uint32_t>(step) * 257u) & 0xFFFFu);
+  const Rgb16 c = HsvToRgb16(hue, p.s, p.v);
+  r = c.r, g = c.g, b = c.b;
+}
+
 }  // namespace
 
 void HueRow8(Isa isa, uint8_t *row, int32_t channels, int32_t left, int32_t right, int32_t step) {
-  Row8(isa, HueLanesAvx2, HueLanesAvx512, HuePixel8, row, channels, left, right, step);
+  Row<uint8_t>(isa, HueLanesAvx2, HueLanesAvx512, HuePixel8, row, channels, left, right, step);
 }
 
 void SaturationRow8(Isa isa, uint8_t *row, int32_t channels, int32_t left, int32_t right, int32_t step) {
-  Row8(isa, SaturationLanesAvx2, SaturationLanesAvx512, ChangeSaturation8, row, channels, left, right, step);
+  Row<uint8_t>(isa, SaturationLanesAvx2, SaturationLanesAvx512, ChangeSaturation8, row, channels, left, right,
+               step);
+}
+
+void HueRow16(Isa isa, uint16_t *row, int32_t channels, int32_t left, int32_t right, int32_t step) {
+  Row<uint16_t>(isa, HueLanesAvx2, HueLanesAvx512, HuePixel16, row, channels, left, right, step);
+}
+
+void SaturationRow16(Isa isa, uint16_t *row, int32_t channels, int32_t left, int32_t right, int32_t step) {
+  Row<uint16_t>(isa, SaturationLanesAvx2, SaturationLanesAvx512, ChangeSaturation16, row, channels, left,
+                right, step);
 }
 
 namespace {
@@ -128,23 +147,23 @@ namespace {
 
 struct HueOp {
   int32_t step;
-  void Row8(Isa isa, uint8_t *row, int32_t channels, int32_t left, int32_t right) const {
+  void Rows(Isa isa, uint8_t *row, int32_t channels, int32_t left, int32_t right) const {
     HueRow8(isa, row, channels, left, right, step);
   }
-  void Pixel8(int32_t &r, int32_t &g, int32_t &b) const { HuePixel8(r, g, b, step); }
-  void Pixel16(int32_t &r, int32_t &g, int32_t &b) const {
-    const Hsv16 p = RgbToHsv16(r, g, b);
-    const int32_t hue =
-        static_cast<int32_t>((static_cast<uint32_t>(p.h) + static_cast<uint32_t>(step) * 257u) & 0xFFFFu);
-    const Rgb16 c = HsvToRgb16(hue, p.s, p.v);
-    r = c.r, g = c.g, b = c.b;
+  void Rows(Isa isa, uint16_t *row, int32_t channels, int32_t left, int32_t right) const {
+    HueRow16(isa, row, channels, left, right, step);
   }
+  void Pixel8(int32_t &r, int32_t &g, int32_t &b) const { HuePixel8(r, g, b, step); }
+  void Pixel16(int32_t &r, int32_t &g, int32_t &b) const { HuePixel16(r, g, b, step); }
 };
 
 struct SaturationOp {
   int32_t step;
-  void Row8(Isa isa, uint8_t *row, int32_t channels, int32_t left, int32_t right) const {
+  void Rows(Isa isa, uint8_t *row, int32_t channels, int32_t left, int32_t right) const {
     SaturationRow8(isa, row, channels, left, right, step);
+  }
+  void Rows(Isa isa, uint16_t *row, int32_t channels, int32_t left, int32_t right) const {
+    SaturationRow16(isa, row, channels, left, right, step);
   }
   void Pixel8(int32_t &r, int32_t &g, int32_t &b) const { ChangeSaturation8(r, g, b, step); }
   void Pixel16(int32_t &r, int32_t &g, int32_t &b) const { ChangeSaturation16(r, g, b, step); }
@@ -239,27 +258,25 @@ auto PixelKernel(const Op &op, bool threeOnly16, ColourMemo<uint8_t> *memo8, Col
   };
 }
 
-// 8-bit rows of operations with loops of their own, at a set of AVX2 or
-// above: three- and four-sample rows through the loops (no memo: computing
-// sixteen pixels is cheaper than looking them up), others one pixel at a time.
+// Rows of operations with loops of their own, at a set of AVX2 or above:
+// three- and four-sample rows through the loops (no memo: computing a group
+// of pixels costs less than looking them up), others one pixel at a time.
 template <class Op>
 auto LanesKernel(const Op &op, Isa isa) {
   return [&op, isa](auto &row) {
     using T = std::remove_reference_t<decltype(*row.samples)>;
-    if constexpr (sizeof(T) == 1) {
-      row.ForEachRun([&](int32_t start, int32_t end) {
-        if (row.channels == 3 || row.channels == 4)
-          op.Row8(isa, row.samples, row.channels, start, end);
-        else
-          RunPixels<T, Op, false>(row.samples, row.channels, false, start, end, op, nullptr);
-      });
-    }
+    row.ForEachRun([&](int32_t start, int32_t end) {
+      if (row.channels == 3 || row.channels == 4)
+        op.Rows(isa, row.samples, row.channels, start, end);
+      else
+        RunPixels<T, Op, sizeof(T) == 2>(row.samples, row.channels, false, start, end, op, nullptr);
+    });
   };
 }
 
 template <class Op>
-concept HasLanes8 = requires(const Op &op, uint8_t *row) {
-  op.Row8(Isa::Scalar, row, 3, 0, 0);
+concept HasLanes = requires(const Op &op, uint8_t *row) {
+  op.Rows(Isa::Scalar, row, 3, 0, 0);
 };
 
 // Palette bitmaps (without PALETTE_FLAG_NONE) change every entry through the
@@ -276,14 +293,14 @@ int32_t Dispatch(BitmapRecord *bitmap, const Op &op, bool threeOnly16, Check16 c
     const auto kernel = PixelKernel(op, threeOnly16, nullptr, nullptr);
     return Bracketed(kFullProgress, [&] { return RunPaletteRow(bitmap, kernel); });
   }
+  if constexpr (HasLanes<Op>) {
+    if (const Isa isa = BestIsa(); isa >= Isa::Avx2) return pass.RunRows(LanesKernel(op, isa));
+  }
   if (pass.wide()) {
     if (const int32_t status = check16()) return status;
     ColourMemo<uint16_t> memo(__LINE__, kSourceFile);
     if (!memo) return RC_NO_MEMORY;
     return pass.RunRows(PixelKernel(op, threeOnly16, nullptr, &memo));
-  }
-  if constexpr (HasLanes8<Op>) {
-    if (const Isa isa = BestIsa(); isa >= Isa::Avx2) return pass.RunRows(LanesKernel(op, isa));
   }
   ColourMemo<uint8_t> memo(__LINE__, kSourceFile);
   if (!memo) return RC_NO_MEMORY;

@@ -47,6 +47,9 @@ void ChangeSaturation16(int32_t &r, int32_t &g, int32_t &b, int32_t step);
 // best set up to `isa`. Isa::Scalar is the reference: one pixel at a time.
 void HueRow8(Isa isa, uint8_t *row, int32_t channels, int32_t left, int32_t right, int32_t step);
 void SaturationRow8(Isa isa, uint8_t *row, int32_t channels, int32_t left, int32_t right, int32_t step);
+// The same on 16-bit rows (the 16-bit steps; `step` is still in 8-bit hue steps).
+void HueRow16(Isa isa, uint16_t *row, int32_t channels, int32_t left, int32_t right, int32_t step);
+void SaturationRow16(Isa isa, uint16_t *row, int32_t channels, int32_t left, int32_t right, int32_t step);
 
 // The loops of one set (HUESAT_avx2.cpp, HUESAT_avx512.cpp): they change a
 // prefix of [left, right) of a 3- or 4-sample row and return where they
@@ -55,5 +58,9 @@ int32_t HueLanesAvx2(uint8_t *row, int32_t channels, int32_t left, int32_t right
 int32_t HueLanesAvx512(uint8_t *row, int32_t channels, int32_t left, int32_t right, int32_t step);
 int32_t SaturationLanesAvx2(uint8_t *row, int32_t channels, int32_t left, int32_t right, int32_t step);
 int32_t SaturationLanesAvx512(uint8_t *row, int32_t channels, int32_t left, int32_t right, int32_t step);
+int32_t HueLanesAvx2(uint16_t *row, int32_t channels, int32_t left, int32_t right, int32_t step);
+int32_t HueLanesAvx512(uint16_t *row, int32_t channels, int32_t left, int32_t right, int32_t step);
+int32_t SaturationLanesAvx2(uint16_t *row, int32_t channels, int32_t left, int32_t right, int32_t step);
+int32_t SaturationLanesAvx512(uint16_t *row, int32_t channels, int32_t left, int32_t right, int32_t step);
 
 }  // namespace img::huesat

@@ -56,6 +56,17 @@ struct Lanes8 {
     _mm_storel_epi64(reinterpret_cast<__m128i *>(q + 12), hi);
     std::memcpy(q + 20, &hi2, 4);
   }
+  // 16-bit samples, one by one.
+  static IMG_AVX2_INLINE void Load16(const uint16_t *p, int32_t channels, I &b, I &g, I &r) {
+    for (int32_t k = 0; k < kLanes; ++k)
+      b[k] = p[k * channels], g[k] = p[k * channels + 1], r[k] = p[k * channels + 2];
+  }
+  static IMG_AVX2_INLINE void Store16(uint16_t *p, int32_t channels, I b, I g, I r) {
+    for (int32_t k = 0; k < kLanes; ++k) {
+      p[k * channels] = static_cast<uint16_t>(b[k]), p[k * channels + 1] = static_cast<uint16_t>(g[k]);
+      p[k * channels + 2] = static_cast<uint16_t>(r[k]);
+    }
+  }
 };
 
 }  // namespace
@@ -67,6 +78,15 @@ IMG_AVX2 int32_t HueLanesAvx2(uint8_t *row, int32_t channels, int32_t left, int3
 IMG_AVX2 int32_t SaturationLanesAvx2(uint8_t *row, int32_t channels, int32_t left, int32_t right,
                                      int32_t step) {
   return RunLanes<Lanes8>(row, channels, left, right, SaturationLanes<Lanes8>{step});
+}
+
+IMG_AVX2 int32_t HueLanesAvx2(uint16_t *row, int32_t channels, int32_t left, int32_t right, int32_t step) {
+  return RunLanes16<Lanes8>(row, channels, left, right, HueLanes16<Lanes8>{step});
+}
+
+IMG_AVX2 int32_t SaturationLanesAvx2(uint16_t *row, int32_t channels, int32_t left, int32_t right,
+                                     int32_t step) {
+  return RunLanes16<Lanes8>(row, channels, left, right, SaturationLanes16<Lanes8>{step});
 }
 
 }  // namespace img::huesat

@@ -28,6 +28,30 @@ namespace {
 
 constexpr __mmask64 k48Bytes = 0xFFFFFFFFFFFFull;
 
+// 16-bit rows, sixteen pixels of 3 or 4 samples as two halves of eight (48
+// or 64 bytes each). Loading: lane k takes word `channels k + c` of the
+// pair of halves (the second half's words from 32 on); the odd words are
+// zeroed.
+template <int32_t kChannels, int32_t kSample>
+constexpr std::array<uint16_t, 32> kLoadWords = [] {
+  std::array<uint16_t, 32> m{};
+  for (int32_t k = 0; k < 16; ++k)
+    m[2 * k] = static_cast<uint16_t>((k < 8 ? 0 : 32) + kChannels * (k % 8) + kSample);
+  return m;
+}();
+// Storing half h: word j is sample j % channels of pixel 8 h + j / channels,
+// from word 0 (blue) or 1 (green) of its lane of blue | green << 16, or word
+// 0 of its lane of red (the second table).
+template <int32_t kChannels, int32_t kHalf>
+constexpr std::array<uint16_t, 32> kStoreWords = [] {
+  std::array<uint16_t, 32> m{};
+  for (int32_t j = 0; j < 32; ++j) {
+    const int32_t k = 8 * kHalf + j / kChannels, c = j % kChannels;
+    m[j] = static_cast<uint16_t>(c == 2 ? 32 + 2 * k : 2 * k + c);
+  }
+  return m;
+}();
+
 // Byte j of the 48 written: sample j % 3 of pixel j / 3, from byte 0 or 1 of
 // lane j / 3 of the first table (blue, green) or byte 0 of the second (red).
 constexpr std::array<uint8_t, 64> kStore48 = [] {
@@ -59,8 +83,45 @@ struct Lanes16 {
     const __m512i idx = _mm512_loadu_si512(kStore48.data());
     _mm512_mask_storeu_epi8(q, k48Bytes, _mm512_permutex2var_epi8(bg, idx, (__m512i)r));
   }
+
+  static IMG_AVX512_INLINE I Words16(__m512i lo, __m512i hi, const std::array<uint16_t, 32> &idx) {
+    return (I)_mm512_maskz_permutex2var_epi16(0x55555555u, lo, _mm512_loadu_si512(idx.data()), hi);
+  }
+  template <int32_t kChannels>
+  static IMG_AVX512_INLINE void Load16(const uint16_t *p, I &b, I &g, I &r) {
+    constexpr __mmask32 kWords = kChannels == 3 ? 0xFFFFFFu : 0xFFFFFFFFu;
+    const __m512i lo = _mm512_maskz_loadu_epi16(kWords, p),
+                  hi = _mm512_maskz_loadu_epi16(kWords, p + 8 * kChannels);
+    b = Words16(lo, hi, kLoadWords<kChannels, 0>), g = Words16(lo, hi, kLoadWords<kChannels, 1>),
+    r = Words16(lo, hi, kLoadWords<kChannels, 2>);
+  }
+  template <int32_t kChannels>
+  static IMG_AVX512_INLINE void Store16(uint16_t *p, I b, I g, I r) {
+    constexpr __mmask32 kWords = kChannels == 3 ? 0xFFFFFFu : 0x77777777u;
+    const __m512i bg = _mm512_or_si512(_mm512_and_si512((__m512i)b, _mm512_set1_epi32(0xFFFF)),
+                                       _mm512_slli_epi32((__m512i)g, 16));
+    _mm512_mask_storeu_epi16(
+        p, kWords,
+        _mm512_permutex2var_epi16(bg, _mm512_loadu_si512(kStoreWords<kChannels, 0>.data()), (__m512i)r));
+    _mm512_mask_storeu_epi16(
+        p + 8 * kChannels, kWords,
+        _mm512_permutex2var_epi16(bg, _mm512_loadu_si512(kStoreWords<kChannels, 1>.data()), (__m512i)r));
+  }
+  static IMG_AVX512_INLINE void Load16(const uint16_t *p, int32_t channels, I &b, I &g, I &r) {
+    if (channels == 3)
+      Load16<3>(p, b, g, r);
+    else
+      Load16<4>(p, b, g, r);
+  }
+  static IMG_AVX512_INLINE void Store16(uint16_t *p, int32_t channels, I b, I g, I r) {
+    if (channels == 3)
+      Store16<3>(p, b, g, r);
+    else
+      Store16<4>(p, b, g, r);
+  }
 };
 
+// Double lanes for 16-bit samples, with 32-bit integer lanes of the same count.
 }  // namespace
 
 IMG_AVX512 int32_t HueLanesAvx512(uint8_t *row, int32_t channels, int32_t left, int32_t right, int32_t step) {
@@ -70,6 +131,16 @@ IMG_AVX512 int32_t HueLanesAvx512(uint8_t *row, int32_t channels, int32_t left, 
 IMG_AVX512 int32_t SaturationLanesAvx512(uint8_t *row, int32_t channels, int32_t left, int32_t right,
                                          int32_t step) {
   return RunLanes<Lanes16>(row, channels, left, right, SaturationLanes<Lanes16>{step});
+}
+
+IMG_AVX512 int32_t HueLanesAvx512(uint16_t *row, int32_t channels, int32_t left, int32_t right,
+                                  int32_t step) {
+  return RunLanes16<Lanes16>(row, channels, left, right, HueLanes16<Lanes16>{step});
+}
+
+IMG_AVX512 int32_t SaturationLanesAvx512(uint16_t *row, int32_t channels, int32_t left, int32_t right,
+                                         int32_t step) {
+  return RunLanes16<Lanes16>(row, channels, left, right, SaturationLanes16<Lanes16>{step});
 }
 
 }  // namespace img::huesat

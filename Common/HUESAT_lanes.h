@@ -196,6 +196,169 @@ IMG_HS_INLINE int32_t RunLanes(uint8_t *row, int32_t channels, int32_t left, int
   return x;
 }
 
+// ---- 16-bit samples: the same steps in 32-bit lanes -------------------------------------------
+//
+// The 16-bit steps divide numerators up to 2^36 (the hue) or 2^32; the
+// quotients stay below 2^17. Two exact forms replace those divisions:
+// - DivFix: a single-precision estimate of the quotient (relative error
+//   below 2^-21, so at most one off) and the remainder n - q d, computed in
+//   32 bits with wrap-around: the true remainder lies within (-d, 2d), far
+//   inside 32 bits, so the wrapped one is it, and one step either way puts q
+//   right. The numerator is needed only modulo 2^32 (and roughly, as a float).
+// - Div65535 for 0 <= x < 2^32: x = 65535 q0 + r0 with q0 = x >> 16,
+//   r0 = (x & 65535) + q0 <= 131070, so the quotient is q0 plus 0, 1 or 2
+//   (checked against integer division for every x below 2^32).
+// The scalar 16-bit steps compute their hues in doubles; where that is
+// replaced by integers, the note at the place says why the bits agree.
+
+template <class V>
+IMG_HS_INLINE typename V::I DivFix(typename V::U n, typename V::F estimate, typename V::I d) {
+  using I = typename V::I;
+  using U = typename V::U;
+  using F = typename V::F;
+  I q = __builtin_convertvector(estimate / __builtin_convertvector(d, F), I);
+  I rem = (I)(n - (U)q * (U)d);
+  q = rem < 0 ? q - 1 : q;
+  rem = rem < 0 ? rem + d : rem;
+  return rem >= d ? q + 1 : q;
+}
+template <class V>
+IMG_HS_INLINE typename V::I Div65535(typename V::U x) {
+  using I = typename V::I;
+  const I q0 = (I)(x >> 16), r0 = (I)(x & 0xFFFFu) + q0;
+  return q0 - (r0 >= 65535) - (r0 >= 131070);
+}
+template <class V>
+IMG_HS_INLINE typename V::F ToF(typename V::I x) {
+  return __builtin_convertvector(x, typename V::F);
+}
+
+// RgbToHsv16, the hue turned by step * 257 (in 16 bits), HsvToRgb16
+// (HueOp::Pixel16).
+template <class V>
+struct HueLanes16 {
+  int32_t step;
+  IMG_HS_INLINE void operator()(typename V::I &r, typename V::I &g, typename V::I &b) const {
+    using I = typename V::I;
+    using U = typename V::U;
+    const I mx = Max<V>(Max<V>(r, g), b), mn = Min<V>(Min<V>(r, g), b);
+    const I bMin = b == mn, rMin = r == mn, gray = mx == mn;
+    const I num = bMin ? g - mn : (rMin ? b - mn : r - mn);
+    const I den = bMin ? r + g - 2 * mn : (rMin ? b + g - 2 * mn : r + b - 2 * mn);
+    // The scalar hue, in doubles, is ((num 7895040 / den + 7895040 sector)
+    // + 46260) / 360 truncated, that is (num 65792 / (3 den) + 65792 sector
+    // / 3 + 257 / 2) = N / (6 den) with N = 131584 num + (131584 sector +
+    // 771) den. N / (6 den) is an integer (every double step then exact) or
+    // at least 1 / (6 den) >= 1.2e-6 from one, against rounding errors below
+    // 1e-10: the truncation is floor(N / (6 den)). With 131584 sector + 771
+    // = 6 c1 + c0 that is c1 + floor((131584 num + c0 den) / (6 den)).
+    const I c1 = bMin ? Splat<V>(128) : (rMin ? Splat<V>(22059) : Splat<V>(43989));
+    const I c0 = bMin ? Splat<V>(3) : (rMin ? Splat<V>(1) : Splat<V>(5));
+    const I part = c0 * den;
+    const I q = DivFix<V>((U)num * 131584u + (U)part, ToF<V>(num) * 131584.0f + ToF<V>(part),
+                          gray ? Splat<V>(6) : 6 * den);
+    I hq = Min<V>(c1 + q, Splat<V>(65535));
+    hq = gray ? Splat<V>(0) : hq;
+    const I spread = mx - mn;
+    const I s = DivFix<V>((U)spread * 65535u, ToF<V>(spread) * 65535.0f, gray ? Splat<V>(1) : mx);
+    // The turned hue in 16 bits, then 360 x 257 a circle.
+    const I deg = (I)((((U)hq + static_cast<uint32_t>(step) * 257u) & 0xFFFFu) * 360u >> 8);
+    const I v = mx;
+    // A gray pixel (s = 0) has low = v and d = 0: every channel is v.
+    const I low = Div65535<V>((U)(65535 - s) * (U)v);
+    const I d = v - low;
+    const I in0 = deg <= 15420, in1 = deg <= 30840, in2 = deg <= 46260, in3 = deg <= 61680,
+            in4 = deg <= 77100;
+    const I c2 = Splat<V>(30840), c4 = Splat<V>(61680), c6 = Splat<V>(92520);
+    const I share = in0 ? deg : in1 ? c2 - deg : in2 ? deg - c2 : in3 ? c4 - deg : in4 ? deg - c4 : c6 - deg;
+    const I rest = in0 ? c2 - deg : in1 ? deg : in2 ? c4 - deg : in3 ? deg - c2 : in4 ? c6 - deg : deg - c4;
+    // share d <= 30840 x 65535 < 2^31; rest >= 15420.
+    const I sd = share * d;
+    const I mid = DivFix<V>((U)sd, ToF<V>(sd), rest) + low;
+    r = in0 ? v : in1 ? mid : in3 ? low : in4 ? mid : v;
+    g = in0 ? mid : in2 ? v : in3 ? mid : low;
+    b = in1 ? low : in2 ? mid : in4 ? v : mid;
+  }
+};
+
+// One channel of the 65535-step hexcone (wrapped by 65535), capped at 65535.
+// The ramps' span t 6 stays below 2^32 (span <= 65534, t <= 10923).
+template <class V>
+IMG_HS_INLINE typename V::I Channel16(typename V::I hh, typename V::I m1, typename V::I m2,
+                                      typename V::I span) {
+  using I = typename V::I;
+  using U = typename V::U;
+  hh = hh >= 65536 ? hh - 65535 : (hh < 0 ? hh + 65535 : hh);
+  const I rising = hh <= 10921, top = hh <= 32766, falling = hh <= 43689;
+  const I t = rising ? hh : 43690 - hh;
+  const I ramp = m1 + Div65535<V>((U)span * (U)t * 6u);
+  const I value = rising ? ramp : top ? m2 : falling ? ramp : m1;
+  return Min<V>(value, Splat<V>(65535));
+}
+
+// ChangeSaturation16 (SaturationOp::Pixel16).
+template <class V>
+struct SaturationLanes16 {
+  int32_t step;
+  IMG_HS_INLINE void operator()(typename V::I &r, typename V::I &g, typename V::I &b) const {
+    using I = typename V::I;
+    using U = typename V::U;
+    const I mx = Max<V>(Max<V>(r, g), b), mn = Min<V>(Min<V>(r, g), b);
+    const I sum = mx + mn, l = sum >> 1, spread = mx - mn;
+    const I gray = mx == mn, lowSide = l <= 32767;
+    // Gray: s = 0 (0 over a divisor of 1), hence hue 0. spread <= den.
+    const I den = gray ? Splat<V>(1) : (lowSide ? sum : 131070 - sum);
+    const I s = DivFix<V>((U)spread * 65535u, ToF<V>(spread) * 65535.0f, den);
+    // The scalar hue, in doubles, is a + sector truncated, a = diff 65535 /
+    // (6 spread), |a| <= 10923: an integer (the double steps exact) or at
+    // least 1 / (6 spread) from one, against rounding errors below 1e-11. So
+    // it is trunc(a) in the first sector and sector + floor(a) in the others
+    // (a + sector > 0 there), from the quotient and remainder of |diff|.
+    const I rMax = r == mx, gMax = g == mx;
+    const I diff = rMax ? g - b : (gMax ? b - r : r - g);
+    const I sector = rMax ? Splat<V>(0) : (gMax ? Splat<V>(21845) : Splat<V>(43690));
+    const I six = gray ? Splat<V>(6) : 6 * spread;
+    const I neg = diff < 0, mag = neg ? -diff : diff;
+    const U n = (U)mag * 65535u;
+    const I qa = DivFix<V>(n, ToF<V>(mag) * 65535.0f, six);
+    const I inexact = (I)(n - (U)qa * (U)six) != 0;
+    const I truncated = neg ? -qa : qa, floored = neg ? inexact - qa : qa;  // inexact is -1 or 0
+    I h = sector == 0 ? truncated : sector + floored;
+    h = h < 0 ? h + 65535 : h;
+    h = s == 0 ? Splat<V>(0) : h;
+    I s2 = s + ((s * step) >> 8);
+    s2 = Min<V>(Max<V>(s2, Splat<V>(0)), Splat<V>(65535));
+    // m2 = (s2 + 65535) l / 65535 up to l 32767, else s2 + l - l s2 / 65535
+    // (both products below 2^32); capped; m1 = 2 l - m2. s2 = 0 gives
+    // m2 = m1 = l: every channel l, as the scalar early return.
+    const I q = Div65535<V>(lowSide ? (U)(s2 + 65535) * (U)l : (U)l * (U)s2);
+    const I m2 = Min<V>(lowSide ? q : s2 + l - q, Splat<V>(65535));
+    const I m1 = 2 * l - m2, span = m2 - m1;
+    r = Channel16<V>(h + 21845, m1, m2, span);
+    g = Channel16<V>(h, m1, m2, span);
+    b = Channel16<V>(h - 21845, m1, m2, span);
+  }
+};
+
+// Whole groups of V::kLanes pixels of a 16-bit row of three or four samples
+// from `left` (V::Load16 and V::Store16 move the samples, a fourth kept);
+// returns the first pixel left over.
+template <class V, class Kernel>
+IMG_HS_INLINE int32_t RunLanes16(uint16_t *row, int32_t channels, int32_t left, int32_t right,
+                                 const Kernel &kernel) {
+  using I = typename V::I;
+  int32_t x = left;
+  if (channels != 3 && channels != 4) return x;
+  for (; x + V::kLanes <= right; x += V::kLanes) {
+    uint16_t *p = row + static_cast<std::ptrdiff_t>(x) * channels;
+    I b, g, r;
+    V::Load16(p, channels, b, g, r);
+    kernel(r, g, b);
+    V::Store16(p, channels, b, g, r);
+  }
+  return x;
+}
+
 #undef IMG_HS_INLINE
 
 }  // namespace
