@@ -210,6 +210,26 @@ void ChangePixel(T *rgb, const HueChange *table) {
   for (int32_t k = 0; k < 3; ++k) rgb[k] = static_cast<T>(Clamp(rgb[k] + e.intensity, 0, kMax));
 }
 
+// 8-bit rows at a set of AVX2 or above, with a table that fits the loops:
+// three- and four-sample rows through the loops (no memo), others one pixel
+// at a time.
+int32_t ChangeRowsInLanes(RowPass &pass, const HueChange *table, const LaneTable &lanes, Isa isa) {
+  return pass.RunRows([&](auto &row) {
+    if constexpr (sizeof(*row.samples) == 1) {
+      row.ForEachRun([&](int32_t left, int32_t right) {
+        if (row.channels == 3 || row.channels == 4)
+          ChangeRow8(isa, row.samples, row.channels, left, right, table, lanes);
+        else
+          ForEachColour(row.samples, row.channels, left, right, [&](int32_t &r, int32_t &g, int32_t &b) {
+            uint8_t rgb[3] = {static_cast<uint8_t>(b), static_cast<uint8_t>(g), static_cast<uint8_t>(r)};
+            ChangePixel(rgb, table);
+            b = rgb[0], g = rgb[1], r = rgb[2];
+          });
+      });
+    }
+  });
+}
+
 // The rows pixel by pixel through the call's colour memo: a pixel's result
 // depends on its colour alone.
 template <class T>
@@ -243,8 +263,15 @@ int32_t Worker(BitmapRecord *bitmap, int32_t hue, int32_t saturation, int32_t in
       RowSetup{.progress = progress, .palette = PaletteRule::Entries, .noRowBuffer = NoRowBuffer::Succeeds});
   if (pass.status() != RC_SUCCESS) return pass.status();
   BuildHueTable(table.get(), hue, saturation, intensity, ranges, count, pass.OnPalette() ? 8 : pass.bits());
-  if (!pass.OnPalette())
-    return pass.wide() ? ChangeRows<uint16_t>(pass, table.get()) : ChangeRows<uint8_t>(pass, table.get());
+  if (!pass.OnPalette()) {
+    if (pass.wide()) return ChangeRows<uint16_t>(pass, table.get());
+    if (const Isa isa = BestIsa(); isa >= Isa::Avx2) {
+      LaneTable lanes;
+      PackHueTable(table.get(), lanes);
+      if (lanes.fits) return ChangeRowsInLanes(pass, table.get(), lanes, isa);
+    }
+    return ChangeRows<uint8_t>(pass, table.get());
+  }
   IMG_BUFFER(int32_t, index, static_cast<std::size_t>(bitmap->Width > 256 ? bitmap->Width : 256));
   if (!index) return RC_NO_MEMORY;
   ColourSpacePass space(pass, {COLORSPACE_HSV, COLORSPACE_HLS});
@@ -253,6 +280,29 @@ int32_t Worker(BitmapRecord *bitmap, int32_t hue, int32_t saturation, int32_t in
 }
 
 }  // namespace
+
+void PackHueTable(const HueChange *table, LaneTable &lanes) {
+  lanes.fits = true;
+  for (int32_t h = 0; h < kHueEntries; ++h) {
+    const HueChange &e = table[h];
+    lanes.fits = lanes.fits && e.hue >= -360 && e.hue <= 360 && e.saturation >= -2047 &&
+                 e.saturation <= 2047 && e.intensity >= -511 && e.intensity <= 511;
+    lanes.packed[h] = ((static_cast<uint32_t>(e.hue) + 360u) & 0x3FFu) |
+                      (static_cast<uint32_t>(e.saturation) & 0xFFFu) << 10 |
+                      static_cast<uint32_t>(e.intensity) << 22;
+  }
+}
+
+void ChangeRow8(Isa isa, uint8_t *row, int32_t channels, int32_t left, int32_t right, const HueChange *table,
+                const LaneTable &lanes) {
+  isa = BestIsa(isa);
+  if ((channels == 3 || channels == 4) && lanes.fits) {
+    if (isa >= Isa::Avx512) left = HsiLanesAvx512(row, channels, left, right, lanes.packed);
+    if (isa >= Isa::Avx2) left = HsiLanesAvx2(row, channels, left, right, lanes.packed);
+  }
+  for (uint8_t *p = row + static_cast<std::ptrdiff_t>(left) * channels; left < right; ++left, p += channels)
+    ChangePixel(p, table);
+}
 
 }  // namespace img::hsi
 

@@ -6,6 +6,7 @@
 // the file is compiled for the baseline.
 #include <immintrin.h>
 
+#include "HSI.h"
 #include "HUESAT.h"
 
 #define IMG_HUESAT_TARGET "avx2"
@@ -56,6 +57,10 @@ struct Lanes8 {
     _mm_storel_epi64(reinterpret_cast<__m128i *>(q + 12), hi);
     std::memcpy(q + 20, &hi2, 4);
   }
+  // 32-bit values at base + 4 idx.
+  static IMG_AVX2_INLINE I Gather(const void *base, I idx) {
+    return (I)_mm256_i32gather_epi32(static_cast<const int *>(base), (__m256i)idx, 4);
+  }
   // 16-bit samples, one by one.
   static IMG_AVX2_INLINE void Load16(const uint16_t *p, int32_t channels, I &b, I &g, I &r) {
     for (int32_t k = 0; k < kLanes; ++k)
@@ -90,3 +95,9 @@ IMG_AVX2 int32_t SaturationLanesAvx2(uint16_t *row, int32_t channels, int32_t le
 }
 
 }  // namespace img::huesat
+
+IMG_AVX2 int32_t img::hsi::HsiLanesAvx2(uint8_t *row, int32_t channels, int32_t left, int32_t right,
+                                        const uint32_t *packed) {
+  return huesat::RunLanes<huesat::Lanes8>(row, channels, left, right,
+                                          huesat::HsiLanes<huesat::Lanes8>{packed});
+}

@@ -9,6 +9,7 @@
 
 #include <array>
 
+#include "HSI.h"
 #include "HUESAT.h"
 
 // GCC 12 reports the undefined pass-through operands inside its own AVX-512
@@ -84,6 +85,10 @@ struct Lanes16 {
     _mm512_mask_storeu_epi8(q, k48Bytes, _mm512_permutex2var_epi8(bg, idx, (__m512i)r));
   }
 
+  // 32-bit values at base + 4 idx.
+  static IMG_AVX512_INLINE I Gather(const void *base, I idx) {
+    return (I)_mm512_i32gather_epi32((__m512i)idx, base, 4);
+  }
   static IMG_AVX512_INLINE I Words16(__m512i lo, __m512i hi, const std::array<uint16_t, 32> &idx) {
     return (I)_mm512_maskz_permutex2var_epi16(0x55555555u, lo, _mm512_loadu_si512(idx.data()), hi);
   }
@@ -144,5 +149,11 @@ IMG_AVX512 int32_t SaturationLanesAvx512(uint16_t *row, int32_t channels, int32_
 }
 
 }  // namespace img::huesat
+
+IMG_AVX512 int32_t img::hsi::HsiLanesAvx512(uint8_t *row, int32_t channels, int32_t left, int32_t right,
+                                            const uint32_t *packed) {
+  return huesat::RunLanes<huesat::Lanes16>(row, channels, left, right,
+                                           huesat::HsiLanes<huesat::Lanes16>{packed});
+}
 
 #pragma GCC diagnostic pop

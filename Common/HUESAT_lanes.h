@@ -17,7 +17,8 @@
 //   integer quotient (toward zero, as C++ divides). The numerators here stay
 //   below 92160 in magnitude.
 // - divisions by 255 of 0 <= x <= 66298 are (x 32897) >> 23 in unsigned
-//   lanes, and divisions by 360 of 0 <= x <= 599391 are ((x >> 3) 23302) >> 20
+//   lanes, by 100 of 0 <= x <= 43698 are (x 5243) >> 19, and by 360 of
+//   0 <= x <= 599391 are ((x >> 3) 23302) >> 20
 //   (both compared with integer division over their whole range; the bounds
 //   of each use are noted where it is made);
 // - the sectors are compares and selects; the gray cases need no select of
@@ -60,6 +61,11 @@ template <class V>
 IMG_HS_INLINE typename V::I Div255(typename V::I x) {
   using U = typename V::U;
   return (typename V::I)(((U)x * 32897u) >> 23);
+}
+// x / 100 for 0 <= x <= 43698.
+template <class V>
+IMG_HS_INLINE typename V::I Div100(typename V::I x) {
+  return (x * 5243) >> 19;
 }
 // x / 360 for 0 <= x <= 599391.
 template <class V>
@@ -132,6 +138,21 @@ IMG_HS_INLINE typename V::I Channel(typename V::I hh, typename V::I m1, typename
   return Min<V>(value, Splat<V>(255));
 }
 
+// One channel of the 360-degree hexcone of the colour-space conversions
+// (wrapped: above 360 loses 360, negative gains 360), clamped to 0..255. The
+// ramps' span t 6 stays below 185000 (span <= 512, t <= 60).
+template <class V>
+IMG_HS_INLINE typename V::I HlsChannel(typename V::I hh, typename V::I m1, typename V::I m2,
+                                       typename V::I span) {
+  using I = typename V::I;
+  hh = hh >= 361 ? hh - 360 : (hh < 0 ? hh + 360 : hh);
+  const I rising = hh <= 60, top = hh <= 180, falling = hh <= 240;
+  const I t = rising ? hh : 240 - hh;
+  const I ramp = m1 + Div360<V>(span * t * 6);
+  const I value = rising ? ramp : top ? m2 : falling ? ramp : m1;
+  return Min<V>(Max<V>(value, Splat<V>(0)), Splat<V>(255));
+}
+
 // ChangeSaturation8: the hexcone of 255 steps (SaturationOp::Pixel8).
 template <class V>
 struct SaturationLanes {
@@ -163,6 +184,78 @@ struct SaturationLanes {
     r = Channel<V>(h + 85, m1, m2, span);
     g = Channel<V>(h, m1, m2, span);
     b = Channel<V>(h - 85, m1, m2, span);
+  }
+};
+
+// ---- Hue bands (Q_ChangeHueSatIntBitmap), 8-bit samples -----------------------------------
+//
+// The steps of ChangePixel (HSI.cpp) through the colour-space models on one
+// pixel: HSV in degrees and percent, the table entry of the hue, the hue
+// turned, back to RGB (clamped), HLS in degrees and percent, the saturation
+// changed, back (clamped), the intensity added (clamped). The entries come
+// packed in one word each (hsi::PackHueTable: hue change + 360 in bits
+// 0-9, saturation change in 10-21, intensity in 22-31, both signed), which
+// holds only tables in the range the lanes assume: hue changes within +-360
+// degrees, so that the scalar n % 360 of h + change (plus 360 when negative)
+// is one subtraction, and |saturation change| < 2048, so that s change stays
+// far inside single precision.
+template <class V>
+struct HsiLanes {
+  const uint32_t *packed;  // 361 words
+  IMG_HS_INLINE void operator()(typename V::I &r, typename V::I &g, typename V::I &b) const {
+    using I = typename V::I;
+    const I zero = Splat<V>(0), one = Splat<V>(1), c255 = Splat<V>(255);
+    // HSV: hue num 120 / den + 120 sector (num 120 <= 30600), saturation
+    // (max - min) 100 / max; gray 0 and 0.
+    I mx = Max<V>(Max<V>(r, g), b), mn = Min<V>(Min<V>(r, g), b);
+    I gray = mx == mn;
+    const I bMin = b == mn, rMin = r == mn;
+    const I num = bMin ? g - mn : (rMin ? b - mn : r - mn);
+    const I den = bMin ? r + g - 2 * mn : (rMin ? b + g - 2 * mn : r + b - 2 * mn);
+    const I sector = bMin ? zero : (rMin ? Splat<V>(120) : Splat<V>(240));
+    const I h = gray ? zero : DivF<V>(num * 120, gray ? one : den) + sector;
+    const I s = DivF<V>((mx - mn) * 100, gray ? one : mx);
+    const I v = mx;
+    const I entry = V::Gather(packed, h);
+    const I turn = (entry & 0x3FF) - 360, change = (entry << 10) >> 20, add = entry >> 22;
+    I n = h + turn;
+    n = n < 0 ? n + 360 : n;
+    n = n >= 360 ? n - 360 : n;
+    // HSV back, 60 a sixth: low = (100 - s) v / 100 (s = 0: low = v, d = 0,
+    // every channel v), the middle channel share d / rest + low, rest >= 60.
+    const I low = Div100<V>((100 - s) * v);  // at most 25500
+    const I d = v - low;
+    const I in0 = n <= 60, in1 = n <= 120, in2 = n <= 180, in3 = n <= 240, in4 = n <= 300;
+    const I c120 = Splat<V>(120), c240 = Splat<V>(240), c360 = Splat<V>(360);
+    const I share = in0 ? n : in1 ? c120 - n : in2 ? n - 120 : in3 ? c240 - n : in4 ? n - 240 : c360 - n;
+    const I rest = in0 ? c120 - n : in1 ? n : in2 ? c240 - n : in3 ? n - 120 : in4 ? c360 - n : n - 240;
+    const I mid = DivF<V>(share * d, rest) + low;
+    r = Min<V>(Max<V>(in0 ? v : in1 ? mid : in3 ? low : in4 ? mid : v, zero), c255);
+    g = Min<V>(Max<V>(in0 ? mid : in2 ? v : in3 ? mid : low, zero), c255);
+    b = Min<V>(Max<V>(in1 ? low : in2 ? mid : in4 ? v : mid, zero), c255);
+    // HLS: l = (max + min) / 2; s = (max - min) 100 over max + min up to
+    // l 128, else over 510 - max - min; the hexcone hue diff 360 / (6 (max -
+    // min)) (toward zero, |diff 360| <= 91800) + 120 sector, negative + 360.
+    mx = Max<V>(Max<V>(r, g), b), mn = Min<V>(Min<V>(r, g), b);
+    gray = mx == mn;
+    const I sum = mx + mn, l = sum >> 1, spread = mx - mn, lowSide = l <= 128;
+    const I sl = DivF<V>(spread * 100, gray ? one : (lowSide ? sum : 510 - sum));
+    const I rMax = r == mx, gMax = g == mx;
+    const I diff = rMax ? g - b : (gMax ? b - r : r - g);
+    const I hs = rMax ? zero : (gMax ? c120 : c240);
+    I hh = DivF<V>(diff * 360, gray ? Splat<V>(6) : 6 * spread) + hs;
+    hh = hh < 0 ? hh + 360 : hh;
+    hh = sl == 0 ? zero : hh;
+    // s + s change / 100 toward zero (|s change| < 2^18), held to 0..100.
+    const I ns = Min<V>(Max<V>(sl + DivF<V>(sl * change, Splat<V>(100)), zero), Splat<V>(100));
+    // HLS back: m2 = (ns + 100) l / 100 up to l 128, else ns 255 / 100 + l -
+    // l ns / 100 (not capped; every product at most 25600); m1 = 2 l - m2;
+    // ns = 0 gives l everywhere.
+    const I m2 = lowSide ? Div100<V>((ns + 100) * l) : Div100<V>(ns * 255) + l - Div100<V>(l * ns);
+    const I m1 = 2 * l - m2, span = m2 - m1;
+    r = Min<V>(Max<V>(HlsChannel<V>(hh + 120, m1, m2, span) + add, zero), c255);
+    g = Min<V>(Max<V>(HlsChannel<V>(hh, m1, m2, span) + add, zero), c255);
+    b = Min<V>(Max<V>(HlsChannel<V>(hh - 120, m1, m2, span) + add, zero), c255);
   }
 };
 

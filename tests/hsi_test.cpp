@@ -2,6 +2,7 @@
 #include "HSI.h"
 
 #include <memory>
+#include <random>
 #include <tuple>
 
 #include "kit.h"
@@ -21,6 +22,121 @@ HueSatIntRange Band(int32_t os, int32_t oe, int32_t is, int32_t ie, int32_t hue 
 int32_t Call(BitmapRecord *b, int32_t hue, int32_t sat, int32_t in,
              const std::vector<HueSatIntRange> &r = {Band(0, 0, 0, 0)}) {
   return Q_ChangeHueSatIntBitmap(b, hue, sat, in, r.data(), static_cast<uint32_t>(r.size()), 0);
+}
+
+// ---- The loops of each instruction set against the scalar pixel ------------------------------
+
+using Table = std::vector<HueChange>;
+
+// Tables from records (overall changes with a band, as the benchmark; all
+// negative) and one at the edges of what the loops take: hue changes over
+// -360..360, saturation changes over -2047..2047, intensities over -511..511.
+std::vector<Table> LaneTables() {
+  std::vector<Table> tables(3, Table(kHueEntries));
+  const HueSatIntRange band{32, 1500, 300, 100, 330, 30, 350, 10}, low{32, -900, -400, -50, 40, 200, 90, 120};
+  std::vector<HueSatIntRange> ranges = {band, low};
+  for (HueSatIntRange &r : ranges) EXPECT_EQ(ValidateRanges(kit::Bitmap(Kind(24), 1, 1), 0, 0, 0, &r, 1), 0);
+  BuildHueTable(tables[0].data(), 3000, 200, 100, &ranges[0], 1, 8);
+  BuildHueTable(tables[1].data(), -18000, -1000, -500, ranges.data(), 2, 8);
+  for (int32_t h = 0; h < kHueEntries; ++h)
+    tables[2][h] = HueChange{h * 7 % 721 - 360, h * 11 % 4095 - 2047, h * 13 % 1023 - 511};
+  return tables;
+}
+
+// Debug builds take every seventh colour.
+#ifdef NDEBUG
+constexpr uint32_t kColourStep = 1;
+#else
+constexpr uint32_t kColourStep = 7;
+#endif
+
+TEST(HsiRows, EveryColourThroughEachSet) {
+  const Table table = LaneTables()[2];
+  LaneTable lanes;
+  PackHueTable(table.data(), lanes);
+  ASSERT_TRUE(lanes.fits);
+  std::vector<uint8_t> colours;
+  for (uint32_t c = 0; c < (1u << 24); c += kColourStep)
+    colours.insert(colours.end(),
+                   {static_cast<uint8_t>(c), static_cast<uint8_t>(c >> 8), static_cast<uint8_t>(c >> 16)});
+  const auto count = static_cast<int32_t>(colours.size() / 3);
+  std::vector<uint8_t> ref = colours;
+  ChangeRow8(img::Isa::Scalar, ref.data(), 3, 0, count, table.data(), lanes);
+  for (img::Isa isa : {img::Isa::Avx2, img::Isa::Avx512}) {
+    if (!img::IsaAvailable(isa)) continue;
+    std::vector<uint8_t> out = colours;
+    ChangeRow8(isa, out.data(), 3, 0, count, table.data(), lanes);
+    const auto bad = std::mismatch(out.begin(), out.end(), ref.begin());
+    ASSERT_TRUE(bad.first == out.end())
+        << img::IsaName(isa) << " colour at " << (bad.first - out.begin()) / 3;
+  }
+}
+
+// Random rows and spans of three and four samples, every available set, each
+// table; a table with one entry out of the loops' range (361 degrees) goes
+// one pixel at a time.
+TEST(HsiRows, RandomSpansEverySet) {
+  std::vector<Table> tables = LaneTables();
+  tables.push_back(tables[0]);
+  tables.back()[200].hue = 361;
+  LaneTable lanes;
+  for (auto [field, value] : {std::pair{0, -361}, {1, 2048}, {1, -2048}, {2, 512}, {2, -512}}) {
+    Table t = tables[2];
+    (field == 0 ? t[7].hue : field == 1 ? t[7].saturation : t[7].intensity) = value;
+    PackHueTable(t.data(), lanes);
+    EXPECT_FALSE(lanes.fits) << field << " " << value;
+  }
+  std::mt19937 rng(3);
+  for (const Table &table : tables) {
+    PackHueTable(table.data(), lanes);
+    EXPECT_EQ(lanes.fits, &table != &tables.back());
+    for (int32_t channels : {3, 4})
+      for (int trial = 0; trial < 20; ++trial) {
+        std::vector<uint8_t> in(static_cast<size_t>(channels) * 70);
+        for (uint8_t &v : in) v = static_cast<uint8_t>(rng());
+        const auto left = static_cast<int32_t>(rng() % 20), right = left + static_cast<int32_t>(rng() % 51);
+        std::vector<uint8_t> ref = in;
+        ChangeRow8(img::Isa::Scalar, ref.data(), channels, left, right, table.data(), lanes);
+        for (img::Isa isa : img::kAllIsas) {
+          if (!img::IsaAvailable(isa)) continue;
+          std::vector<uint8_t> out = in;
+          ChangeRow8(isa, out.data(), channels, left, right, table.data(), lanes);
+          ASSERT_EQ(out, ref) << img::IsaName(isa) << " " << channels << " " << left << ".." << right;
+        }
+      }
+  }
+}
+
+// The export on random bitmaps, with and without a region: each changed pixel
+// is the scalar pixel's result under the call's table.
+TEST(HsiRows, ExportMatchesTheScalarPixel) {
+  HueSatIntRange band{32, 1500, 300, 100, 330, 30, 350, 10};
+  Table table(kHueEntries);
+  ASSERT_EQ(ValidateRanges(kit::Bitmap(Kind(24), 1, 1), 3000, 200, 100, &band, 1), 0);
+  BuildHueTable(table.data(), 3000, 200, 100, &band, 1, 8);
+  LaneTable lanes;
+  PackHueTable(table.data(), lanes);
+  EXPECT_TRUE(lanes.fits);
+  for (const kit::Format &format : {Kind(24), Kind(24, ORDER_RGB), Kind(32)})
+    for (bool region : {false, true}) {
+      SCOPED_TRACE(format.Name() + (region ? " region" : ""));
+      kit::Bitmap bmp(format, 37, 9);
+      bmp.Randomize(8);
+      if (region) kit::SetEllipseRegion(bmp, 3, 1, 30, 8);
+      const auto before = bmp.Pixels();
+      ASSERT_EQ(Call(bmp, 3000, 200, 100, {HueSatIntRange{32, 1500, 300, 100, 330, 30, 350, 10}}),
+                RC_SUCCESS);
+      for (int32_t i = 0, x = 0, y = 0; i < 37 * 9; ++i, x = i % 37, y = i / 37) {
+        kit::Pixel want = before[i];
+        if (kit::InRegion(bmp, x, y)) {
+          uint8_t bgr[3] = {static_cast<uint8_t>(want.v[2]), static_cast<uint8_t>(want.v[1]),
+                            static_cast<uint8_t>(want.v[0])};
+          ChangeRow8(img::Isa::Scalar, bgr, 3, 0, 1, table.data(), lanes);
+          want.v[0] = bgr[2], want.v[1] = bgr[1], want.v[2] = bgr[0];
+        }
+        ASSERT_EQ(bmp.At(x, y), want) << x << "," << y;
+      }
+    }
 }
 
 TEST(Hsi, ChecksInOrder) {

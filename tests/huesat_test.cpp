@@ -105,7 +105,7 @@ const RowCase kRowCases[] = {
     {"hue", HueRow8, HueRow16, -5965232, false},
     {"saturation", SaturationRow8, SaturationRow16, 255, true},
     {"saturation", SaturationRow8, SaturationRow16, -254, false},
-    {"saturation", SaturationRow8, SaturationRow16, 22, false},
+    {"saturation", SaturationRow8, SaturationRow16, 77, false},
     {"saturation", SaturationRow8, SaturationRow16, -77, true},
 };
 
