@@ -17,7 +17,8 @@
 //   integer quotient (toward zero, as C++ divides). The numerators here stay
 //   below 92160 in magnitude.
 // - divisions by 255 of 0 <= x <= 66298 are (x 32897) >> 23 in unsigned
-//   lanes, by 100 of 0 <= x <= 43698 are (x 5243) >> 19, and by 360 of
+//   lanes, by 100 of 0 <= x <= 43698 are (x 5243) >> 19, by 60 of
+//   0 <= x <= 61439 are (x 34953) >> 21, and by 360 of
 //   0 <= x <= 599391 are ((x >> 3) 23302) >> 20
 //   (both compared with integer division over their whole range; the bounds
 //   of each use are noted where it is made);
@@ -66,6 +67,11 @@ IMG_HS_INLINE typename V::I Div255(typename V::I x) {
 template <class V>
 IMG_HS_INLINE typename V::I Div100(typename V::I x) {
   return (x * 5243) >> 19;
+}
+// x / 60 for 0 <= x <= 61439 (the product stays below 2^31).
+template <class V>
+IMG_HS_INLINE typename V::I Div60(typename V::I x) {
+  return (x * 34953) >> 21;
 }
 // x / 360 for 0 <= x <= 599391.
 template <class V>
@@ -138,19 +144,19 @@ IMG_HS_INLINE typename V::I Channel(typename V::I hh, typename V::I m1, typename
   return Min<V>(value, Splat<V>(255));
 }
 
-// One channel of the 360-degree hexcone of the colour-space conversions
-// (wrapped: above 360 loses 360, negative gains 360), clamped to 0..255. The
-// ramps' span t 6 stays below 185000 (span <= 512, t <= 60).
+// One channel of the 360-degree hexcone of the colour-space conversions at
+// hue hh (0..360, wrapped by the caller), from m1 <= m2 <= 256: the ramps'
+// span t 6 / 360 is span t / 60 (span t <= 512 x 60), the result at most
+// 256, held to 255 (the scalar clamp; nothing falls below 0).
 template <class V>
 IMG_HS_INLINE typename V::I HlsChannel(typename V::I hh, typename V::I m1, typename V::I m2,
                                        typename V::I span) {
   using I = typename V::I;
-  hh = hh >= 361 ? hh - 360 : (hh < 0 ? hh + 360 : hh);
   const I rising = hh <= 60, top = hh <= 180, falling = hh <= 240;
   const I t = rising ? hh : 240 - hh;
-  const I ramp = m1 + Div360<V>(span * t * 6);
+  const I ramp = m1 + Div60<V>(span * t);
   const I value = rising ? ramp : top ? m2 : falling ? ramp : m1;
-  return Min<V>(Max<V>(value, Splat<V>(0)), Splat<V>(255));
+  return Min<V>(value, Splat<V>(255));
 }
 
 // ChangeSaturation8: the hexcone of 255 steps (SaturationOp::Pixel8).
@@ -207,7 +213,7 @@ struct HsiLanes {
     const I zero = Splat<V>(0), one = Splat<V>(1), c255 = Splat<V>(255);
     // HSV: hue num 120 / den + 120 sector (num 120 <= 30600), saturation
     // (max - min) 100 / max; gray 0 and 0.
-    I mx = Max<V>(Max<V>(r, g), b), mn = Min<V>(Min<V>(r, g), b);
+    const I mx = Max<V>(Max<V>(r, g), b), mn = Min<V>(Min<V>(r, g), b);
     I gray = mx == mn;
     const I bMin = b == mn, rMin = r == mn;
     const I num = bMin ? g - mn : (rMin ? b - mn : r - mn);
@@ -222,40 +228,46 @@ struct HsiLanes {
     n = n < 0 ? n + 360 : n;
     n = n >= 360 ? n - 360 : n;
     // HSV back, 60 a sixth: low = (100 - s) v / 100 (s = 0: low = v, d = 0,
-    // every channel v), the middle channel share d / rest + low, rest >= 60.
+    // every channel v), the middle channel share d / rest + low. In every
+    // sector share + rest = 120 and share <= rest: share is the distance of
+    // n to the nearest multiple of 120, so each channel lies within low..v
+    // and the scalar clamp to 0..255 changes nothing.
     const I low = Div100<V>((100 - s) * v);  // at most 25500
     const I d = v - low;
     const I in0 = n <= 60, in1 = n <= 120, in2 = n <= 180, in3 = n <= 240, in4 = n <= 300;
-    const I c120 = Splat<V>(120), c240 = Splat<V>(240), c360 = Splat<V>(360);
-    const I share = in0 ? n : in1 ? c120 - n : in2 ? n - 120 : in3 ? c240 - n : in4 ? n - 240 : c360 - n;
-    const I rest = in0 ? c120 - n : in1 ? n : in2 ? c240 - n : in3 ? n - 120 : in4 ? c360 - n : n - 240;
-    const I mid = DivF<V>(share * d, rest) + low;
-    r = Min<V>(Max<V>(in0 ? v : in1 ? mid : in3 ? low : in4 ? mid : v, zero), c255);
-    g = Min<V>(Max<V>(in0 ? mid : in2 ? v : in3 ? mid : low, zero), c255);
-    b = Min<V>(Max<V>(in1 ? low : in2 ? mid : in4 ? v : mid, zero), c255);
-    // HLS: l = (max + min) / 2; s = (max - min) 100 over max + min up to
-    // l 128, else over 510 - max - min; the hexcone hue diff 360 / (6 (max -
-    // min)) (toward zero, |diff 360| <= 91800) + 120 sector, negative + 360.
-    mx = Max<V>(Max<V>(r, g), b), mn = Min<V>(Min<V>(r, g), b);
-    gray = mx == mn;
-    const I sum = mx + mn, l = sum >> 1, spread = mx - mn, lowSide = l <= 128;
-    const I sl = DivF<V>(spread * 100, gray ? one : (lowSide ? sum : 510 - sum));
-    const I rMax = r == mx, gMax = g == mx;
+    const I t = n - (in1 ? zero : in3 ? Splat<V>(120) : Splat<V>(240));
+    const I share = Min<V>(t, 120 - t);
+    const I mid = DivF<V>(share * d, 120 - share) + low;
+    r = in0 ? v : in1 ? mid : in3 ? low : in4 ? mid : v;
+    g = in0 ? mid : in2 ? v : in3 ? mid : low;
+    b = in1 ? low : in2 ? mid : in4 ? v : mid;
+    // HLS of that: its largest component is v and its smallest low (no
+    // other lies outside them), l = (v + low) / 2; s = d 100 over v + low up
+    // to l 128, else over 510 - v - low; the hexcone hue diff 360 / (6 d) =
+    // diff 60 / d (toward zero, |diff 60| <= 15300) + 120 a sector (red, then
+    // green largest), negative + 360.
+    const I sum = v + low, l = sum >> 1, lowSide = l <= 128;
+    gray = d == 0;
+    const I sl = DivF<V>(d * 100, gray ? one : (lowSide ? sum : 510 - sum));
+    const I rMax = r == v, gMax = g == v;
     const I diff = rMax ? g - b : (gMax ? b - r : r - g);
-    const I hs = rMax ? zero : (gMax ? c120 : c240);
-    I hh = DivF<V>(diff * 360, gray ? Splat<V>(6) : 6 * spread) + hs;
+    const I hs = rMax ? zero : (gMax ? Splat<V>(120) : Splat<V>(240));
+    I hh = DivF<V>(diff * 60, gray ? one : d) + hs;
     hh = hh < 0 ? hh + 360 : hh;
     hh = sl == 0 ? zero : hh;
     // s + s change / 100 toward zero (|s change| < 2^18), held to 0..100.
     const I ns = Min<V>(Max<V>(sl + DivF<V>(sl * change, Splat<V>(100)), zero), Splat<V>(100));
     // HLS back: m2 = (ns + 100) l / 100 up to l 128, else ns 255 / 100 + l -
     // l ns / 100 (not capped; every product at most 25600); m1 = 2 l - m2;
-    // ns = 0 gives l everywhere.
+    // ns = 0 gives l everywhere. 0 <= m1 <= l <= m2 <= 256.
     const I m2 = lowSide ? Div100<V>((ns + 100) * l) : Div100<V>(ns * 255) + l - Div100<V>(l * ns);
     const I m1 = 2 * l - m2, span = m2 - m1;
-    r = Min<V>(Max<V>(HlsChannel<V>(hh + 120, m1, m2, span) + add, zero), c255);
+    // hh lies in 0..360: red's hue hh + 120 can only pass 360, blue's hh - 120
+    // only fall below 0.
+    const I hr = hh + 120, hb = hh - 120;
+    r = Min<V>(Max<V>(HlsChannel<V>(hr >= 361 ? hr - 360 : hr, m1, m2, span) + add, zero), c255);
     g = Min<V>(Max<V>(HlsChannel<V>(hh, m1, m2, span) + add, zero), c255);
-    b = Min<V>(Max<V>(HlsChannel<V>(hh - 120, m1, m2, span) + add, zero), c255);
+    b = Min<V>(Max<V>(HlsChannel<V>(hb < 0 ? hb + 360 : hb, m1, m2, span) + add, zero), c255);
   }
 };
 
