@@ -144,19 +144,11 @@ IMG_HS_INLINE typename V::I Channel(typename V::I hh, typename V::I m1, typename
   return Min<V>(value, Splat<V>(255));
 }
 
-// One channel of the 360-degree hexcone of the colour-space conversions at
-// hue hh (0..360, wrapped by the caller), from m1 <= m2 <= 256: the ramps'
-// span t 6 / 360 is span t / 60 (span t <= 512 x 60), the result at most
-// 256, held to 255 (the scalar clamp; nothing falls below 0).
+// A hexcone channel (at most 256) held to 255, plus the intensity, held to
+// 0..255.
 template <class V>
-IMG_HS_INLINE typename V::I HlsChannel(typename V::I hh, typename V::I m1, typename V::I m2,
-                                       typename V::I span) {
-  using I = typename V::I;
-  const I rising = hh <= 60, top = hh <= 180, falling = hh <= 240;
-  const I t = rising ? hh : 240 - hh;
-  const I ramp = m1 + Div60<V>(span * t);
-  const I value = rising ? ramp : top ? m2 : falling ? ramp : m1;
-  return Min<V>(value, Splat<V>(255));
+IMG_HS_INLINE typename V::I Finish(typename V::I x, typename V::I add) {
+  return Min<V>(Max<V>(Min<V>(x, Splat<V>(255)) + add, Splat<V>(0)), Splat<V>(255));
 }
 
 // ChangeSaturation8: the hexcone of 255 steps (SaturationOp::Pixel8).
@@ -210,11 +202,11 @@ struct HsiLanes {
   const uint32_t *packed;  // 361 words
   IMG_HS_INLINE void operator()(typename V::I &r, typename V::I &g, typename V::I &b) const {
     using I = typename V::I;
-    const I zero = Splat<V>(0), one = Splat<V>(1), c255 = Splat<V>(255);
+    const I zero = Splat<V>(0), one = Splat<V>(1);
     // HSV: hue num 120 / den + 120 sector (num 120 <= 30600), saturation
     // (max - min) 100 / max; gray 0 and 0.
     const I mx = Max<V>(Max<V>(r, g), b), mn = Min<V>(Min<V>(r, g), b);
-    I gray = mx == mn;
+    const I gray = mx == mn;
     const I bMin = b == mn, rMin = r == mn;
     const I num = bMin ? g - mn : (rMin ? b - mn : r - mn);
     const I den = bMin ? r + g - 2 * mn : (rMin ? b + g - 2 * mn : r + b - 2 * mn);
@@ -227,33 +219,34 @@ struct HsiLanes {
     I n = h + turn;
     n = n < 0 ? n + 360 : n;
     n = n >= 360 ? n - 360 : n;
-    // HSV back, 60 a sixth: low = (100 - s) v / 100 (s = 0: low = v, d = 0,
-    // every channel v), the middle channel share d / rest + low. In every
-    // sector share + rest = 120 and share <= rest: share is the distance of
-    // n to the nearest multiple of 120, so each channel lies within low..v
-    // and the scalar clamp to 0..255 changes nothing.
+    // HSV back, 60 a sixth: low = (100 - s) v / 100 (s = 0: low = v, d = 0),
+    // d = v - low, and in each sector one channel v, one low and the middle
+    // one e + low with e = share d / rest. In every sector share + rest = 120
+    // and share <= rest (share is the distance of n to the nearest multiple
+    // of 120), so every channel lies within low..v and the scalar clamp to
+    // 0..255 changes nothing.
     const I low = Div100<V>((100 - s) * v);  // at most 25500
     const I d = v - low;
     const I in0 = n <= 60, in1 = n <= 120, in2 = n <= 180, in3 = n <= 240, in4 = n <= 300;
     const I t = n - (in1 ? zero : in3 ? Splat<V>(120) : Splat<V>(240));
     const I share = Min<V>(t, 120 - t);
-    const I mid = DivF<V>(share * d, 120 - share) + low;
-    r = in0 ? v : in1 ? mid : in3 ? low : in4 ? mid : v;
-    g = in0 ? mid : in2 ? v : in3 ? mid : low;
-    b = in1 ? low : in2 ? mid : in4 ? v : mid;
-    // HLS of that: its largest component is v and its smallest low (no
-    // other lies outside them), l = (v + low) / 2; s = d 100 over v + low up
-    // to l 128, else over 510 - v - low; the hexcone hue diff 360 / (6 d) =
-    // diff 60 / d (toward zero, |diff 60| <= 15300) + 120 a sector (red, then
-    // green largest), negative + 360.
+    const I e = DivF<V>(share * d, 120 - share);
+    // HLS of that colour: largest v, smallest low, l = (v + low) / 2;
+    // s = d 100 over v + low up to l 128, else over 510 - v - low.
     const I sum = v + low, l = sum >> 1, lowSide = l <= 128;
-    gray = d == 0;
-    const I sl = DivF<V>(d * 100, gray ? one : (lowSide ? sum : 510 - sum));
-    const I rMax = r == v, gMax = g == v;
-    const I diff = rMax ? g - b : (gMax ? b - r : r - g);
-    const I hs = rMax ? zero : (gMax ? Splat<V>(120) : Splat<V>(240));
-    I hh = DivF<V>(diff * 60, gray ? one : d) + hs;
-    hh = hh < 0 ? hh + 360 : hh;
+    const I sl = DivF<V>(d * 100, d == 0 ? one : (lowSide ? sum : 510 - sum));
+    // Its hexcone hue, diff 360 / (6 d) toward zero plus 120 a sector (red,
+    // then green largest), negative + 360. With f = 60 e / d (0..60), the
+    // sectors of n give (ties between the largest components included, each
+    // worked through the scalar order): f, 120 - f, 120 + f, 240 - f,
+    // 240 + f, and -f (+ 360 where f > 0) in the last.
+    const I f = DivF<V>(e * 60, d == 0 ? one : d);
+    I hh = in0   ? f
+           : in1 ? 120 - f
+           : in2 ? 120 + f
+           : in3 ? 240 - f
+           : in4 ? 240 + f
+                 : (f == 0 ? zero : 360 - f);
     hh = sl == 0 ? zero : hh;
     // s + s change / 100 toward zero (|s change| < 2^18), held to 0..100.
     const I ns = Min<V>(Max<V>(sl + DivF<V>(sl * change, Splat<V>(100)), zero), Splat<V>(100));
@@ -262,12 +255,18 @@ struct HsiLanes {
     // ns = 0 gives l everywhere. 0 <= m1 <= l <= m2 <= 256.
     const I m2 = lowSide ? Div100<V>((ns + 100) * l) : Div100<V>(ns * 255) + l - Div100<V>(l * ns);
     const I m1 = 2 * l - m2, span = m2 - m1;
-    // hh lies in 0..360: red's hue hh + 120 can only pass 360, blue's hh - 120
-    // only fall below 0.
-    const I hr = hh + 120, hb = hh - 120;
-    r = Min<V>(Max<V>(HlsChannel<V>(hr >= 361 ? hr - 360 : hr, m1, m2, span) + add, zero), c255);
-    g = Min<V>(Max<V>(HlsChannel<V>(hh, m1, m2, span) + add, zero), c255);
-    b = Min<V>(Max<V>(HlsChannel<V>(hb < 0 ? hb + 360 : hb, m1, m2, span) + add, zero), c255);
+    // The value function at hh + 120, hh and hh - 120 (hh in 0..360, the
+    // wraps by 360 included) gives, as with the HSV sectors: one channel m2,
+    // one m1 and the middle one m1 + span u / 60, where u is the distance of
+    // hh to the nearest multiple of 120 (span u <= 512 x 60), placed by the
+    // 60-degree sector of hh (each bound worked through the scalar's).
+    const I j0 = hh <= 60, j1 = hh <= 120, j2 = hh <= 180, j3 = hh <= 240, j4 = hh <= 300;
+    const I w = hh - (j1 ? zero : j3 ? Splat<V>(120) : Splat<V>(240));
+    const I mid = m1 + Div60<V>(span * Min<V>(w, 120 - w));
+    // Each at most 256, held to 255, then the intensity, held to 0..255.
+    r = Finish<V>(j0 ? m2 : j1 ? mid : j3 ? m1 : j4 ? mid : m2, add);
+    g = Finish<V>(j0 ? mid : j2 ? m2 : j3 ? mid : m1, add);
+    b = Finish<V>(j1 ? m1 : j2 ? mid : j4 ? m2 : mid, add);
   }
 };
 
