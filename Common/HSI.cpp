@@ -9,6 +9,7 @@
 #include "ClrSpc.h"
 #include "colour_memo.h"
 #include "frame.h"
+#include "hue_model.h"
 #include "imgplatform.h"
 
 static constexpr const wchar_t *kSourceFile = L"Common/HSI";
@@ -230,6 +231,29 @@ int32_t ChangeRowsInLanes(RowPass &pass, const HueChange *table, const LaneTable
   });
 }
 
+// ChangePixel on 16-bit samples with the colour-space models of hue_model.h
+// called directly: the 16-bit HSV and HLS conversions are these models (hue
+// and saturation in hundredths, 32-bit products that wrap) with the same
+// clamps, and no value of a step is cut when the conversions store it (hues
+// in 32 bits, saturations at most 10000, lightness and value 16 bits). The
+// four row conversions of one pixel cost more than the formulas themselves.
+void ChangePixel16(uint16_t *rgb, const HueChange *table) {
+  using W = hue::Wrap32;
+  const auto clamp16 = [](int32_t v) { return static_cast<uint16_t>(Clamp(v, 0, 65535)); };
+  const hue::Hsv<hue::Plain, hue::Plain> hsv = hue::HsvOf<hue::Plain>(rgb[2], rgb[1], rgb[0], 12000, 10000);
+  const HueChange &e = table[hsv.h / 100];
+  int32_t n = hsv.h + e.hue;
+  if (n < 0) n += 36000;
+  n %= 36000;
+  const hue::Rgb<int32_t> back = hue::HsvToRgb<W, 6000>(n, hsv.s, hsv.v, 10000);
+  rgb[0] = clamp16(back.b), rgb[1] = clamp16(back.g), rgb[2] = clamp16(back.r);
+  const hue::Hls hls = hue::HlsOf<hue::Plain, W, hue::kHlsHundredths>(rgb[2], rgb[1], rgb[0]);
+  const hue::Rgb<int32_t> out =
+      hue::HlsToRgb<W, hue::kHlsHundredths>(hls.h, hls.l, ChangeSaturation(hls.s, e.saturation, 10000));
+  rgb[0] = clamp16(out.b), rgb[1] = clamp16(out.g), rgb[2] = clamp16(out.r);
+  for (int32_t k = 0; k < 3; ++k) rgb[k] = clamp16(rgb[k] + e.intensity);
+}
+
 // The rows pixel by pixel through the call's colour memo: a pixel's result
 // depends on its colour alone.
 template <class T>
@@ -238,7 +262,10 @@ int32_t ChangeRows(RowPass &pass, const HueChange *table) {
   if (!memo) return RC_NO_MEMORY;
   const auto compute = [table](int32_t &r, int32_t &g, int32_t &b) {
     T rgb[3] = {static_cast<T>(b), static_cast<T>(g), static_cast<T>(r)};
-    ChangePixel(rgb, table);
+    if constexpr (sizeof(T) == 2)
+      ChangePixel16(rgb, table);
+    else
+      ChangePixel(rgb, table);
     b = rgb[0], g = rgb[1], r = rgb[2];
   };
   return pass.RunRows([&](auto &row) {

@@ -5,6 +5,7 @@
 #include <random>
 #include <tuple>
 
+#include "ClrSpc.h"
 #include "kit.h"
 
 namespace {
@@ -137,6 +138,52 @@ TEST(HsiRows, ExportMatchesTheScalarPixel) {
         ASSERT_EQ(bmp.At(x, y), want) << x << "," << y;
       }
     }
+}
+
+// 16-bit rows take the colour-space models directly: the same bits as the
+// four row conversions of a pixel, on random colours (with and without a
+// region) and colours of the pool of extremes and near ties.
+TEST(HsiRows, SixteenBitPixelsMatchTheRowConversions) {
+  const std::vector<HueSatIntRange> records = {{32, 1500, 300, 100, 330, 30, 350, 10},
+                                               {32, -900, -400, -50, 40, 200, 90, 120}};
+  const uint16_t pool[] = {0, 1, 2, 255, 32766, 32767, 32768, 65534, 65535, 12345};
+  for (bool region : {false, true}) {
+    std::vector<HueSatIntRange> copy = records;
+    Table table(kHueEntries);
+    kit::Bitmap bmp(Kind(48), 40, 30);
+    bmp.Randomize(12);
+    for (int32_t i = 0; i < 1000; ++i)
+      bmp.Set(i % 40, i / 40 % 25, Rgb(pool[i % 10], pool[i / 10 % 10], pool[i / 100 % 10]));
+    if (region) kit::SetEllipseRegion(bmp, 3, 2, 36, 28);
+    ASSERT_EQ(ValidateRanges(bmp, 2000, -300, 150, copy.data(), 2), 0);
+    BuildHueTable(table.data(), 2000, -300, 150, copy.data(), 2, 16);
+    const auto before = bmp.Pixels();
+    ASSERT_EQ(Call(bmp, 2000, -300, 150, records), RC_SUCCESS);
+    for (int32_t i = 0, x = 0, y = 0; i < 40 * 30; ++i, x = i % 40, y = i / 40) {
+      kit::Pixel want = before[i];
+      if (kit::InRegion(bmp, x, y)) {
+        uint16_t bgr[3] = {static_cast<uint16_t>(want.v[2]), static_cast<uint16_t>(want.v[1]),
+                           static_cast<uint16_t>(want.v[0])};
+        uint8_t sp[8];
+        img::ConvertColorRow16(COLORSPACE_HSV, bgr, sp, nullptr, 0, 1);
+        int32_t h;
+        std::memcpy(&h, sp, 4);
+        const HueChange &e = table[h / 100];
+        h = (h + e.hue + 36000) % 36000;
+        std::memcpy(sp, &h, 4);
+        img::ConvertColorRow16(COLORSPACE_HSV + COLORSPACE_TO_RGB, bgr, sp, nullptr, 0, 1);
+        img::ConvertColorRow16(COLORSPACE_HLS, bgr, sp, nullptr, 0, 1);
+        uint16_t sat;
+        std::memcpy(&sat, sp + 6, 2);
+        sat = static_cast<uint16_t>(std::clamp<int64_t>(sat + int64_t{sat} * e.saturation / 10000, 0, 10000));
+        std::memcpy(sp + 6, &sat, 2);
+        img::ConvertColorRow16(COLORSPACE_HLS + COLORSPACE_TO_RGB, bgr, sp, nullptr, 0, 1);
+        for (uint16_t &c : bgr) c = static_cast<uint16_t>(std::clamp(c + e.intensity, 0, 65535));
+        want.v[0] = bgr[2], want.v[1] = bgr[1], want.v[2] = bgr[0];
+      }
+      ASSERT_EQ(bmp.At(x, y), want) << x << "," << y;
+    }
+  }
 }
 
 TEST(Hsi, ChecksInOrder) {
