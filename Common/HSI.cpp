@@ -314,8 +314,11 @@ void PackHueTable(const HueChange *table, LaneTable &lanes) {
     const HueChange &e = table[h];
     lanes.fits = lanes.fits && e.hue >= -360 && e.hue <= 360 && e.saturation >= -2047 &&
                  e.saturation <= 2047 && e.intensity >= -511 && e.intensity <= 511;
-    lanes.packed[h] = ((static_cast<uint32_t>(e.hue) + 360u) & 0x3FFu) |
-                      (static_cast<uint32_t>(e.saturation) & 0xFFFu) << 10 |
+    // The turned hue as ChangePixel takes it (for changes within +-360).
+    int32_t n = h + (lanes.fits ? e.hue : 0);
+    if (n < 0) n += 360;
+    n %= 360;
+    lanes.packed[h] = static_cast<uint32_t>(n) | (static_cast<uint32_t>(e.saturation) & 0xFFFu) << 10 |
                       static_cast<uint32_t>(e.intensity) << 22;
   }
 }

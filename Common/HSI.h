@@ -28,7 +28,7 @@ int32_t ValidateRanges(const BitmapRecord *bitmap, int32_t hue, int32_t saturati
 void BuildHueTable(HueChange *table, int32_t hue, int32_t saturation, int32_t intensity,
                    const HueSatIntRange *ranges, uint32_t count, int32_t bits);
 
-// The table packed for the loops: per hue, the hue change + 360 in bits
+// The table packed for the loops: per hue, the turned hue (0..359) in bits
 // 0-9, the saturation change in bits 10-21 and the intensity in bits 22-31
 // (both signed). Only tables whose hue changes lie within +-360, saturation
 // changes within +-2047 and intensities within +-511 pack (`fits`); those

@@ -191,12 +191,12 @@ struct SaturationLanes {
 // pixel: HSV in degrees and percent, the table entry of the hue, the hue
 // turned, back to RGB (clamped), HLS in degrees and percent, the saturation
 // changed, back (clamped), the intensity added (clamped). The entries come
-// packed in one word each (hsi::PackHueTable: hue change + 360 in bits
-// 0-9, saturation change in 10-21, intensity in 22-31, both signed), which
-// holds only tables in the range the lanes assume: hue changes within +-360
-// degrees, so that the scalar n % 360 of h + change (plus 360 when negative)
-// is one subtraction, and |saturation change| < 2048, so that s change stays
-// far inside single precision.
+// packed in one word each (hsi::PackHueTable: the turned hue of that hue in
+// bits 0-9, the saturation change in 10-21, the intensity in 22-31, both
+// signed), which holds only tables in the range the lanes assume: hue
+// changes within +-360 degrees (the turned hue then lies in 0..359), and
+// |saturation change| < 2048, so that s change stays far inside single
+// precision.
 template <class V>
 struct HsiLanes {
   const uint32_t *packed;  // 361 words
@@ -215,10 +215,7 @@ struct HsiLanes {
     const I s = DivF<V>((mx - mn) * 100, gray ? one : mx);
     const I v = mx;
     const I entry = V::Gather(packed, h);
-    const I turn = (entry & 0x3FF) - 360, change = (entry << 10) >> 20, add = entry >> 22;
-    I n = h + turn;
-    n = n < 0 ? n + 360 : n;
-    n = n >= 360 ? n - 360 : n;
+    const I n = entry & 0x3FF, change = (entry << 10) >> 20, add = entry >> 22;
     // HSV back, 60 a sixth: low = (100 - s) v / 100 (s = 0: low = v, d = 0),
     // d = v - low, and in each sector one channel v, one low and the middle
     // one e + low with e = share d / rest. In every sector share + rest = 120
