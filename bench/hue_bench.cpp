@@ -16,6 +16,8 @@ namespace {
 
 using bench::kHeight;
 using bench::kWidth;
+using bench::Memcpy;
+using bench::MemcpyReference;
 using Fixture = bench::RandomBitmap;
 
 void Run(benchmark::State &state, int32_t bits, const std::function<int32_t(BitmapRecord *)> &call) {
@@ -36,13 +38,13 @@ int32_t Tint(BitmapRecord *b) { return Q_AdjustBitmapTint(b, 500, 300, 0); }
 
 }  // namespace
 
-BENCHMARK(bench::MemcpyReference)->Unit(benchmark::kMillisecond);
+BENCHMARK(MemcpyReference)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(Run, hue_bits24, 24, Hue)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(Run, saturation_bits24, 24, Saturation)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(Run, remap_bits24, 24, Remap)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(Run, hue_sat_int_bits24, 24, HueSatInt)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(Run, tint_bits24, 24, Tint)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(bench::Memcpy, bits48, 48)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Memcpy, bits48, 48)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(Run, hue_bits48, 48, Hue)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(Run, saturation_bits48, 48, Saturation)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(Run, remap_bits48, 48, Remap)->Unit(benchmark::kMillisecond);
