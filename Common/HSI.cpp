@@ -291,7 +291,25 @@ int32_t Worker(BitmapRecord *bitmap, int32_t hue, int32_t saturation, int32_t in
   if (pass.status() != RC_SUCCESS) return pass.status();
   BuildHueTable(table.get(), hue, saturation, intensity, ranges, count, pass.OnPalette() ? 8 : pass.bits());
   if (!pass.OnPalette()) {
-    if (pass.wide()) return ChangeRows<uint16_t>(pass, table.get());
+    if (pass.wide()) {
+      if (const Isa isa = BestIsa(); isa >= Isa::Avx2 && HueTableFits16(table.get()))
+        return pass.RunRows([&](auto &row) {
+          if constexpr (sizeof(*row.samples) == 2)
+            row.ForEachRun([&](int32_t left, int32_t right) {
+              if (row.channels == 3 || row.channels == 4)
+                ChangeRow16(isa, row.samples, row.channels, left, right, table.get());
+              else
+                ForEachColour(row.samples, row.channels, left, right,
+                              [&](int32_t &r, int32_t &g, int32_t &b) {
+                                uint16_t rgb[3] = {static_cast<uint16_t>(b), static_cast<uint16_t>(g),
+                                                   static_cast<uint16_t>(r)};
+                                ChangePixel16(rgb, table.get());
+                                b = rgb[0], g = rgb[1], r = rgb[2];
+                              });
+            });
+        });
+      return ChangeRows<uint16_t>(pass, table.get());
+    }
     if (const Isa isa = BestIsa(); isa >= Isa::Avx2) {
       LaneTable lanes;
       PackHueTable(table.get(), lanes);
@@ -332,6 +350,27 @@ void ChangeRow8(Isa isa, uint8_t *row, int32_t channels, int32_t left, int32_t r
   }
   for (uint8_t *p = row + static_cast<std::ptrdiff_t>(left) * channels; left < right; ++left, p += channels)
     ChangePixel(p, table);
+}
+
+bool HueTableFits16(const HueChange *table) {
+  for (int32_t h = 0; h < kHueEntries; ++h) {
+    const HueChange &e = table[h];
+    if (e.hue < -35999 || e.hue > 35999 || e.saturation < -100000 || e.saturation > 100000 ||
+        e.intensity < -(1 << 24) || e.intensity > (1 << 24))
+      return false;
+  }
+  return true;
+}
+
+void ChangeRow16(Isa isa, uint16_t *row, int32_t channels, int32_t left, int32_t right,
+                 const HueChange *table) {
+  isa = BestIsa(isa);
+  if ((channels == 3 || channels == 4) && HueTableFits16(table)) {
+    if (isa >= Isa::Avx512) left = HsiLanesAvx512(row, channels, left, right, table);
+    if (isa >= Isa::Avx2) left = HsiLanesAvx2(row, channels, left, right, table);
+  }
+  for (uint16_t *p = row + static_cast<std::ptrdiff_t>(left) * channels; left < right; ++left, p += channels)
+    ChangePixel16(p, table);
 }
 
 }  // namespace img::hsi

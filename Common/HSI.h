@@ -52,4 +52,13 @@ void ChangeRow8(Isa isa, uint8_t *row, int32_t channels, int32_t left, int32_t r
 int32_t HsiLanesAvx2(uint8_t *row, int32_t channels, int32_t left, int32_t right, const uint32_t *packed);
 int32_t HsiLanesAvx512(uint8_t *row, int32_t channels, int32_t left, int32_t right, const uint32_t *packed);
 
+// 16-bit rows likewise (no packing: the loops read the table itself where
+// HueTableFits16 holds: hue changes within +-35999 hundredths, saturation
+// changes within +-100000, intensities within +-2^24).
+void ChangeRow16(Isa isa, uint16_t *row, int32_t channels, int32_t left, int32_t right,
+                 const HueChange *table);
+bool HueTableFits16(const HueChange *table);
+int32_t HsiLanesAvx2(uint16_t *row, int32_t channels, int32_t left, int32_t right, const HueChange *table);
+int32_t HsiLanesAvx512(uint16_t *row, int32_t channels, int32_t left, int32_t right, const HueChange *table);
+
 }  // namespace img::hsi

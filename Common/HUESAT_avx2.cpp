@@ -101,3 +101,9 @@ IMG_AVX2 int32_t img::hsi::HsiLanesAvx2(uint8_t *row, int32_t channels, int32_t 
   return huesat::RunLanes<huesat::Lanes8>(row, channels, left, right,
                                           huesat::HsiLanes<huesat::Lanes8>{packed});
 }
+
+IMG_AVX2 int32_t img::hsi::HsiLanesAvx2(uint16_t *row, int32_t channels, int32_t left, int32_t right,
+                                        const HueChange *table) {
+  return huesat::RunLanes16<huesat::Lanes8>(row, channels, left, right,
+                                            huesat::HsiLanes16<huesat::Lanes8>{table});
+}

@@ -156,4 +156,10 @@ IMG_AVX512 int32_t img::hsi::HsiLanesAvx512(uint8_t *row, int32_t channels, int3
                                            huesat::HsiLanes<huesat::Lanes16>{packed});
 }
 
+IMG_AVX512 int32_t img::hsi::HsiLanesAvx512(uint16_t *row, int32_t channels, int32_t left, int32_t right,
+                                            const HueChange *table) {
+  return huesat::RunLanes16<huesat::Lanes16>(row, channels, left, right,
+                                             huesat::HsiLanes16<huesat::Lanes16>{table});
+}
+
 #pragma GCC diagnostic pop

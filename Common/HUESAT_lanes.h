@@ -441,6 +441,105 @@ struct SaturationLanes16 {
   }
 };
 
+// Signed n / d toward zero for |n| < 2^31 and 0 < d < 2^24 (the quotient
+// below 2^17): DivFix on the magnitude, the sign put back.
+template <class V>
+IMG_HS_INLINE typename V::I DivToZero(typename V::I n, typename V::I d) {
+  using I = typename V::I;
+  using U = typename V::U;
+  const I neg = n < 0, mag = (I)(neg ? -(U)n : (U)n);
+  const I q = DivFix<V>((U)mag, ToF<V>(mag), d);
+  return neg ? -q : q;
+}
+
+// One channel of the 36000-hundredths hexcone with the 32-bit products of
+// the 16-bit conversion, wrap-around included: the wrapped product divided
+// toward zero, as the scalar form divides it; clamped to 0..65535.
+template <class V>
+IMG_HS_INLINE typename V::I Hexcone16(typename V::I hh, typename V::I m1, typename V::I m2) {
+  using I = typename V::I;
+  hh = hh >= 36001 ? hh - 36000 : (hh < 0 ? hh + 36000 : hh);
+  const I rising = hh <= 6000, top = hh <= 18000, falling = hh <= 24000;
+  const I t = rising ? hh : 24000 - hh;
+  const I ramp = m1 + DivToZero<V>((I)((typename V::U)(m2 - m1) * (typename V::U)t * 6u), Splat<V>(36000));
+  const I value = rising ? ramp : top ? m2 : falling ? ramp : m1;
+  return Min<V>(Max<V>(value, Splat<V>(0)), Splat<V>(65535));
+}
+
+// ChangePixel16 (HSI.cpp) in lanes: HSV in hundredths, the entry of hue / 100
+// (three gathers of the HueChange table), the turned hue, back (clamped),
+// HLS in hundredths with the wrapping hue products, the saturation changed,
+// back (clamped), the intensity (clamped). Every division is DivFix or
+// DivToZero on values below 2^31. The caller checked the table
+// (hsi::HueTableFits16): hue changes within +-35999 (the scalar n % 36000
+// after adding 36000 to a negative n is one subtraction), saturation changes
+// within +-100000 (s change below 2^31), intensities within +-2^24.
+template <class V>
+struct HsiLanes16 {
+  const void *table;  // HueChange[361]
+  IMG_HS_INLINE void operator()(typename V::I &r, typename V::I &g, typename V::I &b) const {
+    using I = typename V::I;
+    using U = typename V::U;
+    const I zero = Splat<V>(0), one = Splat<V>(1), top = Splat<V>(65535);
+    I mx = Max<V>(Max<V>(r, g), b), mn = Min<V>(Min<V>(r, g), b);
+    I gray = mx == mn;
+    const I bMin = b == mn, rMin = r == mn;
+    const I num = bMin ? g - mn : (rMin ? b - mn : r - mn);
+    const I den = bMin ? r + g - 2 * mn : (rMin ? b + g - 2 * mn : r + b - 2 * mn);
+    const I sector = bMin ? zero : (rMin ? Splat<V>(12000) : Splat<V>(24000));
+    // num 12000 <= 786420000; (max - min) 10000 <= 655350000.
+    const I hn = num * 12000, sn = (mx - mn) * 10000;
+    const I h = gray ? zero : DivFix<V>((U)hn, ToF<V>(hn), gray ? one : den) + sector;
+    const I s = gray ? zero : DivFix<V>((U)sn, ToF<V>(sn), gray ? one : mx);
+    const I v = mx;
+    const I at = Div100<V>(h) * 3;  // h <= 36000
+    const I turn = V::Gather(table, at), change = V::Gather(table, at + 1), add = V::Gather(table, at + 2);
+    I n = h + turn;
+    n = n < 0 ? n + 36000 : n;
+    n = n >= 36000 ? n - 36000 : n;
+    // HSV back, 6000 a sixth: low = (10000 - s) v / 10000; the middle
+    // channel share d / rest + low with share + rest = 12000, share <= rest;
+    // every channel within low..v (s = 0: all v), no clamp acts.
+    const I ln = (10000 - s) * v;
+    const I low = DivFix<V>((U)ln, ToF<V>(ln), Splat<V>(10000));
+    const I d = v - low;
+    const I in0 = n <= 6000, in1 = n <= 12000, in2 = n <= 18000, in3 = n <= 24000, in4 = n <= 30000;
+    const I t = n - (in1 ? zero : in3 ? Splat<V>(12000) : Splat<V>(24000));
+    const I share = Min<V>(t, 12000 - t);
+    const I md = share * d;  // <= 6000 x 65535
+    const I mid = DivFix<V>((U)md, ToF<V>(md), 12000 - share) + low;
+    r = in0 ? v : in1 ? mid : in3 ? low : in4 ? mid : v;
+    g = in0 ? mid : in2 ? v : in3 ? mid : low;
+    b = in1 ? low : in2 ? mid : in4 ? v : mid;
+    // HLS, hundredths: l = (max + min) / 2, s = (max - min) 10000 over
+    // max + min up to l 32767, else over 131070 - max - min; the hue
+    // diff 36000 (wrapping in 32 bits) / (6 (max - min)) toward zero plus
+    // 12000 a sector, negative + 36000.
+    mx = v, mn = low, gray = d == 0;
+    const I sum = mx + mn, l = sum >> 1, lowSide = l <= 32767;
+    const I hsn = d * 10000;
+    const I sl = DivFix<V>((U)hsn, ToF<V>(hsn), gray ? one : (lowSide ? sum : 131070 - sum));
+    const I rMax = r == mx, gMax = g == mx;
+    const I diff = rMax ? g - b : (gMax ? b - r : r - g);
+    const I hs = rMax ? zero : (gMax ? Splat<V>(12000) : Splat<V>(24000));
+    I hh = DivToZero<V>((I)((U)diff * 36000u), gray ? Splat<V>(6) : 6 * d) + hs;
+    hh = hh < 0 ? hh + 36000 : hh;
+    hh = sl == 0 ? zero : hh;
+    // s + s change / 10000 toward zero, held to 0..10000.
+    const I ns = Min<V>(Max<V>(sl + DivToZero<V>(sl * change, Splat<V>(10000)), zero), Splat<V>(10000));
+    // HLS back: m2 = (ns + 10000) l / 10000 up to l 32767, else
+    // ns 65535 / 10000 + l - l ns / 10000 (each product below 2^31).
+    const I p1 = (ns + 10000) * l, p2 = ns * 65535, p3 = l * ns;
+    const I m2 = lowSide ? DivFix<V>((U)p1, ToF<V>(p1), Splat<V>(10000))
+                         : DivFix<V>((U)p2, ToF<V>(p2), Splat<V>(10000)) + l -
+                               DivFix<V>((U)p3, ToF<V>(p3), Splat<V>(10000));
+    const I m1 = 2 * l - m2;
+    r = Min<V>(Max<V>(Hexcone16<V>(hh + 12000, m1, m2) + add, zero), top);
+    g = Min<V>(Max<V>(Hexcone16<V>(hh, m1, m2) + add, zero), top);
+    b = Min<V>(Max<V>(Hexcone16<V>(hh - 12000, m1, m2) + add, zero), top);
+  }
+};
+
 // Whole groups of V::kLanes pixels of a 16-bit row of three or four samples
 // from `left` (V::Load16 and V::Store16 move the samples, a fourth kept);
 // returns the first pixel left over.

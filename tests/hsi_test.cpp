@@ -186,6 +186,57 @@ TEST(HsiRows, SixteenBitPixelsMatchTheRowConversions) {
   }
 }
 
+// 16-bit colours (every triple of a pool of extremes and near ties, and
+// random ones) and random spans through each set against the scalar pixel,
+// with tables from records and one at the edges the loops take; tables past
+// them go one pixel at a time.
+TEST(HsiRows, SixteenBitColoursThroughEachSet) {
+  std::vector<HueSatIntRange> records = {{32, 1500, 300, 100, 330, 30, 350, 10},
+                                         {32, -900, -400, -50, 40, 200, 90, 120}};
+  for (HueSatIntRange &r : records) ASSERT_EQ(ValidateRanges(kit::Bitmap(Kind(48), 1, 1), 0, 0, 0, &r, 1), 0);
+  std::vector<Table> tables(3, Table(kHueEntries));
+  BuildHueTable(tables[0].data(), 3000, 200, 100, records.data(), 2, 16);
+  for (int32_t h = 0; h < kHueEntries; ++h)
+    tables[1][h] = HueChange{h * 199 % 71999 - 35999, h * 557 % 200001 - 100000, h * 7919 % 140001 - 70000};
+  tables[2] = tables[1];
+  tables[2][100].hue = 36000;
+  EXPECT_TRUE(HueTableFits16(tables[0].data()) && HueTableFits16(tables[1].data()));
+  EXPECT_FALSE(HueTableFits16(tables[2].data()));
+  for (auto [field, value] : {std::pair{0, -36000}, {1, 100001}, {1, -100001}, {2, (1 << 24) + 1}}) {
+    Table t = tables[1];
+    (field == 0 ? t[9].hue : field == 1 ? t[9].saturation : t[9].intensity) = value;
+    EXPECT_FALSE(HueTableFits16(t.data())) << field << " " << value;
+  }
+  std::mt19937 rng(4);
+  std::vector<uint16_t> pool = {0, 1, 2, 255, 256, 32766, 32767, 32768, 32769, 59652, 65533, 65534, 65535};
+  while (pool.size() < 30) pool.push_back(static_cast<uint16_t>(rng()));
+  std::vector<uint16_t> colours;
+  for (uint16_t r : pool)
+    for (uint16_t g : pool)
+      for (uint16_t b : pool) colours.insert(colours.end(), {b, g, r});
+  for (int i = 0; i < (1 << 17) * 3; ++i) colours.push_back(static_cast<uint16_t>(rng()));
+  const auto count = static_cast<int32_t>(colours.size() / 3);
+  for (const Table &table : tables) {
+    std::vector<uint16_t> ref = colours;
+    ChangeRow16(img::Isa::Scalar, ref.data(), 3, 0, count, table.data());
+    for (img::Isa isa : img::kAllIsas) {
+      if (!img::IsaAvailable(isa)) continue;
+      std::vector<uint16_t> out = colours;
+      ChangeRow16(isa, out.data(), 3, 0, count, table.data());
+      const auto bad = std::mismatch(out.begin(), out.end(), ref.begin());
+      ASSERT_TRUE(bad.first == out.end())
+          << img::IsaName(isa) << " colour at " << (bad.first - out.begin()) / 3;
+      std::vector<uint16_t> four(4 * 70), fourRef;
+      for (uint16_t &v : four) v = static_cast<uint16_t>(rng());
+      fourRef = four;
+      const auto left = static_cast<int32_t>(rng() % 20), right = left + static_cast<int32_t>(rng() % 51);
+      ChangeRow16(img::Isa::Scalar, fourRef.data(), 4, left, right, table.data());
+      ChangeRow16(isa, four.data(), 4, left, right, table.data());
+      ASSERT_EQ(four, fourRef) << img::IsaName(isa) << " " << left << ".." << right;
+    }
+  }
+}
+
 TEST(Hsi, ChecksInOrder) {
   kit::Bitmap bmp(Kind(24), 4, 2), bad(Kind(24), 2, 2), gray32(Kind(32, ORDER_GRAY), 2, 2);
   kit::Bitmap signedBmp(Kind(24), 2, 2), gray(Kind(8, ORDER_GRAY), 2, 2), gray16(Kind(16, ORDER_GRAY), 2, 2);
