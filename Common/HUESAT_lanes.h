@@ -312,16 +312,28 @@ IMG_HS_INLINE int32_t RunLanes(uint8_t *row, int32_t channels, int32_t left, int
 // The scalar 16-bit steps compute their hues in doubles; where that is
 // replaced by integers, the note at the place says why the bits agree.
 
+// The quotient put right from an estimate q at most one off.
 template <class V>
-IMG_HS_INLINE typename V::I DivFix(typename V::U n, typename V::F estimate, typename V::I d) {
+IMG_HS_INLINE typename V::I FixQuotient(typename V::U n, typename V::I q, typename V::I d) {
   using I = typename V::I;
   using U = typename V::U;
-  using F = typename V::F;
-  I q = __builtin_convertvector(estimate / __builtin_convertvector(d, F), I);
   I rem = (I)(n - (U)q * (U)d);
   q = rem < 0 ? q - 1 : q;
   rem = rem < 0 ? rem + d : rem;
   return rem >= d ? q + 1 : q;
+}
+template <class V>
+IMG_HS_INLINE typename V::I DivFix(typename V::U n, typename V::F estimate, typename V::I d) {
+  using F = typename V::F;
+  return FixQuotient<V>(n, __builtin_convertvector(estimate / __builtin_convertvector(d, F), typename V::I),
+                        d);
+}
+// DivFix by a constant c: the estimate times the rounded reciprocal (three
+// roundings of 2^-24, still at most one off for quotients below 2^17).
+template <class V>
+IMG_HS_INLINE typename V::I DivFixBy(typename V::U n, typename V::F estimate, int32_t c) {
+  return FixQuotient<V>(n, __builtin_convertvector(estimate * (1.0f / static_cast<float>(c)), typename V::I),
+                        Splat<V>(c));
 }
 template <class V>
 IMG_HS_INLINE typename V::I Div65535(typename V::U x) {
@@ -451,6 +463,14 @@ IMG_HS_INLINE typename V::I DivToZero(typename V::I n, typename V::I d) {
   const I q = DivFix<V>((U)mag, ToF<V>(mag), d);
   return neg ? -q : q;
 }
+template <class V>
+IMG_HS_INLINE typename V::I DivToZeroBy(typename V::I n, int32_t c) {
+  using I = typename V::I;
+  using U = typename V::U;
+  const I neg = n < 0, mag = (I)(neg ? -(U)n : (U)n);
+  const I q = DivFixBy<V>((U)mag, ToF<V>(mag), c);
+  return neg ? -q : q;
+}
 
 // One channel of the 36000-hundredths hexcone with the 32-bit products of
 // the 16-bit conversion, wrap-around included: the wrapped product divided
@@ -461,7 +481,7 @@ IMG_HS_INLINE typename V::I Hexcone16(typename V::I hh, typename V::I m1, typena
   hh = hh >= 36001 ? hh - 36000 : (hh < 0 ? hh + 36000 : hh);
   const I rising = hh <= 6000, top = hh <= 18000, falling = hh <= 24000;
   const I t = rising ? hh : 24000 - hh;
-  const I ramp = m1 + DivToZero<V>((I)((typename V::U)(m2 - m1) * (typename V::U)t * 6u), Splat<V>(36000));
+  const I ramp = m1 + DivToZeroBy<V>((I)((typename V::U)(m2 - m1) * (typename V::U)t * 6u), 36000);
   const I value = rising ? ramp : top ? m2 : falling ? ramp : m1;
   return Min<V>(Max<V>(value, Splat<V>(0)), Splat<V>(65535));
 }
@@ -501,7 +521,7 @@ struct HsiLanes16 {
     // channel share d / rest + low with share + rest = 12000, share <= rest;
     // every channel within low..v (s = 0: all v), no clamp acts.
     const I ln = (10000 - s) * v;
-    const I low = DivFix<V>((U)ln, ToF<V>(ln), Splat<V>(10000));
+    const I low = DivFixBy<V>((U)ln, ToF<V>(ln), 10000);
     const I d = v - low;
     const I in0 = n <= 6000, in1 = n <= 12000, in2 = n <= 18000, in3 = n <= 24000, in4 = n <= 30000;
     const I t = n - (in1 ? zero : in3 ? Splat<V>(12000) : Splat<V>(24000));
@@ -526,13 +546,12 @@ struct HsiLanes16 {
     hh = hh < 0 ? hh + 36000 : hh;
     hh = sl == 0 ? zero : hh;
     // s + s change / 10000 toward zero, held to 0..10000.
-    const I ns = Min<V>(Max<V>(sl + DivToZero<V>(sl * change, Splat<V>(10000)), zero), Splat<V>(10000));
+    const I ns = Min<V>(Max<V>(sl + DivToZeroBy<V>(sl * change, 10000), zero), Splat<V>(10000));
     // HLS back: m2 = (ns + 10000) l / 10000 up to l 32767, else
     // ns 65535 / 10000 + l - l ns / 10000 (each product below 2^31).
     const I p1 = (ns + 10000) * l, p2 = ns * 65535, p3 = l * ns;
-    const I m2 = lowSide ? DivFix<V>((U)p1, ToF<V>(p1), Splat<V>(10000))
-                         : DivFix<V>((U)p2, ToF<V>(p2), Splat<V>(10000)) + l -
-                               DivFix<V>((U)p3, ToF<V>(p3), Splat<V>(10000));
+    const I m2 = lowSide ? DivFixBy<V>((U)p1, ToF<V>(p1), 10000)
+                         : DivFixBy<V>((U)p2, ToF<V>(p2), 10000) + l - DivFixBy<V>((U)p3, ToF<V>(p3), 10000);
     const I m1 = 2 * l - m2;
     r = Min<V>(Max<V>(Hexcone16<V>(hh + 12000, m1, m2) + add, zero), top);
     g = Min<V>(Max<V>(Hexcone16<V>(hh, m1, m2) + add, zero), top);
