@@ -233,18 +233,11 @@ struct HsiLanes {
     const I sum = v + low, l = sum >> 1, lowSide = l <= 128;
     const I sl = DivF<V>(d * 100, d == 0 ? one : (lowSide ? sum : 510 - sum));
     // Its hexcone hue, diff 360 / (6 d) toward zero plus 120 a sector (red,
-    // then green largest), negative + 360. With f = 60 e / d (0..60), the
-    // sectors of n give (ties between the largest components included, each
-    // worked through the scalar order): f, 120 - f, 120 + f, 240 - f,
-    // 240 + f, and -f (+ 360 where f > 0) in the last.
+    // then green largest), negative + 360, is with f = 60 e / d (0..60) f,
+    // 120 - f, 120 + f, 240 - f, 240 + f and -f (+ 360 where f > 0) in the
+    // sectors of n (ties between the largest components worked through the
+    // scalar order). Below it is used through its sector and f only.
     const I f = DivF<V>(e * 60, d == 0 ? one : d);
-    I hh = in0   ? f
-           : in1 ? 120 - f
-           : in2 ? 120 + f
-           : in3 ? 240 - f
-           : in4 ? 240 + f
-                 : (f == 0 ? zero : 360 - f);
-    hh = sl == 0 ? zero : hh;
     // s + s change / 100 toward zero (|s change| < 2^18), held to 0..100.
     const I ns = Min<V>(Max<V>(sl + DivF<V>(sl * change, Splat<V>(100)), zero), Splat<V>(100));
     // HLS back: m2 = (ns + 100) l / 100 up to l 128, else ns 255 / 100 + l -
@@ -252,18 +245,19 @@ struct HsiLanes {
     // ns = 0 gives l everywhere. 0 <= m1 <= l <= m2 <= 256.
     const I m2 = lowSide ? Div100<V>((ns + 100) * l) : Div100<V>(ns * 255) + l - Div100<V>(l * ns);
     const I m1 = 2 * l - m2, span = m2 - m1;
-    // The value function at hh + 120, hh and hh - 120 (hh in 0..360, the
-    // wraps by 360 included) gives, as with the HSV sectors: one channel m2,
-    // one m1 and the middle one m1 + span u / 60, where u is the distance of
-    // hh to the nearest multiple of 120 (span u <= 512 x 60), placed by the
-    // 60-degree sector of hh (each bound worked through the scalar's).
-    const I j0 = hh <= 60, j1 = hh <= 120, j2 = hh <= 180, j3 = hh <= 240, j4 = hh <= 300;
-    const I w = hh - (j1 ? zero : j3 ? Splat<V>(120) : Splat<V>(240));
-    const I mid = m1 + Div60<V>(span * Min<V>(w, 120 - w));
+    // The value function at hh + 120, hh and hh - 120 (the wraps by 360
+    // included) gives, as the HSV sectors do: one channel m2, one m1 and the
+    // middle one m1 + span u / 60 (span u <= 512 x 60), u the distance of hh
+    // to the nearest multiple of 120, placed by the 60-degree sector of hh.
+    // That distance is f, and hh lies in the sector of n but at its bounds
+    // (f 0 or 60), where the middle channel is m1 or m2 and both placements
+    // give the same channels; -f read as 0 instead of 360 likewise. With
+    // saturation 0, m1 = m2 = l and the placement does not matter.
+    const I mid = m1 + Div60<V>(span * f);
     // Each at most 256, held to 255, then the intensity, held to 0..255.
-    r = Finish<V>(j0 ? m2 : j1 ? mid : j3 ? m1 : j4 ? mid : m2, add);
-    g = Finish<V>(j0 ? mid : j2 ? m2 : j3 ? mid : m1, add);
-    b = Finish<V>(j1 ? m1 : j2 ? mid : j4 ? m2 : mid, add);
+    r = Finish<V>(in0 ? m2 : in1 ? mid : in3 ? m1 : in4 ? mid : m2, add);
+    g = Finish<V>(in0 ? mid : in2 ? m2 : in3 ? mid : m1, add);
+    b = Finish<V>(in1 ? m1 : in2 ? mid : in4 ? m2 : mid, add);
   }
 };
 
