@@ -466,18 +466,10 @@ IMG_HS_INLINE typename V::I DivToZeroBy(typename V::I n, int32_t c) {
   return neg ? -q : q;
 }
 
-// One channel of the 36000-hundredths hexcone with the 32-bit products of
-// the 16-bit conversion, wrap-around included: the wrapped product divided
-// toward zero, as the scalar form divides it; clamped to 0..65535.
+// Held to 0..65535.
 template <class V>
-IMG_HS_INLINE typename V::I Hexcone16(typename V::I hh, typename V::I m1, typename V::I m2) {
-  using I = typename V::I;
-  hh = hh >= 36001 ? hh - 36000 : (hh < 0 ? hh + 36000 : hh);
-  const I rising = hh <= 6000, top = hh <= 18000, falling = hh <= 24000;
-  const I t = rising ? hh : 24000 - hh;
-  const I ramp = m1 + DivToZeroBy<V>((I)((typename V::U)(m2 - m1) * (typename V::U)t * 6u), 36000);
-  const I value = rising ? ramp : top ? m2 : falling ? ramp : m1;
-  return Min<V>(Max<V>(value, Splat<V>(0)), Splat<V>(65535));
+IMG_HS_INLINE typename V::I Clamp16(typename V::I x) {
+  return Min<V>(Max<V>(x, Splat<V>(0)), Splat<V>(65535));
 }
 
 // ChangePixel16 (HSI.cpp) in lanes: HSV in hundredths, the entry of hue / 100
@@ -494,7 +486,7 @@ struct HsiLanes16 {
   IMG_HS_INLINE void operator()(typename V::I &r, typename V::I &g, typename V::I &b) const {
     using I = typename V::I;
     using U = typename V::U;
-    const I zero = Splat<V>(0), one = Splat<V>(1), top = Splat<V>(65535);
+    const I zero = Splat<V>(0), one = Splat<V>(1);
     I mx = Max<V>(Max<V>(r, g), b), mn = Min<V>(Min<V>(r, g), b);
     I gray = mx == mn;
     const I bMin = b == mn, rMin = r == mn;
@@ -543,13 +535,23 @@ struct HsiLanes16 {
     const I ns = Min<V>(Max<V>(sl + DivToZeroBy<V>(sl * change, 10000), zero), Splat<V>(10000));
     // HLS back: m2 = (ns + 10000) l / 10000 up to l 32767, else
     // ns 65535 / 10000 + l - l ns / 10000 (each product below 2^31).
-    const I p1 = (ns + 10000) * l, p2 = ns * 65535, p3 = l * ns;
-    const I m2 = lowSide ? DivFixBy<V>((U)p1, ToF<V>(p1), 10000)
-                         : DivFixBy<V>((U)p2, ToF<V>(p2), 10000) + l - DivFixBy<V>((U)p3, ToF<V>(p3), 10000);
+    const I p1 = lowSide ? (ns + 10000) * l : l * ns, p2 = ns * 65535;
+    const I q1 = DivFixBy<V>((U)p1, ToF<V>(p1), 10000);
+    const I m2 = lowSide ? q1 : DivFixBy<V>((U)p2, ToF<V>(p2), 10000) + l - q1;
     const I m1 = 2 * l - m2;
-    r = Min<V>(Max<V>(Hexcone16<V>(hh + 12000, m1, m2) + add, zero), top);
-    g = Min<V>(Max<V>(Hexcone16<V>(hh, m1, m2) + add, zero), top);
-    b = Min<V>(Max<V>(Hexcone16<V>(hh - 12000, m1, m2) + add, zero), top);
+    // The value function at hh + 12000, hh and hh - 12000 (hh in 0..36000,
+    // the wraps by 36000 included) gives one channel m2, one m1 and one ramp
+    // with t the distance u of hh to the nearest multiple of 12000, placed
+    // by the 6000-hundredths sector of hh; at the sector bounds the scalar
+    // takes the ramp of that same channel at u = 6000, and any other ramp
+    // there has t = 0 (m1). The ramp keeps the wrapped product.
+    const I j0 = hh <= 6000, j1 = hh <= 12000, j2 = hh <= 18000, j3 = hh <= 24000, j4 = hh <= 30000;
+    const I w = hh - (j1 ? zero : j3 ? Splat<V>(12000) : Splat<V>(24000));
+    const I u = Min<V>(w, 12000 - w);
+    const I ramp = m1 + DivToZeroBy<V>((I)((U)(m2 - m1) * (U)u * 6u), 36000);
+    r = Clamp16<V>(Clamp16<V>(j0 ? m2 : j1 ? ramp : j3 ? m1 : j4 ? ramp : m2) + add);
+    g = Clamp16<V>(Clamp16<V>(j0 ? ramp : j2 ? m2 : j3 ? ramp : m1) + add);
+    b = Clamp16<V>(Clamp16<V>(j1 ? m1 : j2 ? ramp : j4 ? m2 : ramp) + add);
   }
 };
 
