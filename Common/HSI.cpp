@@ -9,6 +9,7 @@
 #include "ClrSpc.h"
 #include "colour_memo.h"
 #include "frame.h"
+#include "hue_model.h"
 #include "imgplatform.h"
 
 static constexpr const wchar_t *kSourceFile = L"Common/HSI";
@@ -210,6 +211,49 @@ void ChangePixel(T *rgb, const HueChange *table) {
   for (int32_t k = 0; k < 3; ++k) rgb[k] = static_cast<T>(Clamp(rgb[k] + e.intensity, 0, kMax));
 }
 
+// 8-bit rows at a set of AVX2 or above, with a table that fits the loops:
+// three- and four-sample rows through the loops (no memo), others one pixel
+// at a time.
+int32_t ChangeRowsInLanes(RowPass &pass, const HueChange *table, const LaneTable &lanes, Isa isa) {
+  return pass.RunRows([&](auto &row) {
+    if constexpr (sizeof(*row.samples) == 1) {
+      row.ForEachRun([&](int32_t left, int32_t right) {
+        if (row.channels == 3 || row.channels == 4)
+          ChangeRow8(isa, row.samples, row.channels, left, right, table, lanes);
+        else
+          ForEachColour(row.samples, row.channels, left, right, [&](int32_t &r, int32_t &g, int32_t &b) {
+            uint8_t rgb[3] = {static_cast<uint8_t>(b), static_cast<uint8_t>(g), static_cast<uint8_t>(r)};
+            ChangePixel(rgb, table);
+            b = rgb[0], g = rgb[1], r = rgb[2];
+          });
+      });
+    }
+  });
+}
+
+// ChangePixel on 16-bit samples with the colour-space models of hue_model.h
+// called directly: the 16-bit HSV and HLS conversions are these models (hue
+// and saturation in hundredths, 32-bit products that wrap) with the same
+// clamps, and no value of a step is cut when the conversions store it (hues
+// in 32 bits, saturations at most 10000, lightness and value 16 bits). The
+// four row conversions of one pixel cost more than the formulas themselves.
+void ChangePixel16(uint16_t *rgb, const HueChange *table) {
+  using W = hue::Wrap32;
+  const auto clamp16 = [](int32_t v) { return static_cast<uint16_t>(Clamp(v, 0, 65535)); };
+  const hue::Hsv<hue::Plain, hue::Plain> hsv = hue::HsvOf<hue::Plain>(rgb[2], rgb[1], rgb[0], 12000, 10000);
+  const HueChange &e = table[hsv.h / 100];
+  int32_t n = hsv.h + e.hue;
+  if (n < 0) n += 36000;
+  n %= 36000;
+  const hue::Rgb<int32_t> back = hue::HsvToRgb<W, 6000>(n, hsv.s, hsv.v, 10000);
+  rgb[0] = clamp16(back.b), rgb[1] = clamp16(back.g), rgb[2] = clamp16(back.r);
+  const hue::Hls hls = hue::HlsOf<hue::Plain, W, hue::kHlsHundredths>(rgb[2], rgb[1], rgb[0]);
+  const hue::Rgb<int32_t> out =
+      hue::HlsToRgb<W, hue::kHlsHundredths>(hls.h, hls.l, ChangeSaturation(hls.s, e.saturation, 10000));
+  rgb[0] = clamp16(out.b), rgb[1] = clamp16(out.g), rgb[2] = clamp16(out.r);
+  for (int32_t k = 0; k < 3; ++k) rgb[k] = clamp16(rgb[k] + e.intensity);
+}
+
 // The rows pixel by pixel through the call's colour memo: a pixel's result
 // depends on its colour alone.
 template <class T>
@@ -218,7 +262,10 @@ int32_t ChangeRows(RowPass &pass, const HueChange *table) {
   if (!memo) return RC_NO_MEMORY;
   const auto compute = [table](int32_t &r, int32_t &g, int32_t &b) {
     T rgb[3] = {static_cast<T>(b), static_cast<T>(g), static_cast<T>(r)};
-    ChangePixel(rgb, table);
+    if constexpr (sizeof(T) == 2)
+      ChangePixel16(rgb, table);
+    else
+      ChangePixel(rgb, table);
     b = rgb[0], g = rgb[1], r = rgb[2];
   };
   return pass.RunRows([&](auto &row) {
@@ -243,8 +290,33 @@ int32_t Worker(BitmapRecord *bitmap, int32_t hue, int32_t saturation, int32_t in
       RowSetup{.progress = progress, .palette = PaletteRule::Entries, .noRowBuffer = NoRowBuffer::Succeeds});
   if (pass.status() != RC_SUCCESS) return pass.status();
   BuildHueTable(table.get(), hue, saturation, intensity, ranges, count, pass.OnPalette() ? 8 : pass.bits());
-  if (!pass.OnPalette())
-    return pass.wide() ? ChangeRows<uint16_t>(pass, table.get()) : ChangeRows<uint8_t>(pass, table.get());
+  if (!pass.OnPalette()) {
+    if (pass.wide()) {
+      if (const Isa isa = BestIsa(); isa >= Isa::Avx2 && HueTableFits16(table.get()))
+        return pass.RunRows([&](auto &row) {
+          if constexpr (sizeof(*row.samples) == 2)
+            row.ForEachRun([&](int32_t left, int32_t right) {
+              if (row.channels == 3 || row.channels == 4)
+                ChangeRow16(isa, row.samples, row.channels, left, right, table.get());
+              else
+                ForEachColour(row.samples, row.channels, left, right,
+                              [&](int32_t &r, int32_t &g, int32_t &b) {
+                                uint16_t rgb[3] = {static_cast<uint16_t>(b), static_cast<uint16_t>(g),
+                                                   static_cast<uint16_t>(r)};
+                                ChangePixel16(rgb, table.get());
+                                b = rgb[0], g = rgb[1], r = rgb[2];
+                              });
+            });
+        });
+      return ChangeRows<uint16_t>(pass, table.get());
+    }
+    if (const Isa isa = BestIsa(); isa >= Isa::Avx2) {
+      LaneTable lanes;
+      PackHueTable(table.get(), lanes);
+      if (lanes.fits) return ChangeRowsInLanes(pass, table.get(), lanes, isa);
+    }
+    return ChangeRows<uint8_t>(pass, table.get());
+  }
   IMG_BUFFER(int32_t, index, static_cast<std::size_t>(bitmap->Width > 256 ? bitmap->Width : 256));
   if (!index) return RC_NO_MEMORY;
   ColourSpacePass space(pass, {COLORSPACE_HSV, COLORSPACE_HLS});
@@ -253,6 +325,53 @@ int32_t Worker(BitmapRecord *bitmap, int32_t hue, int32_t saturation, int32_t in
 }
 
 }  // namespace
+
+void PackHueTable(const HueChange *table, LaneTable &lanes) {
+  lanes.fits = true;
+  for (int32_t h = 0; h < kHueEntries; ++h) {
+    const HueChange &e = table[h];
+    lanes.fits = lanes.fits && e.hue >= -360 && e.hue <= 360 && e.saturation >= -2047 &&
+                 e.saturation <= 2047 && e.intensity >= -511 && e.intensity <= 511;
+    // The turned hue as ChangePixel takes it (for changes within +-360).
+    int32_t n = h + (lanes.fits ? e.hue : 0);
+    if (n < 0) n += 360;
+    n %= 360;
+    lanes.packed[h] = static_cast<uint32_t>(n) | (static_cast<uint32_t>(e.saturation) & 0xFFFu) << 10 |
+                      static_cast<uint32_t>(e.intensity) << 22;
+  }
+}
+
+void ChangeRow8(Isa isa, uint8_t *row, int32_t channels, int32_t left, int32_t right, const HueChange *table,
+                const LaneTable &lanes) {
+  isa = BestIsa(isa);
+  if ((channels == 3 || channels == 4) && lanes.fits) {
+    if (isa >= Isa::Avx512) left = HsiLanesAvx512(row, channels, left, right, lanes.packed);
+    if (isa >= Isa::Avx2) left = HsiLanesAvx2(row, channels, left, right, lanes.packed);
+  }
+  for (uint8_t *p = row + static_cast<std::ptrdiff_t>(left) * channels; left < right; ++left, p += channels)
+    ChangePixel(p, table);
+}
+
+bool HueTableFits16(const HueChange *table) {
+  for (int32_t h = 0; h < kHueEntries; ++h) {
+    const HueChange &e = table[h];
+    if (e.hue < -35999 || e.hue > 35999 || e.saturation < -100000 || e.saturation > 100000 ||
+        e.intensity < -(1 << 24) || e.intensity > (1 << 24))
+      return false;
+  }
+  return true;
+}
+
+void ChangeRow16(Isa isa, uint16_t *row, int32_t channels, int32_t left, int32_t right,
+                 const HueChange *table) {
+  isa = BestIsa(isa);
+  if ((channels == 3 || channels == 4) && HueTableFits16(table)) {
+    if (isa >= Isa::Avx512) left = HsiLanesAvx512(row, channels, left, right, table);
+    if (isa >= Isa::Avx2) left = HsiLanesAvx2(row, channels, left, right, table);
+  }
+  for (uint16_t *p = row + static_cast<std::ptrdiff_t>(left) * channels; left < right; ++left, p += channels)
+    ChangePixel16(p, table);
+}
 
 }  // namespace img::hsi
 

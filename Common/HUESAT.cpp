@@ -86,30 +86,85 @@ void ChangeSaturation16(int32_t &r, int32_t &g, int32_t &b, int32_t step) {
 
 namespace {
 
+template <class T>
+using Lanes = int32_t (*)(T *row, int32_t channels, int32_t left, int32_t right, int32_t step);
+
+// The loops of the best set up to `isa` over a prefix (what AVX-512 leaves,
+// AVX2 takes where its groups fit), the rest one pixel at a time.
+template <class T, class Step>
+void Row(Isa isa, Lanes<T> avx2, Lanes<T> avx512, Step pixel, T *row, int32_t channels, int32_t left,
+         int32_t right, int32_t step) {
+  isa = BestIsa(isa);
+  if (channels == 3 || channels == 4) {
+    if (isa >= Isa::Avx512) left = avx512(row, channels, left, right, step);
+    if (isa >= Isa::Avx2) left = avx2(row, channels, left, right, step);
+  }
+  ForEachColour(row, channels, left, right,
+                [&](int32_t &r, int32_t &g, int32_t &b) { pixel(r, g, b, step); });
+}
+
+void HuePixel8(int32_t &r, int32_t &g, int32_t &b, int32_t step) {
+  const uint32_t hsv = RgbToHsv8(r, g, b);
+  const uint32_t hue = (hsv + static_cast<uint32_t>(step)) & 0xFFu;
+  const uint32_t rgb = HsvToRgb8((hsv & 0xFFFF00u) | hue);
+  r = static_cast<int32_t>(rgb & 0xFF), g = static_cast<int32_t>((rgb >> 8) & 0xFF),
+  b = static_cast<int32_t>(rgb >> 16);
+}
+
+void HuePixel16(int32_t &r, int32_t &g, int32_t &b, int32_t step) {
+  const Hsv16 p = RgbToHsv16(r, g, b);
+  const int32_t hue =
+      static_cast<int32_t>((static_cast<uint32_t>(p.h) + static_cast<uint32_t>(step) * 257u) & 0xFFFFu);
+  const Rgb16 c = HsvToRgb16(hue, p.s, p.v);
+  r = c.r, g = c.g, b = c.b;
+}
+
+}  // namespace
+
+void HueRow8(Isa isa, uint8_t *row, int32_t channels, int32_t left, int32_t right, int32_t step) {
+  Row<uint8_t>(isa, HueLanesAvx2, HueLanesAvx512, HuePixel8, row, channels, left, right, step);
+}
+
+void SaturationRow8(Isa isa, uint8_t *row, int32_t channels, int32_t left, int32_t right, int32_t step) {
+  Row<uint8_t>(isa, SaturationLanesAvx2, SaturationLanesAvx512, ChangeSaturation8, row, channels, left, right,
+               step);
+}
+
+void HueRow16(Isa isa, uint16_t *row, int32_t channels, int32_t left, int32_t right, int32_t step) {
+  Row<uint16_t>(isa, HueLanesAvx2, HueLanesAvx512, HuePixel16, row, channels, left, right, step);
+}
+
+void SaturationRow16(Isa isa, uint16_t *row, int32_t channels, int32_t left, int32_t right, int32_t step) {
+  Row<uint16_t>(isa, SaturationLanesAvx2, SaturationLanesAvx512, ChangeSaturation16, row, channels, left,
+                right, step);
+}
+
+namespace {
+
 // ---- Per-pixel operations -------------------------------------------------------------
 // Each has Pixel8 (palette entries and 8-bit rows) and Pixel16 (16-bit rows),
 // changing r, g, b in place.
 
 struct HueOp {
   int32_t step;
-  void Pixel8(int32_t &r, int32_t &g, int32_t &b) const {
-    const uint32_t hsv = RgbToHsv8(r, g, b);
-    const uint32_t hue = (hsv + static_cast<uint32_t>(step)) & 0xFFu;
-    const uint32_t rgb = HsvToRgb8((hsv & 0xFFFF00u) | hue);
-    r = static_cast<int32_t>(rgb & 0xFF), g = static_cast<int32_t>((rgb >> 8) & 0xFF),
-    b = static_cast<int32_t>(rgb >> 16);
+  void Rows(Isa isa, uint8_t *row, int32_t channels, int32_t left, int32_t right) const {
+    HueRow8(isa, row, channels, left, right, step);
   }
-  void Pixel16(int32_t &r, int32_t &g, int32_t &b) const {
-    const Hsv16 p = RgbToHsv16(r, g, b);
-    const int32_t hue =
-        static_cast<int32_t>((static_cast<uint32_t>(p.h) + static_cast<uint32_t>(step) * 257u) & 0xFFFFu);
-    const Rgb16 c = HsvToRgb16(hue, p.s, p.v);
-    r = c.r, g = c.g, b = c.b;
+  void Rows(Isa isa, uint16_t *row, int32_t channels, int32_t left, int32_t right) const {
+    HueRow16(isa, row, channels, left, right, step);
   }
+  void Pixel8(int32_t &r, int32_t &g, int32_t &b) const { HuePixel8(r, g, b, step); }
+  void Pixel16(int32_t &r, int32_t &g, int32_t &b) const { HuePixel16(r, g, b, step); }
 };
 
 struct SaturationOp {
   int32_t step;
+  void Rows(Isa isa, uint8_t *row, int32_t channels, int32_t left, int32_t right) const {
+    SaturationRow8(isa, row, channels, left, right, step);
+  }
+  void Rows(Isa isa, uint16_t *row, int32_t channels, int32_t left, int32_t right) const {
+    SaturationRow16(isa, row, channels, left, right, step);
+  }
   void Pixel8(int32_t &r, int32_t &g, int32_t &b) const { ChangeSaturation8(r, g, b, step); }
   void Pixel16(int32_t &r, int32_t &g, int32_t &b) const { ChangeSaturation16(r, g, b, step); }
 };
@@ -203,6 +258,27 @@ auto PixelKernel(const Op &op, bool threeOnly16, ColourMemo<uint8_t> *memo8, Col
   };
 }
 
+// Rows of operations with loops of their own, at a set of AVX2 or above:
+// three- and four-sample rows through the loops (no memo: computing a group
+// of pixels costs less than looking them up), others one pixel at a time.
+template <class Op>
+auto LanesKernel(const Op &op, Isa isa) {
+  return [&op, isa](auto &row) {
+    using T = std::remove_reference_t<decltype(*row.samples)>;
+    row.ForEachRun([&](int32_t start, int32_t end) {
+      if (row.channels == 3 || row.channels == 4)
+        op.Rows(isa, row.samples, row.channels, start, end);
+      else
+        RunPixels<T, Op, sizeof(T) == 2>(row.samples, row.channels, false, start, end, op, nullptr);
+    });
+  };
+}
+
+template <class Op>
+concept HasLanes = requires(const Op &op, uint8_t *row) {
+  op.Rows(Isa::Scalar, row, 3, 0, 0);
+};
+
 // Palette bitmaps (without PALETTE_FLAG_NONE) change every entry through the
 // 8-bit step; the status callback hears 0 before the change and 100 after
 // it, and the second answer is the result. Other bitmaps go row by row over
@@ -216,6 +292,9 @@ int32_t Dispatch(BitmapRecord *bitmap, const Op &op, bool threeOnly16, Check16 c
     if (const int32_t count = PaletteCount(bitmap); count < 0) return count;
     const auto kernel = PixelKernel(op, threeOnly16, nullptr, nullptr);
     return Bracketed(kFullProgress, [&] { return RunPaletteRow(bitmap, kernel); });
+  }
+  if constexpr (HasLanes<Op>) {
+    if (const Isa isa = BestIsa(); isa >= Isa::Avx2) return pass.RunRows(LanesKernel(op, isa));
   }
   if (pass.wide()) {
     if (const int32_t status = check16()) return status;

@@ -8,6 +8,8 @@
 
 #include <cstdint>
 
+#include "cpu.h"
+
 namespace img::huesat {
 
 // 8-bit RGB to packed HSV: hue in bits 0-7 (a hue that reaches 256 is stored
@@ -38,5 +40,27 @@ int32_t SaturationStep(int32_t change);
 // Saturation change of one pixel in place (hexcone hue, 255-step wrap).
 void ChangeSaturation8(int32_t &r, int32_t &g, int32_t &b, int32_t step);
 void ChangeSaturation16(int32_t &r, int32_t &g, int32_t &b, int32_t step);
+
+// Pixels [left, right) of an 8-bit row of `channels` samples a pixel (3 or
+// 4: blue, green, red first, a fourth kept) through the hue step (hue steps
+// added, as Q_ChangeBitmapHue) or the saturation step, with the loops of the
+// best set up to `isa`. Isa::Scalar is the reference: one pixel at a time.
+void HueRow8(Isa isa, uint8_t *row, int32_t channels, int32_t left, int32_t right, int32_t step);
+void SaturationRow8(Isa isa, uint8_t *row, int32_t channels, int32_t left, int32_t right, int32_t step);
+// The same on 16-bit rows (the 16-bit steps; `step` is still in 8-bit hue steps).
+void HueRow16(Isa isa, uint16_t *row, int32_t channels, int32_t left, int32_t right, int32_t step);
+void SaturationRow16(Isa isa, uint16_t *row, int32_t channels, int32_t left, int32_t right, int32_t step);
+
+// The loops of one set (HUESAT_avx2.cpp, HUESAT_avx512.cpp): they change a
+// prefix of [left, right) of a 3- or 4-sample row and return where they
+// stopped; the rest is the scalar step's.
+int32_t HueLanesAvx2(uint8_t *row, int32_t channels, int32_t left, int32_t right, int32_t step);
+int32_t HueLanesAvx512(uint8_t *row, int32_t channels, int32_t left, int32_t right, int32_t step);
+int32_t SaturationLanesAvx2(uint8_t *row, int32_t channels, int32_t left, int32_t right, int32_t step);
+int32_t SaturationLanesAvx512(uint8_t *row, int32_t channels, int32_t left, int32_t right, int32_t step);
+int32_t HueLanesAvx2(uint16_t *row, int32_t channels, int32_t left, int32_t right, int32_t step);
+int32_t HueLanesAvx512(uint16_t *row, int32_t channels, int32_t left, int32_t right, int32_t step);
+int32_t SaturationLanesAvx2(uint16_t *row, int32_t channels, int32_t left, int32_t right, int32_t step);
+int32_t SaturationLanesAvx512(uint16_t *row, int32_t channels, int32_t left, int32_t right, int32_t step);
 
 }  // namespace img::huesat

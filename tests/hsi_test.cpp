@@ -2,8 +2,10 @@
 #include "HSI.h"
 
 #include <memory>
+#include <random>
 #include <tuple>
 
+#include "ClrSpc.h"
 #include "kit.h"
 
 namespace {
@@ -21,6 +23,218 @@ HueSatIntRange Band(int32_t os, int32_t oe, int32_t is, int32_t ie, int32_t hue 
 int32_t Call(BitmapRecord *b, int32_t hue, int32_t sat, int32_t in,
              const std::vector<HueSatIntRange> &r = {Band(0, 0, 0, 0)}) {
   return Q_ChangeHueSatIntBitmap(b, hue, sat, in, r.data(), static_cast<uint32_t>(r.size()), 0);
+}
+
+// ---- The loops of each instruction set against the scalar pixel ------------------------------
+
+using Table = std::vector<HueChange>;
+
+// Tables from records (overall changes with a band, as the benchmark; all
+// negative) and one at the edges of what the loops take: hue changes over
+// -360..360, saturation changes over -2047..2047, intensities over -511..511.
+std::vector<Table> LaneTables() {
+  std::vector<Table> tables(3, Table(kHueEntries));
+  const HueSatIntRange band{32, 1500, 300, 100, 330, 30, 350, 10}, low{32, -900, -400, -50, 40, 200, 90, 120};
+  std::vector<HueSatIntRange> ranges = {band, low};
+  for (HueSatIntRange &r : ranges) EXPECT_EQ(ValidateRanges(kit::Bitmap(Kind(24), 1, 1), 0, 0, 0, &r, 1), 0);
+  BuildHueTable(tables[0].data(), 3000, 200, 100, &ranges[0], 1, 8);
+  BuildHueTable(tables[1].data(), -18000, -1000, -500, ranges.data(), 2, 8);
+  for (int32_t h = 0; h < kHueEntries; ++h)
+    tables[2][h] = HueChange{h * 7 % 721 - 360, h * 11 % 4095 - 2047, h * 13 % 1023 - 511};
+  return tables;
+}
+
+// Debug builds take every seventh colour.
+#ifdef NDEBUG
+constexpr uint32_t kColourStep = 1;
+#else
+constexpr uint32_t kColourStep = 7;
+#endif
+
+TEST(HsiRows, EveryColourThroughEachSet) {
+  const Table table = LaneTables()[2];
+  LaneTable lanes;
+  PackHueTable(table.data(), lanes);
+  ASSERT_TRUE(lanes.fits);
+  std::vector<uint8_t> colours;
+  for (uint32_t c = 0; c < (1u << 24); c += kColourStep)
+    colours.insert(colours.end(),
+                   {static_cast<uint8_t>(c), static_cast<uint8_t>(c >> 8), static_cast<uint8_t>(c >> 16)});
+  const auto count = static_cast<int32_t>(colours.size() / 3);
+  std::vector<uint8_t> ref = colours;
+  ChangeRow8(img::Isa::Scalar, ref.data(), 3, 0, count, table.data(), lanes);
+  for (img::Isa isa : {img::Isa::Avx2, img::Isa::Avx512}) {
+    if (!img::IsaAvailable(isa)) continue;
+    std::vector<uint8_t> out = colours;
+    ChangeRow8(isa, out.data(), 3, 0, count, table.data(), lanes);
+    const auto bad = std::mismatch(out.begin(), out.end(), ref.begin());
+    ASSERT_TRUE(bad.first == out.end())
+        << img::IsaName(isa) << " colour at " << (bad.first - out.begin()) / 3;
+  }
+}
+
+// Random rows and spans of three and four samples, every available set, each
+// table; a table with one entry out of the loops' range (361 degrees) goes
+// one pixel at a time.
+TEST(HsiRows, RandomSpansEverySet) {
+  std::vector<Table> tables = LaneTables();
+  tables.push_back(tables[0]);
+  tables.back()[200].hue = 361;
+  LaneTable lanes;
+  for (auto [field, value] : {std::pair{0, -361}, {1, 2048}, {1, -2048}, {2, 512}, {2, -512}}) {
+    Table t = tables[2];
+    (field == 0 ? t[7].hue : field == 1 ? t[7].saturation : t[7].intensity) = value;
+    PackHueTable(t.data(), lanes);
+    EXPECT_FALSE(lanes.fits) << field << " " << value;
+  }
+  std::mt19937 rng(3);
+  for (const Table &table : tables) {
+    PackHueTable(table.data(), lanes);
+    EXPECT_EQ(lanes.fits, &table != &tables.back());
+    for (int32_t channels : {3, 4})
+      for (int trial = 0; trial < 20; ++trial) {
+        std::vector<uint8_t> in(static_cast<size_t>(channels) * 70);
+        for (uint8_t &v : in) v = static_cast<uint8_t>(rng());
+        const auto left = static_cast<int32_t>(rng() % 20), right = left + static_cast<int32_t>(rng() % 51);
+        std::vector<uint8_t> ref = in;
+        ChangeRow8(img::Isa::Scalar, ref.data(), channels, left, right, table.data(), lanes);
+        for (img::Isa isa : img::kAllIsas) {
+          if (!img::IsaAvailable(isa)) continue;
+          std::vector<uint8_t> out = in;
+          ChangeRow8(isa, out.data(), channels, left, right, table.data(), lanes);
+          ASSERT_EQ(out, ref) << img::IsaName(isa) << " " << channels << " " << left << ".." << right;
+        }
+      }
+  }
+}
+
+// The export on random bitmaps, with and without a region: each changed pixel
+// is the scalar pixel's result under the call's table.
+TEST(HsiRows, ExportMatchesTheScalarPixel) {
+  HueSatIntRange band{32, 1500, 300, 100, 330, 30, 350, 10};
+  Table table(kHueEntries);
+  ASSERT_EQ(ValidateRanges(kit::Bitmap(Kind(24), 1, 1), 3000, 200, 100, &band, 1), 0);
+  BuildHueTable(table.data(), 3000, 200, 100, &band, 1, 8);
+  LaneTable lanes;
+  PackHueTable(table.data(), lanes);
+  EXPECT_TRUE(lanes.fits);
+  for (const kit::Format &format : {Kind(24), Kind(24, ORDER_RGB), Kind(32)})
+    for (bool region : {false, true}) {
+      SCOPED_TRACE(format.Name() + (region ? " region" : ""));
+      kit::Bitmap bmp(format, 37, 9);
+      bmp.Randomize(8);
+      if (region) kit::SetEllipseRegion(bmp, 3, 1, 30, 8);
+      const auto before = bmp.Pixels();
+      ASSERT_EQ(Call(bmp, 3000, 200, 100, {HueSatIntRange{32, 1500, 300, 100, 330, 30, 350, 10}}),
+                RC_SUCCESS);
+      for (int32_t i = 0, x = 0, y = 0; i < 37 * 9; ++i, x = i % 37, y = i / 37) {
+        kit::Pixel want = before[i];
+        if (kit::InRegion(bmp, x, y)) {
+          uint8_t bgr[3] = {static_cast<uint8_t>(want.v[2]), static_cast<uint8_t>(want.v[1]),
+                            static_cast<uint8_t>(want.v[0])};
+          ChangeRow8(img::Isa::Scalar, bgr, 3, 0, 1, table.data(), lanes);
+          want.v[0] = bgr[2], want.v[1] = bgr[1], want.v[2] = bgr[0];
+        }
+        ASSERT_EQ(bmp.At(x, y), want) << x << "," << y;
+      }
+    }
+}
+
+// 16-bit rows take the colour-space models directly: the same bits as the
+// four row conversions of a pixel, on random colours (with and without a
+// region) and colours of the pool of extremes and near ties.
+TEST(HsiRows, SixteenBitPixelsMatchTheRowConversions) {
+  const std::vector<HueSatIntRange> records = {{32, 1500, 300, 100, 330, 30, 350, 10},
+                                               {32, -900, -400, -50, 40, 200, 90, 120}};
+  const uint16_t pool[] = {0, 1, 2, 255, 32766, 32767, 32768, 65534, 65535, 12345};
+  for (bool region : {false, true}) {
+    std::vector<HueSatIntRange> copy = records;
+    Table table(kHueEntries);
+    kit::Bitmap bmp(Kind(48), 40, 30);
+    bmp.Randomize(12);
+    for (int32_t i = 0; i < 1000; ++i)
+      bmp.Set(i % 40, i / 40 % 25, Rgb(pool[i % 10], pool[i / 10 % 10], pool[i / 100 % 10]));
+    if (region) kit::SetEllipseRegion(bmp, 3, 2, 36, 28);
+    ASSERT_EQ(ValidateRanges(bmp, 2000, -300, 150, copy.data(), 2), 0);
+    BuildHueTable(table.data(), 2000, -300, 150, copy.data(), 2, 16);
+    const auto before = bmp.Pixels();
+    ASSERT_EQ(Call(bmp, 2000, -300, 150, records), RC_SUCCESS);
+    for (int32_t i = 0, x = 0, y = 0; i < 40 * 30; ++i, x = i % 40, y = i / 40) {
+      kit::Pixel want = before[i];
+      if (kit::InRegion(bmp, x, y)) {
+        uint16_t bgr[3] = {static_cast<uint16_t>(want.v[2]), static_cast<uint16_t>(want.v[1]),
+                           static_cast<uint16_t>(want.v[0])};
+        uint8_t sp[8];
+        img::ConvertColorRow16(COLORSPACE_HSV, bgr, sp, nullptr, 0, 1);
+        int32_t h;
+        std::memcpy(&h, sp, 4);
+        const HueChange &e = table[h / 100];
+        h = (h + e.hue + 36000) % 36000;
+        std::memcpy(sp, &h, 4);
+        img::ConvertColorRow16(COLORSPACE_HSV + COLORSPACE_TO_RGB, bgr, sp, nullptr, 0, 1);
+        img::ConvertColorRow16(COLORSPACE_HLS, bgr, sp, nullptr, 0, 1);
+        uint16_t sat;
+        std::memcpy(&sat, sp + 6, 2);
+        sat = static_cast<uint16_t>(std::clamp<int64_t>(sat + int64_t{sat} * e.saturation / 10000, 0, 10000));
+        std::memcpy(sp + 6, &sat, 2);
+        img::ConvertColorRow16(COLORSPACE_HLS + COLORSPACE_TO_RGB, bgr, sp, nullptr, 0, 1);
+        for (uint16_t &c : bgr) c = static_cast<uint16_t>(std::clamp(c + e.intensity, 0, 65535));
+        want.v[0] = bgr[2], want.v[1] = bgr[1], want.v[2] = bgr[0];
+      }
+      ASSERT_EQ(bmp.At(x, y), want) << x << "," << y;
+    }
+  }
+}
+
+// 16-bit colours (every triple of a pool of extremes and near ties, and
+// random ones) and random spans through each set against the scalar pixel,
+// with tables from records and one at the edges the loops take; tables past
+// them go one pixel at a time.
+TEST(HsiRows, SixteenBitColoursThroughEachSet) {
+  std::vector<HueSatIntRange> records = {{32, 1500, 300, 100, 330, 30, 350, 10},
+                                         {32, -900, -400, -50, 40, 200, 90, 120}};
+  for (HueSatIntRange &r : records) ASSERT_EQ(ValidateRanges(kit::Bitmap(Kind(48), 1, 1), 0, 0, 0, &r, 1), 0);
+  std::vector<Table> tables(3, Table(kHueEntries));
+  BuildHueTable(tables[0].data(), 3000, 200, 100, records.data(), 2, 16);
+  for (int32_t h = 0; h < kHueEntries; ++h)
+    tables[1][h] = HueChange{h * 199 % 71999 - 35999, h * 557 % 200001 - 100000, h * 7919 % 140001 - 70000};
+  tables[2] = tables[1];
+  tables[2][100].hue = 36000;
+  EXPECT_TRUE(HueTableFits16(tables[0].data()) && HueTableFits16(tables[1].data()));
+  EXPECT_FALSE(HueTableFits16(tables[2].data()));
+  for (auto [field, value] : {std::pair{0, -36000}, {1, 100001}, {1, -100001}, {2, (1 << 24) + 1}}) {
+    Table t = tables[1];
+    (field == 0 ? t[9].hue : field == 1 ? t[9].saturation : t[9].intensity) = value;
+    EXPECT_FALSE(HueTableFits16(t.data())) << field << " " << value;
+  }
+  std::mt19937 rng(4);
+  std::vector<uint16_t> pool = {0, 1, 2, 255, 256, 32766, 32767, 32768, 32769, 59652, 65533, 65534, 65535};
+  while (pool.size() < 30) pool.push_back(static_cast<uint16_t>(rng()));
+  std::vector<uint16_t> colours;
+  for (uint16_t r : pool)
+    for (uint16_t g : pool)
+      for (uint16_t b : pool) colours.insert(colours.end(), {b, g, r});
+  for (int i = 0; i < (1 << 17) * 3; ++i) colours.push_back(static_cast<uint16_t>(rng()));
+  const auto count = static_cast<int32_t>(colours.size() / 3);
+  for (const Table &table : tables) {
+    std::vector<uint16_t> ref = colours;
+    ChangeRow16(img::Isa::Scalar, ref.data(), 3, 0, count, table.data());
+    for (img::Isa isa : img::kAllIsas) {
+      if (!img::IsaAvailable(isa)) continue;
+      std::vector<uint16_t> out = colours;
+      ChangeRow16(isa, out.data(), 3, 0, count, table.data());
+      const auto bad = std::mismatch(out.begin(), out.end(), ref.begin());
+      ASSERT_TRUE(bad.first == out.end())
+          << img::IsaName(isa) << " colour at " << (bad.first - out.begin()) / 3;
+      std::vector<uint16_t> four(4 * 70), fourRef;
+      for (uint16_t &v : four) v = static_cast<uint16_t>(rng());
+      fourRef = four;
+      const auto left = static_cast<int32_t>(rng() % 20), right = left + static_cast<int32_t>(rng() % 51);
+      ChangeRow16(img::Isa::Scalar, fourRef.data(), 4, left, right, table.data());
+      ChangeRow16(isa, four.data(), 4, left, right, table.data());
+      ASSERT_EQ(four, fourRef) << img::IsaName(isa) << " " << left << ".." << right;
+    }
+  }
 }
 
 TEST(Hsi, ChecksInOrder) {

@@ -2,6 +2,7 @@
 #include "HUESAT.h"
 
 #include <functional>
+#include <random>
 #include <tuple>
 
 #include "kit.h"
@@ -82,6 +83,150 @@ TEST(HueSatPixel, Saturation) {
     (bits == 8 ? ChangeSaturation8 : ChangeSaturation16)(r, g, b, step);
     EXPECT_EQ(std::vector<int32_t>({r, g, b}), std::vector<int32_t>({er, eg, eb})) << r0 << "," << g0;
   }
+}
+
+// ---- The loops of each instruction set against the scalar step ------------------------------
+
+using Row8 = void (*)(img::Isa, uint8_t *, int32_t, int32_t, int32_t, int32_t);
+using Row16 = void (*)(img::Isa, uint16_t *, int32_t, int32_t, int32_t, int32_t);
+struct RowCase {
+  const char *name;
+  Row8 row;
+  Row16 row16;
+  int32_t step;
+  bool everyColour;  // also over every 8-bit colour (the others on random rows only)
+};
+// Hue steps: none, 120 degrees, back 60, the largest wrap; saturation steps:
+// the extremes (the second leaves saturation 1 at most), a small rise and fall.
+const RowCase kRowCases[] = {
+    {"hue", HueRow8, HueRow16, 0, false},
+    {"hue", HueRow8, HueRow16, 85, true},
+    {"hue", HueRow8, HueRow16, -42, true},
+    {"hue", HueRow8, HueRow16, -5965232, false},
+    {"saturation", SaturationRow8, SaturationRow16, 255, true},
+    {"saturation", SaturationRow8, SaturationRow16, -254, false},
+    {"saturation", SaturationRow8, SaturationRow16, 77, false},
+    {"saturation", SaturationRow8, SaturationRow16, -77, true},
+};
+
+// Debug builds take every seventh colour.
+#ifdef NDEBUG
+constexpr uint32_t kColourStep = 1;
+#else
+constexpr uint32_t kColourStep = 7;
+#endif
+
+// Every 8-bit colour in one three-sample row; the sets with loops of their own
+// (below AVX2 the row is the scalar step) must give the scalar bits.
+TEST(HueSatRows, EveryColourThroughEachSet) {
+  std::vector<uint8_t> colours;
+  for (uint32_t c = 0; c < (1u << 24); c += kColourStep)
+    colours.insert(colours.end(),
+                   {static_cast<uint8_t>(c), static_cast<uint8_t>(c >> 8), static_cast<uint8_t>(c >> 16)});
+  const auto count = static_cast<int32_t>(colours.size() / 3);
+  for (const RowCase &c : kRowCases) {
+    if (!c.everyColour) continue;
+    std::vector<uint8_t> ref = colours;
+    c.row(img::Isa::Scalar, ref.data(), 3, 0, count, c.step);
+    for (img::Isa isa : {img::Isa::Avx2, img::Isa::Avx512}) {
+      if (!img::IsaAvailable(isa)) continue;
+      std::vector<uint8_t> out = colours;
+      c.row(isa, out.data(), 3, 0, count, c.step);
+      const auto bad = std::mismatch(out.begin(), out.end(), ref.begin());
+      ASSERT_TRUE(bad.first == out.end()) << c.name << " " << c.step << " " << img::IsaName(isa)
+                                          << " colour at " << (bad.first - out.begin()) / 3;
+    }
+  }
+}
+
+// Random rows of three and four samples, random spans (the loops' tails and
+// the fourth sample), every available set.
+template <class T>
+void RandomSpans(const RowCase &c, void (*row)(img::Isa, T *, int32_t, int32_t, int32_t, int32_t)) {
+  std::mt19937 rng(11);
+  for (int32_t channels : {3, 4})
+    for (int trial = 0; trial < 20; ++trial) {
+      std::vector<T> in(static_cast<size_t>(channels) * 70);
+      for (T &v : in) v = static_cast<T>(rng());
+      const auto left = static_cast<int32_t>(rng() % 20), right = left + static_cast<int32_t>(rng() % 51);
+      std::vector<T> ref = in;
+      row(img::Isa::Scalar, ref.data(), channels, left, right, c.step);
+      for (img::Isa isa : img::kAllIsas) {
+        if (!img::IsaAvailable(isa)) continue;
+        std::vector<T> out = in;
+        row(isa, out.data(), channels, left, right, c.step);
+        ASSERT_EQ(out, ref) << c.name << " " << c.step << " " << img::IsaName(isa) << " " << channels << " "
+                            << left << ".." << right;
+      }
+    }
+}
+
+TEST(HueSatRows, RandomSpansEverySet) {
+  for (const RowCase &c : kRowCases) {
+    RandomSpans<uint8_t>(c, c.row);
+    RandomSpans<uint16_t>(c, c.row16);
+  }
+}
+
+// 16-bit colours: every triple of 40 values (extremes, near ties, random) and
+// 2^18 random colours, every available set against the scalar step.
+TEST(HueSatRows, SixteenBitColoursEverySet) {
+  std::mt19937 rng(5);
+  std::vector<uint16_t> pool = {0, 1, 2, 255, 256, 257, 32766, 32767, 32768, 32769, 65533, 65534, 65535};
+  while (pool.size() < 40) pool.push_back(static_cast<uint16_t>(rng()));
+  std::vector<uint16_t> colours;
+  for (uint16_t r : pool)
+    for (uint16_t g : pool)
+      for (uint16_t b : pool) colours.insert(colours.end(), {b, g, r});
+  for (int i = 0; i < (1 << 18) * 3; ++i) colours.push_back(static_cast<uint16_t>(rng()));
+  const auto count = static_cast<int32_t>(colours.size() / 3);
+  for (const RowCase &c : kRowCases) {
+    std::vector<uint16_t> ref = colours;
+    c.row16(img::Isa::Scalar, ref.data(), 3, 0, count, c.step);
+    for (img::Isa isa : {img::Isa::Avx2, img::Isa::Avx512}) {
+      if (!img::IsaAvailable(isa)) continue;
+      std::vector<uint16_t> out = colours;
+      c.row16(isa, out.data(), 3, 0, count, c.step);
+      const auto bad = std::mismatch(out.begin(), out.end(), ref.begin());
+      ASSERT_TRUE(bad.first == out.end()) << c.name << " " << c.step << " " << img::IsaName(isa)
+                                          << " colour at " << (bad.first - out.begin()) / 3;
+    }
+  }
+}
+
+// The exports on random bitmaps, with and without a region: each changed pixel
+// is the scalar step's result, the others stay.
+TEST(HueSatRows, ExportsMatchTheScalarStep) {
+  const std::tuple<Op, Row8, Row16, int32_t> ops[] = {
+      {Hue(200), HueRow8, HueRow16, HueStep(200)},
+      {Sat(-450), SaturationRow8, SaturationRow16, SaturationStep(-450)}};
+  for (const kit::Format &format : {Kind(24), Kind(24, ORDER_RGB), Kind(32), Kind(48), Kind(64, ORDER_RGB)})
+    for (bool region : {false, true})
+      for (const auto &[op, row, row16, step] : ops) {
+        SCOPED_TRACE(format.Name() + (region ? " region" : ""));
+        kit::Bitmap bmp(format, 37, 9);
+        bmp.Randomize(3);
+        if (region) kit::SetEllipseRegion(bmp, 3, 1, 30, 8);
+        const auto before = bmp.Pixels();
+        ASSERT_EQ(op(bmp), RC_SUCCESS);
+        for (int32_t i = 0, x = 0, y = 0; i < 37 * 9; ++i, x = i % 37, y = i / 37) {
+          kit::Pixel want = before[i];
+          if (kit::InRegion(bmp, x, y)) {
+            uint16_t bgr[3] = {static_cast<uint16_t>(want.v[2]), static_cast<uint16_t>(want.v[1]),
+                               static_cast<uint16_t>(want.v[0])};
+            if (format.bits <= 32) {
+              uint8_t narrow[3] = {static_cast<uint8_t>(bgr[0]), static_cast<uint8_t>(bgr[1]),
+                                   static_cast<uint8_t>(bgr[2])};
+              row(img::Isa::Scalar, narrow, 3, 0, 1, step);
+              std::copy(narrow, narrow + 3, bgr);
+            } else {
+              row16(img::Isa::Scalar, bgr, 3, 0, 1, step);
+            }
+            want.v[0] = bgr[2], want.v[1] = bgr[1], want.v[2] = bgr[0];
+          }
+          ASSERT_EQ(bmp.At(x, y), want) << x << "," << y;
+        }
+      }
 }
 
 TEST(HueSatExports, ChecksInOrder) {
