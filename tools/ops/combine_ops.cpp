@@ -43,8 +43,10 @@ void ReportCurves(bool gray, uint32_t sample, uint32_t target, uint32_t channel,
     line(3);
   else if (channel == SAMPLE_CHAN_ALL)
     for (int k = 0; k < 3; ++k) line(k);
-  else
+  else if (channel >= SAMPLE_CHAN_RED && channel <= SAMPLE_CHAN_BLUE)
     line(static_cast<int>(channel) - 1);
+  // Other words (bits the call does not look at, from a caller of the
+  // registry rather than the command line) get no report.
 }
 
 int32_t SampleTarget(BitmapRecord *b, const ArgValues &a, std::ostream &out) {
