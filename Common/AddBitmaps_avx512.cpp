@@ -11,9 +11,10 @@
 #include <immintrin.h>
 
 #include "AddBitmaps_internal.h"
+#include "cpu.h"
 
-#define IMG_AVX512 __attribute__((target("avx512f,avx512bw")))
-#define IMG_AVX512_INLINE __attribute__((target("avx512f,avx512bw"), always_inline)) inline
+#define IMG_AVX512 __attribute__((target(IMG_TARGET_AVX512)))
+#define IMG_AVX512_INLINE __attribute__((target(IMG_TARGET_AVX512), always_inline)) inline
 
 namespace img::add {
 

@@ -1,14 +1,15 @@
 // Dynamic binary, the AVX-512 loops (Isa::Avx512, BW): 64 samples a step.
 #include <immintrin.h>
 
-#define IMG_BW_TARGET "avx512f,avx512bw"
+#define IMG_BW_TARGET IMG_TARGET_AVX512
 #include "BWConv_lanes.h"
+#include "cpu.h"
 
 namespace img::bwconv {
 
 namespace {
 
-#define IMG_AVX512_INLINE __attribute__((target("avx512f,avx512bw"), always_inline)) inline
+#define IMG_AVX512_INLINE __attribute__((target(IMG_TARGET_AVX512), always_inline)) inline
 
 struct Avx512 {
   using R = __m512i;

@@ -15,13 +15,14 @@
 #include <array>
 
 #include "ClrSpc_internal.h"
+#include "cpu.h"
 
 // GCC 12 reports the undefined pass-through operands inside its own AVX-512
 // intrinsics as maybe uninitialized.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 
-#define IMG_AVX512_TARGET "avx2,avx512f,avx512bw,avx512dq,avx512vl,avx512vbmi"
+#define IMG_AVX512_TARGET IMG_TARGET_AVX512
 #define IMG_LANES_TARGET IMG_AVX512_TARGET
 #include "ClrSpc_lanes.h"
 

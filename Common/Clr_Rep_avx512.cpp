@@ -7,6 +7,7 @@
 #include <immintrin.h>
 
 #include "Clr_Rep.h"
+#include "cpu.h"
 
 // GCC 12 takes the undefined pass-through operand of the AVX-512
 // intrinsics for an uninitialised read.
@@ -17,9 +18,8 @@ namespace img::clrrep {
 
 namespace {
 
-#define IMG_CLRREP_AVX512 __attribute__((target("avx512f,avx512bw,avx512dq,avx512vl,avx512vbmi")))
-#define IMG_CLRREP_AVX512_INLINE \
-  __attribute__((target("avx512f,avx512bw,avx512dq,avx512vl,avx512vbmi"), always_inline)) inline
+#define IMG_CLRREP_AVX512 __attribute__((target(IMG_TARGET_AVX512)))
+#define IMG_CLRREP_AVX512_INLINE __attribute__((target(IMG_TARGET_AVX512), always_inline)) inline
 
 using V = __m512i;
 

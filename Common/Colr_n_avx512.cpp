@@ -4,13 +4,14 @@
 #include <immintrin.h>
 
 #include "Colr_n_internal.h"
+#include "cpu.h"
 
 // GCC 12 warns about the intrinsics' own undefined vectors.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #pragma GCC diagnostic ignored "-Wuninitialized"
 
-#define IMG_AVX512 __attribute__((target("avx512f,avx512bw,avx512dq,avx512vl,avx512vbmi")))
+#define IMG_AVX512 __attribute__((target(IMG_TARGET_AVX512)))
 
 namespace img::colrn {
 

@@ -11,13 +11,14 @@
 
 #include "HSI.h"
 #include "HUESAT.h"
+#include "cpu.h"
 
 // GCC 12 reports the undefined pass-through operands inside its own AVX-512
 // intrinsics as maybe uninitialized.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 
-#define IMG_HUESAT_TARGET "avx2,avx512f,avx512bw,avx512dq,avx512vl,avx512vbmi"
+#define IMG_HUESAT_TARGET IMG_TARGET_AVX512
 #include "HUESAT_lanes.h"
 
 namespace img::huesat {

@@ -9,6 +9,7 @@
 #include <cstdint>
 
 #include "LocalEq.h"
+#include "cpu.h"
 
 // GCC 12 reports the undefined pass-through operands inside its own
 // intrinsics as maybe uninitialized.
@@ -16,7 +17,7 @@
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #pragma GCC diagnostic ignored "-Wuninitialized"
 
-#define IMG_AVX512 __attribute__((target("avx2,avx512f,avx512bw,avx512dq,avx512vl,avx512vbmi")))
+#define IMG_AVX512 __attribute__((target(IMG_TARGET_AVX512)))
 
 namespace img::localeq {
 

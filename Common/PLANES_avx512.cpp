@@ -7,8 +7,9 @@
 #include <immintrin.h>
 
 #include "PLANES_internal.h"
+#include "cpu.h"
 
-#define IMG_AVX512 __attribute__((target("avx512f,avx512bw,avx512vbmi")))
+#define IMG_AVX512 __attribute__((target(IMG_TARGET_AVX512)))
 
 namespace img::planes {
 

@@ -7,6 +7,7 @@
 #include <immintrin.h>
 
 #include "RedEye.h"
+#include "cpu.h"
 
 // GCC 12 reports the undefined vectors that the headers give masked
 // intrinsics as maybe uninitialized.
@@ -18,7 +19,7 @@ namespace img::redeye {
 
 namespace {
 
-#define IMG_REDEYE_INLINE __attribute__((target("avx512f,avx512dq"), always_inline)) inline
+#define IMG_REDEYE_INLINE __attribute__((target(IMG_TARGET_AVX512), always_inline)) inline
 
 IMG_REDEYE_INLINE __m512d Set(double v) { return _mm512_set1_pd(v); }
 
@@ -89,7 +90,7 @@ IMG_REDEYE_INLINE __m512d Dot(__m512d X, __m512d Y, __m512d Z, double c1, double
 
 }  // namespace
 
-__attribute__((target("avx512f,avx512dq"))) void FromLabLanesAvx512(const Scale &s, Batch &batch, int32_t n) {
+__attribute__((target(IMG_TARGET_AVX512))) void FromLabLanesAvx512(const Scale &s, Batch &batch, int32_t n) {
   for (int32_t i = 0; i < n; i += 8) {
     alignas(32) int32_t l8[8], a8[8], b8[8];
     for (int32_t k = 0; k < 8; ++k) {
@@ -117,8 +118,8 @@ __attribute__((target("avx512f,avx512dq"))) void FromLabLanesAvx512(const Scale 
   }
 }
 
-__attribute__((target("avx512f,avx512dq"))) void ToLabLanesAvx512(const Scale &s, Batch &batch, int32_t n,
-                                                                  uint64_t &unclear) {
+__attribute__((target(IMG_TARGET_AVX512))) void ToLabLanesAvx512(const Scale &s, Batch &batch, int32_t n,
+                                                                 uint64_t &unclear) {
   unclear = 0;
   for (int32_t i = 0; i < n; i += 8) {
     const __m512d R = Load(batch.r + i), G = Load(batch.g + i), B = Load(batch.b + i);

@@ -32,6 +32,7 @@
 #include <array>
 
 #include "SelClr.h"
+#include "cpu.h"
 
 // GCC 12 takes the undefined pass-through operand of the AVX-512
 // intrinsics for an uninitialised read.
@@ -42,9 +43,8 @@ namespace img::selclr {
 
 namespace {
 
-#define IMG_SELCLR_AVX512 __attribute__((target("avx512f,avx512bw,avx512dq,avx512vl,avx512vbmi")))
-#define IMG_SELCLR_AVX512_INLINE \
-  __attribute__((target("avx512f,avx512bw,avx512dq,avx512vl,avx512vbmi"), always_inline)) inline
+#define IMG_SELCLR_AVX512 __attribute__((target(IMG_TARGET_AVX512)))
+#define IMG_SELCLR_AVX512_INLINE __attribute__((target(IMG_TARGET_AVX512), always_inline)) inline
 
 using V = __m512i;
 using F = __m512;

@@ -5,12 +5,13 @@
 #include <immintrin.h>
 
 #include "chmix.h"
+#include "cpu.h"
 
 namespace img {
 
 namespace {
 
-#define IMG_AVX512 __attribute__((target("avx512f,avx512bw,avx512vbmi")))
+#define IMG_AVX512 __attribute__((target(IMG_TARGET_AVX512)))
 
 // Permute indices for 32 pixels of `ch` samples (32 × ch bytes, two 64-byte
 // halves).

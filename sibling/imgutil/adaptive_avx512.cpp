@@ -1,7 +1,8 @@
 // The adaptive contrast rows of AVX-512 (Isa::Avx512): the loop of adaptive_rows.h
-// compiled for target("avx512f,avx512bw,avx512dq,avx512vl"); the file is compiled for the baseline.
-#define IMG_ADAPTIVE_TARGET "avx512f,avx512bw,avx512dq,avx512vl"
+// compiled for target(IMG_TARGET_AVX512); the file is compiled for the baseline.
+#define IMG_ADAPTIVE_TARGET IMG_TARGET_AVX512
 #include "adaptive_rows.h"
+#include "cpu.h"
 
 namespace img::adaptive {
 

@@ -3,15 +3,15 @@
 // file is compiled for the baseline.
 #include <immintrin.h>
 
+#include "cpu.h"
 #include "lut_isa.h"
 
 namespace img::lut {
 
 // Two 128-entry permutes over the table's four 64-byte quarters; the top
 // bit of each sample picks the half. 64 samples a step.
-__attribute__((target("avx512f,avx512bw,avx512vbmi"))) void MapAvx512(const uint8_t *table,
-                                                                      const uint8_t *src, uint8_t *dst,
-                                                                      std::size_t count, bool keepFourth) {
+__attribute__((target(IMG_TARGET_AVX512))) void MapAvx512(const uint8_t *table, const uint8_t *src,
+                                                          uint8_t *dst, std::size_t count, bool keepFourth) {
   const __m512i q0 = _mm512_loadu_si512(table), q1 = _mm512_loadu_si512(table + 64);
   const __m512i q2 = _mm512_loadu_si512(table + 128), q3 = _mm512_loadu_si512(table + 192);
   const __mmask64 fourth = keepFourth ? 0x8888888888888888ull : 0;
@@ -33,8 +33,8 @@ __attribute__((target("avx512f,avx512bw,avx512vbmi"))) void MapAvx512(const uint
 // conversions with undefined values and then warn about them.)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-__attribute__((target("avx512f,avx512bw"))) void MapWordsAvx512(const uint16_t *table, uint16_t *p,
-                                                                std::size_t count, bool keepFourth) {
+__attribute__((target(IMG_TARGET_AVX512))) void MapWordsAvx512(const uint16_t *table, uint16_t *p,
+                                                               std::size_t count, bool keepFourth) {
   const __mmask32 fourth = keepFourth ? 0x88888888u : 0u;
   const int *base = reinterpret_cast<const int *>(table);
   std::size_t i = 0;
@@ -52,7 +52,7 @@ __attribute__((target("avx512f,avx512bw"))) void MapWordsAvx512(const uint16_t *
 #pragma GCC diagnostic pop
 
 // 64 bytes a step, the pattern in every 64-bit lane.
-__attribute__((target("avx512f"))) void XorAvx512(uint8_t *p, std::size_t count, uint64_t pattern) {
+__attribute__((target(IMG_TARGET_AVX512))) void XorAvx512(uint8_t *p, std::size_t count, uint64_t pattern) {
   const __m512i k = _mm512_set1_epi64(static_cast<long long>(pattern));
   std::size_t i = 0;
   for (; i + 64 <= count; i += 64) _mm512_storeu_si512(p + i, _mm512_xor_si512(_mm512_loadu_si512(p + i), k));

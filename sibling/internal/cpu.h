@@ -25,6 +25,10 @@ inline const char *IsaName(Isa isa) {
   return i < std::size(kNames) ? kNames[i] : "unknown";
 }
 
+// The target of every AVX-512 loop: exactly what IsaAvailable(Isa::Avx512)
+// probes, so no loop uses an extension the probe did not see.
+#define IMG_TARGET_AVX512 "avx2,avx512f,avx512bw,avx512dq,avx512vl,avx512vbmi"
+
 // True when the running processor executes the instruction set.
 inline bool IsaAvailable(Isa isa) {
 #if defined(__x86_64__) || defined(__i386__)
