@@ -77,6 +77,20 @@ struct Place {
   double w;
 };
 
+// Where each column and row of the rectangle sits between tile centres: the
+// table offsets (tile index times `stride`) of the tiles on each side of a
+// column with the weight of the right one, and each row's Place.
+void PlaceColumnsAndRows(const Axis &x, const Axis &y, int32_t stride, int32_t *left, int32_t *right,
+                         double *weight, Place *rows) {
+  for (int32_t p = 0, i = 0; p < x.extent; ++p) {
+    int32_t lo, hi;
+    x.Between(p, i, &lo, &hi, &weight[p]);
+    left[p] = lo * stride;
+    right[p] = hi * stride;
+  }
+  for (int32_t p = 0, i = 0; p < y.extent; ++p) y.Between(p, i, &rows[p].lo, &rows[p].hi, &rows[p].w);
+}
+
 // A 16-bit curve: its tile's sorted distinct values and clipped prefixes.
 struct Curve {
   uint32_t distinct = 0;
@@ -133,14 +147,8 @@ class LocalEqualizer {
       return RC_NO_MEMORY;
     if (masked_) std::memset(mask_.get(), 0, area);
     // Columns: the tables (8-bit) or curves (16-bit) of the tiles around each.
-    const int32_t stride = planes_ * static_cast<int32_t>(kWide ? 1u : kBins);
-    for (int32_t p = 0, i = 0; p < x_.extent; ++p) {
-      int32_t lo, hi;
-      x_.Between(p, i, &lo, &hi, &weight_[p]);
-      left_[p] = lo * stride;
-      right_[p] = hi * stride;
-    }
-    for (int32_t p = 0, i = 0; p < y_.extent; ++p) y_.Between(p, i, &rows_[p].lo, &rows_[p].hi, &rows_[p].w);
+    PlaceColumnsAndRows(x_, y_, planes_ * static_cast<int32_t>(kWide ? 1u : kBins), left_.get(), right_.get(),
+                        weight_.get(), rows_.get());
     return RC_SUCCESS;
   }
 
@@ -379,15 +387,9 @@ class DenseEqualizer {
       return RC_NO_MEMORY;
     // Columns: offsets of the tables of the tiles around each in a row of
     // tiles (8-bit), or their tile columns (16-bit).
-    const int32_t stride = kWide ? 1 : planes_ * static_cast<int32_t>(kBins);
-    for (int32_t p = 0, i = 0; p < x_.extent; ++p) {
-      int32_t lo, hi;
-      x_.Between(p, i, &lo, &hi, &weight_[p]);
-      weightf_[p] = static_cast<float>(weight_[p]);
-      left_[p] = lo * stride;
-      right_[p] = hi * stride;
-    }
-    for (int32_t p = 0, i = 0; p < y_.extent; ++p) y_.Between(p, i, &rows_[p].lo, &rows_[p].hi, &rows_[p].w);
+    PlaceColumnsAndRows(x_, y_, kWide ? 1 : planes_ * static_cast<int32_t>(kBins), left_.get(), right_.get(),
+                        weight_.get(), rows_.get());
+    for (int32_t p = 0; p < x_.extent; ++p) weightf_[p] = static_cast<float>(weight_[p]);
     return RC_SUCCESS;
   }
 
